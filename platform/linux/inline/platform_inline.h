@@ -1,0 +1,6 @@
+#ifndef SNBF_PLATFORM_INLINE_H
+#define SNBF_PLATFORM_INLINE_H
+
+#define SNBF_PLAT_POINT() ((void)0)
+
+#endif
