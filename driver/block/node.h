@@ -1,0 +1,118 @@
+// The node record and the node table.
+//
+// Every node of the driver, filter or snap, is one record in one table indexed by minor. Lock order,
+// outermost first:
+//
+//   lifecycle_mutex      adding, deleting, unloading; nobody else
+//   snbf_blkdev_rwlock   the table: for reading while a node is used, for writing to add and remove
+//   node_mutex           start and stop of one node; a snap's before its filter's on start, a filter's before
+//                        its snaps' on stop
+//   io_rwlock            of a filter: for reading while a request is routed, for writing to drain
+//   bmp_mutex            file work on the bitmaps of a filter
+//   spin locks           bmp_spin, the COW queue's, the dirty requests', the tracker's; no file work under any
+//
+// Never under snbf_blkdev_rwlock: removing a disk or a /proc entry, which wait for callers that wait for the table.
+#pragma once
+
+#include "base/atomic.h"
+#include "base/list.h"
+#include "block/kslock.h"
+#include "fsread/blkbmp.h"
+#include "io/aio.h"
+#include "platform/block.h"
+#include "platform/disk.h"
+#include "snap/cowbmp.h"
+#include "snap/cowqueue.h"
+#include "util/file.h"
+
+namespace snbf {
+
+constexpr int kFilterNode = 1;
+constexpr int kSnapNode = 2;
+
+constexpr u32 kUuidBytes = 39;  // "{" 36 characters "}" and a terminator
+constexpr u32 kNameBytes = 128;
+constexpr u32 kDevNameBytes = kNameBytes + 16;
+constexpr u32 kMaxSnaps = 256;  // on one filter node
+
+struct ProcDir;  // control/proc.h: the driver's own record of a directory in /proc
+
+struct Node {
+  int dev_type = 0;
+  Atomic<int> started;  // written under node_mutex, read by the request path without
+  Atomic<int> use_cnt;  // successful opens less releases; changed under node_mutex
+  KsMutex node_mutex;
+  u32 minor = 0;
+  char uuid[kUuidBytes] = {};
+  char name[kNameBytes] = {};
+  char dev_name[kDevNameBytes] = {};  // path of the device file; empty while there is none
+
+  char disk_name[32] = {};       // "snbf%d"
+  plat_bdev* bdev = nullptr;     // the node's own block device as last opened; under node_mutex
+  plat_disk* disk = nullptr;
+  ProcDir* proc_dir = nullptr;
+};
+
+struct BySnapOrder;
+struct SnapNode;
+
+struct FilterNode : Node {
+  plat_devt hdd_dev = 0;
+  char hdd_name[kPathBytes] = {};
+  plat_bdev* hdd_bdev = nullptr;
+  u32 extent_size = 0;
+  u32 extent_shift = 0;
+  u32 extent_cnt = 0;
+  u64 dev_size = 0;
+  char bmp_dir[kPathBytes] = {};
+  char incr_bmp_fname[kPathBytes] = {};
+  char diff_bmp_fname[kPathBytes] = {};
+  // Oldest first. Changed under the table's write lock.
+  List<SnapNode, BySnapOrder> snaps;
+
+  KsMutex bmp_mutex;
+  SpinLock bmp_spin;
+  u32 incr_bmp_size = 0;  // bytes
+  u32 diff_bmp_size = 0;
+  u32* incr_bmp PT_GUARDED_BY(bmp_spin) = nullptr;
+  u32* diff_bmp PT_GUARDED_BY(bmp_spin) = nullptr;
+  int incr_bmp_dirty GUARDED_BY(bmp_spin) = 0;
+  int diff_bmp_dirty GUARDED_BY(bmp_spin) = 0;
+
+  CowQueue cowqueue;
+  KsRwLock io_rwlock;
+  Atomic<int> io_req_cnt;
+  AioTracker aio;
+};
+
+struct SnapNode : Node, ListLink<BySnapOrder> {
+  u32 chunk_size = 0;
+  u32 chunk_shift = 0;
+  FilterNode* filter_node = nullptr;
+  char cow_data_fname[kPathBytes] = {};
+  char cow_bmp_fname[kPathBytes] = {};
+  CowBitmap cow_bmp;
+  snbf_file* cow_data_file = nullptr;
+  snbf_file* cow_bmp_file = nullptr;
+  snbf_blkbmp blkbmp;
+  u64 chunk_cnt = 0;
+  u64 cow_data_size = 0;
+  u32 cow_bmp_size = 0;
+  Atomic<int> snap_valid;
+  Atomic<int> stop_pending;
+  Atomic<int> del_pending;
+};
+
+// The node must be of that kind.
+inline FilterNode& as_filter(Node& node) { return static_cast<FilterNode&>(node); }
+inline SnapNode& as_snap(Node& node) { return static_cast<SnapNode&>(node); }
+inline const FilterNode& as_filter(const Node& node) { return static_cast<const FilterNode&>(node); }
+inline const SnapNode& as_snap(const Node& node) { return static_cast<const SnapNode&>(node); }
+
+// Null when the minor is outside the table or its slot is empty. The table's lock is held.
+Node* find_node(u32 minor);
+
+}  // namespace snbf
+
+extern snbf::Node** snbf_blkdev_arr;
+extern snbf::KsRwLock snbf_blkdev_rwlock;
