@@ -1,0 +1,3 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* The contract asks for the standard's name; the kernel has its own. */
+#include <linux/stdarg.h>

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: GPL-2.0
+/* The module: parameters, load and unload. */
+#include <linux/init.h>
+#include <linux/module.h>
+
+#include "bio.h"
+#include "platform/entry.h"
+
+module_param(snbf_chr_major, int, 0444);
+MODULE_PARM_DESC(snbf_chr_major, "major number of the control device, 0 for a free one");
+module_param(snbf_debug, int, 0444);
+MODULE_PARM_DESC(snbf_debug, "verbosity of the log, 0 (errors only) to 4");
+module_param(snbf_max_blk_minor, int, 0444);
+MODULE_PARM_DESC(snbf_max_blk_minor, "highest minor number of a node");
+module_param(snbf_blk_major, int, 0444);
+MODULE_PARM_DESC(snbf_blk_major, "major number of the nodes, 0 for a free one");
+
+static int __init snbf_module_load(void)
+{
+  int rc = snbf_bio_sets_init();
+
+  if (rc != 0) return rc;
+  rc = snbf_init();
+  if (rc != 0) snbf_bio_sets_exit();
+  return rc;
+}
+
+static void __exit snbf_module_unload(void)
+{
+  snbf_unload();
+  snbf_bio_sets_exit();
+}
+
+module_init(snbf_module_load);
+module_exit(snbf_module_unload);
+
+MODULE_DESCRIPTION("Block Filtering and Snap Driver");
+MODULE_LICENSE("GPL");
