@@ -30,26 +30,56 @@ class CAPABILITY("ks mutex") KsMutex {
 
 class CAPABILITY("ks lock") KsRwLock {
  public:
-  void init(const char* name);
-  // All four may sleep, but for a reader's unlock.
-  void read_lock() ACQUIRE_SHARED();
-  void read_unlock() RELEASE_SHARED();
+  // Free, whatever it was before. Nobody uses it yet.
+  void init();
+  // May sleep. The request path takes two of these for each request, so the free case stays inline.
+  void read_lock() ACQUIRE_SHARED() NO_THREAD_SAFETY_ANALYSIS {
+    if (!try_read()) wait_to_read();
+  }
+  void read_unlock() RELEASE_SHARED() NO_THREAD_SAFETY_ANALYSIS {
+    int readers = count_.load();
+    while (readers > 0) {
+      if (!count_.compare_exchange(readers, readers - 1)) continue;
+      if (readers == 1) wake_waiters();
+      return;
+    }
+    report_not_read_locked();
+  }
+  // May sleep.
   void write_lock() ACQUIRE();
   void write_unlock() RELEASE();
   // At most 10 ms, while a writer waits. The caller holds no lock at all.
-  void pause_for_writer();
+  void pause_for_writer() {
+    if (writers_waiting_.load(std::memory_order_relaxed) > 0) wait_for_writer();
+  }
   // Above zero: readers. Below: the writer's depth.
   int count() const { return count_.load(); }
 
  private:
-  bool try_read();
+  bool try_read() {
+    int readers = count_.load();
+    while (readers >= 0) {
+      if (count_.compare_exchange(readers, readers + 1)) return true;
+    }
+    return false;
+  }
+  // A waiter raises waiting_ and then looks at count_; whoever frees the lock lowers count_ and then looks at
+  // waiting_. Both are sequentially consistent, so one of the two sees the other.
+  void wake_waiters() {
+    if (waiting_.load() > 0) queue_.wake();
+  }
+  bool try_write(plat_task* me);
+  bool is_writer(plat_task* me) const { return count_.load() < 0 && owner_.load() == me; }
+  void wait_to_read();
+  void wait_for_writer();
+  void report_not_read_locked();
 
-  SpinLock spin_;
-  WaitQueue queue_;
   Atomic<int> count_;
-  Atomic<int> waiting_;  // tasks in the queue, so that a release without waiters takes no spin lock
+  Atomic<int> waiting_;          // tasks in the queue, so that a release without waiters takes no spin lock
   Atomic<int> writers_waiting_;
+  // The writer, with a reference; null before the count leaves the negative.
   Atomic<plat_task*> owner_;
+  WaitQueue queue_;
 };
 
 class SCOPED_CAPABILITY KsMutexGuard {

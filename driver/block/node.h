@@ -35,9 +35,9 @@ constexpr u32 kNameBytes = 128;
 constexpr u32 kDevNameBytes = kNameBytes + 16;
 constexpr u32 kMaxSnaps = 256;  // on one filter node
 
-struct ProcDir;  // control/proc.h: the driver's own record of a directory in /proc
+struct ByDoom;
 
-struct Node {
+struct Node : ListLink<ByDoom> {
   int dev_type = 0;
   Atomic<int> started;  // written under node_mutex, read by the request path without
   Atomic<int> use_cnt;  // successful opens less releases; changed under node_mutex
@@ -47,10 +47,10 @@ struct Node {
   char name[kNameBytes] = {};
   char dev_name[kDevNameBytes] = {};  // path of the device file; empty while there is none
 
-  char disk_name[32] = {};       // "snbf%d"
-  plat_bdev* bdev = nullptr;     // the node's own block device as last opened; under node_mutex
+  char disk_name[32] = {};    // "snbf%d"
+  plat_bdev* bdev = nullptr;  // the node's own block device as last opened; under node_mutex
   plat_disk* disk = nullptr;
-  ProcDir* proc_dir = nullptr;
+  int remove_files = 0;       // of a node out of the table: the COW files of a snap go with it
 };
 
 struct BySnapOrder;
@@ -109,10 +109,35 @@ inline SnapNode& as_snap(Node& node) { return static_cast<SnapNode&>(node); }
 inline const FilterNode& as_filter(const Node& node) { return static_cast<const FilterNode&>(node); }
 inline const SnapNode& as_snap(const Node& node) { return static_cast<const SnapNode&>(node); }
 
-// Null when the minor is outside the table or its slot is empty. The table's lock is held.
+// Null when the minor is outside the table, its slot is empty, or there is no table yet or any more. The table's
+// lock is held.
 Node* find_node(u32 minor);
+
+// Taken by whoever adds or deletes nodes or unloads, before every other lock: a minor whose node is being taken
+// apart behind the table's lock does not come back meanwhile.
+extern KsMutex lifecycle_mutex;
+
+// Before anything can reach the driver.
+void init_table_locks();
 
 }  // namespace snbf
 
 extern snbf::Node** snbf_blkdev_arr;
 extern snbf::KsRwLock snbf_blkdev_rwlock;
+
+namespace snbf {
+
+// The table's lock for writing. No allocation of the holder starts I/O: the request that it waits for may need the
+// table.
+class SCOPED_CAPABILITY TableWriteGuard {
+ public:
+  TableWriteGuard() ACQUIRE(snbf_blkdev_rwlock);
+  ~TableWriteGuard() RELEASE();
+  TableWriteGuard(const TableWriteGuard&) = delete;
+  TableWriteGuard& operator=(const TableWriteGuard&) = delete;
+
+ private:
+  unsigned noio_state_;
+};
+
+}  // namespace snbf

@@ -1,0 +1,114 @@
+#include "block/kslock.h"
+
+#include "core/log.h"
+
+namespace snbf {
+
+namespace {
+
+constexpr u32 kPauseForWriterMs = 10;
+
+}  // namespace
+
+void KsMutex::init() {
+  snbf_plat_sem_init(&semaphore_, 1);
+  owner_.store(nullptr);
+  depth_ = 0;
+}
+
+bool KsMutex::is_mine() const { return owner_.load() == snbf_plat_task_current(); }
+
+void KsMutex::lock() NO_THREAD_SAFETY_ANALYSIS {
+  if (is_mine()) {
+    ++depth_;
+    return;
+  }
+  snbf_plat_sem_down(&semaphore_);
+  plat_task* const me = snbf_plat_task_current();
+  snbf_plat_task_get(me);
+  owner_.store(me);
+  depth_ = 1;
+}
+
+void KsMutex::unlock() NO_THREAD_SAFETY_ANALYSIS {
+  if (!is_mine()) {
+    snbf_log(kLogError, "%s(): Can't unlock mutex: not owner.", "ksmutex_unlock");
+    return;
+  }
+  if (--depth_ > 0) return;
+  plat_task* const me = owner_.exchange(nullptr);
+  snbf_plat_sem_up(&semaphore_);
+  snbf_plat_task_put(me);
+}
+
+void KsRwLock::init() {
+  count_.store(0);
+  waiting_.store(0);
+  writers_waiting_.store(0);
+  owner_.store(nullptr);
+  queue_.init();
+}
+
+void KsRwLock::wait_to_read() {
+  waiting_.fetch_add(1);
+  queue_.wait([this] { return try_read(); });
+  waiting_.fetch_sub(1);
+}
+
+void KsRwLock::report_not_read_locked() {
+  snbf_log(kLogError, "%s(): Can't release RO lock: not locked.", "ksread_unlock");
+}
+
+bool KsRwLock::try_write(plat_task* me) {
+  int free = 0;
+  if (!count_.compare_exchange(free, -1)) return false;
+  snbf_plat_task_get(me);
+  owner_.store(me);
+  return true;
+}
+
+void KsRwLock::write_lock() NO_THREAD_SAFETY_ANALYSIS {
+  plat_task* const me = snbf_plat_task_current();
+  if (is_writer(me)) {
+    count_.fetch_sub(1);
+    return;
+  }
+  if (try_write(me)) return;
+  writers_waiting_.fetch_add(1);
+  waiting_.fetch_add(1);
+  queue_.wait([this, me] { return try_write(me); });
+  waiting_.fetch_sub(1);
+  writers_waiting_.fetch_sub(1);
+}
+
+void KsRwLock::write_unlock() NO_THREAD_SAFETY_ANALYSIS {
+  plat_task* const me = snbf_plat_task_current();
+  if (!is_writer(me)) {
+    snbf_log(kLogError, "%s(): Can't release RW lock: not owner.", "kswrite_unlock");
+    return;
+  }
+  if (count_.load() < -1) {
+    count_.fetch_add(1);
+    return;
+  }
+  owner_.store(nullptr);
+  count_.store(0);
+  snbf_plat_task_put(me);
+  wake_waiters();
+}
+
+void KsRwLock::wait_for_writer() {
+  const u64 deadline = snbf_plat_ticks_ms() + kPauseForWriterMs;
+  plat_wait_entry entry = {};
+  waiting_.fetch_add(1);
+  for (;;) {
+    snbf_plat_wait_prepare(queue_.raw(), &entry, 0);
+    const u64 now = snbf_plat_ticks_ms();
+    if (writers_waiting_.load() <= 0 || now >= deadline) break;
+    snbf_plat_wait_sleep_ms(static_cast<u32>(deadline - now));
+  }
+  snbf_plat_wait_finish(queue_.raw(), &entry);
+  waiting_.fetch_sub(1);
+}
+
+}  // namespace snbf
