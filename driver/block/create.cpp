@@ -64,10 +64,10 @@ Result<plat_devt> find_partition(const char* path) {
 void make_uuid(char (&uuid)[SNBF_UUID_BYTES]) {
   u8 b[16];
   snbf_plat_random_bytes(b, sizeof(b));
-  snbf_plat_snprintf(
-      uuid, sizeof(uuid),
-      "{%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x}", b[0], b[1], b[2],
-      b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13], b[14], b[15]);
+  snbf_plat_snprintf(uuid, sizeof(uuid),
+                     "{%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x}", b[0],
+                     b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12],
+                     b[13], b[14], b[15]);
 }
 
 int refuse_duplicate(plat_devt device) {
@@ -129,7 +129,8 @@ int judge_extent_size(u32 extent_size, u32 block_size) {
 // The new node, which holds the partition: nothing can mount it underneath any more.
 Result<FilterNode*> claim_partition(const snbf_filter_node_cmd& record, plat_devt device) {
   using Claim = Result<FilterNode*>;
-  // A shared opening first, to tell who else has the partition; the claim alone would only say that somebody has.
+  // A shared opening first, to tell who else has the partition; the claim alone would only say that
+  // somebody has.
   plat_bdev* hdd = snbf_open_bdev(device, kHddMode, PLAT_OPEN_SHARED, nullptr);
   if (hdd == nullptr) return Claim::failure(refuse_unable_to_open(record.hdd_name, device));
   ScopeExit close_shared{[hdd] { snbf_close_bdev(hdd, PLAT_OPEN_SHARED, kHddMode, nullptr); }};
@@ -142,8 +143,7 @@ Result<FilterNode*> claim_partition(const snbf_filter_node_cmd& record, plat_dev
     snbf_log(kLogError, "%s(): Memory allocation failure", kOrigin);
     return Claim::failure(-ENOMEM);
   }
-  const int rc =
-      snbf_plat_bdev_open(device, kHddMode, PLAT_OPEN_EXCLUSIVE, node, &node->hdd_bdev);
+  const int rc = snbf_plat_bdev_open(device, kHddMode, PLAT_OPEN_EXCLUSIVE, node, &node->hdd_bdev);
   if (rc != 0) {
     snbf_plat_heap_free(node);
     return Claim::failure(rc == -EBUSY ? refuse_open(record.hdd_name)
@@ -159,7 +159,8 @@ void give_partition_back(FilterNode* node) {
   snbf_plat_heap_free(node);
 }
 
-// The minor asked for, or the lowest free one for a negative wish. Nobody else adds nodes meanwhile.
+// The minor asked for, or the lowest free one for a negative wish. Nobody else adds nodes
+// meanwhile.
 Result<u32> choose_minor(int wish) {
   using Minor = Result<u32>;
   const int max = snbf_max_blk_minor < kMinorLimit ? snbf_max_blk_minor : kMinorLimit;
@@ -191,8 +192,8 @@ void name_node(FilterNode& node, snbf_filter_node_cmd& record, u32 minor) {
   text_copy(node.uuid, sizeof(node.uuid), record.uuid);
   text_copy(node.hdd_name, sizeof(node.hdd_name), record.hdd_name);
   text_copy(node.bmp_dir, sizeof(node.bmp_dir), record.bmp_dir);
-  for (size_t length = text_length(node.bmp_dir);
-       length >= 2 && node.bmp_dir[length - 1] == '/'; --length) {
+  for (size_t length = text_length(node.bmp_dir); length >= 2 && node.bmp_dir[length - 1] == '/';
+       --length) {
     node.bmp_dir[length - 1] = '\0';
   }
 }
@@ -265,8 +266,8 @@ void make_device_file(FilterNode& node) {
   text_copy(node.dev_name, sizeof(node.dev_name), path);
 }
 
-// The disk, its directory in /proc and its file. Somebody may open the disk as soon as it is there: he is refused
-// until the node is in the table and started.
+// The disk, its directory in /proc and its file. Somebody may open the disk as soon as it is there:
+// he is refused until the node is in the table and started.
 int publish(FilterNode& node) {
   node.disk = allocate_disk(node);
   if (node.disk == nullptr) return -ENOMEM;

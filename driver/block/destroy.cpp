@@ -67,8 +67,8 @@ void destroy_snap(SnapNode& snap, int remove_files, DoomedNodes& doomed)
     REQUIRES(lifecycle_mutex, snbf_blkdev_rwlock) {
   FilterNode* filter = snap.filter_node;
   SnapNode* next = &snap;
-  // A chain of postponed deletes is worked off from the oldest end, as far as it goes. There may be 256 of them: a loop,
-  // for the stack is small.
+  // A chain of postponed deletes is worked off from the oldest end, as far as it goes. There may be
+  // 256 of them: a loop, for the stack is small.
   do {
     if (filter != nullptr) filter->snaps.remove(next);
     take_out_of_table(*next, remove_files, doomed);
@@ -147,7 +147,8 @@ int snbf_ioctl_del_node(snbf_minor_cmd& record) {
     snbf::KsReadGuard table{snbf_blkdev_rwlock};
     snbf::Node* node = snbf::find_node(record.minor);
     if (node == nullptr) {
-      snbf_log(kLogError, "%s(): Nothing is known about snbf(%d, %d)", kOrigin, snbf_blk_major, minor);
+      snbf_log(kLogError, "%s(): Nothing is known about snbf(%d, %d)", kOrigin, snbf_blk_major,
+               minor);
       return -EINVAL;
     }
     if (int rc = snbf_block_stop_device(*node); rc != 0) return rc;
@@ -158,7 +159,8 @@ int snbf_ioctl_del_node(snbf_minor_cmd& record) {
     snbf::TableWriteGuard table;
     snbf::Node* node = snbf::find_node(record.minor);
     if (node == nullptr) {
-      snbf_log(kLogError, "%s(): Nothing is known about snbf(%d, %d)", kOrigin, snbf_blk_major, minor);
+      snbf_log(kLogError, "%s(): Nothing is known about snbf(%d, %d)", kOrigin, snbf_blk_major,
+               minor);
       return -EINVAL;
     }
     rc = snbf_block_destroy_device(node, 1, doomed);

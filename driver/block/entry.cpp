@@ -24,9 +24,9 @@ struct IoctlName {
 
 // For the log line only.
 constexpr IoctlName kIoctlNames[] = {
-    {0x125D, "BLKROSET"},      {0x125E, "BLKROGET"},      {0x1260, "BLKGETSIZE"},
-    {0x1261, "BLKFLSBUF"},     {0x1262, "BLKRASET"},      {0x1263, "BLKRAGET"},
-    {0x1268, "BLKSSZGET"},     {0x1269, "BLKPG"},         {0x80081270, "BLKBSZGET"},
+    {0x125D, "BLKROSET"},      {0x125E, "BLKROGET"}, {0x1260, "BLKGETSIZE"},
+    {0x1261, "BLKFLSBUF"},     {0x1262, "BLKRASET"}, {0x1263, "BLKRAGET"},
+    {0x1268, "BLKSSZGET"},     {0x1269, "BLKPG"},    {0x80081270, "BLKBSZGET"},
     {0x40081271, "BLKBSZSET"},
 };
 
@@ -148,8 +148,9 @@ extern "C" int snbf_block_release(plat_devt device) {
     return -EINVAL;
   }
   const bool was_last = snbf::release_node(*node);
-  // Behind node_mutex: the files may lie on another node, and saving them takes its time. The table's lock, held for
-  // reading, keeps the node, and holds back none of the requests that the files' writes become.
+  // Behind node_mutex: the files may lie on another node, and saving them takes its time. The
+  // table's lock, held for reading, keeps the node, and holds back none of the requests that the
+  // files' writes become.
   if (was_last && node->dev_type == snbf::kFilterNode) {
     snbf_block_save_dirty_bmps(snbf::as_filter(*node));
   }

@@ -1,9 +1,9 @@
 // The driver's own sleeping locks: both know their owner, log a misused unlock and otherwise
 // ignore it.
 //
-// KsMutex is recursive. KsRwLock's write side is recursive for its owner. A waiting writer never holds
-// back a reader: a reader may be what the present readers wait for. Against starving, a submitter that
-// holds nothing may call pause_for_writer() first.
+// KsMutex is recursive. KsRwLock's write side is recursive for its owner. A waiting writer never
+// holds back a reader: a reader may be what the present readers wait for. Against starving, a
+// submitter that holds nothing may call pause_for_writer() first.
 #pragma once
 
 #include "base/atomic.h"
@@ -23,7 +23,8 @@ class CAPABILITY("ks mutex") KsMutex {
 
  private:
   plat_semaphore semaphore_ = {};
-  // Keeps a reference on the task, so that a lock left held cannot be inherited by a new task at the same address.
+  // Keeps a reference on the task, so that a lock left held cannot be inherited by a new task at
+  // the same address.
   Atomic<plat_task*> owner_;
   int depth_ = 0;  // only its owner looks at it
 };
@@ -63,8 +64,8 @@ class CAPABILITY("ks lock") KsRwLock {
     }
     return false;
   }
-  // A waiter raises waiting_ and then looks at count_; whoever frees the lock lowers count_ and then looks at
-  // waiting_. Both are sequentially consistent, so one of the two sees the other.
+  // A waiter raises waiting_ and then looks at count_; whoever frees the lock lowers count_ and
+  // then looks at waiting_. Both are sequentially consistent, so one of the two sees the other.
   void wake_waiters() {
     if (waiting_.load() > 0) queue_.wake();
   }
@@ -75,7 +76,7 @@ class CAPABILITY("ks lock") KsRwLock {
   void report_not_read_locked();
 
   Atomic<int> count_;
-  Atomic<int> waiting_;          // tasks in the queue, so that a release without waiters takes no spin lock
+  Atomic<int> waiting_;  // tasks in the queue, so that a release without waiters takes no spin lock
   Atomic<int> writers_waiting_;
   // The writer, with a reference; null before the count leaves the negative.
   Atomic<plat_task*> owner_;

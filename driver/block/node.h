@@ -1,17 +1,20 @@
 // The node record and the node table.
 //
-// Every node of the driver, filter or snap, is one record in one table indexed by minor. Lock order,
-// outermost first:
+// Every node of the driver, filter or snap, is one record in one table indexed by minor. Lock
+// order, outermost first:
 //
 //   lifecycle_mutex      adding, deleting, unloading; nobody else
 //   snbf_blkdev_rwlock   the table: for reading while a node is used, for writing to add and remove
-//   node_mutex           start and stop of one node; a snap's before its filter's on start, a filter's before
+//   node_mutex           start and stop of one node; a snap's before its filter's on start, a
+//   filter's before
 //                        its snaps' on stop
 //   io_rwlock            of a filter: for reading while a request is routed, for writing to drain
 //   bmp_mutex            file work on the bitmaps of a filter
-//   spin locks           bmp_spin, the COW queue's, the dirty requests', the tracker's; no file work under any
+//   spin locks           bmp_spin, the COW queue's, the dirty requests', the tracker's; no file
+//   work under any
 //
-// Never under snbf_blkdev_rwlock: removing a disk or a /proc entry, which wait for callers that wait for the table.
+// Never under snbf_blkdev_rwlock: removing a disk or a /proc entry, which wait for callers that
+// wait for the table.
 #pragma once
 
 #include "base/atomic.h"
@@ -50,7 +53,7 @@ struct Node : ListLink<ByDoom> {
   char disk_name[32] = {};    // "snbf%d"
   plat_bdev* bdev = nullptr;  // the node's own block device as last opened; under node_mutex
   plat_disk* disk = nullptr;
-  int remove_files = 0;       // of a node out of the table: the COW files of a snap go with it
+  int remove_files = 0;  // of a node out of the table: the COW files of a snap go with it
 };
 
 struct BySnapOrder;
@@ -106,15 +109,17 @@ struct SnapNode : Node, ListLink<BySnapOrder> {
 // The node must be of that kind.
 inline FilterNode& as_filter(Node& node) { return static_cast<FilterNode&>(node); }
 inline SnapNode& as_snap(Node& node) { return static_cast<SnapNode&>(node); }
-inline const FilterNode& as_filter(const Node& node) { return static_cast<const FilterNode&>(node); }
+inline const FilterNode& as_filter(const Node& node) {
+  return static_cast<const FilterNode&>(node);
+}
 inline const SnapNode& as_snap(const Node& node) { return static_cast<const SnapNode&>(node); }
 
-// Null when the minor is outside the table, its slot is empty, or there is no table yet or any more. The table's
-// lock is held.
+// Null when the minor is outside the table, its slot is empty, or there is no table yet or any
+// more. The table's lock is held.
 Node* find_node(u32 minor);
 
-// Taken by whoever adds or deletes nodes or unloads, before every other lock: a minor whose node is being taken
-// apart behind the table's lock does not come back meanwhile.
+// Taken by whoever adds or deletes nodes or unloads, before every other lock: a minor whose node is
+// being taken apart behind the table's lock does not come back meanwhile.
 extern KsMutex lifecycle_mutex;
 
 // Before anything can reach the driver.
@@ -127,8 +132,8 @@ extern snbf::KsRwLock snbf_blkdev_rwlock;
 
 namespace snbf {
 
-// The table's lock for writing. No allocation of the holder starts I/O: the request that it waits for may need the
-// table.
+// The table's lock for writing. No allocation of the holder starts I/O: the request that it waits
+// for may need the table.
 class SCOPED_CAPABILITY TableWriteGuard {
  public:
   TableWriteGuard() ACQUIRE(snbf_blkdev_rwlock);

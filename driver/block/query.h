@@ -6,6 +6,6 @@
 
 // 0, or -EINVAL for a kind that is none.
 int snbf_ioctl_get_device_list(snbf_device_list& record);
-// 0, or -EINVAL for a snap without a filter node. The table's lock is held for reading. Fields of the other kind are
-// left as they are.
+// 0, or -EINVAL for a snap without a filter node. The table's lock is held for reading. Fields of
+// the other kind are left as they are.
 int snbf_ioctl_get_info(snbf::Node& node, snbf_info& record);

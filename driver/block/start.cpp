@@ -12,7 +12,8 @@ int snbf_ioctl_start_node(snbf_minor_cmd& record) {
   snbf::KsReadGuard table{snbf_blkdev_rwlock};
   snbf::Node* node = snbf::find_node(record.minor);
   if (node == nullptr) {
-    snbf_log(kLogError, "%s(): Nothing is known about snbf(%d, %d)", kOrigin, snbf_blk_major, minor);
+    snbf_log(kLogError, "%s(): Nothing is known about snbf(%d, %d)", kOrigin, snbf_blk_major,
+             minor);
     return -EINVAL;
   }
   return snbf_block_start_device(*node);
@@ -25,12 +26,15 @@ int snbf_block_start_device(snbf::Node& node) {
   {
     snbf::KsMutexGuard life{node.node_mutex};
     if (node.started.load() == 0) {
-      // The bitmaps of a filter node are in memory since its creation: there is nothing else to prepare.
+      // The bitmaps of a filter node are in memory since its creation: there is nothing else to
+      // prepare.
       if (node.dev_type == snbf::kFilterNode) node.started.store(1);
-      snbf_log(3, "%s(): snbf(%d, %d) has been started successfully", kOrigin, snbf_blk_major, minor);
+      snbf_log(3, "%s(): snbf(%d, %d) has been started successfully", kOrigin, snbf_blk_major,
+               minor);
       return 0;
     }
   }
-  snbf_log(kLogError, "%s(): snbf(%d, %d) has already been started", kOrigin, snbf_blk_major, minor);
+  snbf_log(kLogError, "%s(): snbf(%d, %d) has already been started", kOrigin, snbf_blk_major,
+           minor);
   return -EALREADY;
 }

@@ -42,7 +42,8 @@ int snbf_ioctl_stop_node(snbf_minor_cmd& record) {
   snbf::KsReadGuard table{snbf_blkdev_rwlock};
   snbf::Node* node = snbf::find_node(record.minor);
   if (node == nullptr) {
-    snbf_log(kLogError, "%s(): Nothing is known about snbf(%d, %d)", kOrigin, snbf_blk_major, minor);
+    snbf_log(kLogError, "%s(): Nothing is known about snbf(%d, %d)", kOrigin, snbf_blk_major,
+             minor);
     return -EINVAL;
   }
   return snbf_block_stop_device(*node);
@@ -54,12 +55,14 @@ int snbf_block_stop_device(snbf::Node& node) {
   snbf::KsMutexGuard life{node.node_mutex};
   if (node.started.load() == 0) return 0;
   if (node.use_cnt.load() != 0) {
-    snbf_log(kLogError, "%s(): snbf(%d, %d) is still being used.", snbf::kOrigin, snbf_blk_major, minor);
+    snbf_log(kLogError, "%s(): snbf(%d, %d) is still being used.", snbf::kOrigin, snbf_blk_major,
+             minor);
     return -EBUSY;
   }
   if (node.dev_type == snbf::kFilterNode) {
     if (int rc = snbf::stop_filter(snbf::as_filter(node)); rc != 0) return rc;
   }
-  snbf_log(3, "%s(): snbf(%d, %d) has been stopped successfully", snbf::kOrigin, snbf_blk_major, minor);
+  snbf_log(3, "%s(): snbf(%d, %d) has been stopped successfully", snbf::kOrigin, snbf_blk_major,
+           minor);
   return 0;
 }

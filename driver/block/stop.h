@@ -6,6 +6,6 @@
 
 int snbf_ioctl_stop_node(snbf_minor_cmd& record);
 
-// 0, also of a stopped node; -EBUSY while it is open. Saves the dirty bitmaps of a filter node. The table's lock
-// is held for reading. Takes node_mutex; may sleep long.
+// 0, also of a stopped node; -EBUSY while it is open. Saves the dirty bitmaps of a filter node. The
+// table's lock is held for reading. Takes node_mutex; may sleep long.
 int snbf_block_stop_device(snbf::Node& node);

@@ -1,4 +1,5 @@
-// The control character device, the agent's only door. Its ioctl entry stands in control/dispatch.cpp.
+// The control character device, the agent's only door. Its ioctl entry stands in
+// control/dispatch.cpp.
 #pragma once
 
 // 0 or the negative result of the registration.

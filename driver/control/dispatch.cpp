@@ -30,9 +30,8 @@ struct Command {
 
 template <typename Record, int (*kHandler)(Node&, Record&)>
 constexpr Command node_command(u32 number, const char* name) {
-  return {number, name, sizeof(Record), true, [](Node* node, void* record) {
-            return kHandler(*node, *static_cast<Record*>(record));
-          }};
+  return {number, name, sizeof(Record), true,
+          [](Node* node, void* record) { return kHandler(*node, *static_cast<Record*>(record)); }};
 }
 
 template <typename Record, int (*kHandler)(Record&)>
@@ -72,7 +71,8 @@ constexpr Command kCommands[] = {
 
 constexpr u32 kType = 'C';
 
-// Numbers run from 1 in the table's order; the record of each fills what its number says, and is copied in.
+// Numbers run from 1 in the table's order; the record of each fills what its number says, and is
+// copied in.
 constexpr bool numbers_match(std::span<const Command> commands) {
   u32 expected = 1;
   for (const Command& command : commands) {
@@ -118,8 +118,8 @@ int run_command(const Command& command, u64 argument) {
     snbf_log(kLogError, "%s(): copy_from_user() failed.", kOrigin);
     return -EFAULT;
   }
-  const int rc = command.is_node_bound ? handle_on_node(command, record)
-                                       : command.handle(nullptr, record);
+  const int rc =
+      command.is_node_bound ? handle_on_node(command, record) : command.handle(nullptr, record);
   if (rc != 0) return rc;
   if ((command.number & SNBF_CMD_OUT) == 0) return 0;
   if (snbf_plat_copy_to_user(argument, record, command.record_bytes) != 0) {

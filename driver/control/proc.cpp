@@ -47,16 +47,17 @@ ProcEntry* enter(ProcEntry* entry, plat_proc_entry* platform_entry) {
 ProcEntry* make_directory(const char* name, ProcEntry* parent) {
   ProcEntry* entry = new_entry(name, parent);
   if (entry == nullptr) return nullptr;
-  return enter(entry, snbf_plat_proc_mkdir(
-                          name, parent == nullptr ? nullptr : parent->platform_entry));
+  return enter(entry,
+               snbf_plat_proc_mkdir(name, parent == nullptr ? nullptr : parent->platform_entry));
 }
 
 ProcEntry* make_file(const char* name, int mode, ProcEntry* parent) {
   ProcEntry* entry = new_entry(name, parent);
   if (entry == nullptr) return nullptr;
-  // Readers may come as soon as it is there: they only look at the names of the record and its parent.
-  return enter(entry, snbf_plat_proc_create(name, mode, parent->platform_entry, mode == kWritable,
-                                            entry));
+  // Readers may come as soon as it is there: they only look at the names of the record and its
+  // parent.
+  return enter(entry,
+               snbf_plat_proc_create(name, mode, parent->platform_entry, mode == kWritable, entry));
 }
 
 void node_directory_name(char (&name)[sizeof(ProcEntry::name)], u32 minor) {
@@ -222,8 +223,8 @@ extern "C" int snbf_write_proc(void* file, plat_u64 from_user, unsigned long cou
   snbf::ScopeExit free_text{[text] { snbf_plat_heap_free(text); }};
   if (count - 1 >= snbf::kWriteBytes) return -EINVAL;
   if (snbf_plat_copy_from_user(text, from_user, count) != 0) return -EFAULT;
-  // Kept: only the last byte of the buffer is terminated, not the one behind the copy. A value brings its own
-  // terminator, blank or newline, or the bytes behind it decide.
+  // Kept: only the last byte of the buffer is terminated, not the one behind the copy. A value
+  // brings its own terminator, blank or newline, or the bytes behind it decide.
   text[snbf::kWriteBytes - 1] = '\0';
   const ProcEntry& entry = *static_cast<const ProcEntry*>(data);
   if (snbf::text_equal(entry.name, "debug")) {

@@ -1,9 +1,10 @@
-// The status tree /proc/snbf: three files of the driver, and one directory a node with one file a field.
+// The status tree /proc/snbf: three files of the driver, and one directory a node with one file a
+// field.
 //
-// The kernel's entries are opaque, so the driver keeps its own tree of records: an entry's record is the context that
-// the read and write procedures get, and they learn from its name and its parent's what is meant. Records are
-// created and removed under lifecycle_mutex, at load and at unload; never under the table's lock, for a removal
-// waits for readers, and they take it.
+// The kernel's entries are opaque, so the driver keeps its own tree of records: an entry's record
+// is the context that the read and write procedures get, and they learn from its name and its
+// parent's what is meant. Records are created and removed under lifecycle_mutex, at load and at
+// unload; never under the table's lock, for a removal waits for readers, and they take it.
 #pragma once
 
 #include "block/node.h"

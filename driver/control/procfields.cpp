@@ -42,10 +42,12 @@ FilterNode* filter_of(Node& node) {
 }
 
 void show_hdd_major(ProcText& out, Node& node) {
-  if (FilterNode* filter = filter_of(node)) out.number(static_cast<int>(dev_major(filter->hdd_dev)));
+  if (FilterNode* filter = filter_of(node))
+    out.number(static_cast<int>(dev_major(filter->hdd_dev)));
 }
 void show_hdd_minor(ProcText& out, Node& node) {
-  if (FilterNode* filter = filter_of(node)) out.number(static_cast<int>(dev_minor(filter->hdd_dev)));
+  if (FilterNode* filter = filter_of(node))
+    out.number(static_cast<int>(dev_minor(filter->hdd_dev)));
 }
 void show_hdd_name(ProcText& out, Node& node) {
   if (FilterNode* filter = filter_of(node)) out.text(filter->hdd_name);
@@ -83,9 +85,7 @@ void show_diff_bmp_dirty(ProcText& out, Node& node) {
   SpinGuard bits{filter.bmp_spin};
   out.number(filter.diff_bmp_dirty);
 }
-void show_cowqueue_len(ProcText& out, Node& node) {
-  out.number(as_filter(node).cowqueue.length());
-}
+void show_cowqueue_len(ProcText& out, Node& node) { out.number(as_filter(node).cowqueue.length()); }
 
 void show_stop_pending(ProcText& out, Node& node) { out.number(as_snap(node).stop_pending.load()); }
 void show_del_pending(ProcText& out, Node& node) { out.number(as_snap(node).del_pending.load()); }

@@ -1,6 +1,7 @@
 // Layout of the buffer's heap block: room for the longest prefix, the message of at most
-// snbf_debug_buffer_size bytes with its terminator, and one byte for the newline that a line may lack. The last byte
-// stays zero, so that a line is bounded even while two callers write over each other.
+// snbf_debug_buffer_size bytes with its terminator, and one byte for the newline that a line may
+// lack. The last byte stays zero, so that a line is bounded even while two callers write over each
+// other.
 #include "core/log.h"
 
 #include "base/errno.h"
