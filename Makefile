@@ -1,0 +1,62 @@
+# SPDX-License-Identifier: GPL-2.0-only
+# The doors of the project; `make help` names them. Kbuild makes the module, CMake all else.
+
+BUILD   ?= $(CURDIR)/build
+KDIR    ?=
+JOBS    ?= $(shell nproc)
+PREFIX  ?= /usr
+DESTDIR ?=
+VERSION := $(shell cat VERSION 2>/dev/null || echo 0.1.0)
+
+export SNBF_BUILD := $(abspath $(BUILD))
+MODULE_MAKE := $(MAKE) --no-print-directory -f platform/linux/module.mk BUILD=$(BUILD) $(if $(KDIR),KDIR=$(KDIR))
+
+.DEFAULT_GOAL := all
+.PHONY: all help setup module agent tests check check-rows check-unit check-guest demo bench install format clean
+
+all: check-rows module agent tests ## everything that this machine can build
+
+help: ## this list
+	@sed -n 's/^\([a-z][a-z-]*\):.*## \(.*\)/  make \1|\2/p' $(firstword $(MAKEFILE_LIST)) | column -t -s '|'
+
+setup: ## installs the Debian packages that are missing
+	@tools/setup
+
+module: ## build/snbf.ko, for KDIR (default: the newest installed kernel headers)
+	@$(MODULE_MAKE) -j$(JOBS) module
+
+agent: ## build/snbf, the command-line tool
+	@mkdir -p $(BUILD)/agent
+	@cmake -S . -B $(BUILD)/agent -G Ninja -Wno-dev -DSNBF_TESTS=OFF >$(BUILD)/agent/cmake.log || \
+	  { cat $(BUILD)/agent/cmake.log; false; }
+	@cmake --build $(BUILD)/agent -j $(JOBS)
+
+tests: ## the unit and simulation tests, plain and under sanitizers
+	@tests/check --build-only --jobs $(JOBS)
+
+check-rows: ## the rules that a compiler does not know: who includes whom
+	@tools/check-rows
+
+check: setup all ## every test; ends with a tally
+	@tests/check --jobs $(JOBS)
+
+check-unit: tests ## the unit and simulation tests alone
+	@tests/check --no-guest --jobs $(JOBS)
+
+check-guest: module agent ## the guest tests alone; TESTS="name..." chooses
+	@tests/guest/check $(TESTS)
+
+demo: setup module agent ## a real file system, backed up, changed, backed up again, restored
+	@demo/run
+
+bench: setup module agent ## the benchmarks beside device-mapper's targets, as ratios
+	@bench/run
+
+install: agent ## module (DKMS), tool, manual, completions, system files; honours DESTDIR
+	@packaging/install "$(DESTDIR)" "$(PREFIX)" "$(VERSION)" "$(BUILD)"
+
+format: ## lays out the C and C++ sources
+	@git ls-files -- '*.c' '*.h' '*.cpp' | xargs clang-format -i
+
+clean: ## removes what was built
+	rm -rf $(BUILD)

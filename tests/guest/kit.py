@@ -1,0 +1,415 @@
+"""What a test has inside the guest: cases, the driver's commands, its nodes, and the kernel log.
+
+A test is a file test_*.py beside this one. Its GUEST says what the runner gives it:
+
+    disks   as for tests/guest/run: "name:SIZE"
+    boots   the lives of the guest, in order, on the same disks; "name!" is one that ends in a power cut
+    limit   seconds for each boot
+    allow   patterns of kernel log lines that it provokes
+"""
+
+import contextlib
+import ctypes
+import errno
+import fcntl
+import json
+import os
+import re
+import struct
+import subprocess
+import sys
+import time
+import traceback
+
+TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+MODULE = os.environ.get("SNBF_MODULE", os.path.join(TOP, "build", "snbf.ko"))
+CONTROL = "/dev/snbf/control"
+RUNNER = 3  # the file descriptor of the runner's event port
+
+KIB = 1 << 10
+MIB = 1 << 20
+GIB = 1 << 30
+
+
+# --- cases ------------------------------------------------------------------------------------------
+
+class Failed(AssertionError):
+    pass
+
+
+cases = []
+
+
+def case(function=None, *, boot=None):
+    """Registers a test case; its name is its sentence. With boot= it runs only in that life."""
+    def register(body):
+        cases.append((boot, body))
+        return body
+    return register(function) if function else register
+
+
+def report(kind, **fields):
+    os.write(RUNNER, f"{kind} {json.dumps(fields)}\n".encode())
+
+
+def check(condition, message=""):
+    if not condition:
+        raise Failed(message)
+
+
+def equal(found, wanted, what=""):
+    if found != wanted:
+        raise Failed(f"{what}: found {found!r}, wanted {wanted!r}")
+
+
+class _Cut(Exception):
+    """The case asks for the power cut, having passed."""
+
+
+def crash():
+    """Ends the case, passed, and then the guest, between two instructions."""
+    raise _Cut
+
+
+def _mark(text):
+    with open("/dev/kmsg", "w", encoding="ascii") as kmsg:
+        kmsg.write(f"<5>test: {text}\n")
+
+
+def main():
+    """Runs the cases of this boot in the order of the file; later ones may build on earlier ones."""
+    os.set_inheritable(RUNNER, False)
+    boot = sys.argv[1] if len(sys.argv) > 1 else "main"
+    chosen = [body for wanted, body in cases if wanted in (None, boot)]
+    report("plan", names=[body.__name__ for body in chosen])
+    failures = 0
+    for body in chosen:
+        began = time.monotonic()
+        _mark(f"{body.__name__} begins")
+        detail = ""
+        cut = False
+        try:
+            body()
+        except _Cut:
+            cut = True
+        except Exception:  # pylint: disable=broad-except
+            detail = traceback.format_exc()
+            failures += 1
+        _mark(f"{body.__name__} ends")
+        report("case", name=body.__name__, ok=not detail, detail=detail,
+               seconds=round(time.monotonic() - began, 1))
+        if cut:
+            os.write(RUNNER, b"crash\n")
+            time.sleep(600)
+        if detail and getattr(body, "essential", False):
+            break
+    sys.exit(1 if failures else 0)
+
+
+def essential(body):
+    """Without this case the rest of the file means nothing."""
+    body.essential = True
+    return body
+
+
+# --- the kernel log ---------------------------------------------------------------------------------
+
+class KernelLog:
+    """What the kernel says from now on."""
+
+    def __init__(self):
+        self.fd = os.open("/dev/kmsg", os.O_RDONLY | os.O_NONBLOCK)
+        os.lseek(self.fd, 0, os.SEEK_END)
+
+    def lines(self):
+        """(level, text) of each record since the last call."""
+        found = []
+        while True:
+            try:
+                record = os.read(self.fd, 9000).decode("utf-8", "replace")
+            except BlockingIOError:
+                return found
+            except OSError as error:
+                if error.errno == errno.EPIPE:
+                    continue
+                raise
+            head, _, text = record.partition(";")
+            text = text.split("\n")[0]
+            text = re.sub(r"\\x([0-9a-f]{2})", lambda match: chr(int(match.group(1), 16)), text)
+            found.append((int(head.split(",")[0]) & 7, text))
+
+    def texts(self):
+        return [text for _, text in self.lines()]
+
+    def expect(self, wanted, level=None):
+        """That a line containing `wanted` has come, of that level."""
+        seen = self.lines()
+        for at, text in seen:
+            if wanted in text:
+                if level is not None:
+                    equal(at, level, f"level of {text!r}")
+                return
+        raise Failed(f"no kernel log line has {wanted!r}; there were {[text for _, text in seen]}")
+
+    def close(self):
+        os.close(self.fd)
+
+
+ERROR_LEVEL = 3
+INFO_LEVEL = 6
+
+
+# --- the protocol -----------------------------------------------------------------------------------
+
+class FilterNode(ctypes.Structure):
+    _fields_ = [("hdd_name", ctypes.c_char * 1024), ("minor", ctypes.c_int32),
+                ("extent_size", ctypes.c_uint32), ("bmp_dir", ctypes.c_char * 1024),
+                ("uuid", ctypes.c_char * 39), ("name", ctypes.c_char * 128),
+                ("reserved", ctypes.c_char)]
+
+
+class SnapNode(ctypes.Structure):
+    _fields_ = [("snbf_minor", ctypes.c_uint32), ("snap_minor", ctypes.c_int32),
+                ("chunk_size", ctypes.c_uint32), ("cow_bmp_fname", ctypes.c_char * 1024),
+                ("cow_data_fname", ctypes.c_char * 1024), ("uuid", ctypes.c_char * 39),
+                ("name", ctypes.c_char * 128), ("reserved", ctypes.c_char)]
+
+
+class DeviceList(ctypes.Structure):
+    _fields_ = [("dev_type", ctypes.c_uint32), ("count", ctypes.c_uint32),
+                ("minors", ctypes.c_uint32 * 256)]
+
+
+class Info(ctypes.Structure):
+    _fields_ = [("minor", ctypes.c_uint32), ("dev_type", ctypes.c_uint32),
+                ("dev_size", ctypes.c_uint64), ("started", ctypes.c_uint32),
+                ("use_cnt", ctypes.c_uint32), ("uuid", ctypes.c_char * 39),
+                ("name", ctypes.c_char * 128), ("hdd_name", ctypes.c_char * 1024),
+                ("reserved1", ctypes.c_char), ("extent_size", ctypes.c_uint32),
+                ("extent_cnt", ctypes.c_uint32), ("snap_minors", ctypes.c_uint32 * 256),
+                ("snap_cnt", ctypes.c_uint32), ("incr_bmp_size", ctypes.c_uint32),
+                ("diff_bmp_size", ctypes.c_uint32), ("incr_bmp_fname", ctypes.c_char * 1024),
+                ("diff_bmp_fname", ctypes.c_char * 1024), ("incr_bmp_empty", ctypes.c_uint32),
+                ("diff_bmp_empty", ctypes.c_uint32), ("incr_bmp_full", ctypes.c_uint32),
+                ("diff_bmp_full", ctypes.c_uint32), ("snap_valid", ctypes.c_uint32),
+                ("stop_pending", ctypes.c_uint32), ("del_pending", ctypes.c_uint32),
+                ("chunk_size", ctypes.c_uint32), ("chunk_cnt", ctypes.c_uint32),
+                ("cow_bmp_size", ctypes.c_uint32), ("reserved2", ctypes.c_uint32),
+                ("cow_data_size", ctypes.c_uint64), ("cow_bmp_fname", ctypes.c_char * 1024),
+                ("cow_data_fname", ctypes.c_char * 1024)]
+
+
+class BmpCommand(ctypes.Structure):
+    _fields_ = [("minor", ctypes.c_uint32), ("type", ctypes.c_uint32), ("size", ctypes.c_int32),
+                ("padding", ctypes.c_uint32), ("data", ctypes.c_uint64)]
+
+
+class DatablockCommand(ctypes.Structure):
+    _fields_ = [("minor", ctypes.c_uint32), ("extent_size", ctypes.c_uint32),
+                ("size", ctypes.c_uint32), ("padding", ctypes.c_uint32), ("data", ctypes.c_uint64)]
+
+
+COMMANDS = {
+    "ADD_FILTER_NODE": 0xc8b04301, "ADD_SNAP_NODE": 0xc8b44302, "DEL_NODE": 0x40044303,
+    "START_NODE": 0x40044304, "STOP_NODE": 0x40044305, "GET_DEVICE_LIST": 0xc4084306,
+    "GET_INFO": 0xd9084307, "LOAD_BMP": 0x40084308, "SAVE_BMP": 0x40084309, "CLR_BMP": 0x4008430a,
+    "SET_BMP": 0x4018430b, "MERGE_BMP": 0x4018430c, "GET_BMP": 0xc018430d,
+    "GET_AND_CLR_BMP": 0xc018430e, "GET_DATABLOCK_BMP": 0xc018430f, "TEST_DATABLOCK": 0x44004310,
+    "RESUME_SNAP": 0x40104311,
+}
+
+DIFF = 0
+INCR = 1
+BITMAPS = (DIFF, INCR)
+
+for _record, _command in ((FilterNode, "ADD_FILTER_NODE"), (SnapNode, "ADD_SNAP_NODE"),
+                          (DeviceList, "GET_DEVICE_LIST"), (Info, "GET_INFO"),
+                          (BmpCommand, "GET_BMP"), (DatablockCommand, "GET_DATABLOCK_BMP")):
+    assert ctypes.sizeof(_record) == (COMMANDS[_command] >> 16) & 0x3fff, _command
+
+
+def control(command, record):
+    """One command: 0, or the negative error number. Records that go back out are changed in place."""
+    number = COMMANDS[command] if isinstance(command, str) else command
+    fd = os.open(CONTROL, os.O_RDWR)
+    try:
+        fcntl.ioctl(fd, number, record, True)
+        return 0
+    except OSError as error:
+        return -error.errno
+    finally:
+        os.close(fd)
+
+
+def done(result, what):
+    if result != 0:
+        raise Failed(f"{what}: {errno.errorcode.get(-result, result)}")
+
+
+def add(device, folder, minor=-1, extent_size=64 * KIB, name="", uuid=""):
+    """(result, record) of ADD_FILTER_NODE."""
+    record = FilterNode(hdd_name=device.encode(), minor=minor, extent_size=extent_size,
+                        bmp_dir=folder.encode(), uuid=uuid.encode(), name=name.encode())
+    return control("ADD_FILTER_NODE", record), record
+
+
+def minor_command(command, minor):
+    return control(command, bytearray(struct.pack("<I", minor & 0xffffffff)))
+
+
+def start(minor):
+    return minor_command("START_NODE", minor)
+
+
+def stop(minor):
+    return minor_command("STOP_NODE", minor)
+
+
+def delete(minor):
+    return minor_command("DEL_NODE", minor)
+
+
+def info(minor):
+    record = Info(minor=minor)
+    done(control("GET_INFO", record), f"info of {minor}")
+    return record
+
+
+def minors(kind=1):
+    record = DeviceList(dev_type=kind)
+    done(control("GET_DEVICE_LIST", record), "list")
+    return list(record.minors[:record.count])
+
+
+def bmp_select(command, minor, kind):
+    return control(command, bytearray(struct.pack("<II", minor & 0xffffffff, kind & 0xffffffff)))
+
+
+def bmp_exchange(command, minor, kind, data):
+    """GET_BMP and its family over a caller's buffer (a bytearray, changed in place)."""
+    buffer = (ctypes.c_char * len(data)).from_buffer(data)
+    record = BmpCommand(minor=minor, type=kind, size=len(data), data=ctypes.addressof(buffer))
+    return control(command, record)
+
+
+def bitmap(minor, kind, command="GET_BMP"):
+    """The bitmap as bytes."""
+    at = info(minor)
+    data = bytearray(at.incr_bmp_size if kind == INCR else at.diff_bmp_size)
+    done(bmp_exchange(command, minor, kind, data), f"{command} of {minor}")
+    return bytes(data)
+
+
+def clear(minor):
+    for kind in BITMAPS:
+        done(bmp_select("CLR_BMP", minor, kind), "clear")
+
+
+def extents(data, count=None):
+    """The numbers of the bits that are set."""
+    number = int.from_bytes(data, "little")
+    if count is not None:
+        number &= (1 << count) - 1
+    found = set()
+    while number:
+        low = number & -number
+        found.add(low.bit_length() - 1)
+        number ^= low
+    return found
+
+
+def marked(minor, kind):
+    """Extents that the bitmap counts as changed."""
+    return extents(bitmap(minor, kind), info(minor).extent_cnt)
+
+
+def covering(offset, size, extent_size=64 * KIB):
+    """Extents that a write touches."""
+    return set(range(offset // extent_size, (offset + size - 1) // extent_size + 1)) if size else set()
+
+
+# --- module, nodes, files ---------------------------------------------------------------------------
+
+def run(*command, ok=True, **more):
+    """Runs a program; its output, and a failure that shows it if it fails."""
+    if len(command) == 1:
+        command = command[0].split()
+    result = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                            check=False, **more)
+    if ok and result.returncode != 0:
+        raise Failed(f"{' '.join(command)}: status {result.returncode}: {result.stdout[-2000:]}")
+    return result.stdout
+
+
+def load(**parameters):
+    run("insmod", MODULE, *[f"{key}={value}" for key, value in parameters.items()])
+
+
+def unload():
+    run("rmmod", "snbf")
+
+
+def loaded():
+    return os.path.isdir("/sys/module/snbf")
+
+
+def block_major():
+    with open("/proc/devices", encoding="ascii") as lines:
+        blocks = lines.read().partition("Block devices:")[2]
+    for line in blocks.split("\n"):
+        if line.strip().endswith(" snbf"):
+            return int(line.split()[0])
+    raise Failed("no block major of snbf in /proc/devices")
+
+
+def node_path(name):
+    return f"/dev/snbf/{name}"
+
+
+def disk(name):
+    """The device file of a disk that the runner gave: /dev/vdX."""
+    return os.path.realpath(f"/dev/guest/{name}")
+
+
+def size_of(device):
+    fd = os.open(device, os.O_RDONLY)
+    try:
+        return os.lseek(fd, 0, os.SEEK_END)
+    finally:
+        os.close(fd)
+
+
+@contextlib.contextmanager
+def node(device, folder, begin=True, **more):
+    """A filter node for the time of a block: added, started; stopped and deleted behind it."""
+    os.makedirs(folder, exist_ok=True)
+    result, record = add(device, folder, **more)
+    done(result, f"add {device}")
+    try:
+        if begin:
+            done(start(record.minor), "start")
+        yield record
+    finally:
+        if info(record.minor).started:
+            stop(record.minor)
+        done(delete(record.minor), "delete")
+
+
+def slabs():
+    """Live objects in each slab cache whose name has snbf; the kernel may have merged none of them."""
+    found = {}
+    with open("/proc/slabinfo", encoding="ascii") as lines:
+        for line in lines:
+            if "snbf" in line:
+                words = line.split()
+                found[words[0]] = int(words[1])
+    return found
+
+
+def wait_until(condition, seconds=10, what="condition"):
+    """For what another thread of the kernel does soon; the limit only ends a hang."""
+    deadline = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > deadline:
+            raise Failed(f"{what}: not within {seconds} s")
+        time.sleep(0.01)
