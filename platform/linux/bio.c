@@ -55,7 +55,8 @@ static struct own_bio* own_of(const plat_bio* bio)
 
 int snbf_bio_sets_init(void)
 {
-  int rc = bioset_init(&own_bios, OWN_BIO_RESERVE, offsetof(struct own_bio, bio), 0);
+  int rc = bioset_init(&own_bios, OWN_BIO_RESERVE, offsetof(struct own_bio, bio),
+                       BIOSET_NEED_BVECS);
 
   if (rc != 0) return rc;
   rc = bioset_init(&split_bios, SPLIT_BIO_RESERVE, 0, 0);
