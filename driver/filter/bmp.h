@@ -1,8 +1,9 @@
 // The change bitmaps of a filter node: one bit an extent, set by every write.
 //
-// The Incremental and the Differential bitmap are of one shape and handled alike; the type code picks the
-// Incremental when it is 1, else the Differential. Bit e is bit e mod 8 of byte e / 8. bmp_spin guards
-// the contents of both and their dirty fields, which are always changed together with the bits.
+// The Incremental and the Differential bitmap are of one shape and handled alike; the type code
+// picks the Incremental when it is 1, else the Differential. Bit e is bit e mod 8 of byte e / 8.
+// bmp_spin guards the contents of both and their dirty fields, which always change in one holding
+// with the bits: a bitmap is dirty while it holds something that its file does not.
 #pragma once
 
 #include "base/units.h"
@@ -11,26 +12,42 @@
 
 namespace snbf {
 
-// One of a node's two bitmaps, with its name and what belongs to it.
-struct ChangeBitmap {
-  u32 type;
-  const char* text;
-  const char* fname;
-  u8* bits;
-  u32 size_bytes;
-  int* dirty;
+// One of a node's two bitmaps.
+class ChangeBitmap {
+ public:
+  ChangeBitmap(FilterNode& owner, u32 type) : node(owner), is_incr_(type == SNBF_BMP_INCR) {}
 
-  static ChangeBitmap of(FilterNode& node, u32 type);
+  const char* text() const { return is_incr_ ? "Incremental" : "Differential"; }
+  const char* fname() const { return is_incr_ ? node.incr_bmp_fname : node.diff_bmp_fname; }
+  u32 size_bytes() const { return is_incr_ ? node.incr_bmp_size : node.diff_bmp_size; }
+
+  u8* bits() const REQUIRES(node.bmp_spin) {
+    return reinterpret_cast<u8*>(is_incr_ ? node.incr_bmp : node.diff_bmp);
+  }
+  int is_dirty() const REQUIRES(node.bmp_spin) {
+    return is_incr_ ? node.incr_bmp_dirty : node.diff_bmp_dirty;
+  }
+  void set_dirty(int dirty) const REQUIRES(node.bmp_spin) {
+    (is_incr_ ? node.incr_bmp_dirty : node.diff_bmp_dirty) = dirty;
+  }
+  // Every byte of it, and with that a bitmap that its file does not show.
+  void fill(int byte) const REQUIRES(node.bmp_spin);
+
+  FilterNode& node;
+
+ private:
+  bool is_incr_;
 };
 
 // "Incremental", "Differential" or "Unknown".
 const char* bmp_type_text(u32 type);
 
-// The checks that every bitmap command begins with, signed by the command: 0 or -EINVAL.
+// What every bitmap command begins with, logged for the command `origin`: 0 or -EINVAL.
 int check_bmp_command(const char* origin, const Node& node, u32 type);
 
-// Sets the bits of all extents that the write touches, in both bitmaps, and has the dirty flag of a file raised whose
-// bitmap was clean. May sleep. No spin lock is held.
+// Sets the bits of all extents that the write touches, in both bitmaps, and has the dirty flag
+// raised in the file of a bitmap that was clean. The range is not empty. No spin lock is held; may
+// sleep.
 void mark_extents(FilterNode& node, SectorRange range);
 
 }  // namespace snbf

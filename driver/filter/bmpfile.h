@@ -1,20 +1,23 @@
 // The files of the change bitmaps: load, save, and the dirty flag.
 //
-// A file, all little-endian: 0 "SNBFBMP", 7 dirty byte, 8 size of the bitmap in bytes, 12 checksum, 16 the bitmap.
-// Its life:
+// A file, all little-endian: 0 "SNBFBMP", 7 dirty byte, 8 size of the bitmap in bytes, 12 checksum,
+// 16 the bitmap. Its life:
 //   1. a full save writes all of it, with a dirty byte of 0;
-//   2. the first bit set after that makes kdirtyd cut it down to the magic and a dirty byte of 1: what it held
+//   2. the first bit set after that makes kdirtyd cut it down to the magic and a dirty byte of 1:
+//   what it held
 //      is no longer true, and a load must not accept it;
 //   3. the next save makes it whole again.
 // What cannot be verified is not trusted: the bitmap then becomes all ones and must be saved.
 //
-// bmp_mutex serialises all file work of a node; file work is never done under bmp_spin. Everything may sleep.
+// bmp_mutex serialises all file work of a node; file work is never done under bmp_spin. Everything
+// may sleep.
 #pragma once
 
 #include "block/node.h"
 #include "snbf/protocol.h"
 
-// 0 or a negative error. The bitmap is all ones after anything but a whole, clean, fitting file (but for -ENOMEM, which leaves it).
+// 0 or a negative error. The bitmap is all ones after anything but a whole, clean, fitting file
+// (but for -ENOMEM, which leaves it).
 int snbf_block_load_bmp(snbf::FilterNode& node, snbf::u32 type);
 // Both; the Incremental's result if it is not 0, else the Differential's.
 int snbf_block_load_bmps(snbf::FilterNode& node);

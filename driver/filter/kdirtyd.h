@@ -1,13 +1,16 @@
-// kdirtyd: the thread that raises dirty flags in bitmap files, since the request path can write no file.
+// kdirtyd: the thread that raises dirty flags in bitmap files, since the request path can write no
+// file.
 //
-// The life of a request: queued by a write that changed a clean bitmap; perhaps cancelled by a save that makes it
-// needless; served by kdirtyd, which writes the flag under the node's bmp_mutex if it is still valid; removed
-// only then. So when no request of a node is queued, kdirtyd holds no pointer to that node.
+// The life of a request: queued by a write that changed a clean bitmap; perhaps cancelled by a save
+// that makes it needless; served by kdirtyd, which writes the flag under the node's bmp_mutex if it
+// is still valid; removed only then. So when no request of a node is queued, kdirtyd holds no
+// pointer to that node.
 #pragma once
 
 #include "block/node.h"
 
-// 0, -EALREADY, or the error of the thread's start. Start and stop are serialised by load and unload.
+// 0, -EALREADY, or the error of the thread's start. Start and stop are serialised by load and
+// unload.
 int snbf_start_kdirtyd();
 // Waits for its end; what is still queued is discarded unwritten. 0 or -ESRCH.
 int snbf_stop_kdirtyd();
@@ -15,5 +18,6 @@ int snbf_stop_kdirtyd();
 int snbf_sched_write_dirty_flag(snbf::FilterNode& node, snbf::u32 type);
 // Cancels what is queued for this bitmap. Always 0.
 int snbf_kill_dirty_requests(snbf::FilterNode& node, snbf::u32 type);
-// Waits until no request of the node is queued: 0, or -ETIMEDOUT after `seconds`; less than 1: without a limit.
+// Waits until no request of the node is queued: 0, or -ETIMEDOUT after `seconds`; less than 1:
+// without a limit.
 int snbf_yield_to_dirty_requests(snbf::FilterNode& node, int seconds);

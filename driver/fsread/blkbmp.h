@@ -1,8 +1,8 @@
 // The data-block map of a snap: which chunks the file system on the partition uses.
 //
-// Fragments of 2^20 chunks, each cut into pieces of one size: an index names each piece's slot in a pool, where
-// all pieces of zeros share one slot and all pieces of ones another. A map is never changed once it is
-// valid; it is looked up without a lock.
+// Fragments of 2^20 chunks, each cut into pieces of one size: an index names each piece's slot in a
+// pool, where all pieces of zeros share one slot and all pieces of ones another. A map is never
+// changed once it is valid; it is looked up without a lock.
 #pragma once
 
 #include "base/types.h"
@@ -18,10 +18,10 @@ struct snbf_blkbmp_frag {
 };
 
 struct snbf_blkbmp {
-  int valid;  // 0: nothing is known, and every chunk counts as used
-  int chunks;
-  int frag_cnt;
-  snbf_blkbmp_frag* frags;
+  int valid = 0;  // 0: nothing is known, and every chunk counts as used
+  int chunks = 0;
+  int frag_cnt = 0;
+  snbf_blkbmp_frag* frags = nullptr;
 };
 
 constexpr int kBlkbmpFragShift = 20;

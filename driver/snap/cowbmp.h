@@ -1,8 +1,9 @@
 // The COW bitmap of a snap: one bit a chunk, set once the chunk's former contents are in the COW
 // data file.
 //
-// In memory it is a table of 4096-byte pages, made as their first bit is set. Its file is the plain image of the
-// bits, without a header, and follows byte by byte as bits are set. Every routine may sleep.
+// In memory it is a table of 4096-byte pages, made as their first bit is set. Its file is the plain
+// image of the bits, without a header, and follows byte by byte as bits are set. Every routine may
+// sleep.
 #pragma once
 
 #include "block/kslock.h"
@@ -23,12 +24,13 @@ struct CowBitmap {
 int snbf_cowbmp_init(snbf::CowBitmap* bitmap, snbf::u64 chunk_count);
 // 1 or 0, or -EINVAL while uninitialised: any answer but 0 means already copied.
 int snbf_cowbmp_test_bit(snbf::CowBitmap* bitmap, int bit);
-// Sets a bit and, if that changed it, its byte in `file`. 0; -EIO when the file could not be written: the bit then
-// stays set in memory.
+// Sets a bit and, if that changed it, its byte in `file`. 0; -EIO when the file could not be
+// written: the bit then stays set in memory.
 int snbf_cowbmp_set_bit(snbf::CowBitmap* bitmap, int bit, snbf::AllocMode mode, snbf_file* file);
 // Writes all of it into the file.
 int snbf_cowbmp_save(snbf::CowBitmap* bitmap, const char* path);
-// Replaces it by the file's contents; on a failure after the file was opened it is left uninitialised.
+// Replaces it by the file's contents; on a failure after the file was opened it is left
+// uninitialised.
 int snbf_cowbmp_load(snbf::CowBitmap* bitmap, const char* path);
 // Frees everything and clears the record. Always 0.
 int snbf_cowbmp_destroy(snbf::CowBitmap* bitmap);

@@ -1,9 +1,9 @@
-// The COW queue of a filter node: requests that may not proceed before the COW thread has done something
-// for them.
+// The COW queue of a filter node: requests that may not proceed before the COW thread has done
+// something for them.
 //
-// Requests stand in service order; beside the list a hash of the 4096-byte blocks that they cover tells
-// quickly whether a new request overlaps a queued one. The queue owns the requests in it. Its lock is
-// never held across an allocation, a completion or a sleep.
+// Requests stand in service order; beside the list a hash of the 4096-byte blocks that they cover
+// tells quickly whether a new request overlaps a queued one. The queue owns the requests in it. Its
+// lock is never held across an allocation, a completion or a sleep.
 #pragma once
 
 #include "base/atomic.h"
@@ -14,17 +14,19 @@
 namespace snbf {
 
 struct CowInQueue;
-struct CowOfRequest;
 struct CowInBucket;
 
 // One 4096-byte block that a queued request covers.
-struct CowBlock : ListLink<CowOfRequest>, ListLink<CowInBucket> {
+struct CowBlock : ListLink<CowInBucket> {
+  CowBlock* next_of_request = nullptr;
+  u64 number = 0;
   plat_bio* bio = nullptr;
 };
 static_assert(sizeof(CowBlock) == 40);
 
 struct CowRequest : ListLink<CowInQueue> {
-  List<CowBlock, CowOfRequest> blocks;
+  CowBlock* first_block = nullptr;  // ascending
+  CowBlock* last_block = nullptr;
   int minor = 0;  // of the snap into whose COW data file a write's chunks go; negative: none
   plat_bio* bio = nullptr;
 };
@@ -45,13 +47,17 @@ struct CowQueue {
 
 }  // namespace snbf
 
-// 0 or -ENOMEM. May sleep. `unused` is not looked at. The first queue makes the caches and pools that all share and the
-// last destruction removes them: callers are serialised by the life-cycle mutex.
+// 0 or -ENOMEM. May sleep. `unused` is not looked at. The first queue makes the caches and pools
+// that all share and the last destruction removes them: callers are serialised by the life-cycle
+// mutex.
 int snbf_cowqueue_init(snbf::CowQueue* queue, void* unused);
-// 0, and the queue owns the request; or -ENOMEM, and nothing is queued. Sleeps for memory unless the mode is Atomic.
+// 0, and the queue owns the request; or -ENOMEM, and nothing is queued. Sleeps for memory unless
+// the mode is Atomic.
 int snbf_cowqueue_append(snbf::CowQueue* queue, int minor, plat_bio* bio, snbf::AllocMode mode);
-// 1 when a queued request of a kind asked for overlaps the sectors of `bio`, else 0. One kind at least is asked for.
-int snbf_cowqueue_find_overlap_req(snbf::CowQueue* queue, int match_reads, int match_writes, plat_bio* bio);
+// 1 when a queued request of a kind asked for overlaps the sectors of `bio`, else 0. One kind at
+// least is asked for.
+int snbf_cowqueue_find_overlap_req(snbf::CowQueue* queue, int match_reads, int match_writes,
+                                   plat_bio* bio);
 // Takes a request out and frees its records. The request itself is the caller's from now on.
 int snbf_cowqueue_remove(snbf::CowQueue* queue, snbf::CowRequest* request) REQUIRES(queue->lock);
 // Fails every queued request with -EIO.

@@ -1,7 +1,7 @@
 // Files from kernel context, through a handle with the calls of a buffered file.
 //
-// Every routine may sleep. None locks: a handle belongs to one caller at a time. Failures are logged by
-// the routine that meets them.
+// Every routine may sleep. None locks: a handle belongs to one caller at a time. Failures are
+// logged by the routine that meets them.
 #pragma once
 
 #include "base/types.h"

@@ -1,15 +1,17 @@
-// Names: device files made and removed, and where a path lives. Absolute paths; everything may sleep.
+// Names: device files made and removed, and where a path lives. Absolute paths; everything may
+// sleep.
 #pragma once
 
 #include "platform/file.h"
 
-// Makes a device file with permissions 0600. 0 or the negative error of the step that failed; a name that
-// exists is such a failure.
+// Makes a device file with permissions 0600. 0 or the negative error of the step that failed; a
+// name that exists is such a failure.
 int snbf_mknod(const char* path, int block, int major, int minor);
 // 0 or a negative error; -ENOENT, for a name that is gone, without a log line.
 int snbf_unlink(const char* path);
-// 0 and a reference for snbf_plat_path_put; `found` is null when the name has no inode; or a negative error.
-// `follow` follows a final symbolic link.
+// 0 and a reference for snbf_plat_path_put; `found` is null when the name has no inode; or a
+// negative error. `follow` follows a final symbolic link.
 int snbf_get_file_dentry(const char* path, int follow, plat_path** found);
-// The block device under the file system that holds the path or its nearest ancestor that exists; 0 if there is none.
+// The block device under the file system that holds the path or its nearest ancestor that exists; 0
+// if there is none.
 plat_devt snbf_get_file_devt(const char* path);

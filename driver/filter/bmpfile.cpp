@@ -1,0 +1,278 @@
+#include "filter/bmpfile.h"
+
+#include "base/errno.h"
+#include "base/scope_exit.h"
+#include "base/string.h"
+#include "core/log.h"
+#include "core/memory.h"
+#include "filter/bmp.h"
+#include "filter/crc32.h"
+#include "filter/kdirtyd.h"
+#include "util/path.h"
+
+namespace snbf {
+
+namespace {
+
+constexpr char kMagic[] = {'S', 'N', 'B', 'F', 'B', 'M', 'P'};
+constexpr int kFileMode = 0600;
+
+// Reads or writes one piece behind the other. The first failure stays, and what follows it does
+// nothing.
+class FileCursor {
+ public:
+  explicit FileCursor(snbf_file* file) : file_(file) {}
+
+  bool read(void* to, int bytes) {
+    const int rc = snbf_fread(file_, position_, to, bytes);
+    return advance(rc, bytes);
+  }
+  bool write(const void* from, int bytes) {
+    if (error_ != 0) return false;
+    return advance(snbf_fwrite(file_, position_, from, bytes), bytes);
+  }
+  int error() const { return error_; }
+
+ private:
+  // True when all of the piece was moved.
+  bool advance(int rc, int bytes) {
+    if (rc < 0) {
+      error_ = rc;
+      return false;
+    }
+    position_ += static_cast<u64>(rc);
+    return rc == bytes;
+  }
+
+  snbf_file* file_;
+  u64 position_ = 0;
+  int error_ = 0;
+};
+
+u32 checksum_of(const u8* bits, u32 bytes) {
+  u32 checksum = 0xFFFFFFFF;
+  return snbf_crc32(bits, static_cast<int>(bytes), &checksum);
+}
+
+enum class Judgement { Trusted, Ignored, Failed };
+
+// Reads a file into `bits` and judges it; `error` is set where that failed. What a short read
+// leaves out stays 0, so that the check behind it fails rather than see stale memory.
+Judgement read_bitmap(snbf_file* file, const ChangeBitmap& bitmap, u8* bits, int* error) {
+  constexpr const char* kOrigin = "snbf_block_load_bmp";
+  FileCursor cursor{file};
+  const auto failed = [&] {
+    *error = cursor.error();
+    return cursor.error() != 0;
+  };
+  const auto ignored = [&](const char* format) {
+    snbf_log(kLogError, format, kOrigin, bitmap.fname());
+    return Judgement::Ignored;
+  };
+  char magic[sizeof(kMagic)] = {};
+  cursor.read(magic, sizeof(magic));
+  if (failed()) return Judgement::Failed;
+  if (mem_compare(magic, kMagic, sizeof(kMagic)) != 0) {
+    snbf_log(kLogError, "%s(): File %s is corrupt: Invalid prefix.", kOrigin, bitmap.fname());
+    *error = -EIO;
+    return Judgement::Failed;
+  }
+  u8 dirty = 0;
+  cursor.read(&dirty, sizeof(dirty));
+  if (failed()) return Judgement::Failed;
+  if (dirty != 0) return ignored("%s(): File %s is dirty. Ignoring file contents.");
+  u32 size = 0;
+  cursor.read(&size, sizeof(size));
+  if (failed()) return Judgement::Failed;
+  if (size != bitmap.size_bytes()) {
+    return ignored("%s(): File %s contains bitmap of invalid size. Ignoring file contents.");
+  }
+  u32 checksum = 0;
+  cursor.read(&checksum, sizeof(checksum));
+  if (failed()) return Judgement::Failed;
+  const bool whole = cursor.read(bits, static_cast<int>(size));
+  if (failed()) return Judgement::Failed;
+  // A file cut short in a run of zeros would pass the checksum, but was left by a save that failed.
+  if (!whole || checksum_of(bits, size) != checksum) {
+    return ignored("%s(): File %s has invalid checksum. Ignoring file contents.");
+  }
+  return Judgement::Trusted;
+}
+
+int write_bitmap(snbf_file* file, const u8* bits, u32 size) {
+  const u8 dirty = 0;
+  const u32 checksum = checksum_of(bits, size);
+  FileCursor cursor{file};
+  cursor.write(kMagic, sizeof(kMagic));
+  cursor.write(&dirty, sizeof(dirty));
+  cursor.write(&size, sizeof(size));
+  cursor.write(&checksum, sizeof(checksum));
+  cursor.write(bits, static_cast<int>(size));
+  return cursor.error();
+}
+
+// Writing such a file would pass through the filter and change the bitmap that is being saved.
+bool lies_on_node(const char* path, const FilterNode& node) {
+  return snbf_get_file_devt(path) == make_dev(static_cast<u32>(snbf_blk_major), node.minor);
+}
+
+int load_locked(const ChangeBitmap& bitmap, u8* scratch) {
+  int rc = -EIO;
+  bool trusted = false;
+  snbf_file* file = snbf_fopen(bitmap.fname(), PLAT_O_RDONLY, kFileMode);
+  if (file != nullptr) {
+    rc = 0;
+    trusted = read_bitmap(file, bitmap, scratch, &rc) == Judgement::Trusted;
+  }
+  {
+    SpinGuard hold{bitmap.node.bmp_spin};
+    if (trusted) {
+      bitmap.set_dirty(0);
+      mem_copy(bitmap.bits(), scratch, bitmap.size_bytes());
+    } else {
+      bitmap.fill(0xFF);
+    }
+  }
+  if (file != nullptr) snbf_fclose(file);
+  return rc;
+}
+
+int save_locked(const ChangeBitmap& bitmap, const u8* snapshot) {
+  constexpr const char* kOrigin = "snbf_block_save_bmp";
+  if (lies_on_node(bitmap.fname(), bitmap.node)) {
+    snbf_log(kLogError,
+             "%s(): Can't save bitmap to %s. The file must be moved to a different partition.",
+             kOrigin, bitmap.fname());
+    return -EINVAL;
+  }
+  snbf_file* file = snbf_fopen(
+      bitmap.fname(), PLAT_O_WRONLY | PLAT_O_CREAT | PLAT_O_TRUNC | PLAT_O_SYNC, kFileMode);
+  if (file == nullptr) return -EIO;
+  const int rc = write_bitmap(file, snapshot, bitmap.size_bytes());
+  snbf_fclose(file);
+  return rc;
+}
+
+int write_flag_locked(const ChangeBitmap& bitmap, int flag) {
+  constexpr const char* kOrigin = "snbf_block_write_dirty_flag";
+  if (lies_on_node(bitmap.fname(), bitmap.node)) {
+    snbf_log(kLogError,
+             "%s(): Can't set dirty flag in %s. The file must be moved to a different partition.",
+             kOrigin, bitmap.fname());
+    return -EINVAL;
+  }
+  const int truncate = flag != 0 ? PLAT_O_TRUNC : 0;
+  snbf_file* file =
+      snbf_fopen(bitmap.fname(), PLAT_O_WRONLY | PLAT_O_CREAT | PLAT_O_SYNC | truncate, kFileMode);
+  if (file == nullptr) return -EIO;
+  const u8 dirty = flag != 0 ? 1 : 0;
+  FileCursor cursor{file};
+  cursor.write(kMagic, sizeof(kMagic));
+  cursor.write(&dirty, sizeof(dirty));
+  snbf_fclose(file);
+  return cursor.error();
+}
+
+int is_dirty(FilterNode& node, u32 type) {
+  const ChangeBitmap bitmap{node, type};
+  SpinGuard hold{bitmap.node.bmp_spin};
+  return bitmap.is_dirty();
+}
+
+}  // namespace
+
+}  // namespace snbf
+
+using namespace snbf;
+
+int snbf_block_load_bmp(FilterNode& node, u32 type) {
+  constexpr const char* kOrigin = "snbf_block_load_bmp";
+  snbf_log(2, "%s(): Loading %s bitmap of snbf(%d, %d)", kOrigin, bmp_type_text(type),
+           snbf_blk_major, static_cast<int>(node.minor));
+  const ChangeBitmap bitmap{node, type};
+  VirtBuffer scratch{bitmap.size_bytes()};
+  if (!scratch) {
+    snbf_log(kLogError, "%s(): Failed to allocate %d bytes.", kOrigin,
+             static_cast<int>(bitmap.size_bytes()));
+    return -ENOMEM;
+  }
+  KsMutexGuard file_work{node.bmp_mutex};
+  return load_locked(bitmap, scratch.data());
+}
+
+int snbf_block_load_bmps(FilterNode& node) {
+  snbf_log(1, "%s(): Loading incr/diff bitmaps", "snbf_block_load_bmps");
+  KsMutexGuard file_work{node.bmp_mutex};
+  const int incr_rc = snbf_block_load_bmp(node, SNBF_BMP_INCR);
+  const int diff_rc = snbf_block_load_bmp(node, SNBF_BMP_DIFF);
+  return incr_rc != 0 ? incr_rc : diff_rc;
+}
+
+// 1. Snapshot under bmp_spin, the dirty field down: a bit set from here on raises it again and
+// queues a flag.
+// 2. Under bmp_mutex: cancel the flags queued until now, which this save makes needless; write the
+// whole file.
+// 3. On failure the dirty field goes up again.
+// Kept: a flag queued between 1 and 2 is cancelled although its bit is not in the file; the raised
+// dirty field brings it there with the next save.
+int snbf_block_save_bmp(FilterNode& node, u32 type) {
+  constexpr const char* kOrigin = "snbf_block_save_bmp";
+  snbf_log(2, "%s(): Saving %s bitmap of snbf(%d, %d)", kOrigin, bmp_type_text(type),
+           snbf_blk_major, static_cast<int>(node.minor));
+  const ChangeBitmap bitmap{node, type};
+  VirtBuffer snapshot{bitmap.size_bytes()};
+  if (!snapshot) {
+    snbf_log(kLogError, "%s(): Failed to allocate %d bytes.", kOrigin,
+             static_cast<int>(bitmap.size_bytes()));
+    return -ENOMEM;
+  }
+  {
+    SpinGuard hold{bitmap.node.bmp_spin};
+    bitmap.set_dirty(0);
+    mem_copy(snapshot.data(), bitmap.bits(), bitmap.size_bytes());
+  }
+  KsMutexGuard file_work{node.bmp_mutex};
+  snbf_kill_dirty_requests(node, type);
+  const int rc = save_locked(bitmap, snapshot.data());
+  if (rc != 0) {
+    SpinGuard hold{bitmap.node.bmp_spin};
+    bitmap.set_dirty(1);
+  }
+  return rc;
+}
+
+int snbf_block_save_dirty_bmps(FilterNode& node) {
+  snbf_log(1, "%s(): Saving dirty incr/diff bitmaps to disk", "snbf_block_save_dirty_bmps");
+  KsMutexGuard file_work{node.bmp_mutex};
+  int incr_rc = 0;
+  int diff_rc = 0;
+  if (is_dirty(node, SNBF_BMP_INCR)) incr_rc = snbf_block_save_bmp(node, SNBF_BMP_INCR);
+  if (is_dirty(node, SNBF_BMP_DIFF)) diff_rc = snbf_block_save_bmp(node, SNBF_BMP_DIFF);
+  return incr_rc != 0 ? incr_rc : diff_rc;
+}
+
+int snbf_block_write_dirty_flag(FilterNode& node, u32 type, int flag) {
+  snbf_log(2, "%s(): Writing dirty flag %d into %s bitmap of snbf(%d, %d)",
+           "snbf_block_write_dirty_flag", flag, bmp_type_text(type), snbf_blk_major,
+           static_cast<int>(node.minor));
+  const ChangeBitmap bitmap{node, type};
+  KsMutexGuard file_work{node.bmp_mutex};
+  if (flag == 0) snbf_kill_dirty_requests(node, type);
+  return write_flag_locked(bitmap, flag);
+}
+
+int snbf_ioctl_load_bmp(Node& node, snbf_bmp_sel& record) {
+  constexpr const char* kOrigin = "snbf_ioctl_load_bmp";
+  snbf_log(1, "%s(): Loading %s bitmap of snbf(%d, %d)", kOrigin, bmp_type_text(record.type),
+           snbf_blk_major, static_cast<int>(node.minor));
+  if (int rc = check_bmp_command(kOrigin, node, record.type); rc != 0) return rc;
+  return snbf_block_load_bmp(as_filter(node), record.type);
+}
+
+int snbf_ioctl_save_bmp(Node& node, snbf_bmp_sel& record) {
+  constexpr const char* kOrigin = "snbf_ioctl_save_bmp";
+  snbf_log(1, "%s(): Saving %s bitmap of snbf(%d, %d)", kOrigin, bmp_type_text(record.type),
+           snbf_blk_major, static_cast<int>(node.minor));
+  if (int rc = check_bmp_command(kOrigin, node, record.type); rc != 0) return rc;
+  return snbf_block_save_bmp(as_filter(node), record.type);
+}

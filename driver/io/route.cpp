@@ -1,0 +1,208 @@
+#include "io/route.h"
+
+#include "base/errno.h"
+#include "base/string.h"
+#include "core/log.h"
+#include "filter/bmp.h"
+#include "io/judge.h"
+
+namespace snbf {
+
+namespace {
+
+constexpr const char* kOrigin = "snbf_make_request";
+
+struct Request {
+  plat_bio* bio;
+  plat_bio_info info;
+
+  SectorRange sectors() const { return {Sector{info.sector}, info.size_bytes >> 9}; }
+  u32 minor() const { return dev_minor(info.device); }
+};
+
+// A COW thread's own request must not wait for memory that only that thread can give back. Looked
+// up only where something is allocated: the plain way through allocates nothing.
+AllocMode request_alloc_mode() {
+  char name[PLAT_TASK_NAME_BYTES];
+  snbf_plat_task_name(name);
+  return text_contains(name, "kcowd") ? PLAT_ALLOC_ATOMIC : PLAT_ALLOC_NOIO;
+}
+
+// Hands the caller's own request to the COW thread. A clone of it is dropped first: an append may
+// wait for memory that requests in flight hold, and the clone is one of those.
+int hold_request(FilterNode& filter, plat_bio* bio, plat_bio* clone, AllocMode mode) {
+  if (clone != nullptr) snbf_plat_bio_put(clone);
+  return snbf_cowqueue_append(&filter.cowqueue, newest_started_minor(filter), bio, mode);
+}
+
+// Stops counting where the verdict is settled: a chunk in use, and one not copied.
+ChunkCount count_chunks(SnapNode& snap, BlockSpan span) {
+  ChunkCount chunks = {span.count(), 0, 0};
+  for (u64 n = 0; n < chunks.all; ++n) {
+    const u64 chunk = span.first + n;
+    if (snbf_blkbmp_is_used(&snap.blkbmp, chunk)) ++chunks.in_use;
+    if (snbf_cowbmp_test_bit(&snap.cow_bmp, static_cast<int>(chunk)) != 0) ++chunks.copied;
+    if (chunks.in_use > 0 && chunks.copied <= n) break;
+  }
+  return chunks;
+}
+
+Verdict ask_snap(SnapNode& snap, const SectorRange& sectors) {
+  const bool valid = snap.snap_valid.load() != 0;
+  const BlockSpan span = BlockGeometry{snap.chunk_shift}.covering(sectors);
+  return judge_write(valid, valid ? count_chunks(snap, span) : ChunkCount{});
+}
+
+// Whether a chunk's old contents lie in the COW data file of this snap or of a newer one.
+bool is_copied_from(SnapNode& snap, u64 chunk) {
+  for (SnapNode* holder = &snap; holder != nullptr;
+       holder = List<SnapNode, BySnapOrder>::next(holder)) {
+    if (holder->started.load() == 0 || holder->snap_valid.load() == 0) continue;
+    if (snbf_cowbmp_test_bit(&holder->cow_bmp, static_cast<int>(chunk)) != 0) return true;
+  }
+  return false;
+}
+
+bool must_hold_read(SnapNode& snap, FilterNode& filter, const Request& request) {
+  if (snbf_cowqueue_find_overlap_req(&filter.cowqueue, 0, 1, request.bio) != 0) return true;
+  const BlockSpan span = BlockGeometry{snap.chunk_shift}.covering(request.sectors());
+  const u64 count = span.count();
+  for (u64 n = 0; n < count; ++n) {
+    if (is_copied_from(snap, span.first + n)) return true;
+  }
+  return false;
+}
+
+// A filter node with snaps: through the tracker or into the COW queue.
+int route_beside_snaps(FilterNode& filter, const Request& request) {
+  const AllocMode mode = request_alloc_mode();
+  plat_bio* clone = snbf_aio_clone(&filter.aio, request.bio, 1, mode);
+  if (clone == nullptr) return hold_request(filter, request.bio, nullptr, mode);
+  if (request.info.is_write) {
+    // A write that overlaps a held request waits behind it; that keeps writes to the same sectors
+    // in order.
+    if (snbf_cowqueue_find_overlap_req(&filter.cowqueue, 1, 1, request.bio) != 0 ||
+        must_hold_write(filter, request.sectors())) {
+      return hold_request(filter, request.bio, clone, mode);
+    }
+  }
+  snbf_plat_bio_submit(clone, filter.hdd_bdev);
+  return 0;
+}
+
+// These routes answer 0 when the request is passed on or queued, else the error to complete it
+// with.
+
+int route_filter(FilterNode& filter, const Request& request) {
+  KsReadGuard io{filter.io_rwlock};
+  filter.io_req_cnt.fetch_add(1);
+  const bool has_data = request.info.size_bytes >= kSectorBytes;
+  if (has_data && request.info.is_write) mark_extents(filter, request.sectors());
+  if (has_data && !filter.snaps.empty()) return route_beside_snaps(filter, request);
+  snbf_plat_bio_forward(request.bio, filter.hdd_bdev);
+  return 0;
+}
+
+int route_snap(SnapNode& snap, const Request& request) {
+  const int minor = static_cast<int>(snap.minor);
+  if (snap.filter_node == nullptr || snap.filter_node->dev_type != kFilterNode) {
+    snbf_log(kLogError, "%s(): Request for unattached snap device snbf(%d, %d)", kOrigin,
+             snbf_blk_major, minor);
+    return -EINVAL;
+  }
+  FilterNode& filter = *snap.filter_node;
+  if (snap.snap_valid.load() == 0 || snap.stop_pending.load() != 0) {
+    snbf_log(kLogError,
+             "%s(): I/O request for snbf(%d, %d), which is in STOP_PENDING state or INVALID.",
+             kOrigin, snbf_blk_major, minor);
+    return -EIO;
+  }
+  if (request.info.is_write) {
+    snbf_log(kLogError, "%s(): Write request to snap snbf(%d, %d)", kOrigin, snbf_blk_major, minor);
+    return -EROFS;
+  }
+  if (request.info.size_bytes == 0) {
+    snbf_plat_bio_forward(request.bio, filter.hdd_bdev);
+    return 0;
+  }
+  const AllocMode mode = request_alloc_mode();
+  // The tracker first and the bitmaps second: a write that arrives in between waits for this read,
+  // which may be on its way to the partition for the old contents.
+  plat_bio* clone = snbf_aio_clone(&filter.aio, request.bio, 1, mode);
+  if (clone == nullptr) return hold_request(filter, request.bio, nullptr, mode);
+  if (must_hold_read(snap, filter, request)) {
+    return hold_request(filter, request.bio, clone, mode);
+  }
+  snbf_plat_bio_submit(clone, filter.hdd_bdev);
+  return 0;
+}
+
+int route(const Request& request) {
+  Node* node = find_node(request.minor());
+  if (node == nullptr) {
+    snbf_log(kLogError, "%s(): Nothing is known about SNBF device with minor=%d", kOrigin,
+             static_cast<int>(request.minor()));
+    return -EINVAL;
+  }
+  if (node->started.load() == 0) {
+    snbf_log(kLogError, "%s(): I/O request for snbf(%d, %d), which is in STOPPED state.", kOrigin,
+             snbf_blk_major, static_cast<int>(node->minor));
+    return -EIO;
+  }
+  switch (node->dev_type) {
+    case kFilterNode:
+      return route_filter(as_filter(*node), request);
+    case kSnapNode:
+      return route_snap(as_snap(*node), request);
+    default:
+      return 0;  // Kept: nothing answers a request to a node of no known kind.
+  }
+}
+
+}  // namespace
+
+bool must_hold_write(FilterNode& filter, const SectorRange& sectors) {
+  using Snaps = List<SnapNode, BySnapOrder>;
+  for (SnapNode* snap = filter.snaps.last(); snap != nullptr; snap = Snaps::prev(snap)) {
+    if (snap->started.load() == 0) continue;
+    switch (ask_snap(*snap, sectors)) {
+      case Verdict::Pass:
+        return false;
+      case Verdict::Hold:
+        return true;
+      case Verdict::AskOlderSnap:
+        break;
+    }
+  }
+  return false;
+}
+
+int newest_started_minor(const FilterNode& filter) {
+  using Snaps = List<SnapNode, BySnapOrder>;
+  for (const SnapNode* snap = filter.snaps.last(); snap != nullptr; snap = Snaps::prev(snap)) {
+    if (snap->started.load() != 0) return static_cast<int>(snap->minor);
+  }
+  return 0;
+}
+
+}  // namespace snbf
+
+using namespace snbf;
+
+extern "C" int snbf_make_request(void* /*queue*/, plat_bio* bio) {
+  Request request = {bio, {}};
+  snbf_plat_bio_info(bio, &request.info);
+  if (log_enabled(4)) {
+    snbf_log(4, "%s(): minor=%d, sector=%lld, sectors=%d, rw=%d", kOrigin,
+             static_cast<int>(request.minor()), static_cast<long long>(request.info.sector),
+             static_cast<int>(request.info.size_bytes >> 9), request.info.is_write);
+  }
+  snbf_blkdev_rwlock.pause_for_writer();
+  snbf_blkdev_rwlock.read_lock();
+  const int rc = route(request);
+  snbf_blkdev_rwlock.read_unlock();
+  // A request that was passed on or queued is no longer ours to look at; only these errors leave it
+  // here.
+  if (rc < 0) snbf_plat_bio_complete(bio, rc);
+  return 0;
+}

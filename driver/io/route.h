@@ -1,0 +1,17 @@
+// Where a request to a node goes. snbf_make_request, the request function of every node, is
+// declared in platform/entry.h.
+#pragma once
+
+#include "base/units.h"
+#include "block/node.h"
+
+namespace snbf {
+
+// Whether a write to these sectors must be held for a snap of the filter node. io_rwlock is held
+// for reading.
+bool must_hold_write(FilterNode& filter, const SectorRange& sectors);
+
+// The minor that held requests are tagged with: of the newest started snap; 0 if there is none.
+int newest_started_minor(const FilterNode& filter);
+
+}  // namespace snbf
