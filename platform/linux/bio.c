@@ -3,9 +3,10 @@
  * Requests: those that come to a node, and those of the driver's own.
  *
  * Statistics of a node. A request passed on in place has no completion of ours: it is counted when
- * it is sent on, without a latency. A request that was cloned is in flight from its first clone until
- * it is completed here (or passed on after all). When that began stands in its bi_cookie: the word
- * serves polling alone, which a node does not offer. BLK_QC_T_NONE says that it is not in flight.
+ * it is sent on, without a latency. A request that was cloned is in flight from its first clone
+ * until it is completed here (or passed on after all). When that began stands in its bi_cookie: the
+ * word serves polling alone, which a node does not offer. BLK_QC_T_NONE says that it is not in
+ * flight.
  */
 #include "bio.h"
 
@@ -38,25 +39,17 @@ static struct bio_set split_bios;
 
 static_assert(sizeof(struct bvec_iter) <= sizeof(plat_bio_cursor));
 
-static struct bio* bio_of(const plat_bio* bio)
-{
-  return (struct bio*)bio;
-}
+static struct bio* bio_of(const plat_bio* bio) { return (struct bio*)bio; }
 
-static struct block_device* bdev_of(plat_bdev* bdev)
-{
-  return (struct block_device*)bdev;
-}
+static struct block_device* bdev_of(plat_bdev* bdev) { return (struct block_device*)bdev; }
 
-static struct own_bio* own_of(const plat_bio* bio)
-{
+static struct own_bio* own_of(const plat_bio* bio) {
   return container_of(bio_of(bio), struct own_bio, bio);
 }
 
-int snbf_bio_sets_init(void)
-{
-  int rc = bioset_init(&own_bios, OWN_BIO_RESERVE, offsetof(struct own_bio, bio),
-                       BIOSET_NEED_BVECS);
+int snbf_bio_sets_init(void) {
+  int rc =
+      bioset_init(&own_bios, OWN_BIO_RESERVE, offsetof(struct own_bio, bio), BIOSET_NEED_BVECS);
 
   if (rc != 0) return rc;
   rc = bioset_init(&split_bios, SPLIT_BIO_RESERVE, 0, 0);
@@ -64,8 +57,7 @@ int snbf_bio_sets_init(void)
   return rc;
 }
 
-void snbf_bio_sets_exit(void)
-{
+void snbf_bio_sets_exit(void) {
   bioset_exit(&split_bios);
   bioset_exit(&own_bios);
 }
@@ -74,8 +66,7 @@ void snbf_bio_sets_exit(void)
  * The part that the driver may take at once. The rest goes back to the block layer and comes again
  * when this call of the submit function is over: by then its forerunner is on its way.
  */
-static struct bio* split_off(struct bio* bio)
-{
+static struct bio* split_off(struct bio* bio) {
   struct bio* part = bio_split(bio, MAX_REQUEST_SECTORS, GFP_NOIO, &split_bios);
 
   part->bi_cookie = BLK_QC_T_NONE;
@@ -84,15 +75,13 @@ static struct bio* split_off(struct bio* bio)
   return part;
 }
 
-void snbf_node_submit_bio(struct bio* bio)
-{
+void snbf_node_submit_bio(struct bio* bio) {
   bio->bi_cookie = BLK_QC_T_NONE;
   if (unlikely(bio_sectors(bio) > MAX_REQUEST_SECTORS)) bio = split_off(bio);
   snbf_make_request(bio->bi_bdev->bd_disk->queue, (plat_bio*)bio);
 }
 
-static void account_begin(struct bio* bio)
-{
+static void account_begin(struct bio* bio) {
   u32 now = jiffies;
 
   if (bio->bi_cookie != BLK_QC_T_NONE || !blk_queue_io_stat(bdev_get_queue(bio->bi_bdev))) return;
@@ -101,8 +90,7 @@ static void account_begin(struct bio* bio)
 }
 
 /* 1 if it was in flight. */
-static bool account_end(struct bio* bio)
-{
+static bool account_end(struct bio* bio) {
   unsigned long now = jiffies;
 
   if (likely(bio->bi_cookie == BLK_QC_T_NONE)) return false;
@@ -111,8 +99,7 @@ static bool account_end(struct bio* bio)
   return true;
 }
 
-static void account_passed_on(struct bio* bio)
-{
+static void account_passed_on(struct bio* bio) {
   struct block_device* node = bio->bi_bdev;
   const int group = op_stat_group(bio_op(bio));
 
@@ -123,8 +110,7 @@ static void account_passed_on(struct bio* bio)
   part_stat_unlock();
 }
 
-void snbf_plat_bio_info(const plat_bio* request, plat_bio_info* info)
-{
+void snbf_plat_bio_info(const plat_bio* request, plat_bio_info* info) {
   const struct bio* bio = bio_of(request);
 
   info->sector = bio->bi_iter.bi_sector;
@@ -133,8 +119,7 @@ void snbf_plat_bio_info(const plat_bio* request, plat_bio_info* info)
   info->is_write = op_is_write(bio_op(bio));
 }
 
-void snbf_plat_bio_forward(plat_bio* request, plat_bdev* bdev)
-{
+void snbf_plat_bio_forward(plat_bio* request, plat_bdev* bdev) {
   struct bio* bio = bio_of(request);
 
   if (!account_end(bio)) account_passed_on(bio);
@@ -142,8 +127,7 @@ void snbf_plat_bio_forward(plat_bio* request, plat_bdev* bdev)
   submit_bio_noacct(bio);
 }
 
-void snbf_plat_bio_complete(plat_bio* request, int error)
-{
+void snbf_plat_bio_complete(plat_bio* request, int error) {
   struct bio* bio = bio_of(request);
 
   account_end(bio);
@@ -152,8 +136,7 @@ void snbf_plat_bio_complete(plat_bio* request, int error)
   bio_endio(bio);
 }
 
-plat_bio* snbf_plat_bio_clone(plat_bio* original, plat_alloc_mode mode)
-{
+plat_bio* snbf_plat_bio_clone(plat_bio* original, plat_alloc_mode mode) {
   struct bio* from = bio_of(original);
   struct bio* clone = bio_alloc_clone(from->bi_bdev, from, snbf_gfp(mode), &own_bios);
   struct own_bio* own;
@@ -167,8 +150,7 @@ plat_bio* snbf_plat_bio_clone(plat_bio* original, plat_alloc_mode mode)
   return (plat_bio*)clone;
 }
 
-plat_bio* snbf_plat_bio_alloc(plat_alloc_mode mode)
-{
+plat_bio* snbf_plat_bio_alloc(plat_alloc_mode mode) {
   struct bio* bio = bio_alloc_bioset(NULL, 1, REQ_OP_READ, snbf_gfp(mode), &own_bios);
   struct own_bio* own;
 
@@ -181,8 +163,7 @@ plat_bio* snbf_plat_bio_alloc(plat_alloc_mode mode)
 }
 
 void snbf_plat_bio_set_page(plat_bio* request, int write, plat_u64 sector, void* page,
-                            plat_u32 bytes)
-{
+                            plat_u32 bytes) {
   struct bio* bio = bio_of(request);
 
   bio_reset(bio, NULL, write ? REQ_OP_WRITE | REQ_SYNC : REQ_OP_READ);
@@ -191,35 +172,21 @@ void snbf_plat_bio_set_page(plat_bio* request, int write, plat_u64 sector, void*
   own_of(request)->bytes_left = bytes;
 }
 
-void snbf_plat_bio_set_hooks(plat_bio* bio, const plat_bio_hooks* hooks, void* context)
-{
+void snbf_plat_bio_set_hooks(plat_bio* bio, const plat_bio_hooks* hooks, void* context) {
   own_of(bio)->hooks = hooks;
   own_of(bio)->context = context;
 }
 
-const plat_bio_hooks* snbf_plat_bio_hooks(const plat_bio* bio)
-{
-  return own_of(bio)->hooks;
-}
+const plat_bio_hooks* snbf_plat_bio_hooks(const plat_bio* bio) { return own_of(bio)->hooks; }
 
-void* snbf_plat_bio_context(const plat_bio* bio)
-{
-  return own_of(bio)->context;
-}
+void* snbf_plat_bio_context(const plat_bio* bio) { return own_of(bio)->context; }
 
-plat_u32 snbf_plat_bio_bytes_left(const plat_bio* bio)
-{
-  return own_of(bio)->bytes_left;
-}
+plat_u32 snbf_plat_bio_bytes_left(const plat_bio* bio) { return own_of(bio)->bytes_left; }
 
-int snbf_plat_bio_is_uptodate(const plat_bio* bio)
-{
-  return bio_of(bio)->bi_status == BLK_STS_OK;
-}
+int snbf_plat_bio_is_uptodate(const plat_bio* bio) { return bio_of(bio)->bi_status == BLK_STS_OK; }
 
 /* This kernel calls once, when the whole request is done. The hook may free the request. */
-static void own_bio_end(struct bio* bio)
-{
+static void own_bio_end(struct bio* bio) {
   struct own_bio* own = container_of(bio, struct own_bio, bio);
   const u32 bytes_done = own->bytes_left;
 
@@ -228,8 +195,7 @@ static void own_bio_end(struct bio* bio)
     own->hooks->end_io((plat_bio*)bio, bytes_done, blk_status_to_errno(bio->bi_status));
 }
 
-void snbf_plat_bio_submit(plat_bio* request, plat_bdev* bdev)
-{
+void snbf_plat_bio_submit(plat_bio* request, plat_bdev* bdev) {
   struct bio* bio = bio_of(request);
 
   bio->bi_end_io = own_bio_end;
@@ -237,16 +203,14 @@ void snbf_plat_bio_submit(plat_bio* request, plat_bdev* bdev)
   submit_bio_noacct(bio);
 }
 
-void snbf_plat_bio_put(plat_bio* bio)
-{
+void snbf_plat_bio_put(plat_bio* bio) {
   const plat_bio_hooks* hooks = own_of(bio)->hooks;
 
   if (hooks && hooks->destroy) hooks->destroy(bio);
   bio_put(bio_of(bio));
 }
 
-void snbf_plat_bio_cursor_init(const plat_bio* request, plat_bio_cursor* cursor)
-{
+void snbf_plat_bio_cursor_init(const plat_bio* request, plat_bio_cursor* cursor) {
   const struct bio* bio = bio_of(request);
   struct bvec_iter* iter = (struct bvec_iter*)cursor;
 
@@ -255,8 +219,7 @@ void snbf_plat_bio_cursor_init(const plat_bio* request, plat_bio_cursor* cursor)
   if (!bio_has_data(bio_of(request))) iter->bi_size = 0;
 }
 
-int snbf_plat_bio_next_segment(plat_bio* request, plat_bio_cursor* cursor, plat_segment* segment)
-{
+int snbf_plat_bio_next_segment(plat_bio* request, plat_bio_cursor* cursor, plat_segment* segment) {
   struct bio* bio = bio_of(request);
   struct bvec_iter* iter = (struct bvec_iter*)cursor;
   struct bio_vec piece;

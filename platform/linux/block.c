@@ -26,14 +26,10 @@ struct opening {
 static LIST_HEAD(openings);
 static DEFINE_SPINLOCK(openings_lock);
 
-static struct block_device* bdev_of(plat_bdev* bdev)
-{
-  return (struct block_device*)bdev;
-}
+static struct block_device* bdev_of(plat_bdev* bdev) { return (struct block_device*)bdev; }
 
 int snbf_plat_bdev_open(plat_devt device, int mode, plat_open_kind kind, void* holder,
-                        plat_bdev** bdev)
-{
+                        plat_bdev** bdev) {
   struct opening* opening = kmalloc(sizeof(*opening), GFP_KERNEL);
 
   if (!opening) return -ENOMEM;
@@ -53,8 +49,7 @@ int snbf_plat_bdev_open(plat_devt device, int mode, plat_open_kind kind, void* h
 }
 
 /* The opening, no longer listed; null if there is none such. */
-static struct opening* take_opening(struct block_device* bdev, void* holder)
-{
+static struct opening* take_opening(struct block_device* bdev, void* holder) {
   struct opening* found = NULL;
   struct opening* each;
 
@@ -70,8 +65,7 @@ static struct opening* take_opening(struct block_device* bdev, void* holder)
   return found;
 }
 
-int snbf_plat_bdev_close(plat_bdev* bdev, plat_open_kind kind, int mode, void* holder)
-{
+int snbf_plat_bdev_close(plat_bdev* bdev, plat_open_kind kind, int mode, void* holder) {
   struct opening* opening =
       take_opening(bdev_of(bdev), kind == PLAT_OPEN_EXCLUSIVE ? holder : NULL);
 
@@ -81,50 +75,27 @@ int snbf_plat_bdev_close(plat_bdev* bdev, plat_open_kind kind, int mode, void* h
   return 0;
 }
 
-int snbf_plat_bdev_is_mounted(plat_bdev* bdev)
-{
-  return snbf_bdev_has_file_system(bdev_of(bdev));
-}
+int snbf_plat_bdev_is_mounted(plat_bdev* bdev) { return snbf_bdev_has_file_system(bdev_of(bdev)); }
 
-int snbf_plat_bdev_openers(plat_bdev* bdev)
-{
-  return atomic_read(&bdev_of(bdev)->bd_openers);
-}
+int snbf_plat_bdev_openers(plat_bdev* bdev) { return atomic_read(&bdev_of(bdev)->bd_openers); }
 
-plat_u64 snbf_plat_bdev_bytes(plat_bdev* bdev)
-{
-  return bdev_nr_bytes(bdev_of(bdev));
-}
+plat_u64 snbf_plat_bdev_bytes(plat_bdev* bdev) { return bdev_nr_bytes(bdev_of(bdev)); }
 
-plat_u32 snbf_plat_bdev_block_bytes(plat_bdev* bdev)
-{
+plat_u32 snbf_plat_bdev_block_bytes(plat_bdev* bdev) {
   return bdev_logical_block_size(bdev_of(bdev));
 }
 
-plat_devt snbf_plat_bdev_device(plat_bdev* bdev)
-{
-  return bdev_of(bdev)->bd_dev;
-}
+plat_devt snbf_plat_bdev_device(plat_bdev* bdev) { return bdev_of(bdev)->bd_dev; }
 
-int snbf_plat_bdev_is_zoned(plat_bdev* bdev)
-{
-  return bdev_is_zoned(bdev_of(bdev));
-}
+int snbf_plat_bdev_is_zoned(plat_bdev* bdev) { return bdev_is_zoned(bdev_of(bdev)); }
 
-int snbf_plat_bdev_ioctl(plat_bdev* bdev, int mode, unsigned cmd, unsigned long arg)
-{
+int snbf_plat_bdev_ioctl(plat_bdev* bdev, int mode, unsigned cmd, unsigned long arg) {
   const struct block_device_operations* ops = bdev_of(bdev)->bd_disk->fops;
 
   if (!ops->ioctl) return 0;
   return ops->ioctl(bdev_of(bdev), (__force snbf_blk_mode)mode, cmd, arg);
 }
 
-int snbf_plat_bdev_freeze(plat_bdev* bdev)
-{
-  return snbf_bdev_freeze(bdev_of(bdev));
-}
+int snbf_plat_bdev_freeze(plat_bdev* bdev) { return snbf_bdev_freeze(bdev_of(bdev)); }
 
-int snbf_plat_bdev_thaw(plat_bdev* bdev)
-{
-  return snbf_bdev_thaw(bdev_of(bdev));
-}
+int snbf_plat_bdev_thaw(plat_bdev* bdev) { return snbf_bdev_thaw(bdev_of(bdev)); }

@@ -22,8 +22,7 @@ typedef struct device snbf_devnode_device;
 #endif
 
 /* 6.4: a class has no owner. */
-static inline struct class* snbf_class_create(const char* name)
-{
+static inline struct class* snbf_class_create(const char* name) {
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 4, 0)
   return class_create(name);
 #else
@@ -49,56 +48,41 @@ typedef blk_mode_t snbf_blk_mode;
 #define SNBF_BLK_WRITE BLK_OPEN_WRITE
 #define SNBF_RELEASE_MODE
 typedef struct gendisk snbf_blk_opened;
-static inline struct block_device* snbf_opened_bdev(struct gendisk* disk)
-{
-  return disk->part0;
-}
+static inline struct block_device* snbf_opened_bdev(struct gendisk* disk) { return disk->part0; }
 #else
 typedef fmode_t snbf_blk_mode;
 #define SNBF_BLK_READ FMODE_READ
 #define SNBF_BLK_WRITE FMODE_WRITE
 #define SNBF_RELEASE_MODE , fmode_t mode
 typedef struct block_device snbf_blk_opened;
-static inline struct block_device* snbf_opened_bdev(struct block_device* bdev)
-{
-  return bdev;
-}
+static inline struct block_device* snbf_opened_bdev(struct block_device* bdev) { return bdev; }
 #endif
 
 /* 6.9: an opened block device is a file. */
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 9, 0)
 typedef struct file snbf_bdev_handle;
-static inline snbf_bdev_handle* snbf_bdev_open(dev_t device, snbf_blk_mode mode, void* holder)
-{
+static inline snbf_bdev_handle* snbf_bdev_open(dev_t device, snbf_blk_mode mode, void* holder) {
   return bdev_file_open_by_dev(device, mode, holder, NULL);
 }
-static inline struct block_device* snbf_bdev_of_handle(snbf_bdev_handle* handle)
-{
+static inline struct block_device* snbf_bdev_of_handle(snbf_bdev_handle* handle) {
   return file_bdev(handle);
 }
-static inline void snbf_bdev_close(snbf_bdev_handle* handle, snbf_blk_mode mode, void* holder)
-{
+static inline void snbf_bdev_close(snbf_bdev_handle* handle, snbf_blk_mode mode, void* holder) {
   bdev_fput(handle);
 }
 #else
 typedef struct block_device snbf_bdev_handle;
-static inline snbf_bdev_handle* snbf_bdev_open(dev_t device, snbf_blk_mode mode, void* holder)
-{
+static inline snbf_bdev_handle* snbf_bdev_open(dev_t device, snbf_blk_mode mode, void* holder) {
   return blkdev_get_by_dev(device, mode | (holder ? FMODE_EXCL : 0), holder);
 }
-static inline struct block_device* snbf_bdev_of_handle(snbf_bdev_handle* handle)
-{
-  return handle;
-}
-static inline void snbf_bdev_close(snbf_bdev_handle* handle, snbf_blk_mode mode, void* holder)
-{
+static inline struct block_device* snbf_bdev_of_handle(snbf_bdev_handle* handle) { return handle; }
+static inline void snbf_bdev_close(snbf_bdev_handle* handle, snbf_blk_mode mode, void* holder) {
   blkdev_put(handle, mode | (holder ? FMODE_EXCL : 0));
 }
 #endif
 
 /* Who holds a device, as a file system that is mounted on it does. */
-static inline bool snbf_bdev_has_file_system(struct block_device* bdev)
-{
+static inline bool snbf_bdev_has_file_system(struct block_device* bdev) {
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 6, 0)
   return READ_ONCE(bdev->bd_holder_ops) == &fs_holder_ops;
 #else
@@ -106,8 +90,7 @@ static inline bool snbf_bdev_has_file_system(struct block_device* bdev)
 #endif
 }
 
-static inline int snbf_bdev_freeze(struct block_device* bdev)
-{
+static inline int snbf_bdev_freeze(struct block_device* bdev) {
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 8, 0)
   return bdev_freeze(bdev);
 #else
@@ -115,8 +98,7 @@ static inline int snbf_bdev_freeze(struct block_device* bdev)
 #endif
 }
 
-static inline int snbf_bdev_thaw(struct block_device* bdev)
-{
+static inline int snbf_bdev_thaw(struct block_device* bdev) {
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 8, 0)
   return bdev_thaw(bdev);
 #else
@@ -129,8 +111,7 @@ static inline int snbf_bdev_thaw(struct block_device* bdev)
  * device below does not need, its own queue drops. No NOWAIT, no polling. Null on failure.
  */
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 11, 0)
-static inline struct gendisk* snbf_disk_create(struct block_device* below)
-{
+static inline struct gendisk* snbf_disk_create(struct block_device* below) {
   struct queue_limits limits;
   struct gendisk* disk;
 
@@ -142,8 +123,7 @@ static inline struct gendisk* snbf_disk_create(struct block_device* below)
   return IS_ERR(disk) ? NULL : disk;
 }
 #else
-static inline struct gendisk* snbf_disk_create(struct block_device* below)
-{
+static inline struct gendisk* snbf_disk_create(struct block_device* below) {
   struct gendisk* disk = blk_alloc_disk(NUMA_NO_NODE);
 
   if (!disk) return NULL;

@@ -14,29 +14,24 @@
 
 static struct class* control_class;
 
-static int control_open(struct inode* inode, struct file* file)
-{
+static int control_open(struct inode* inode, struct file* file) {
   return snbf_char_open(inode, file);
 }
 
-static int control_release(struct inode* inode, struct file* file)
-{
+static int control_release(struct inode* inode, struct file* file) {
   return snbf_char_release(inode, file);
 }
 
-static ssize_t control_read(struct file* file, char __user* to, size_t bytes, loff_t* position)
-{
+static ssize_t control_read(struct file* file, char __user* to, size_t bytes, loff_t* position) {
   return snbf_char_read(file, (unsigned long)to, bytes, (plat_s64*)position);
 }
 
 static ssize_t control_write(struct file* file, const char __user* from, size_t bytes,
-                             loff_t* position)
-{
+                             loff_t* position) {
   return snbf_char_write(file, (unsigned long)from, bytes, (plat_s64*)position);
 }
 
-static long control_ioctl(struct file* file, unsigned int cmd, unsigned long arg)
-{
+static long control_ioctl(struct file* file, unsigned int cmd, unsigned long arg) {
   return snbf_char_ioctl(file_inode(file), file, cmd, arg);
 }
 
@@ -49,14 +44,12 @@ static const struct file_operations control_operations = {
     .unlocked_ioctl = control_ioctl,
 };
 
-static char* control_file_mode(snbf_devnode_device* device, umode_t* mode)
-{
+static char* control_file_mode(snbf_devnode_device* device, umode_t* mode) {
   if (mode) *mode = 0600;
   return NULL;
 }
 
-static int control_file_create(int major, const char* name)
-{
+static int control_file_create(int major, const char* name) {
   struct device* device;
 
   control_class = snbf_class_create(name);
@@ -68,8 +61,7 @@ static int control_file_create(int major, const char* name)
   return PTR_ERR(device);
 }
 
-int snbf_plat_chrdev_register(int major, const char* name)
-{
+int snbf_plat_chrdev_register(int major, const char* name) {
   const int granted = register_chrdev(major, name, &control_operations);
   int rc;
 
@@ -80,8 +72,7 @@ int snbf_plat_chrdev_register(int major, const char* name)
   return rc;
 }
 
-void snbf_plat_chrdev_unregister(int major, const char* name)
-{
+void snbf_plat_chrdev_unregister(int major, const char* name) {
   device_destroy(control_class, MKDEV(major, 0));
   class_destroy(control_class);
   unregister_chrdev(major, name);

@@ -2,10 +2,11 @@
 /*
  * The disks that the nodes are.
  *
- * Their operations have no owner: the driver takes the module's reference in its open. So the kernel
- * may still read the operations of a disk that was just closed, or look at a deleted one that it is
- * about to open, while the module is on its way out. Therefore putting a disk waits until its last
- * reference is gone (wait_until_freed), and unload, which puts every disk, cannot free the text early.
+ * Their operations have no owner: the driver takes the module's reference in its open. So the
+ * kernel may still read the operations of a disk that was just closed, or look at a deleted one
+ * that it is about to open, while the module is on its way out. Therefore putting a disk waits
+ * until its last reference is gone (wait_until_freed), and unload, which puts every disk, cannot
+ * free the text early.
  */
 #include "platform/disk.h"
 
@@ -28,26 +29,22 @@ struct plat_disk {
   struct completion freed;
 };
 
-static int node_open(snbf_blk_opened* opened, snbf_blk_mode mode)
-{
+static int node_open(snbf_blk_opened* opened, snbf_blk_mode mode) {
   struct block_device* bdev = snbf_opened_bdev(opened);
 
   return snbf_block_open((plat_bdev*)bdev, disk_devt(bdev->bd_disk));
 }
 
-static void node_release(struct gendisk* gendisk SNBF_RELEASE_MODE)
-{
+static void node_release(struct gendisk* gendisk SNBF_RELEASE_MODE) {
   snbf_block_release(disk_devt(gendisk));
 }
 
 static int node_ioctl(struct block_device* bdev, snbf_blk_mode mode, unsigned int cmd,
-                      unsigned long arg)
-{
+                      unsigned long arg) {
   return snbf_block_ioctl(disk_devt(bdev->bd_disk), (__force int)mode, cmd, arg);
 }
 
-static void node_freed(struct gendisk* gendisk)
-{
+static void node_freed(struct gendisk* gendisk) {
   struct plat_disk* disk = gendisk->private_data;
 
   disk->freed_by = current;
@@ -62,18 +59,11 @@ static const struct block_device_operations node_operations = {
     .free_disk = node_freed,
 };
 
-int snbf_plat_blkdev_register(int major, const char* name)
-{
-  return register_blkdev(major, name);
-}
+int snbf_plat_blkdev_register(int major, const char* name) { return register_blkdev(major, name); }
 
-void snbf_plat_blkdev_unregister(int major, const char* name)
-{
-  unregister_blkdev(major, name);
-}
+void snbf_plat_blkdev_unregister(int major, const char* name) { unregister_blkdev(major, name); }
 
-plat_disk* snbf_plat_disk_alloc(const plat_disk_params* params)
-{
+plat_disk* snbf_plat_disk_alloc(const plat_disk_params* params) {
   struct plat_disk* disk = kzalloc(sizeof(*disk), GFP_KERNEL);
   struct gendisk* gendisk;
 
@@ -98,8 +88,7 @@ plat_disk* snbf_plat_disk_alloc(const plat_disk_params* params)
   return disk;
 }
 
-int snbf_plat_disk_add(plat_disk* disk)
-{
+int snbf_plat_disk_add(plat_disk* disk) {
   const int rc = device_add_disk(NULL, disk->gendisk, NULL);
 
   if (rc != 0) return rc;
@@ -109,27 +98,23 @@ int snbf_plat_disk_add(plat_disk* disk)
   return 0;
 }
 
-void snbf_plat_disk_set_read_only(plat_disk* disk, int read_only)
-{
+void snbf_plat_disk_set_read_only(plat_disk* disk, int read_only) {
   set_disk_ro(disk->gendisk, read_only);
 }
 
-void snbf_plat_disk_del(plat_disk* disk)
-{
+void snbf_plat_disk_del(plat_disk* disk) {
   if (disk->linked) bd_unlink_disk_holder(disk->below, disk->gendisk);
   disk->linked = false;
   del_gendisk(disk->gendisk);
 }
 
-static void wait_until_freed(struct plat_disk* disk)
-{
+static void wait_until_freed(struct plat_disk* disk) {
   wait_for_completion(&disk->freed);
   /* Another task may not have left node_freed yet: wait until none can be inside this text. */
   if (disk->freed_by != current) synchronize_rcu_tasks();
 }
 
-void snbf_plat_disk_put(plat_disk* disk)
-{
+void snbf_plat_disk_put(plat_disk* disk) {
   put_disk(disk->gendisk);
   if (disk->added) wait_until_freed(disk);
   put_device(&disk->below->bd_device);

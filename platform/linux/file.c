@@ -23,15 +23,13 @@ struct plat_path {
 };
 
 /* The init task shares its root with the kernel's first task, which is always there. */
-static void get_init_root(struct path* root)
-{
+static void get_init_root(struct path* root) {
   task_lock(&init_task);
   get_fs_root(init_task.fs, root);
   task_unlock(&init_task);
 }
 
-static int lookup(const char* name, unsigned int flags, struct path* path)
-{
+static int lookup(const char* name, unsigned int flags, struct path* path) {
   struct path root;
   int rc;
 
@@ -41,8 +39,7 @@ static int lookup(const char* name, unsigned int flags, struct path* path)
   return rc;
 }
 
-int snbf_plat_file_open(const char* path, int flags, int mode, plat_file** file)
-{
+int snbf_plat_file_open(const char* path, int flags, int mode, plat_file** file) {
   int open_flags = (flags & (O_ACCMODE | O_CREAT | O_TRUNC)) | O_LARGEFILE;
   struct path root;
   struct file* opened;
@@ -56,8 +53,7 @@ int snbf_plat_file_open(const char* path, int flags, int mode, plat_file** file)
   return 0;
 }
 
-int snbf_plat_file_close(plat_file* file)
-{
+int snbf_plat_file_close(plat_file* file) {
   struct file* open = (struct file*)file;
   int rc;
 
@@ -70,35 +66,30 @@ int snbf_plat_file_close(plat_file* file)
   return rc;
 }
 
-plat_s64 snbf_plat_file_read(plat_file* file, plat_u64 position, void* to, plat_size bytes)
-{
+plat_s64 snbf_plat_file_read(plat_file* file, plat_u64 position, void* to, plat_size bytes) {
   loff_t at = position;
 
   return kernel_read((struct file*)file, to, bytes, &at);
 }
 
 plat_s64 snbf_plat_file_write(plat_file* file, plat_u64 position, const void* from,
-                              plat_size bytes)
-{
+                              plat_size bytes) {
   loff_t at = position;
 
   return kernel_write((struct file*)file, from, bytes, &at);
 }
 
-int snbf_plat_file_sync(plat_file* file)
-{
+int snbf_plat_file_sync(plat_file* file) {
   struct file* open = (struct file*)file;
 
   return open->f_op->fsync ? vfs_fsync(open, 0) : 0;
 }
 
-plat_u64 snbf_plat_file_size(plat_file* file)
-{
+plat_u64 snbf_plat_file_size(plat_file* file) {
   return i_size_read(((struct file*)file)->f_mapping->host);
 }
 
-int snbf_plat_path_lookup(const char* path, int follow, plat_path** found)
-{
+int snbf_plat_path_lookup(const char* path, int follow, plat_path** found) {
   struct plat_path* result = kmalloc(sizeof(*result), GFP_KERNEL);
   int rc;
 
@@ -113,15 +104,13 @@ int snbf_plat_path_lookup(const char* path, int follow, plat_path** found)
   return 0;
 }
 
-void snbf_plat_path_put(plat_path* path)
-{
+void snbf_plat_path_put(plat_path* path) {
   release_dentry_name_snapshot(&path->name);
   path_put(&path->path);
   kfree(path);
 }
 
-void snbf_plat_path_info(const plat_path* path, plat_path_info* info)
-{
+void snbf_plat_path_info(const plat_path* path, plat_path_info* info) {
   const struct dentry* dentry = path->path.dentry;
   const struct inode* inode = d_inode(dentry);
 
@@ -140,18 +129,17 @@ void snbf_plat_path_info(const plat_path* path, plat_path_info* info)
 /* A name on its way to be created or removed; its folder is locked. */
 struct plat_parent {
   struct path folder;
-  struct dentry* child;      /* null until looked up */
-  struct inode* unlinked;    /* kept until the folder is unlocked: the last put may take long */
-  const char* last;          /* within path_copy */
+  struct dentry* child;   /* null until looked up */
+  struct inode* unlinked; /* kept until the folder is unlocked: the last put may take long */
+  const char* last;       /* within path_copy */
   size_t last_length;
   bool trailing_slash;
-  int write_error;           /* of the mount: answered once the name is known to be good */
+  int write_error; /* of the mount: answered once the name is known to be good */
   char path_copy[];
 };
 
 /* Cuts the copy in two at its last component. */
-static void split_last(struct plat_parent* parent)
-{
+static void split_last(struct plat_parent* parent) {
   char* end = parent->path_copy + strlen(parent->path_copy);
   char* last;
 
@@ -165,8 +153,7 @@ static void split_last(struct plat_parent* parent)
   parent->last_length = end - last;
 }
 
-static int lookup_folder(struct plat_parent* parent)
-{
+static int lookup_folder(struct plat_parent* parent) {
   const size_t length = parent->last - parent->path_copy;
   char* name = kstrndup(parent->path_copy, length, GFP_KERNEL);
   int rc;
@@ -177,8 +164,7 @@ static int lookup_folder(struct plat_parent* parent)
   return rc;
 }
 
-int snbf_plat_parent_lock(const char* path, plat_parent** parent)
-{
+int snbf_plat_parent_lock(const char* path, plat_parent** parent) {
   const size_t length = strlen(path);
   struct plat_parent* result = kzalloc(struct_size(result, path_copy, length + 1), GFP_KERNEL);
   int rc;
@@ -198,14 +184,12 @@ int snbf_plat_parent_lock(const char* path, plat_parent** parent)
   return 0;
 }
 
-static bool is_normal_name(const struct plat_parent* parent)
-{
+static bool is_normal_name(const struct plat_parent* parent) {
   if (parent->last_length == 0) return false;
   return strcmp(parent->last, ".") != 0 && strcmp(parent->last, "..") != 0;
 }
 
-int snbf_plat_parent_child(plat_parent* parent)
-{
+int snbf_plat_parent_child(plat_parent* parent) {
   struct dentry* child;
 
   if (!is_normal_name(parent)) return -EEXIST;
@@ -220,26 +204,23 @@ int snbf_plat_parent_child(plat_parent* parent)
   return 0;
 }
 
-int snbf_plat_parent_mknod(plat_parent* parent, int mode, plat_devt device)
-{
+int snbf_plat_parent_mknod(plat_parent* parent, int mode, plat_devt device) {
   if (d_is_positive(parent->child)) return -EEXIST;
   if (parent->write_error != 0) return parent->write_error;
   return vfs_mknod(snbf_mnt_ids(parent->folder.mnt), d_inode(parent->folder.dentry), parent->child,
                    mode, device);
 }
 
-int snbf_plat_parent_unlink(plat_parent* parent)
-{
+int snbf_plat_parent_unlink(plat_parent* parent) {
   if (d_is_negative(parent->child)) return -ENOENT;
   if (parent->write_error != 0) return parent->write_error;
   parent->unlinked = d_inode(parent->child);
   ihold(parent->unlinked);
-  return vfs_unlink(snbf_mnt_ids(parent->folder.mnt), d_inode(parent->folder.dentry),
-                    parent->child, NULL);
+  return vfs_unlink(snbf_mnt_ids(parent->folder.mnt), d_inode(parent->folder.dentry), parent->child,
+                    NULL);
 }
 
-void snbf_plat_parent_unlock(plat_parent* parent)
-{
+void snbf_plat_parent_unlock(plat_parent* parent) {
   dput(parent->child);
   inode_unlock(d_inode(parent->folder.dentry));
   iput(parent->unlinked);

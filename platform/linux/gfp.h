@@ -8,8 +8,7 @@
 #include "platform/types.h"
 
 /* No warning: the driver reports each failed allocation itself, or has another way. */
-static inline gfp_t snbf_gfp(plat_alloc_mode mode)
-{
+static inline gfp_t snbf_gfp(plat_alloc_mode mode) {
   switch (mode) {
     case PLAT_ALLOC_NORMAL:
       return GFP_KERNEL | __GFP_NOWARN;

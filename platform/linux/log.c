@@ -8,8 +8,7 @@
 #include <linux/printk.h>
 #include <linux/string.h>
 
-void snbf_plat_print(const char* line)
-{
+void snbf_plat_print(const char* line) {
   if (strncmp(line, "<3>", 3) == 0)
     printk(KERN_ERR "%s", line + 3);
   else if (strncmp(line, "<6>", 3) == 0)
@@ -18,13 +17,11 @@ void snbf_plat_print(const char* line)
     printk(KERN_DEFAULT "%s", line);
 }
 
-int snbf_plat_vsnprintf(char* to, plat_size bytes, const char* format, va_list arguments)
-{
+int snbf_plat_vsnprintf(char* to, plat_size bytes, const char* format, va_list arguments) {
   return vsnprintf(to, bytes, format, arguments);
 }
 
-int snbf_plat_snprintf(char* to, plat_size bytes, const char* format, ...)
-{
+int snbf_plat_snprintf(char* to, plat_size bytes, const char* format, ...) {
   va_list arguments;
   int length;
 
@@ -34,23 +31,13 @@ int snbf_plat_snprintf(char* to, plat_size bytes, const char* format, ...)
   return length;
 }
 
-void snbf_plat_bug(const char* file, int line, const char* what)
-{
+void snbf_plat_bug(const char* file, int line, const char* what) {
   pr_emerg("snbf: %s:%d: %s\n", file, line, what);
   BUG();
 }
 
-const char* snbf_plat_kernel_release(void)
-{
-  return UTS_RELEASE;
-}
+const char* snbf_plat_kernel_release(void) { return UTS_RELEASE; }
 
-const char* snbf_plat_build_date(void)
-{
-  return __DATE__;
-}
+const char* snbf_plat_build_date(void) { return __DATE__; }
 
-const char* snbf_plat_build_time(void)
-{
-  return __TIME__;
-}
+const char* snbf_plat_build_time(void) { return __TIME__; }

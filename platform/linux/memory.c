@@ -11,84 +11,54 @@
 
 #include "gfp.h"
 
-void* snbf_plat_heap_alloc(plat_size bytes, plat_alloc_mode mode)
-{
+void* snbf_plat_heap_alloc(plat_size bytes, plat_alloc_mode mode) {
   return kmalloc(bytes, snbf_gfp(mode));
 }
 
-void snbf_plat_heap_free(void* block)
-{
-  kfree(block);
-}
+void snbf_plat_heap_free(void* block) { kfree(block); }
 
-void* snbf_plat_virt_alloc(plat_size bytes)
-{
+void* snbf_plat_virt_alloc(plat_size bytes) {
   return __vmalloc(bytes, snbf_gfp(PLAT_ALLOC_NORMAL) | __GFP_ZERO);
 }
 
-void snbf_plat_virt_free(void* area)
-{
-  vfree(area);
-}
+void snbf_plat_virt_free(void* area) { vfree(area); }
 
-void* snbf_plat_page_alloc(plat_alloc_mode mode)
-{
-  return (void*)__get_free_page(snbf_gfp(mode));
-}
+void* snbf_plat_page_alloc(plat_alloc_mode mode) { return (void*)__get_free_page(snbf_gfp(mode)); }
 
-void snbf_plat_page_free(void* page)
-{
-  free_page((unsigned long)page);
-}
+void snbf_plat_page_free(void* page) { free_page((unsigned long)page); }
 
-plat_cache* snbf_plat_cache_create(const char* name, plat_size object_bytes)
-{
+plat_cache* snbf_plat_cache_create(const char* name, plat_size object_bytes) {
   return (plat_cache*)kmem_cache_create(name, object_bytes, 0, 0, NULL);
 }
 
-void snbf_plat_cache_destroy(plat_cache* cache)
-{
-  kmem_cache_destroy((struct kmem_cache*)cache);
-}
+void snbf_plat_cache_destroy(plat_cache* cache) { kmem_cache_destroy((struct kmem_cache*)cache); }
 
-plat_pool* snbf_plat_pool_create(int reserve, plat_cache* cache)
-{
+plat_pool* snbf_plat_pool_create(int reserve, plat_cache* cache) {
   return (plat_pool*)mempool_create_slab_pool(reserve, (struct kmem_cache*)cache);
 }
 
-void snbf_plat_pool_destroy(plat_pool* pool)
-{
-  mempool_destroy((mempool_t*)pool);
-}
+void snbf_plat_pool_destroy(plat_pool* pool) { mempool_destroy((mempool_t*)pool); }
 
-void* snbf_plat_pool_alloc(plat_pool* pool, plat_alloc_mode mode)
-{
+void* snbf_plat_pool_alloc(plat_pool* pool, plat_alloc_mode mode) {
   return mempool_alloc((mempool_t*)pool, snbf_gfp(mode));
 }
 
-void* snbf_plat_pool_try_alloc(plat_pool* pool, plat_alloc_mode mode)
-{
+void* snbf_plat_pool_try_alloc(plat_pool* pool, plat_alloc_mode mode) {
   /* A pool waits for its reserve exactly when the allocation may reclaim directly. */
   return mempool_alloc((mempool_t*)pool, snbf_gfp(mode) & ~__GFP_DIRECT_RECLAIM);
 }
 
-void snbf_plat_pool_free(plat_pool* pool, void* object)
-{
-  mempool_free(object, (mempool_t*)pool);
-}
+void snbf_plat_pool_free(plat_pool* pool, void* object) { mempool_free(object, (mempool_t*)pool); }
 
-int snbf_plat_user_range_ok(plat_u64 address, plat_u64 bytes)
-{
+int snbf_plat_user_range_ok(plat_u64 address, plat_u64 bytes) {
   return access_ok((const void __user*)(unsigned long)address, bytes);
 }
 
-plat_size snbf_plat_copy_from_user(void* to, plat_u64 from_user, plat_size bytes)
-{
+plat_size snbf_plat_copy_from_user(void* to, plat_u64 from_user, plat_size bytes) {
   return copy_from_user(to, (const void __user*)(unsigned long)from_user, bytes);
 }
 
-plat_size snbf_plat_copy_to_user(plat_u64 to_user, const void* from, plat_size bytes)
-{
+plat_size snbf_plat_copy_to_user(plat_u64 to_user, const void* from, plat_size bytes) {
   return copy_to_user((void __user*)(unsigned long)to_user, from, bytes);
 }
 
@@ -100,8 +70,7 @@ struct plat_user_pin {
   struct page* pages[];
 };
 
-plat_user_pin* snbf_plat_user_pin(plat_u64 address, plat_size bytes, int writable)
-{
+plat_user_pin* snbf_plat_user_pin(plat_u64 address, plat_size bytes, int writable) {
   const size_t first_offset = offset_in_page(address);
   const unsigned long pages_wanted = DIV_ROUND_UP(first_offset + bytes, PAGE_SIZE);
   struct plat_user_pin* pin;
@@ -122,15 +91,11 @@ plat_user_pin* snbf_plat_user_pin(plat_u64 address, plat_size bytes, int writabl
   return pin;
 }
 
-plat_size snbf_plat_user_pinned_bytes(const plat_user_pin* pin)
-{
-  return pin->bytes;
-}
+plat_size snbf_plat_user_pinned_bytes(const plat_user_pin* pin) { return pin->bytes; }
 
 /* The next stretch of [offset, offset + bytes) that lies in one page. */
 static size_t pin_stretch(const struct plat_user_pin* pin, size_t offset, size_t bytes,
-                          struct page** page, size_t* page_offset)
-{
+                          struct page** page, size_t* page_offset) {
   const size_t at = pin->first_offset + offset;
 
   *page = pin->pages[at >> PAGE_SHIFT];
@@ -139,8 +104,7 @@ static size_t pin_stretch(const struct plat_user_pin* pin, size_t offset, size_t
 }
 
 void snbf_plat_user_pin_write(plat_user_pin* pin, plat_size offset, const void* from,
-                              plat_size bytes)
-{
+                              plat_size bytes) {
   while (bytes > 0) {
     struct page* page;
     size_t page_offset;
@@ -153,8 +117,7 @@ void snbf_plat_user_pin_write(plat_user_pin* pin, plat_size offset, const void* 
   }
 }
 
-void snbf_plat_user_pin_read(plat_user_pin* pin, plat_size offset, void* to, plat_size bytes)
-{
+void snbf_plat_user_pin_read(plat_user_pin* pin, plat_size offset, void* to, plat_size bytes) {
   while (bytes > 0) {
     struct page* page;
     size_t page_offset;
@@ -167,8 +130,7 @@ void snbf_plat_user_pin_read(plat_user_pin* pin, plat_size offset, void* to, pla
   }
 }
 
-void snbf_plat_user_unpin(plat_user_pin* pin)
-{
+void snbf_plat_user_unpin(plat_user_pin* pin) {
   unpin_user_pages_dirty_lock(pin->pages, pin->pages_pinned, pin->writable);
   kvfree(pin);
 }

@@ -15,8 +15,7 @@ MODULE_PARM_DESC(snbf_max_blk_minor, "highest minor number of a node");
 module_param(snbf_blk_major, int, 0444);
 MODULE_PARM_DESC(snbf_blk_major, "major number of the nodes, 0 for a free one");
 
-static int __init snbf_module_load(void)
-{
+static int __init snbf_module_load(void) {
   int rc = snbf_bio_sets_init();
 
   if (rc != 0) return rc;
@@ -25,8 +24,7 @@ static int __init snbf_module_load(void)
   return rc;
 }
 
-static void __exit snbf_module_unload(void)
-{
+static void __exit snbf_module_unload(void) {
   snbf_unload();
   snbf_bio_sets_exit();
 }

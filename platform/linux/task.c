@@ -15,66 +15,39 @@
 
 static_assert(PLAT_TASK_NAME_BYTES == TASK_COMM_LEN);
 
-plat_task* snbf_plat_task_current(void)
-{
-  return (plat_task*)current;
-}
+plat_task* snbf_plat_task_current(void) { return (plat_task*)current; }
 
-void snbf_plat_task_get(plat_task* task)
-{
-  get_task_struct((struct task_struct*)task);
-}
+void snbf_plat_task_get(plat_task* task) { get_task_struct((struct task_struct*)task); }
 
-void snbf_plat_task_put(plat_task* task)
-{
-  put_task_struct((struct task_struct*)task);
-}
+void snbf_plat_task_put(plat_task* task) { put_task_struct((struct task_struct*)task); }
 
-int snbf_plat_task_pid(void)
-{
-  return task_pid_nr(current);
-}
+int snbf_plat_task_pid(void) { return task_pid_nr(current); }
 
-void snbf_plat_task_name(char name[PLAT_TASK_NAME_BYTES])
-{
+void snbf_plat_task_name(char name[PLAT_TASK_NAME_BYTES]) {
   /* No lock: on every request's path, and a task's own name hardly ever changes under it. */
   memcpy(name, current->comm, PLAT_TASK_NAME_BYTES);
   name[PLAT_TASK_NAME_BYTES - 1] = '\0';
 }
 
-int snbf_plat_in_interrupt(void)
-{
-  return !in_task();
-}
+int snbf_plat_in_interrupt(void) { return !in_task(); }
 
-void snbf_plat_might_sleep(void)
-{
-  might_sleep();
-}
+void snbf_plat_might_sleep(void) { might_sleep(); }
 
-plat_u64 snbf_plat_ticks_ms(void)
-{
-  return ktime_to_ms(ktime_get());
-}
+plat_u64 snbf_plat_ticks_ms(void) { return ktime_to_ms(ktime_get()); }
 
-void snbf_plat_yield(void)
-{
+void snbf_plat_yield(void) {
   /* A sleep and no yield(): only a task that stops running sends its plugged requests on. */
   usleep_range_state(50, 100, TASK_UNINTERRUPTIBLE);
 }
 
-void snbf_plat_sleep_ms(plat_u32 ms)
-{
-  msleep(ms);
-}
+void snbf_plat_sleep_ms(plat_u32 ms) { msleep(ms); }
 
 struct thread_start {
   void (*body)(void* argument);
   void* argument;
 };
 
-static int thread_main(void* data)
-{
+static int thread_main(void* data) {
   const struct thread_start start = *(struct thread_start*)data;
   sigset_t all;
 
@@ -85,8 +58,7 @@ static int thread_main(void* data)
   BUG();
 }
 
-int snbf_plat_thread_start(const char* name, void (*body)(void* argument), void* argument)
-{
+int snbf_plat_thread_start(const char* name, void (*body)(void* argument), void* argument) {
   struct thread_start* start = kmalloc(sizeof(*start), GFP_KERNEL);
   struct task_struct* task;
   int pid;
@@ -105,38 +77,21 @@ int snbf_plat_thread_start(const char* name, void (*body)(void* argument), void*
   return pid;
 }
 
-void snbf_plat_thread_exit(plat_completion* completion)
-{
+void snbf_plat_thread_exit(plat_completion* completion) {
   kthread_complete_and_exit((struct completion*)completion, 0);
 }
 
-void snbf_plat_thread_serves_writes(void)
-{
+void snbf_plat_thread_serves_writes(void) {
   memalloc_noio_save();
   current->flags |= PF_LOCAL_THROTTLE;
 }
 
-unsigned snbf_plat_noio_begin(void)
-{
-  return memalloc_noio_save();
-}
+unsigned snbf_plat_noio_begin(void) { return memalloc_noio_save(); }
 
-void snbf_plat_noio_end(unsigned state)
-{
-  memalloc_noio_restore(state);
-}
+void snbf_plat_noio_end(unsigned state) { memalloc_noio_restore(state); }
 
-int snbf_plat_module_get(void)
-{
-  return try_module_get(THIS_MODULE);
-}
+int snbf_plat_module_get(void) { return try_module_get(THIS_MODULE); }
 
-void snbf_plat_module_put(void)
-{
-  module_put(THIS_MODULE);
-}
+void snbf_plat_module_put(void) { module_put(THIS_MODULE); }
 
-void snbf_plat_random_bytes(void* to, plat_size bytes)
-{
-  get_random_bytes(to, bytes);
-}
+void snbf_plat_random_bytes(void* to, plat_size bytes) { get_random_bytes(to, bytes); }
