@@ -1,0 +1,195 @@
+"""Nodes and the module come and go, a great many times and while others look at them.
+
+What is lost in a round shows as a slab object, a vmalloc area, a device or a /proc entry that is still there. What
+would hang is ended by the guest's limit, which names the tasks that wait.
+"""
+
+import contextlib
+import os
+import signal
+import subprocess
+import threading
+
+import kit
+
+GUEST = {"disks": ["a:64M", "b:64M", "state:64M"], "limit": 420}
+
+ROUNDS = int(os.environ.get("SNBF_ROUNDS", "150"))
+LOADS = int(os.environ.get("SNBF_LOADS", "40"))
+
+
+def traces():
+    """What of the driver is still in the kernel."""
+    with open("/proc/vmallocinfo", encoding="ascii") as lines:
+        areas = [line for line in lines if "snbf" in line]
+    with open("/proc/devices", encoding="ascii") as lines:
+        majors = [line for line in lines if "snbf" in line]
+    caches = [name for name in kit.slabs()]
+    for name in ("aio_item", "aio_block_cache", "cow_request", "cow_block"):
+        if os.path.isdir(f"/sys/kernel/slab/{name}"):
+            caches.append(name)
+    files = [path for path in ("/proc/snbf", "/dev/snbf/control", "/sys/class/snbf") if os.path.exists(path)]
+    threads = kit.run("ps", "-eo", "comm").split()
+    return areas + majors + caches + files + [name for name in threads if name in ("kdirtyd", "kcowd")]
+
+
+def unreclaimable_kib():
+    with open("/proc/meminfo", encoding="ascii") as lines:
+        return next(int(line.split()[1]) for line in lines if line.startswith("SUnreclaim:"))
+
+
+@contextlib.contextmanager
+def lookers(count=3):
+    process = subprocess.Popen([f"{os.environ['SNBF_BUILD']}/guest/bin/looker", str(count)],
+                               start_new_session=True)
+    try:
+        yield
+    finally:
+        os.killpg(process.pid, signal.SIGKILL)
+        process.wait()
+
+
+def keep_trying(action, what, seconds=30):
+    """Somebody may be looking at it just now: busy is no failure."""
+    results = []
+    kit.wait_until(lambda: results.append(action()) or results[-1] != -16, seconds, what)
+    return results[-1]
+
+
+def one_life(device, folder, minor=-1):
+    result, record = kit.add(device, folder, minor=minor)
+    kit.done(result, "add")
+    kit.done(kit.start(record.minor), "start")
+    fd = os.open(kit.node_path(f"snbf{record.minor}"), os.O_RDWR)
+    os.pwrite(fd, os.urandom(4096), 65536)
+    os.fsync(fd)
+    os.close(fd)
+    kit.equal(keep_trying(lambda: kit.stop(record.minor), "stop"), 0, "stop")
+    kit.equal(keep_trying(lambda: kit.delete(record.minor), "delete"), 0, "delete")
+
+
+@kit.case
+def nothing_is_left_after_many_lives_of_a_node():
+    folder = kit.state_folder()
+    kit.load(snbf_debug=0)
+    for _ in range(20):
+        one_life(kit.disk("a"), folder)
+    before = unreclaimable_kib()
+    for _ in range(ROUNDS):
+        one_life(kit.disk("a"), folder)
+    kit.check(unreclaimable_kib() - before < 4096, f"slabs grew from {before} to {unreclaimable_kib()} KiB")
+    kit.equal(kit.minors(), [], "nodes")
+    kit.unload()
+    kit.equal(traces(), [], "left over")
+
+
+@kit.case
+def nothing_is_left_after_many_loads():
+    folder = kit.state_folder()
+    for number in range(LOADS):
+        kit.load(snbf_debug=0)
+        if number % 4 == 0:  # the unload takes the nodes with it
+            for name in ("a", "b"):
+                result, record = kit.add(kit.disk(name), folder)
+                kit.done(result, "add")
+                kit.done(kit.start(record.minor), "start")
+        kit.unload()
+    kit.equal(traces(), [], "left over")
+
+
+@kit.case
+def nodes_come_and_go_while_everybody_looks():
+    """Removing a disk or a /proc entry waits for those who look at it, and they wait for the table."""
+    folder = kit.state_folder()
+    kit.load(snbf_debug=0)
+    with lookers():
+        for _ in range(ROUNDS // 3):
+            one_life(kit.disk("a"), folder)
+    kit.unload()
+
+
+@kit.case
+def two_nodes_come_and_go_at_once():
+    folder = kit.state_folder()
+    kit.load(snbf_debug=0)
+    failures = []
+
+    def live(name, minor):
+        try:
+            for _ in range(ROUNDS // 5):
+                one_life(kit.disk(name), folder, minor)
+        except Exception as error:  # pylint: disable=broad-except
+            failures.append(error)
+
+    with lookers(2):
+        threads = [threading.Thread(target=live, args=pair) for pair in (("a", 4), ("b", 7))]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+    kit.equal(failures, [], "failures")
+    kit.unload()
+
+
+@kit.case
+def the_module_comes_and_goes_while_everybody_looks():
+    folder = kit.state_folder()
+
+    def try_unload():
+        done = subprocess.run(["rmmod", "snbf"], stderr=subprocess.PIPE, text=True, check=False)
+        return 0 if done.returncode == 0 else -16
+
+    with lookers():
+        for _ in range(LOADS // 2):
+            kit.load(snbf_debug=0)
+            result, record = kit.add(kit.disk("a"), folder)
+            kit.done(result, "add")
+            kit.done(kit.start(record.minor), "start")
+            kit.equal(keep_trying(try_unload, "rmmod"), 0, "rmmod")
+    kit.equal(traces(), [], "left over")
+
+
+@kit.case
+def a_mounted_node_holds_the_module():
+    folder = kit.state_folder()
+    kit.load(snbf_debug=0)
+    with kit.node(kit.disk("a"), folder) as record:
+        path = kit.node_path(f"snbf{record.minor}")
+        kit.run("mkfs.ext4", "-q", "-F", path)
+        os.makedirs("/mnt/held", exist_ok=True)
+        kit.run("mount", path, "/mnt/held")
+        kit.check("in use" in kit.run("rmmod", "snbf", ok=False), "rmmod of a module in use")
+        kit.equal(kit.stop(record.minor), -16, "stop of a mounted node")
+        kit.equal(kit.delete(record.minor), -16, "delete of a mounted node")
+        kit.run("umount", "/mnt/held")
+    kit.unload()
+
+
+@kit.case
+def commands_under_memory_pressure_do_not_wait_for_themselves():
+    """Dirty pages of a file system on the node are written back while commands allocate."""
+    folder = kit.state_folder()
+    kit.load(snbf_debug=0)
+    with kit.node(kit.disk("a"), folder) as record:
+        path = kit.node_path(f"snbf{record.minor}")
+        kit.run("mkfs.ext4", "-q", "-F", path)
+        os.makedirs("/mnt/held", exist_ok=True)
+        kit.run("mount", path, "/mnt/held")
+        writer = subprocess.Popen(["sh", "-c", "while :; do dd if=/dev/zero of=/mnt/held/f bs=1M count=32 2>/dev/null;"
+                                   " rm /mnt/held/f; done"], start_new_session=True)
+        try:
+            for _ in range(20):
+                with open("/proc/sys/vm/drop_caches", "w", encoding="ascii") as drop:
+                    drop.write("3\n")
+                one_life(kit.disk("b"), folder, minor=9)
+                for kind in kit.BITMAPS:
+                    kit.bitmap(record.minor, kind, "GET_AND_CLR_BMP")
+        finally:
+            os.killpg(writer.pid, signal.SIGKILL)
+            writer.wait()
+        kit.run("umount", "/mnt/held")
+    kit.unload()
+
+
+if __name__ == "__main__":
+    kit.main()
