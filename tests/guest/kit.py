@@ -6,6 +6,7 @@ A test is a file test_*.py beside this one. Its GUEST says what the runner gives
     boots   the lives of the guest, in order, on the same disks; "name!" is one that ends in a power cut
     limit   seconds for each boot
     allow   patterns of kernel log lines that it provokes
+    words   for the kernel's command line
 """
 
 import contextlib
@@ -20,6 +21,7 @@ import subprocess
 import sys
 import time
 import traceback
+import zlib
 
 TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 MODULE = os.environ.get("SNBF_MODULE", os.path.join(TOP, "build", "snbf.ko"))
@@ -413,3 +415,53 @@ def wait_until(condition, seconds=10, what="condition"):
         if time.monotonic() > deadline:
             raise Failed(f"{what}: not within {seconds} s")
         time.sleep(0.01)
+
+
+def address_of(data):
+    return ctypes.addressof((ctypes.c_char * len(data)).from_buffer(data))
+
+
+def control_at(command, address):
+    """One command whose record lies at an address that may be anything."""
+    number = COMMANDS[command] if isinstance(command, str) else command
+    libc = ctypes.CDLL(None, use_errno=True)
+    fd = os.open(CONTROL, os.O_RDWR)
+    try:
+        ctypes.set_errno(0)
+        result = libc.ioctl(ctypes.c_int(fd), ctypes.c_ulong(number), ctypes.c_void_p(address))
+        return -ctypes.get_errno() if result < 0 else result
+    finally:
+        os.close(fd)
+
+
+def partitions(device, count, size_mib):
+    """Divides a disk into equal partitions and answers their device files."""
+    script = "label: gpt\n" + "".join(f"size={size_mib}MiB\n" for _ in range(count))
+    run("sfdisk", "-q", device, input=script)
+    wait_until(lambda: os.path.exists(f"{device}{count}"), what=f"{device}{count}")
+    return [f"{device}{number}" for number in range(1, count + 1)]
+
+
+def state_folder(name="state", kind="ext4"):
+    """A folder for bitmap files on a file system of its own, made and mounted."""
+    device = disk(name)
+    mount_point = f"/mnt/{name}"
+    if not os.path.ismount(mount_point):
+        os.makedirs(mount_point, exist_ok=True)
+        if subprocess.run(["blkid", device], stdout=subprocess.DEVNULL, check=False).returncode != 0:
+            run(f"mkfs.{kind}", "-q", device)
+        run("mount", device, mount_point)
+    return mount_point
+
+
+def proc(field, minor=None):
+    """The text of /proc/snbf/FIELD, or of a node's field, without its last newline."""
+    path = f"/proc/snbf/{field}" if minor is None else f"/proc/snbf/snbf{minor}/{field}"
+    with open(path, encoding="utf-8") as text:
+        found = text.read()
+    return found[:-1] if found.endswith("\n") else found
+
+
+def crc32_register(data):
+    """The checksum of bitmap files: the usual CRC-32 without its final inversion."""
+    return ~zlib.crc32(data) & 0xffffffff
