@@ -214,13 +214,7 @@ int make_bitmaps(FilterNode& node, u32 extent_size) {
   const size_t area_bytes = (size_t{node.incr_bmp_size} + 3) & ~size_t{3};
   node.incr_bmp = static_cast<u32*>(snbf_plat_virt_alloc(area_bytes));
   if (node.incr_bmp != nullptr) node.diff_bmp = static_cast<u32*>(snbf_plat_virt_alloc(area_bytes));
-  if (node.diff_bmp != nullptr) {
-    // Until a file says otherwise, nothing is known of any extent: a load that fails for memory leaves it at that.
-    mem_set(node.incr_bmp, 0xFF, node.incr_bmp_size);
-    mem_set(node.diff_bmp, 0xFF, node.diff_bmp_size);
-    node.incr_bmp_dirty = node.diff_bmp_dirty = 1;
-    return 0;
-  }
+  if (node.diff_bmp != nullptr) return 0;
   snbf_plat_virt_free(node.incr_bmp);
   snbf_log(kLogError, "%s(): Failed to allocate %d+%d bytes of memory for bitmaps", kOrigin,
            static_cast<int>(node.incr_bmp_size), static_cast<int>(node.diff_bmp_size));
@@ -239,12 +233,19 @@ int name_bitmap_files(FilterNode& node) {
   return -EINVAL;
 }
 
-// What cannot be loaded becomes all ones, so there is no failure to look at.
+// What cannot be loaded is all ones, so there is no failure to look at. It is so from the beginning: a
+// load that finds no memory leaves the bitmap untouched, and zeros would say that nothing changed.
 void load_bitmaps(FilterNode& node) {
   node.node_mutex.init();
   node.bmp_mutex.init();
   node.bmp_spin.init("snbf bmp_spin");
   node.io_rwlock.init();
+  {
+    SpinGuard hold{node.bmp_spin};
+    mem_set(node.incr_bmp, 0xFF, node.incr_bmp_size);
+    mem_set(node.diff_bmp, 0xFF, node.diff_bmp_size);
+    node.incr_bmp_dirty = node.diff_bmp_dirty = 1;
+  }
   snbf_block_load_bmp(node, SNBF_BMP_DIFF);
   snbf_block_load_bmp(node, SNBF_BMP_INCR);
 }
