@@ -12,7 +12,7 @@ export SNBF_BUILD := $(abspath $(BUILD))
 MODULE_MAKE := $(MAKE) --no-print-directory -f platform/linux/module.mk BUILD=$(BUILD) $(if $(KDIR),KDIR=$(KDIR))
 
 .DEFAULT_GOAL := all
-.PHONY: all help setup module agent tests check check-rows check-unit check-guest demo bench install format clean
+.PHONY: all help setup module agent tests check check-rows check-locks check-unit check-guest demo bench install format clean
 
 all: check-rows module agent tests ## everything that this machine can build
 
@@ -37,7 +37,10 @@ tests: ## the unit and simulation tests, plain and under sanitizers
 check-rows: ## the rules that a compiler does not know: who includes whom
 	@tools/check-rows
 
-check: setup all ## every test; ends with a tally
+check-locks: ## Clang's thread-safety analysis over the driver
+	@JOBS=$(JOBS) tools/check-locks
+
+check: setup all check-locks ## every test; ends with a tally
 	@tests/check --jobs $(JOBS)
 
 check-unit: tests ## the unit and simulation tests alone
