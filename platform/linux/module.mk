@@ -22,7 +22,7 @@ module:
 	@mkdir -p $(SNBF_FOLDERS)
 	@printf '%s\n' 'snbf-tree := $(SNBF_TREE)' 'snbf-debug := $(DEBUG)' \
 	  'include $$(snbf-tree)/platform/linux/Kbuild' > $(SNBF_OBJECTS)/Kbuild
-	$(MAKE) -C $(KDIR) M=$(SNBF_OBJECTS) delay-objtool=y \
+	@$(MAKE) --no-print-directory -C $(KDIR) M=$(SNBF_OBJECTS) delay-objtool=y \
 	  CONFIG_DEBUG_INFO_BTF_MODULES= modules
 	@cmp -s $(SNBF_OBJECTS)/snbf.ko $(BUILD)/snbf.ko || cp $(SNBF_OBJECTS)/snbf.ko $(BUILD)/snbf.ko
 
