@@ -1,0 +1,312 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Attach, start, stop and detach, with the clean-stop record kept in step.
+//
+// Order at an attach, so that a crash at any point errs towards all ones:
+//   1. judge the record and both files of the last attachment
+//   2. the record says "running, in this boot", and why the bitmaps are distrusted, if they are
+//   3. the driver creates the node and loads the files
+//   4. both bitmaps are set to all ones (distrusted) or saved as loaded; either writes both files
+// and at a stop: the driver stops and saves, both dirty fields are seen to be 0, and only then
+// does the record say "stopped clean".
+#define XXH_INLINE_ALL
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+#include <xxhash.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <set>
+
+#include "handle.h"
+
+namespace {
+
+using snbf::lib::Fd;
+using snbf::lib::HostLock;
+using snbf::lib::put_text;
+
+constexpr size_t kHeadBytes = 128 * 1024;
+constexpr size_t kDirectAlignment = 4096;
+
+std::string boot_id(const libsnbf& handle) {
+  return snbf::lib::read_line(handle.proc_root + "/sys/kernel/random/boot_id");
+}
+
+// Any file system that is mounted for writing touches its first blocks: their hash at the stop
+// shows at the next attach whether somebody wrote in between. Read past the page cache, which
+// knows nothing of what went through the node.
+int hash_head(const char* partition, uint64_t* out) {
+  int flags = O_RDONLY | O_CLOEXEC | O_DIRECT;
+  int fd = ::open(partition, flags);
+  if (fd < 0 && errno == EINVAL) fd = ::open(partition, flags & ~O_DIRECT);
+  Fd file(fd);
+  if (!file.ok()) return -errno;
+  void* raw = nullptr;
+  if (::posix_memalign(&raw, kDirectAlignment, kHeadBytes) != 0) return -ENOMEM;
+  std::unique_ptr<void, decltype(&::free)> buffer(raw, ::free);
+  const ssize_t n = ::pread(file.get(), raw, kHeadBytes, 0);
+  if (n < 0) return -errno;
+  *out = XXH3_64bits(raw, static_cast<size_t>(n));
+  return 0;
+}
+
+const char* why_of(libsnbf_verdict verdict) {
+  switch (verdict) {
+    case LIBSNBF_GOOD: return "";
+    case LIBSNBF_MISSING: return LIBSNBF_WHY_MISSING;
+    case LIBSNBF_CORRUPT: return LIBSNBF_WHY_CORRUPT;
+    case LIBSNBF_DIRTY: return LIBSNBF_WHY_DIRTY;
+    case LIBSNBF_WRONG_SIZE: return LIBSNBF_WHY_SIZE;
+    case LIBSNBF_WRONG_CHECKSUM: return LIBSNBF_WHY_CHECKSUM;
+  }
+  return LIBSNBF_WHY_CORRUPT;
+}
+
+struct Partition {
+  dev_t device = 0;
+  uint64_t size_bytes = 0;
+};
+
+int look_at(const char* path, Partition* out) {
+  struct stat about;
+  if (::stat(path, &about) < 0) return -errno;
+  if (!S_ISBLK(about.st_mode)) return -ENOTBLK;
+  out->device = about.st_rdev;
+  Fd file(::open(path, O_RDONLY | O_CLOEXEC));
+  if (!file.ok()) return -errno;
+  if (::ioctl(file.get(), BLKGETSIZE64, &out->size_bytes) < 0) return -errno;
+  return 0;
+}
+
+std::string bmp_path(const std::string& dir, uint32_t minor, const char* suffix) {
+  return dir + "/snbf" + std::to_string(minor) + suffix;
+}
+
+// Why what the last attachment left is not to be believed; empty if it is.
+std::string judge(const libsnbf& handle, const libsnbf_attach_request& request, uint32_t minor,
+                  const libsnbf_state& state, uint64_t size_bytes) {
+  if (state.distrust[0]) return state.distrust;  // no full backup since
+  if (std::string(state.name) != request.name) return LIBSNBF_WHY_OTHER_NODE;
+  const uint64_t extents = (size_bytes - 1) / request.extent_size + 1;
+  const auto bmp_bytes = static_cast<uint32_t>((extents - 1) / 8 + 1);
+  for (const char* suffix : {".incr", ".diff"}) {
+    libsnbf_verdict verdict = LIBSNBF_CORRUPT;
+    const std::string path = bmp_path(request.bmp_dir, minor, suffix);
+    if (libsnbf_judge_bmp_file(path.c_str(), bmp_bytes, &verdict) != 0) return LIBSNBF_WHY_CORRUPT;
+    if (verdict != LIBSNBF_GOOD) return why_of(verdict);
+  }
+  if (!state.stopped_clean) {
+    // Stopped by unloading the module: its flags are exact as long as the machine did not go down.
+    const bool same_boot = boot_id(handle) == state.boot_id;
+    return same_boot && std::string(state.hdd_name) == request.partition ? "" : LIBSNBF_WHY_UNCLEAN;
+  }
+  uint64_t head = 0;
+  if (hash_head(request.partition, &head) != 0 || head != state.head_hash) return LIBSNBF_WHY_OUTSIDE;
+  return "";
+}
+
+struct Nodes {
+  std::set<uint32_t> minors;
+  bool name_taken = false;
+};
+
+int list_nodes(libsnbf* handle, const char* name, Nodes* out) {
+  for (uint32_t kind : {SNBF_DEV_FILTER, SNBF_DEV_SNAP}) {
+    snbf_device_list list;
+    if (int rc = libsnbf_get_device_list(handle, kind, &list); rc != 0) return rc;
+    for (uint32_t i = 0; i < list.count; ++i) {
+      snbf_info info;
+      out->minors.insert(list.minors[i]);
+      if (libsnbf_get_info(handle, list.minors[i], &info) != 0) continue;
+      if (std::strncmp(info.name, name, sizeof info.name) == 0) out->name_taken = true;
+    }
+  }
+  return 0;
+}
+
+// The minor decides the names of the bitmap files, so a name gets its old one back, and never one
+// whose files belong to another name.
+std::optional<uint32_t> choose_minor(const libsnbf_attach_request& request, const Nodes& nodes,
+                                     uint32_t minor_max) {
+  std::optional<uint32_t> free_one;
+  for (uint32_t minor = 0; minor < minor_max; ++minor) {
+    if (nodes.minors.contains(minor)) continue;
+    libsnbf_state state;
+    const int rc = libsnbf_state_read(request.bmp_dir, minor, &state);
+    if (rc == 0 && std::string(state.name) == request.name) return minor;
+    if (rc == -ENOENT && !free_one) free_one = minor;
+  }
+  return free_one;
+}
+
+int check(libsnbf* handle, const libsnbf_attach_request& request, Partition* partition) {
+  if (!libsnbf_name_is_safe(request.name)) return -EILSEQ;
+  if (int rc = look_at(request.partition, partition); rc != 0) return rc;
+  struct stat about;
+  if (::stat(request.bmp_dir, &about) < 0) return -errno;
+  if (!S_ISDIR(about.st_mode)) return -ENOTDIR;
+  if (request.extent_size == 0 || partition->size_bytes == 0) return -EINVAL;
+  int inside = 0;
+  if (int rc = libsnbf_path_is_on(handle, request.bmp_dir, major(partition->device),
+                                  minor(partition->device), &inside);
+      rc != 0) {
+    return rc;
+  }
+  return inside ? -ELOOP : 0;
+}
+
+int settle_bitmaps(libsnbf* handle, uint32_t minor, bool believed) {
+  for (uint32_t type : {SNBF_BMP_INCR, SNBF_BMP_DIFF}) {
+    const int rc = believed ? libsnbf_save_bmp(handle, minor, type)
+                            : libsnbf_set_bmp(handle, minor, type, nullptr, 0);
+    if (rc != 0) return rc;
+    int unsaved = 0;
+    if (libsnbf_bmp_unsaved(handle, minor, type, &unsaved) == 0 && unsaved) return -EIO;
+  }
+  return 0;
+}
+
+// The directory of a node's files, from the path that the driver answers.
+std::string bmp_dir_of(const snbf_info& info) {
+  const std::string path = info.incr_bmp_fname;
+  const size_t slash = path.rfind('/');
+  return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
+int attach_locked(libsnbf* handle, libsnbf_attach_request* request) {
+  Partition partition;
+  if (int rc = check(handle, *request, &partition); rc != 0) return rc;
+  Nodes nodes;
+  if (int rc = list_nodes(handle, request->name, &nodes); rc != 0) return rc;
+  if (nodes.name_taken) return -EEXIST;
+  uint32_t minor_max = 0;
+  if (int rc = libsnbf_minor_max(handle, &minor_max); rc != 0) return rc;
+  if (request->minor >= 0 && static_cast<uint32_t>(request->minor) >= minor_max) return -ERANGE;
+  const auto minor = request->minor >= 0 ? static_cast<uint32_t>(request->minor)
+                                         : choose_minor(*request, nodes, minor_max);
+  if (!minor) return -ENOSPC;
+
+  libsnbf_state before;
+  const int known = nodes.minors.contains(*minor)
+                        ? -EEXIST
+                        : libsnbf_state_read(request->bmp_dir, *minor, &before);
+  if (known == -EEXIST) return -EINVAL;  // the driver's answer to a taken minor
+  libsnbf_state state = known == 0 ? before : libsnbf_state{};
+  std::string why = known == -ENOENT ? LIBSNBF_WHY_MISSING
+                    : known != 0     ? LIBSNBF_WHY_CORRUPT
+                                     : judge(*handle, *request, *minor, before, partition.size_bytes);
+  if (why == LIBSNBF_WHY_OTHER_NODE) state = libsnbf_state{};
+
+  snbf_filter_node_cmd record{};
+  if (!put_text(record.hdd_name, request->partition) || !put_text(record.bmp_dir, request->bmp_dir)) {
+    return -ENAMETOOLONG;
+  }
+  put_text(record.name, request->name);
+  put_text(record.uuid, state.uuid);
+  record.minor = static_cast<int32_t>(*minor);
+  record.extent_size = request->extent_size;
+
+  put_text(state.name, request->name);
+  put_text(state.hdd_name, request->partition);
+  put_text(state.boot_id, boot_id(*handle));
+  put_text(state.distrust, why);
+  state.stopped_clean = 0;
+  if (int rc = libsnbf_state_write(request->bmp_dir, *minor, &state); rc != 0) return rc;
+  if (int rc = libsnbf_add_filter_node(handle, &record); rc != 0) {
+    // Nothing was attached: what was known still holds.
+    if (known == 0) {
+      libsnbf_state_write(request->bmp_dir, *minor, &before);
+    } else {
+      ::unlink(bmp_path(request->bmp_dir, *minor, ".state").c_str());
+    }
+    return rc;
+  }
+  if (int rc = settle_bitmaps(handle, *minor, why.empty()); rc != 0) {
+    libsnbf_del_node(handle, *minor);
+    return rc;
+  }
+  put_text(state.uuid, record.uuid);
+  if (int rc = libsnbf_state_write(request->bmp_dir, *minor, &state); rc != 0) {
+    libsnbf_del_node(handle, *minor);
+    return rc;
+  }
+  request->minor_used = *minor;
+  put_text(request->uuid, record.uuid);
+  put_text(request->distrust, why);
+  return 0;
+}
+
+// -EBUSY and friends leave the record "running": it may err only towards all ones.
+int stop_locked(libsnbf* handle, uint32_t minor) {
+  snbf_info info;
+  if (int rc = libsnbf_get_info(handle, minor, &info); rc != 0) return rc;
+  if (int rc = libsnbf_stop_node(handle, minor); rc != 0) return rc;
+  if (info.dev_type != SNBF_DEV_FILTER) return 0;
+  for (uint32_t type : {SNBF_BMP_INCR, SNBF_BMP_DIFF}) {
+    int unsaved = 0;
+    if (libsnbf_bmp_unsaved(handle, minor, type, &unsaved) != 0 || !unsaved) continue;
+    if (int rc = libsnbf_save_bmp(handle, minor, type); rc != 0) return rc;
+  }
+  libsnbf_state state;
+  const std::string dir = bmp_dir_of(info);
+  if (libsnbf_state_read(dir.c_str(), minor, &state) != 0) return 0;  // attached without us
+  if (int rc = hash_head(info.hdd_name, &state.head_hash); rc != 0) return rc;
+  state.stopped_clean = 1;
+  return libsnbf_state_write(dir.c_str(), minor, &state);
+}
+
+}  // namespace
+
+extern "C" {
+
+int libsnbf_attach(libsnbf* handle, libsnbf_attach_request* request) {
+  return snbf::lib::at_border([&] {
+    HostLock lock(*handle);
+    if (lock.error()) return lock.error();
+    return attach_locked(handle, request);
+  });
+}
+
+int libsnbf_start(libsnbf* handle, uint32_t minor) {
+  return snbf::lib::at_border([&] {
+    HostLock lock(*handle);
+    if (lock.error()) return lock.error();
+    snbf_info info;
+    if (int rc = libsnbf_get_info(handle, minor, &info); rc != 0) return rc;
+    libsnbf_state state;
+    const std::string dir = bmp_dir_of(info);
+    if (info.dev_type == SNBF_DEV_FILTER && libsnbf_state_read(dir.c_str(), minor, &state) == 0 &&
+        state.stopped_clean) {
+      state.stopped_clean = 0;
+      put_text(state.boot_id, boot_id(*handle));
+      if (int rc = libsnbf_state_write(dir.c_str(), minor, &state); rc != 0) return rc;
+    }
+    return libsnbf_start_node(handle, minor);
+  });
+}
+
+int libsnbf_stop(libsnbf* handle, uint32_t minor) {
+  return snbf::lib::at_border([&] {
+    HostLock lock(*handle);
+    if (lock.error()) return lock.error();
+    return stop_locked(handle, minor);
+  });
+}
+
+int libsnbf_detach(libsnbf* handle, uint32_t minor) {
+  return snbf::lib::at_border([&] {
+    HostLock lock(*handle);
+    if (lock.error()) return lock.error();
+    if (int rc = stop_locked(handle, minor); rc != 0) return rc;
+    return libsnbf_del_node(handle, minor);
+  });
+}
+
+}  // extern "C"

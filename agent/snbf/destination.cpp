@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "destination.h"
+
+#include <blkid/blkid.h>
+#include <fmt/format.h>
+
+#include <filesystem>
+#include <memory>
+
+#include "failure.h"
+
+namespace snbf {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const Point* find_point(const Manifest& manifest, const std::string& wanted) {
+  if (wanted.empty()) return manifest.newest();
+  for (const Point& point : manifest.points) {
+    if (wanted == std::to_string(point.id) || wanted == point.file) return &point;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+ChosenPoint choose_point(const std::string& text) {
+  ChosenPoint chosen;
+  std::string wanted;
+  chosen.destination = text;
+  const size_t at = text.rfind('@');
+  if (!fs::exists(manifest_path(text)) && at != std::string::npos) {
+    chosen.destination = text.substr(0, at);
+    wanted = text.substr(at + 1);
+  }
+  chosen.destination = fs::absolute(chosen.destination).lexically_normal();
+  auto manifest = read_manifest(chosen.destination);
+  if (!manifest) {
+    throw Failure(kFailed, fmt::format("{} holds no backup", chosen.destination),
+                  "give the directory that `snbf backup` wrote to");
+  }
+  const Point* point = find_point(*manifest, wanted);
+  if (!point) {
+    throw Failure(kFailed, fmt::format("{} has no point {}", chosen.destination,
+                                       wanted.empty() ? "at all" : wanted),
+                  "`snbf verify DEST` lists the points");
+  }
+  chosen.point = *point;
+  chosen.manifest = std::move(*manifest);
+  return chosen;
+}
+
+std::string contents_of(const std::string& path) {
+  const std::unique_ptr<blkid_struct_probe, decltype(&blkid_free_probe)> probe(
+      blkid_new_probe_from_filename(path.c_str()), blkid_free_probe);
+  if (!probe) return "";
+  blkid_probe_enable_superblocks(probe.get(), 1);
+  blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_LABEL);
+  blkid_probe_enable_partitions(probe.get(), 1);
+  if (blkid_do_safeprobe(probe.get()) == 1) return "";
+  const char* value = nullptr;
+  std::string text = "something that is not recognised for certain";
+  if (blkid_probe_lookup_value(probe.get(), "TYPE", &value, nullptr) == 0) {
+    text = value;
+  } else if (blkid_probe_lookup_value(probe.get(), "PTTYPE", &value, nullptr) == 0) {
+    text = fmt::format("a partition table ({})", value);
+  }
+  if (blkid_probe_lookup_value(probe.get(), "LABEL", &value, nullptr) == 0) {
+    text += fmt::format(", labelled {}", value);
+  }
+  return text;
+}
+
+}  // namespace snbf

@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// A point as people name it, DEST or DEST@POINT, found and checked.
+#pragma once
+
+#include <string>
+
+#include "manifest.h"
+
+namespace snbf {
+
+struct ChosenPoint {
+  std::string destination;
+  Manifest manifest;
+  Point point;
+};
+
+// POINT is its number or its file's name; none means the newest. Throws Failure.
+ChosenPoint choose_point(const std::string& text);
+
+// Probes of what stands on a device or in a file: "ext4, labelled data", or empty.
+std::string contents_of(const std::string& path);
+
+}  // namespace snbf

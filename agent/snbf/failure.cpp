@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "failure.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace snbf {
+
+namespace {
+
+struct Sentence {
+  int error;
+  Exit status;
+  const char* what;
+  const char* remedy;
+};
+
+constexpr Sentence kSentences[] = {
+    {EINVAL, kFailed, "the driver refused the request",
+     "the line that says why is the last one of `dmesg | grep snbf`"},
+    {ENOENT, kFailed, "no such file or device", "check the path"},
+    {ENODEV, kNoDriver, "the driver is not loaded", "load it with `modprobe snbf`"},
+    {ENOTTY, kNoDriver, "the control device does not know this command",
+     "the loaded module is of another version: reload it"},
+    {EFAULT, kFailed, "the driver could not reach the tool's memory, or had none left",
+     "free some memory and try again"},
+    {EBUSY, kBusy, "the device is in use", "close or unmount what holds it, or use --wait"},
+    {EALREADY, kFailed, "it has already been started", "nothing needs to be done"},
+    {EAGAIN, kBusy, "the file system did not come to rest in time", "try again when it is quieter"},
+    {ENOMEM, kFailed, "the kernel has not enough memory",
+     "free some memory, or use larger extents: they need smaller bitmaps"},
+    {ENOSPC, kFailed, "there is no room left",
+     "free some space; if it is minors that ran out, load the driver with a larger "
+     "snbf_max_blk_minor"},
+    {EIO, kFailed, "reading or writing failed",
+     "look at `dmesg` for the device that failed; a node must be started before it is used"},
+    {EOPNOTSUPP, kFailed, "the loaded driver does not do this yet", "use a newer module"},
+    {EACCES, kFailed, "permission denied", "run it as root"},
+    {EPERM, kFailed, "permission denied", "run it as root"},
+    {EROFS, kFailed, "the file system is read-only", "choose another place"},
+    {EILSEQ, kMisused, "the name cannot be used",
+     "use letters, digits, '_', '-' and '.', not a '.' first, and not the name control"},
+    {EEXIST, kFailed, "another node has this name", "choose another name, or detach that node"},
+    {ENOTBLK, kMisused, "this is not a block device", "give a partition such as /dev/sdb1"},
+    {ENOTDIR, kMisused, "this is not a directory", "make it first, or choose another with --bitmaps"},
+    {ERANGE, kMisused, "the minor is out of range",
+     "use one below the driver's snbf_max_blk_minor, or none at all"},
+    {ELOOP, kUnsafe, "the bitmap directory lies on the tracked partition itself",
+     "choose a directory on another device with --bitmaps"},
+    {ENAMETOOLONG, kMisused, "a path is too long", "use paths of at most 1023 characters"},
+    {EPROTO, kNoDriver, "the driver answered something that cannot be",
+     "the loaded module is of another version: reload it"},
+    {EBADMSG, kFailed, "a file is damaged", "see the message before this one"},
+};
+
+}  // namespace
+
+Failure failure_of(int rc, const std::string& doing) {
+  for (const Sentence& sentence : kSentences) {
+    if (sentence.error == -rc) {
+      return {sentence.status, fmt::format("{}: {}", doing, sentence.what), sentence.remedy, rc};
+    }
+  }
+  return {kFailed, fmt::format("{}: {}", doing, std::strerror(-rc)), "", rc};
+}
+
+void must(int rc, const std::string& doing) {
+  if (rc != 0) throw failure_of(rc, doing);
+}
+
+}  // namespace snbf

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Files and processes, as the verbs need them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace snbf {
+
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  ~UniqueFd();
+  UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
+  UniqueFd& operator=(UniqueFd&& other) noexcept;
+  int get() const { return fd_; }
+  int release();
+  void reset();
+  explicit operator bool() const { return fd_ >= 0; }
+
+ private:
+  int fd_ = -1;
+};
+
+// After a crash the file holds the old contents or the new, whole.
+void replace_file(const std::string& path, const std::string& contents);
+// Nothing if the file does not exist; throws if it cannot be read.
+bool read_file(const std::string& path, std::string* contents);
+void sync_file(const std::string& path);
+void sync_directory(const std::string& path);
+void remove_file(const std::string& path);  // gone, or was not there
+
+// An exclusive lock that ends with the process; throws kBusy when another has it.
+UniqueFd lock_file(const std::string& path, const std::string& doing);
+
+// XXH3-128 of the whole file, in hexadecimal.
+std::string hash_file(const std::string& path);
+
+// Waits for the end. The program's stdout goes to `output` if given, else to stderr; its stderr
+// is kept for `errors`.
+struct Ran {
+  int status = 0;  // exit status; 128 + signal
+  std::string output;
+  std::string errors;
+};
+Ran run(const std::vector<std::string>& arguments);
+// Throws unless the status is 0.
+std::string run_or_throw(const std::vector<std::string>& arguments);
+
+}  // namespace snbf

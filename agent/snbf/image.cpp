@@ -1,0 +1,158 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "image.h"
+
+#include <fmt/format.h>
+#include <libnbd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "failure.h"
+#include "files.h"
+
+namespace snbf {
+
+namespace {
+
+constexpr size_t kAlignment = 4096;
+constexpr uint64_t kClusterMin = 4096;
+constexpr uint64_t kClusterMax = 2 << 20;
+
+bool all_zero(const uint8_t* bytes, size_t length) {
+  return length == 0 || (bytes[0] == 0 && std::memcmp(bytes, bytes + 1, length - 1) == 0);
+}
+
+void read_at(int fd, uint8_t* to, uint64_t length, uint64_t offset) {
+  for (uint64_t done = 0; done < length;) {
+    const ssize_t n = ::pread(fd, to + done, length - done, static_cast<off_t>(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw failure_of(-errno, fmt::format("reading the node at byte {}", offset + done));
+    if (n == 0) throw failure_of(-EIO, fmt::format("reading the node: it ends at byte {}", offset + done));
+    done += static_cast<uint64_t>(n);
+  }
+}
+
+// Queue one buffer's worth, cut where zeros begin and end.
+void queue(ImageWriter* image, const uint8_t* bytes, uint64_t length, uint64_t offset,
+           uint64_t granule, bool leave_zeros, Copied* copied) {
+  for (uint64_t at = 0; at < length;) {
+    const auto step_at = [&](uint64_t from) { return std::min(granule, length - from); };
+    const bool zero = all_zero(bytes + at, step_at(at));
+    uint64_t end = at + step_at(at);
+    while (end < length && all_zero(bytes + end, step_at(end)) == zero) end += step_at(end);
+    if (zero) {
+      copied->zero_bytes += end - at;
+      if (!leave_zeros) image->zero(end - at, offset + at);
+    } else {
+      copied->written_bytes += end - at;
+      image->write(bytes + at, end - at, offset + at);
+    }
+    at = end;
+  }
+}
+
+}  // namespace
+
+uint64_t cluster_for(uint64_t extent_size) { return std::clamp(extent_size, kClusterMin, kClusterMax); }
+
+void create_image(const std::string& path, uint64_t size_bytes, uint64_t cluster_bytes,
+                  const std::string& backing) {
+  std::vector<std::string> command = {"qemu-img", "create", "-q", "-f", "qcow2", "-o",
+                                      fmt::format("cluster_size={},lazy_refcounts=off", cluster_bytes)};
+  if (!backing.empty()) command.insert(command.end(), {"-b", backing, "-F", "qcow2"});
+  command.push_back(path);
+  command.push_back(std::to_string(size_bytes));
+  run_or_throw(command);
+}
+
+ImageWriter::ImageWriter(const std::string& path) : path_(path), memory_(nullptr, ::free) {
+  void* raw = nullptr;
+  if (::posix_memalign(&raw, kAlignment, kSlots * kSlotBytes) != 0) throw std::bad_alloc();
+  memory_.reset(static_cast<uint8_t*>(raw));
+  for (size_t i = 0; i < kSlots; ++i) slots_[i].bytes = memory_.get() + i * kSlotBytes;
+  nbd_ = nbd_create();
+  if (!nbd_) fail("starting qemu-nbd");
+  const char* argv[] = {"qemu-nbd", "-f", "qcow2", "--cache=writeback", "--discard=unmap",
+                        path_.c_str(), nullptr};
+  if (nbd_connect_systemd_socket_activation(nbd_, const_cast<char**>(argv)) < 0) {
+    const std::string why = nbd_get_error();
+    nbd_close(nbd_);
+    nbd_ = nullptr;
+    throw Failure(kFailed, "starting qemu-nbd: " + why, "install the package qemu-utils");
+  }
+}
+
+ImageWriter::~ImageWriter() {
+  if (nbd_) nbd_close(nbd_);
+}
+
+void ImageWriter::fail(const char* doing) const {
+  const char* why = nbd_get_error();
+  throw Failure(kFailed, fmt::format("{} {}: {}", doing, path_, why ? why : "no reason given"),
+                "look for free space at the destination");
+}
+
+int64_t ImageWriter::must(int64_t rc, const char* doing) const {
+  if (rc < 0) fail(doing);
+  return rc;
+}
+
+void ImageWriter::reap(Slot* slot) {
+  std::erase_if(slot->cookies, [this](int64_t cookie) {
+    return must(nbd_aio_command_completed(nbd_, static_cast<uint64_t>(cookie)), "writing") == 1;
+  });
+}
+
+void ImageWriter::wait_for_progress() { must(nbd_poll(nbd_, -1), "writing"); }
+
+uint8_t* ImageWriter::next_buffer() {
+  current_ = (current_ + 1) % kSlots;
+  Slot& slot = slots_[current_];
+  // Oldest first: its requests are the nearest to their end.
+  for (reap(&slot); !slot.cookies.empty(); reap(&slot)) wait_for_progress();
+  return slot.bytes;
+}
+
+void ImageWriter::write(const uint8_t* bytes, uint64_t length, uint64_t offset) {
+  slots_[current_].cookies.push_back(
+      must(nbd_aio_pwrite(nbd_, bytes, length, offset, NBD_NULL_COMPLETION, 0), "writing"));
+}
+
+void ImageWriter::zero(uint64_t length, uint64_t offset) {
+  slots_[current_].cookies.push_back(
+      must(nbd_aio_zero(nbd_, length, offset, NBD_NULL_COMPLETION, 0), "writing"));
+}
+
+void ImageWriter::finish() {
+  for (Slot& slot : slots_) {
+    for (reap(&slot); !slot.cookies.empty(); reap(&slot)) wait_for_progress();
+  }
+  must(nbd_flush(nbd_, 0), "flushing");
+  must(nbd_shutdown(nbd_, 0), "closing");
+  nbd_close(nbd_);  // waits for the server's end
+  nbd_ = nullptr;
+}
+
+Copied copy_extents(int source_fd, const Extents& which, ImageWriter* image, bool leave_zeros,
+                    const std::function<void(uint64_t)>& progress) {
+  Copied copied;
+  const uint64_t granule = cluster_for(which.extent_size());
+  for (const Run& run : which.runs()) {
+    const ByteRange range = which.range_of(run);
+    for (uint64_t at = 0; at < range.length;) {
+      const uint64_t length = std::min<uint64_t>(ImageWriter::kSlotBytes, range.length - at);
+      uint8_t* buffer = image->next_buffer();
+      read_at(source_fd, buffer, length, range.offset + at);
+      queue(image, buffer, length, range.offset + at, granule, leave_zeros, &copied);
+      copied.read_bytes += length;
+      progress(length);
+      at += length;
+    }
+  }
+  return copied;
+}
+
+}  // namespace snbf

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Points as qcow2 images: made by qemu-img, written through qemu-nbd with many requests in flight.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "extents.h"
+
+struct nbd_handle;
+
+namespace snbf {
+
+// `backing` is the name of a file in the same directory, or empty.
+void create_image(const std::string& path, uint64_t size_bytes, uint64_t cluster_bytes,
+                  const std::string& backing);
+
+// The cluster of an image whose extents are of this size: a request then fills whole clusters.
+uint64_t cluster_for(uint64_t extent_size);
+
+class ImageWriter {
+ public:
+  explicit ImageWriter(const std::string& path);
+  ~ImageWriter();
+  ImageWriter(const ImageWriter&) = delete;
+  ImageWriter& operator=(const ImageWriter&) = delete;
+
+  static constexpr size_t kSlotBytes = 1 << 20;
+
+  // A free buffer of kSlotBytes, aligned for direct reads; waits for one if need be. It is the
+  // caller's until the next call of this function; what was queued from it stays until it is done.
+  uint8_t* next_buffer();
+  // Queue bytes of the buffer handed out last.
+  void write(const uint8_t* bytes, uint64_t length, uint64_t offset);
+  void zero(uint64_t length, uint64_t offset);
+  // Everything queued is in the image's file and the server is gone.
+  void finish();
+
+ private:
+  struct Slot {
+    uint8_t* bytes = nullptr;
+    std::vector<int64_t> cookies;
+  };
+  void reap(Slot* slot);
+  void wait_for_progress();
+  [[noreturn]] void fail(const char* doing) const;
+  int64_t must(int64_t rc, const char* doing) const;
+
+  static constexpr size_t kSlots = 16;
+  std::string path_;
+  nbd_handle* nbd_ = nullptr;
+  std::unique_ptr<uint8_t, void (*)(void*)> memory_;
+  Slot slots_[kSlots];
+  size_t current_ = kSlots - 1;
+};
+
+struct Copied {
+  uint64_t read_bytes = 0;
+  uint64_t written_bytes = 0;
+  uint64_t zero_bytes = 0;
+};
+
+// Copy the set extents of the open source device. `leave_zeros`: zeros need not be written, since
+// nothing lies below. `progress` is called with the bytes read; it may throw to end the copy.
+Copied copy_extents(int source_fd, const Extents& which, ImageWriter* image, bool leave_zeros,
+                    const std::function<void(uint64_t)>& progress);
+
+}  // namespace snbf

@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// What a backup destination holds: points, each a qcow2 image that stands on its parent's.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace snbf {
+
+enum class Level { Full, Incremental, Differential };
+const char* level_name(Level level);  // "full", "incr", "diff"
+
+struct Point {
+  uint64_t id = 0;  // rising; never used twice
+  std::string file;
+  Level level = Level::Full;
+  std::optional<uint64_t> parent;  // none for a full one
+  std::string why;                 // why it is full: a code of reasons.h
+  std::string detail;              // what exactly is broken, if anything
+  std::string source;              // "unmounted", "frozen", "quiet", or "moving": not exact
+  int64_t created = 0;             // seconds since 1970
+  double seconds = 0;
+  uint64_t frozen_ms = 0;
+  uint64_t extents = 0;
+  uint64_t bytes = 0;       // of the extents copied
+  uint64_t moved_bytes = 0;  // written while the copy ran, and copied again
+  uint64_t file_bytes = 0;
+  std::string hash;  // XXH3-128 of the file
+
+  bool exact() const { return source != "moving"; }
+};
+
+struct Manifest {
+  std::string chain;  // names this destination in the nodes' state records
+  std::string node;
+  std::string node_uuid;
+  std::string partition;
+  uint64_t size = 0;
+  uint64_t extent_size = 0;
+  std::vector<Point> points;
+
+  const Point* find(uint64_t id) const;
+  const Point* newest() const { return points.empty() ? nullptr : &points.back(); }
+  const Point* newest_full() const;
+  // From the full one to `point`; empty if a parent is not there.
+  std::vector<const Point*> lineage(const Point& point) const;
+  uint64_t next_id() const { return points.empty() ? 1 : points.back().id + 1; }
+};
+
+std::string manifest_path(const std::string& destination);
+std::string to_json_text(const Manifest& manifest);
+// Throws Failure when the text is no manifest of ours.
+Manifest manifest_from_json(const std::string& text, const std::string& path);
+std::optional<Manifest> read_manifest(const std::string& destination);
+
+// As the state record names a point: "CHAIN:ID".
+std::string point_name(const Manifest& manifest, uint64_t id);
+
+// What is wrong with the files below `point`: a sentence, or empty. Looks at their sizes, and with
+// `contents` at every byte.
+std::string chain_damage(const Manifest& manifest, const Point& point, const std::string& destination,
+                         bool contents);
+
+}  // namespace snbf

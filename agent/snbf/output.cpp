@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "output.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+#include "sizes.h"
+
+namespace snbf {
+
+void print_json(const Json& data) { fmt::print("{}\n", data.dump(2)); }
+
+void note(const std::string& text) { fmt::print(stderr, "{}\n", text); }
+
+void warn(const std::string& text) { fmt::print(stderr, "snbf: warning: {}\n", text); }
+
+bool terminal_out() {
+  if (!::isatty(1)) return false;
+  for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    const char* value = std::getenv(name);
+    if (value && value[0]) {
+      const std::string text = value;
+      return text.find("UTF-8") != std::string::npos || text.find("utf8") != std::string::npos;
+    }
+  }
+  return false;
+}
+
+bool terminal_err() { return ::isatty(2) != 0; }
+
+void Table::print(bool headings) const {
+  std::vector<size_t> widths;
+  for (const Column& column : columns_) widths.push_back(headings ? column.title.size() : 0);
+  for (const auto& row : rows_) {
+    for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+  }
+  const auto line = [&](const std::vector<std::string>& cells) {
+    std::string text;
+    for (size_t i = 0; i < cells.size(); ++i) {
+      text += columns_[i].right ? fmt::format("{:>{}}", cells[i], widths[i])
+                                : fmt::format("{:<{}}", cells[i], widths[i]);
+      text += "  ";
+    }
+    text.erase(text.find_last_not_of(' ') + 1);
+    fmt::print("{}\n", text);
+  };
+  if (headings) {
+    std::vector<std::string> titles;
+    for (const Column& column : columns_) titles.push_back(column.title);
+    line(titles);
+  }
+  for (const auto& row : rows_) line(row);
+}
+
+Progress::Progress(std::string label, uint64_t total_bytes)
+    : label_(std::move(label)), total_bytes_(total_bytes), visible_(terminal_err()) {}
+
+Progress::~Progress() {
+  if (visible_ && shown_percent_ >= 0) fmt::print(stderr, "\r\033[K");
+}
+
+void Progress::add(uint64_t bytes) {
+  done_bytes_ += bytes;
+  if (!visible_ || total_bytes_ == 0) return;
+  const int percent = static_cast<int>(std::min<uint64_t>(100, done_bytes_ * 100 / total_bytes_));
+  if (percent == shown_percent_) return;
+  shown_percent_ = percent;
+  fmt::print(stderr, "\r{} {:3}%  {} of {}\033[K", label_, percent, show_size(done_bytes_),
+             show_size(total_bytes_));
+}
+
+}  // namespace snbf

@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "reasons.h"
+
+#include <utility>
+
+#include "libsnbf.h"
+
+namespace snbf {
+
+std::string reason_text(const std::string& code) {
+  static constexpr std::pair<const char*, const char*> kTexts[] = {
+      {kWhyAsked, "it was asked for"},
+      {kWhyFirst, "there is no earlier backup at the destination"},
+      {kWhyChain, "the chain at the destination is broken"},
+      {kWhyOtherChain, "the bitmap counts from a backup at another destination"},
+      {kWhySize, "the partition's size is another than in the last backup"},
+      {kWhyExtent, "the extent size is another than in the last backup"},
+      {kWhyByHand, "the bitmap was changed by hand"},
+      {kWhyCrash, "an earlier backup was cut off while it took the bitmap"},
+      {LIBSNBF_WHY_MISSING, "there were no bitmap files"},
+      {LIBSNBF_WHY_CORRUPT, "a bitmap file could not be read"},
+      {LIBSNBF_WHY_DIRTY, "a bitmap file was dirty: the machine went down while the node was in use"},
+      {LIBSNBF_WHY_SIZE, "a bitmap file was of another size"},
+      {LIBSNBF_WHY_CHECKSUM, "a bitmap file failed its checksum"},
+      {LIBSNBF_WHY_UNCLEAN, "the node was not stopped cleanly before the machine went down"},
+      {LIBSNBF_WHY_OUTSIDE, "the partition was changed while it was not tracked"},
+      {LIBSNBF_WHY_OTHER_NODE, "the bitmap files belong to a node of another name"},
+  };
+  for (const auto& [known, text] : kTexts) {
+    if (code == known) return text;
+  }
+  return code;
+}
+
+}  // namespace snbf

@@ -1,0 +1,196 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// snbf backup: one more point at a destination.
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+
+#include "capture.h"
+#include "command.h"
+#include "driver.h"
+#include "failure.h"
+#include "files.h"
+#include "output.h"
+#include "plan.h"
+#include "reasons.h"
+#include "sizes.h"
+
+namespace snbf {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct Options {
+  std::string node;
+  std::string destination;
+  std::string level = "auto";
+  bool freeze = false;
+  double freeze_limit_s = 10;
+  bool dry_run = false;
+  bool json = false;
+};
+
+std::string new_chain_name() {
+  std::ifstream file("/proc/sys/kernel/random/uuid");
+  std::string text;
+  if (!std::getline(file, text)) throw Failure(kFailed, "the kernel gives no random name");
+  return text;
+}
+
+std::optional<Level> asked_level(const std::string& text) {
+  if (text == "full") return Level::Full;
+  if (text == "incr") return Level::Incremental;
+  if (text == "diff") return Level::Differential;
+  return std::nullopt;
+}
+
+Plan make_plan(const Options& options, const snbf_info& node, const std::string& destination,
+               const std::optional<Manifest>& manifest) {
+  const libsnbf_state state = read_state(node);
+  Situation situation;
+  situation.asked = asked_level(options.level);
+  situation.manifest = manifest ? &*manifest : nullptr;
+  situation.distrust = state.distrust;
+  situation.incr_point = state.incr_point;
+  situation.diff_point = state.diff_point;
+  situation.size = node.dev_size;
+  situation.extent_size = node.extent_size;
+  if (manifest && manifest->newest()) {
+    situation.damage_newest = chain_damage(*manifest, *manifest->newest(), destination, false);
+  }
+  if (manifest && manifest->newest_full()) {
+    situation.damage_full = chain_damage(*manifest, *manifest->newest_full(), destination, false);
+  }
+  return plan_backup(situation);
+}
+
+void check_destination(const Driver& driver, const snbf_info& node, const std::string& destination) {
+  if (driver.lies_on(destination, node)) {
+    throw Failure(kUnsafe, fmt::format("{} lies on the partition that is to be backed up", destination),
+                  "choose a destination on another device");
+  }
+}
+
+void check_owner(const Manifest& manifest, const snbf_info& node, const std::string& destination) {
+  if (manifest.node_uuid == node.uuid || manifest.node == node.name) return;
+  throw Failure(kUnsafe, fmt::format("{} holds backups of another node, {}", destination, manifest.node),
+                "give each node a destination of its own");
+}
+
+std::string full_because(const Plan& plan) {
+  return reason_text(plan.why) + (plan.detail.empty() ? "" : ": " + plan.detail);
+}
+
+void say_plan(const Driver& driver, const snbf_info& node, const Plan& plan, const Options& options) {
+  if (plan.level == Level::Full) {
+    note(fmt::format("full backup, because {}", full_because(plan)));
+  } else {
+    const auto type = plan.level == Level::Incremental ? SNBF_BMP_INCR : SNBF_BMP_DIFF;
+    note(fmt::format("{} backup on top of point {}: {} to copy",
+                     plan.level == Level::Incremental ? "incremental" : "differential",
+                     plan.parent->id, show_size(driver.get(node, type).covered_bytes())));
+  }
+  const auto mounts = mounts_of(device_of(node_path(node)));
+  if (mounts.empty()) return;
+  note(mounts.front() + (options.freeze ? " is frozen for the last part of the copy"
+                                        : " is mounted and not frozen: the point is exact only if "
+                                          "nothing is written meanwhile"));
+}
+
+int report(const Point& point, const Options& options, const std::string& destination) {
+  if (options.json) {
+    print_json({{"point", point.id},
+                {"level", level_name(point.level)},
+                {"full_because", point.why},
+                {"detail", point.detail},
+                {"file", destination + "/" + point.file},
+                {"exact", point.exact()},
+                {"source", point.source},
+                {"extents", point.extents},
+                {"bytes", point.bytes},
+                {"moved_bytes", point.moved_bytes},
+                {"file_bytes", point.file_bytes},
+                {"seconds", point.seconds},
+                {"frozen_ms", point.frozen_ms}});
+  } else {
+    fmt::print("point {}: {}, {} in {} extents, file {} ({}), {:.1f} s\n", point.id,
+               level_name(point.level), show_size(point.bytes), point.extents, point.file,
+               show_size(point.file_bytes), point.seconds);
+  }
+  if (point.frozen_ms) note(fmt::format("the file system was frozen for {} ms", point.frozen_ms));
+  if (point.moved_bytes) {
+    note(fmt::format("{} was written during the copy, and copied again", show_size(point.moved_bytes)));
+  }
+  if (point.exact()) return kDone;
+  warn("the device kept changing during the copy: this point is not of one moment. The next one "
+       "copies what moved; --freeze makes it exact");
+  return kWarned;
+}
+
+int backup(const Options& options) {
+  const Driver driver;
+  const snbf_info node = driver.find(options.node);
+  if (!node.started) {
+    throw Failure(kFailed, fmt::format("{} is not started", node.name), "`snbf start` starts it");
+  }
+  const std::string destination = fs::absolute(options.destination).lexically_normal();
+  check_destination(driver, node, destination);
+  std::error_code failed;
+  if (!options.dry_run) fs::create_directories(destination, failed);
+  if (failed) throw failure_of(-failed.value(), "making " + destination);
+
+  UniqueFd destination_lock;
+  UniqueFd node_lock;
+  if (!options.dry_run) {
+    destination_lock = lock_file(destination + "/.lock", destination);
+    node_lock = lock_file(fmt::format("{}/snbf{}.lock", bmp_dir_of(node), node.minor), node.name);
+    const std::string recovered = recover_capture(driver, node);
+    if (!recovered.empty()) note(recovered);
+  }
+  std::optional<Manifest> manifest = read_manifest(destination);
+  if (manifest) check_owner(*manifest, node, destination);
+  Plan plan = make_plan(options, node, destination, manifest);
+  say_plan(driver, node, plan, options);
+  if (options.dry_run) {
+    if (options.json) {
+      print_json({{"level", level_name(plan.level)}, {"full_because", plan.why}, {"detail", plan.detail}});
+    }
+    return kDone;
+  }
+  Manifest result = manifest.value_or(Manifest{});
+  if (result.chain.empty()) result.chain = new_chain_name();
+  // The plan's parent lives in `manifest`; the point is added to `result`.
+  CaptureOptions how;
+  how.freeze = options.freeze;
+  how.freeze_limit = std::chrono::milliseconds(static_cast<int64_t>(options.freeze_limit_s * 1000));
+  return report(capture(driver, node, plan, how, destination, &result), options, destination);
+}
+
+}  // namespace
+
+void add_backup(CLI::App& app, Chosen& chosen) {
+  auto options = std::make_shared<Options>();
+  CLI::App* verb = add_verb(
+      app, chosen, "backup", "Copy what changed since the last backup into a chain of qcow2 images",
+      "Examples:\n  snbf backup data /backups/data\n  snbf backup data /backups/data --freeze\n"
+      "Levels: full, everything; incr, what changed since the last backup; diff, what changed since\n"
+      "the last full one; auto, incr if that can be trusted, else full. A full backup says why it is\n"
+      "full. A backup of a mounted file system is exact if nothing writes meanwhile, or with --freeze;\n"
+      "one that is not exact ends with status 3.",
+      options, backup);
+  verb->add_option("node", options->node, "Name, minor, device file or partition")->required();
+  verb->add_option("dest", options->destination, "Directory of the chain; made if need be")->required();
+  verb->add_option("--level", options->level, "auto, full, incr or diff")
+      ->check(CLI::IsMember({"auto", "full", "incr", "diff"}));
+  verb->add_flag("--freeze", options->freeze, "Freeze the file system for the last part of the copy");
+  verb->add_option("--freeze-limit", options->freeze_limit_s, "Seconds it may be frozen (default 10)")
+      ->check(CLI::Range(0.1, 3600.0));
+  verb->add_flag("--dry-run", options->dry_run, "Say which level it would be, and why");
+  verb->add_flag("--json", options->json, "Print the point as JSON");
+}
+
+}  // namespace snbf

@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// snbf start, stop and detach.
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <chrono>
+#include <thread>
+
+#include "command.h"
+#include "driver.h"
+#include "failure.h"
+#include "output.h"
+
+namespace snbf {
+
+namespace {
+
+constexpr auto kRetry = std::chrono::milliseconds(200);
+
+struct Options {
+  std::string node;
+  bool wait = false;
+  int wait_limit_s = 60;
+  bool dry_run = false;
+};
+
+Failure busy(const snbf_info& node, const std::string& doing) {
+  std::string who;
+  for (const std::string& holder : holders_of(device_of(node_path(node)))) {
+    who += (who.empty() ? "" : ", ") + holder;
+  }
+  if (who.empty()) who = "held from somewhere that cannot be seen from here";
+  return {kBusy, fmt::format("{} {}: it is in use: {}", doing, node.name, who),
+          "close or unmount it, or wait for that with --wait", -EBUSY};
+}
+
+// Runs `step` until it is no longer refused as busy, as long as --wait allows.
+void end_with(const Options& options, const snbf_info& node, const std::string& doing,
+              int (*step)(libsnbf*, uint32_t), const Driver& driver) {
+  const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(options.wait_limit_s);
+  int rc;
+  bool told = false;
+  while ((rc = step(driver.get(), node.minor)) == -EBUSY) {
+    if (!options.wait || std::chrono::steady_clock::now() >= give_up) throw busy(node, doing);
+    if (!told) note(fmt::format("waiting: {}", busy(node, doing).what()));
+    told = true;
+    std::this_thread::sleep_for(kRetry);
+  }
+  must(rc, fmt::format("{} {}", doing, node.name));
+}
+
+int start(const Options& options) {
+  const Driver driver;
+  const snbf_info node = driver.find(options.node);
+  if (options.dry_run) {
+    note(fmt::format("would start {}", node.name));
+    return kDone;
+  }
+  must(libsnbf_start(driver.get(), node.minor), "starting " + options.node);
+  note(fmt::format("{} is started: {}", node.name, node_path(node)));
+  return kDone;
+}
+
+int stop(const Options& options) {
+  const Driver driver;
+  const snbf_info node = driver.find(options.node);
+  if (options.dry_run) {
+    note(fmt::format("would stop {}", node.name));
+    return kDone;
+  }
+  end_with(options, node, "stopping", libsnbf_stop, driver);
+  note(fmt::format("{} is stopped; its bitmaps are saved in {}", node.name, bmp_dir_of(node)));
+  return kDone;
+}
+
+int detach(const Options& options) {
+  const Driver driver;
+  const snbf_info node = driver.find(options.node);
+  if (options.dry_run) {
+    note(fmt::format("would detach {}{}", node.name,
+                     node.snap_cnt ? fmt::format(" and its {} snaps", node.snap_cnt) : ""));
+    return kDone;
+  }
+  end_with(options, node, "detaching", libsnbf_detach, driver);
+  note(fmt::format("{} is detached; its bitmaps are saved in {}", node.name, bmp_dir_of(node)));
+  return kDone;
+}
+
+void add_wait(CLI::App* verb, Options& options) {
+  verb->add_flag("--wait", options.wait, "Wait while it is in use");
+  verb->add_option("--timeout", options.wait_limit_s, "Seconds that --wait waits (default 60)");
+}
+
+CLI::App* add(CLI::App& app, Chosen& chosen, const char* name, const char* summary,
+              const char* examples, std::shared_ptr<Options> options,
+              int (*handler)(const Options&)) {
+  CLI::App* verb = add_verb(app, chosen, name, summary, examples, options, handler);
+  verb->add_option("node", options->node, "Name, minor, device file or partition")->required();
+  verb->add_flag("--dry-run", options->dry_run, "Say what would be done");
+  return verb;
+}
+
+}  // namespace
+
+void add_start(CLI::App& app, Chosen& chosen) {
+  add(app, chosen, "start", "Let the node pass and track requests", "Example:\n  snbf start data",
+      std::make_shared<Options>(), start);
+}
+
+void add_stop(CLI::App& app, Chosen& chosen) {
+  auto options = std::make_shared<Options>();
+  add_wait(add(app, chosen, "stop", "Stop the node and save its bitmaps",
+               "Example:\n  umount /srv/data && snbf stop data", options, stop),
+           *options);
+}
+
+void add_detach(CLI::App& app, Chosen& chosen) {
+  auto options = std::make_shared<Options>();
+  add_wait(add(app, chosen, "detach", "Stop the node, save its bitmaps and take it away",
+               "Example:\n  umount /srv/data && snbf detach data --wait", options, detach),
+           *options);
+}
+
+}  // namespace snbf
