@@ -121,6 +121,11 @@ void install(AioTracker& tracker, AioItem& item, BlockSpan span, plat_bio* origi
   tracker.items.push_back(&item);
 }
 
+bool has_items(const AioTracker& tracker) {
+  IrqSpinGuard hold{aio_spin};
+  return !tracker.items.empty();
+}
+
 // Waits until nothing in flight overlaps, and registers the clone in the same holding of the lock.
 // False: there is an overlap, and the caller would not wait.
 bool register_clone(AioTracker& tracker, AioItem& item, plat_bio* original, plat_bio* clone,
@@ -169,7 +174,8 @@ void snbf_aio_destroy(AioTracker* tracker) {
   constexpr const char* kOrigin = "snbf_aio_destroy";
   SNBF_ASSERT(tracker != nullptr);
   snbf_log(2, "%s(): Destroying AIO tracker.", kOrigin);
-  SNBF_ASSERT(tracker->items.empty());
+  // The caller of a request that has just completed may be here before its clone is gone.
+  while (has_items(*tracker)) snbf_plat_yield();
   snbf_plat_virt_free(tracker->buckets);
   tracker->buckets = nullptr;
   if (aio_cnt.fetch_sub(1) != 1) return;
@@ -217,16 +223,18 @@ int snbf_aio_end_io(plat_bio* clone, plat_u32 /*bytes_done*/, int error) {
 
 void snbf_aio_destructor(plat_bio* clone) {
   auto* item = static_cast<AioItem*>(snbf_plat_bio_context(clone));
+  const plat_bio_hooks* saved_hooks = item->saved_hooks;
   {
+    // Freed in the same holding: once the tracker is seen empty, nothing of it is left with
+    // anybody.
     IrqSpinGuard hold{aio_spin};
     item->tracker->items.remove(item);
     for (AioBlock* block = item->blocks; block != nullptr; block = block->next_of_item) {
       bucket_of(*item->tracker, block->number).remove(block);
     }
+    free_item(item);
   }
-  if (item->saved_hooks != nullptr) {
-    snbf_plat_bio_set_hooks(clone, item->saved_hooks, nullptr);
-    if (item->saved_hooks->destroy != nullptr) item->saved_hooks->destroy(clone);
-  }
-  free_item(item);
+  if (saved_hooks == nullptr) return;
+  snbf_plat_bio_set_hooks(clone, saved_hooks, nullptr);
+  if (saved_hooks->destroy != nullptr) saved_hooks->destroy(clone);
 }

@@ -33,7 +33,7 @@ constexpr u32 kAioBuckets = 4096;
 // 0 or -ENOMEM. May sleep. The first tracker makes the caches and pools that all share and the last
 // destruction removes them: callers are serialised by the life-cycle mutex.
 int snbf_aio_init(snbf::AioTracker* tracker);
-// Nothing is in flight any more.
+// Every request has completed, or will without the caller's help. May sleep.
 void snbf_aio_destroy(snbf::AioTracker* tracker);
 // A clone to point at the partition and submit, whose completion completes `bio`; null without
 // memory. With `wait` it sleeps until nothing in flight overlaps; without, an overlap is answered
