@@ -171,7 +171,7 @@ struct Request {
   Op op = Op::Read;
   u64 sector = 0;
   u32 bytes = 0;   // of a read, discard, write-zeroes or secure erase; a write takes the size of its data
-  Bytes data;      // of a write
+  Bytes data = {};  // of a write
   bool preflush = false;
   bool fua = false;
   u32 first_piece_offset = 0;  // where in its page the first piece of the data begins (multiple of 512)
@@ -197,7 +197,7 @@ class Io {
 // Simulated block devices.
 
 struct DeviceOptions {
-  std::string name;        // "/dev/NAME" names it
+  std::string name = {};   // "/dev/NAME" names it
   u64 bytes = 16 << 20;
   plat_devt number = 0;    // 0: 8:n
   u32 block_bytes = 512;
@@ -433,6 +433,7 @@ class Sim {
 
   // The run must end in a fatal message that contains `part`.
   void expect_fatal(const std::string& part);
+  bool expects_fatal() const;
   const std::string& fatal_message() const;
   bool fatal_as_expected() const;
   // Ends the run.
@@ -540,7 +541,9 @@ class Sim {
   int unload_driver();
   // The entries without loading: for tests of parts that need nodes or /proc files.
   void use_driver();
+  // Other entries than the real driver's, and loading what they are.
   void set_entries(const Entries& entries);
+  int load_module();
   bool driver_loaded() const;
   int module_references() const;
   void set_module_going(bool going);
@@ -577,7 +580,7 @@ class Sim {
   // Deepest use of a stack by the driver since the start, in bytes, by name of the task.
   std::map<std::string, std::size_t> stack_use() const;
 
-  Kernel* kernel() { return kernel_.get(); }
+  Kernel* internals() { return kernel_.get(); }
 
  private:
   friend struct Kernel;
