@@ -104,7 +104,7 @@ void Fiber::create(void (*entry)()) {
 #endif
   auto top = reinterpret_cast<std::uintptr_t>(low + bytes);
   // `ret` must leave the stack as a call does: a multiple of 16, less 8.
-  auto* frame = reinterpret_cast<InitialFrame*>(top - 16 - sizeof(InitialFrame) + 8);
+  auto* frame = reinterpret_cast<InitialFrame*>(top - 16 - sizeof(InitialFrame));
   static_assert(sizeof(InitialFrame) % 16 == 8);
   memset(static_cast<void*>(frame), 0, sizeof(*frame));
   frame->mxcsr = 0x1F80;
