@@ -12,8 +12,10 @@
 
 #include <linux/bio.h>
 #include <linux/blkdev.h>
+#include <linux/delay.h>
 #include <linux/jiffies.h>
 #include <linux/part_stat.h>
+#include <linux/rcupdate.h>
 
 #include "compat.h"
 #include "gfp.h"
@@ -37,6 +39,10 @@ struct own_bio {
 static struct bio_set own_bios;
 static struct bio_set split_bios;
 
+/* Requests of the driver's own that are not freed yet. */
+static atomic_t own_bios_live = ATOMIC_INIT(0);
+static bool own_bios_used;
+
 static_assert(sizeof(struct bvec_iter) <= sizeof(plat_bio_cursor));
 
 static struct bio* bio_of(const plat_bio* bio) { return (struct bio*)bio; }
@@ -57,7 +63,15 @@ int snbf_bio_sets_init(void) {
   return rc;
 }
 
+/*
+ * The last request of a node may be complete, and the node gone, before the interrupt that
+ * completed it has put its clone. The last thing done with a request in this text is to count it
+ * out, so after that a grace period is enough: of RCU's own, which freeing a module waits for, for
+ * interrupts; of this kind for a task that was preempted there.
+ */
 void snbf_bio_sets_exit(void) {
+  while (atomic_read(&own_bios_live) > 0) msleep(1);
+  if (READ_ONCE(own_bios_used)) synchronize_rcu_tasks();
   bioset_exit(&split_bios);
   bioset_exit(&own_bios);
 }
@@ -101,7 +115,8 @@ static bool account_end(struct bio* bio) {
 
 static void account_passed_on(struct bio* bio) {
   struct block_device* node = bio->bi_bdev;
-  const int group = op_stat_group(bio_op(bio));
+  const bool is_flush = bio_sectors(bio) == 0;
+  const int group = is_flush ? STAT_FLUSH : op_stat_group(bio_op(bio));
 
   if (!blk_queue_io_stat(bdev_get_queue(node))) return;
   part_stat_lock();
@@ -136,30 +151,30 @@ void snbf_plat_bio_complete(plat_bio* request, int error) {
   bio_endio(bio);
 }
 
+static plat_bio* own_bio_begin(struct bio* bio) {
+  struct own_bio* own = container_of(bio, struct own_bio, bio);
+
+  own->hooks = NULL;
+  own->context = NULL;
+  own->bytes_left = bio->bi_iter.bi_size;
+  atomic_inc(&own_bios_live);
+  if (!READ_ONCE(own_bios_used)) WRITE_ONCE(own_bios_used, true);
+  return (plat_bio*)bio;
+}
+
 plat_bio* snbf_plat_bio_clone(plat_bio* original, plat_alloc_mode mode) {
   struct bio* from = bio_of(original);
   struct bio* clone = bio_alloc_clone(from->bi_bdev, from, snbf_gfp(mode), &own_bios);
-  struct own_bio* own;
 
   if (!clone) return NULL;
-  own = container_of(clone, struct own_bio, bio);
-  own->hooks = NULL;
-  own->context = NULL;
-  own->bytes_left = clone->bi_iter.bi_size;
   account_begin(from);
-  return (plat_bio*)clone;
+  return own_bio_begin(clone);
 }
 
 plat_bio* snbf_plat_bio_alloc(plat_alloc_mode mode) {
   struct bio* bio = bio_alloc_bioset(NULL, 1, REQ_OP_READ, snbf_gfp(mode), &own_bios);
-  struct own_bio* own;
 
-  if (!bio) return NULL;
-  own = container_of(bio, struct own_bio, bio);
-  own->hooks = NULL;
-  own->context = NULL;
-  own->bytes_left = 0;
-  return (plat_bio*)bio;
+  return bio ? own_bio_begin(bio) : NULL;
 }
 
 void snbf_plat_bio_set_page(plat_bio* request, int write, plat_u64 sector, void* page,
@@ -208,6 +223,7 @@ void snbf_plat_bio_put(plat_bio* bio) {
 
   if (hooks && hooks->destroy) hooks->destroy(bio);
   bio_put(bio_of(bio));
+  atomic_dec(&own_bios_live);
 }
 
 void snbf_plat_bio_cursor_init(const plat_bio* request, plat_bio_cursor* cursor) {
