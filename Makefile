@@ -25,11 +25,14 @@ setup: ## installs the Debian packages that are missing
 module: ## build/snbf.ko, for KDIR (default: the newest installed kernel headers)
 	@$(MODULE_MAKE) -j$(JOBS) module
 
+# One build folder with the tests, where they can be built: the tool is not compiled twice.
 agent: ## build/snbf, the command-line tool
-	@mkdir -p $(BUILD)/agent
-	@cmake -S . -B $(BUILD)/agent -G Ninja -Wno-dev -DSNBF_TESTS=OFF >$(BUILD)/agent/cmake.log || \
-	  { cat $(BUILD)/agent/cmake.log; false; }
-	@cmake --build $(BUILD)/agent -j $(JOBS)
+	@if [ -d /usr/include/gtest ]; then folder=$(BUILD)/plain tests=ON; \
+	  else folder=$(BUILD)/agent tests=OFF; fi; mkdir -p $$folder && \
+	{ cmake -S . -B $$folder -G Ninja -Wno-dev -DSNBF_TESTS=$$tests >$$folder/cmake.log 2>&1 || \
+	  { cat $$folder/cmake.log; false; }; } && \
+	cmake --build $$folder -j $(JOBS) --target snbf && \
+	{ cmp -s $$folder/agent/snbf $(BUILD)/snbf || cp $$folder/agent/snbf $(BUILD)/snbf; }
 
 tests: ## the unit and simulation tests, plain and under sanitizers
 	@tests/check --build-only --jobs $(JOBS)
@@ -40,7 +43,8 @@ check-rows: ## the rules that a compiler does not know: who includes whom
 check-locks: ## Clang's thread-safety analysis over the driver
 	@JOBS=$(JOBS) tools/check-locks
 
-check: setup all check-locks ## every test; ends with a tally
+check: setup ## every test; ends with a tally
+	@$(MAKE) --no-print-directory all check-locks
 	@tests/check --jobs $(JOBS)
 
 check-unit: tests ## the unit and simulation tests alone
@@ -49,10 +53,12 @@ check-unit: tests ## the unit and simulation tests alone
 check-guest: module agent ## the guest tests alone; TESTS="name..." chooses
 	@tests/guest/check $(TESTS)
 
-demo: setup module agent ## a real file system, backed up, changed, backed up again, restored
+demo: setup ## a real file system, backed up, changed, backed up again, restored
+	@$(MAKE) --no-print-directory module agent
 	@demo/run
 
-bench: setup module agent ## the benchmarks beside device-mapper's targets, as ratios
+bench: setup ## the benchmarks beside device-mapper's targets, as ratios
+	@$(MAKE) --no-print-directory module agent
 	@bench/run
 
 install: agent ## module (DKMS), tool, manual, completions, system files; honours DESTDIR

@@ -6,7 +6,7 @@ A test is a file test_*.py beside this one. Its GUEST says what the runner gives
     boots   the lives of the guest, in order, on the same disks; "name!" is one that ends in a power cut
     limit   seconds for each boot
     allow   patterns of kernel log lines that it provokes
-    words   for the kernel's command line
+    words   for the kernel's command line, beside slub_nomerge
 """
 
 import contextlib
@@ -307,17 +307,13 @@ def clear(minor):
         done(bmp_select("CLR_BMP", minor, kind), "clear")
 
 
+_BITS = [[bit for bit in range(8) if byte >> bit & 1] for byte in range(256)]
+
+
 def extents(data, count=None):
-    """The numbers of the bits that are set."""
-    number = int.from_bytes(data, "little")
-    if count is not None:
-        number &= (1 << count) - 1
-    found = set()
-    while number:
-        low = number & -number
-        found.add(low.bit_length() - 1)
-        number ^= low
-    return found
+    """The numbers of the bits that are set; only the first `count` have a meaning."""
+    found = {at * 8 + bit for at, byte in enumerate(data) if byte for bit in _BITS[byte]}
+    return found if count is None else {number for number in found if number < count}
 
 
 def marked(minor, kind):
@@ -397,15 +393,21 @@ def node(device, folder, begin=True, **more):
         done(delete(record.minor), "delete")
 
 
+CACHES = ("aio_item", "aio_block_cache", "cow_request", "cow_block")
+
+
 def slabs():
-    """Live objects in each slab cache whose name has snbf; the kernel may have merged none of them."""
-    found = {}
+    """The driver's slab caches that exist. The guest boots with slub_nomerge: each is its own."""
     with open("/proc/slabinfo", encoding="ascii") as lines:
-        for line in lines:
-            if "snbf" in line:
-                words = line.split()
-                found[words[0]] = int(words[1])
-    return found
+        return [line.split()[0] for line in lines if line.split()[0] in CACHES]
+
+
+def try_unload():
+    """What the kernel answers to one attempt: 0, or -EAGAIN while somebody uses the module."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    delete_module = 176
+    result = libc.syscall(ctypes.c_long(delete_module), b"snbf", ctypes.c_uint(os.O_NONBLOCK))
+    return -ctypes.get_errno() if result < 0 else 0
 
 
 def wait_until(condition, seconds=10, what="condition"):

@@ -1,5 +1,5 @@
 // Looks at every node and at every /proc file of the driver, over and over, as udev and monitoring do
-// on a real machine: looker PROCESSES. Ends when it is killed; what it meets on the way is no error.
+// on a real machine: looker PROCESSES [PAUSE_US]. Ends when it is killed; what it meets on the way is no error.
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -36,6 +36,7 @@ static void look_into(const char* folder, int depth) {
 
 int main(int argc, char** argv) {
   int processes = argc > 1 ? atoi(argv[1]) : 2;
+  int pause_us = argc > 2 ? atoi(argv[2]) : 0;  // leaves an unload a moment in which nobody looks
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   for (int i = 1; i < processes; ++i) {
     if (fork() == 0) {
@@ -48,5 +49,6 @@ int main(int argc, char** argv) {
     look_into("/proc/snbf", 1);
     read_some("/proc/partitions");
     read_some("/proc/diskstats");
+    if (pause_us > 0) usleep(pause_us);
   }
 }

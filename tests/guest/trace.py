@@ -7,6 +7,7 @@ import kit
 
 TRACING = "/sys/kernel/tracing"
 EVENT = re.compile(r"block_bio_queue: (\d+),(\d+) (\S+) (\d+) \+ (\d+) ")
+WRITES = re.compile("[WDN]")  # write, discard, and what the trace has no letter for: write-zeroes
 
 
 def _set(name, text):
@@ -36,7 +37,7 @@ class Trace:
         with open(f"{TRACING}/trace", encoding="utf-8", errors="replace") as lines:
             for line in lines:
                 match = EVENT.search(line)
-                if match and re.search("[WD]", match.group(3)):
+                if match and WRITES.search(match.group(3)):
                     first, count = int(match.group(4)), int(match.group(5))
                     found |= kit.covering(first * 512, count * 512, self.extent_size)
         for cpu in os.listdir(f"{TRACING}/per_cpu"):
