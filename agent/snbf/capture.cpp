@@ -169,12 +169,13 @@ class Capture {
 
   void copy(ImageWriter* image, const Extents& which, bool leave_zeros, const char* label) {
     Progress progress(label, which.covered_bytes());
-    copy_extents(source_.fd(), which, image, leave_zeros, [&progress](uint64_t bytes) {
+    const auto on_read = [&progress](uint64_t bytes) {
       progress.add(bytes);
       if (interrupted) {
         throw Failure(kFailed, "interrupted: nothing was kept, and the bitmap is as it was");
       }
-    });
+    };
+    point_.data_bytes += copy_extents(source_.fd(), which, image, leave_zeros, on_read).written_bytes;
   }
 
   void copy_again(ImageWriter* image, const char* label) {

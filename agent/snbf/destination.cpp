@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "failure.h"
+#include "sizes.h"
 
 namespace snbf {
 
@@ -49,6 +50,25 @@ ChosenPoint choose_point(const std::string& text) {
   chosen.point = *point;
   chosen.manifest = std::move(*manifest);
   return chosen;
+}
+
+Json point_json(const Point& point) {
+  return {{"point", point.id},
+          {"level", level_name(point.level)},
+          {"parent", point.parent ? Json(*point.parent) : Json(nullptr)},
+          {"full_because", point.why},
+          {"detail", point.detail},
+          {"created", show_time(point.created)},
+          {"exact", point.exact()},
+          {"source", point.source},
+          {"extents", point.extents},
+          {"copied_bytes", point.bytes},
+          {"data_bytes", point.data_bytes},
+          {"moved_bytes", point.moved_bytes},
+          {"frozen_ms", point.frozen_ms},
+          {"seconds", point.seconds},
+          {"file", point.file},
+          {"file_bytes", point.file_bytes}};
 }
 
 std::string contents_of(const std::string& path) {

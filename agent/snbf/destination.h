@@ -5,6 +5,7 @@
 #include <string>
 
 #include "manifest.h"
+#include "output.h"
 
 namespace snbf {
 
@@ -16,6 +17,9 @@ struct ChosenPoint {
 
 // POINT is its number or its file's name; none means the newest. Throws Failure.
 ChosenPoint choose_point(const std::string& text);
+
+// As every verb prints a point in JSON.
+Json point_json(const Point& point);
 
 // Probes of what stands on a device or in a file: "ext4, labelled data", or empty.
 std::string contents_of(const std::string& path);

@@ -33,7 +33,8 @@ Json to_json(const Point& point) {
           {"seconds", point.seconds},
           {"frozen_ms", point.frozen_ms},
           {"extents", point.extents},
-          {"bytes", point.bytes},
+          {"copied_bytes", point.bytes},
+          {"data_bytes", point.data_bytes},
           {"moved_bytes", point.moved_bytes},
           {"file_bytes", point.file_bytes},
           {"xxh3_128", point.hash}};
@@ -59,7 +60,8 @@ Point point_from(const Json& json) {
   point.seconds = json.value("seconds", 0.0);
   point.frozen_ms = json.value("frozen_ms", uint64_t{0});
   point.extents = json.value("extents", uint64_t{0});
-  point.bytes = json.value("bytes", uint64_t{0});
+  point.bytes = json.value("copied_bytes", uint64_t{0});
+  point.data_bytes = json.value("data_bytes", uint64_t{0});
   point.moved_bytes = json.value("moved_bytes", uint64_t{0});
   point.file_bytes = json.at("file_bytes");
   point.hash = json.at("xxh3_128");

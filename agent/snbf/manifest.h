@@ -24,7 +24,8 @@ struct Point {
   double seconds = 0;
   uint64_t frozen_ms = 0;
   uint64_t extents = 0;
-  uint64_t bytes = 0;       // of the extents copied
+  uint64_t bytes = 0;        // of those extents
+  uint64_t data_bytes = 0;   // of what was not zero in them, and was written
   uint64_t moved_bytes = 0;  // written while the copy ran, and copied again
   uint64_t file_bytes = 0;
   std::string hash;  // XXH3-128 of the file

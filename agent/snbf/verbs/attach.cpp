@@ -37,8 +37,18 @@ uint32_t parse_extent(const std::string& text) {
   return static_cast<uint32_t>(*size);
 }
 
-Failure refusal(int rc, const Options& options) {
+Failure refusal(int rc, const Options& options, const Driver& driver) {
   const Failure plain = failure_of(rc, fmt::format("attaching {}", options.partition));
+  for (const snbf_info& node : driver.filters()) {
+    if (rc == -EINVAL && device_of(node.hdd_name) == device_of(options.partition)) {
+      return {kFailed, fmt::format("attaching {}: the node {} lies over it already", options.partition, node.name),
+              "use that node, or detach it first", rc};
+    }
+    if (rc == -EINVAL && options.minor >= 0 && node.minor == static_cast<uint32_t>(options.minor)) {
+      return {kFailed, fmt::format("the minor {} belongs to the node {}", options.minor, node.name),
+              "leave --minor out, or choose another", rc};
+    }
+  }
   if (rc != -EBUSY) return plain;
   std::string who;
   for (const std::string& holder : holders_of(device_of(options.partition))) {
@@ -70,7 +80,7 @@ int attach(const Options& options) {
   }
   const std::string bitmaps = std::filesystem::canonical(options.bitmaps);
   request.bmp_dir = bitmaps.c_str();
-  if (int rc = libsnbf_attach(driver.get(), &request); rc != 0) throw refusal(rc, options);
+  if (int rc = libsnbf_attach(driver.get(), &request); rc != 0) throw refusal(rc, options, driver);
   if (options.start) {
     must(libsnbf_start(driver.get(), request.minor_used), "starting " + options.name);
   }

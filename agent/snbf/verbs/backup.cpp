@@ -10,6 +10,7 @@
 
 #include "capture.h"
 #include "command.h"
+#include "destination.h"
 #include "driver.h"
 #include "failure.h"
 #include "files.h"
@@ -30,6 +31,7 @@ struct Options {
   std::string level = "auto";
   bool freeze = false;
   double freeze_limit_s = 10;
+  bool list = false;
   bool dry_run = false;
   bool json = false;
 };
@@ -101,21 +103,9 @@ void say_plan(const Driver& driver, const snbf_info& node, const Plan& plan, con
                                           "nothing is written meanwhile"));
 }
 
-int report(const Point& point, const Options& options, const std::string& destination) {
+int report(const Point& point, const Options& options) {
   if (options.json) {
-    print_json({{"point", point.id},
-                {"level", level_name(point.level)},
-                {"full_because", point.why},
-                {"detail", point.detail},
-                {"file", destination + "/" + point.file},
-                {"exact", point.exact()},
-                {"source", point.source},
-                {"extents", point.extents},
-                {"bytes", point.bytes},
-                {"moved_bytes", point.moved_bytes},
-                {"file_bytes", point.file_bytes},
-                {"seconds", point.seconds},
-                {"frozen_ms", point.frozen_ms}});
+    print_json(point_json(point));
   } else {
     fmt::print("point {}: {}, {} in {} extents, file {} ({}), {:.1f} s\n", point.id,
                level_name(point.level), show_size(point.bytes), point.extents, point.file,
@@ -131,7 +121,28 @@ int report(const Point& point, const Options& options, const std::string& destin
   return kWarned;
 }
 
+int list_points(const Options& options) {
+  const ChosenPoint at = choose_point(options.destination);
+  Table table({{"POINT", true}, {"LEVEL"}, {"PARENT", true}, {"CREATED"}, {"COPIED", true},
+               {"FILE SIZE", true}, {"FULL BECAUSE"}});
+  Json points = Json::array();
+  for (const Point& point : at.manifest.points) {
+    points.push_back(point_json(point));
+    table.add({std::to_string(point.id), level_name(point.level),
+               point.parent ? std::to_string(*point.parent) : "-", show_time(point.created),
+               show_size(point.bytes), show_size(point.file_bytes),
+               point.why.empty() ? "" : reason_text(point.why)});
+  }
+  if (options.json) {
+    print_json({{"destination", at.destination}, {"node", at.manifest.node}, {"points", points}});
+  } else {
+    table.print(true);
+  }
+  return kDone;
+}
+
 int backup(const Options& options) {
+  if (options.list) return list_points(options);
   const Driver driver;
   const snbf_info node = driver.find(options.node);
   if (!node.started) {
@@ -167,7 +178,7 @@ int backup(const Options& options) {
   CaptureOptions how;
   how.freeze = options.freeze;
   how.freeze_limit = std::chrono::milliseconds(static_cast<int64_t>(options.freeze_limit_s * 1000));
-  return report(capture(driver, node, plan, how, destination, &result), options, destination);
+  return report(capture(driver, node, plan, how, destination, &result), options);
 }
 
 }  // namespace
@@ -189,6 +200,7 @@ void add_backup(CLI::App& app, Chosen& chosen) {
   verb->add_flag("--freeze", options->freeze, "Freeze the file system for the last part of the copy");
   verb->add_option("--freeze-limit", options->freeze_limit_s, "Seconds it may be frozen (default 10)")
       ->check(CLI::Range(0.1, 3600.0));
+  verb->add_flag("--list", options->list, "Only list the points that are there");
   verb->add_flag("--dry-run", options->dry_run, "Say which level it would be, and why");
   verb->add_flag("--json", options->json, "Print the point as JSON");
 }

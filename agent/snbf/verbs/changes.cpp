@@ -49,7 +49,7 @@ void print_changes_json(const snbf_info& node, const Extents& extents, const Opt
               {"bitmap", options.bitmap},
               {"size", extents.dev_size()},
               {"extent_size", extents.extent_size()},
-              {"extents", extents.extent_cnt()},
+              {"extent_count", extents.extent_cnt()},
               {"changed_extents", extents.count()},
               {"changed_bytes", extents.covered_bytes()},
               {"runs", runs}});

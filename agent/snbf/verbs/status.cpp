@@ -21,8 +21,7 @@ struct Options {
 
 // Why the next backup must be full; empty: it need not.
 std::string next_full(const libsnbf_state& state) {
-  if (state.distrust[0]) return state.distrust;
-  return state.incr_point[0] ? "" : kWhyFirst;
+  return state.incr_point[0] ? state.distrust : kWhyFirst;
 }
 
 Json bitmap_json(const Driver& driver, const snbf_info& node, uint32_t type, const char* point) {
@@ -52,7 +51,7 @@ int status(const Options& options) {
                 {"started", node.started != 0},
                 {"size", node.dev_size},
                 {"extent_size", node.extent_size},
-                {"extents", node.extent_cnt},
+                {"extent_count", node.extent_cnt},
                 {"opens", node.use_cnt},
                 {"held_by", holders},
                 {"snaps", node.snap_cnt},

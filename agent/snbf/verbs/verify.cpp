@@ -46,16 +46,9 @@ int verify(const Options& options) {
     table.add({std::to_string(point.id), level_name(point.level),
                point.parent ? std::to_string(*point.parent) : "-", show_time(point.created),
                show_size(point.bytes), show_size(point.file_bytes), state});
-    points.push_back({{"point", point.id},
-                      {"level", level_name(point.level)},
-                      {"parent", point.parent ? Json(*point.parent) : Json(nullptr)},
-                      {"full_because", point.why},
-                      {"created", show_time(point.created)},
-                      {"bytes", point.bytes},
-                      {"file", point.file},
-                      {"file_bytes", point.file_bytes},
-                      {"exact", point.exact()},
-                      {"damage", damage}});
+    Json json = point_json(point);
+    json["damage"] = damage;
+    points.push_back(json);
   }
   if (options.json) {
     print_json({{"destination", at.destination},
