@@ -139,7 +139,7 @@ int snbf_plat_parent_lock(const char* path, plat_parent** parent) {
   Place child;
   if (const int error = resolve(k, path, false, &child); error != 0) return error;
   Place up;
-  const std::string above = child.last_normal ? child.absolute + "/.." : child.absolute;
+  const std::string above = child.last_normal ? parent_of(child.absolute) : child.absolute;
   if (const int error = resolve(k, above, true, &up); error != 0) return error;
   if (up.inode == 0) return -ENOENT;
   if ((up.fs->meta.inodes[up.inode].mode & kTypeMask) != kTypeDir) return -ENOTDIR;

@@ -75,7 +75,7 @@ int make(Kernel& k, const std::string& path, InodeMeta meta) {
   Place place;
   if (const int error = resolve(k, path, false, &place); error != 0) return error;
   Place up;
-  if (const int error = resolve(k, place.absolute + "/..", true, &up); error != 0) return error;
+  if (const int error = resolve(k, parent_of(place.absolute), true, &up); error != 0) return error;
   if (up.inode == 0) return -ENOENT;
   Inode* directory = up.fs->inode(up.inode);
   k.lock(directory->lock);

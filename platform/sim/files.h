@@ -134,6 +134,8 @@ void balance_dirty(Kernel& k, FsState& fs);
 int freeze(Kernel& k, FsState& fs, bool by_hand);
 int thaw(Kernel& k, FsState& fs, bool by_hand);
 // ---- vfs.cpp
+// Of a path without links.
+std::string parent_of(const std::string& absolute);
 int resolve(Kernel& k, const std::string& path, bool follow, Place* place);
 int open_inode(Kernel& k, const std::string& path, int flags, int mode, Inode** inode);
 void make_root(Kernel& k);

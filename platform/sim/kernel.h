@@ -32,6 +32,7 @@ struct plat_task {
   int references = 0;
   snbf::sim::Fiber fiber;
   std::function<void()> body;
+  std::function<void()> irq_work;  // the next interrupt that this fiber serves
 
   // What it waits for, for the report of a deadlock.
   const char* wait_what = nullptr;

@@ -255,7 +255,7 @@ void Kernel::start_irq(std::function<void()> handler) {
   if (!idle_irqs.empty()) {
     Task* task = idle_irqs.back();
     idle_irqs.pop_back();
-    task->body = std::move(handler);
+    task->irq_work = std::move(handler);
     task->priority = kHighPriority + (sched_rng.next() & 0xFFFFFFFF);
     task->state = Task::State::Runnable;
     next_stop = 0;
@@ -263,9 +263,10 @@ void Kernel::start_irq(std::function<void()> handler) {
   }
   Task* task = new_task("irq", nullptr, 0);
   task->irq = true;
-  task->body = [this, task, first = std::move(handler)] {
-    std::function<void()> todo = first;
+  task->irq_work = std::move(handler);
+  task->body = [this, task] {
     for (;;) {
+      std::function<void()> todo = std::move(task->irq_work);
       todo();
       if (!task->spins.empty()) {
         fatal("an interrupt ends with the spin lock '%s' held", task->spins.back()->name);
@@ -277,7 +278,6 @@ void Kernel::start_irq(std::function<void()> handler) {
       task->wait_what = "its next interrupt";
       idle_irqs.push_back(task);
       switch_to_main();
-      todo = std::move(task->body);
     }
   };
 }

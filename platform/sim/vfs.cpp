@@ -43,6 +43,11 @@ u64 find_inode(const FsState& fs, const std::string& rel) {
 
 }  // namespace
 
+std::string parent_of(const std::string& absolute) {
+  const std::size_t slash = absolute.rfind('/');
+  return slash == std::string::npos || slash == 0 ? "/" : absolute.substr(0, slash);
+}
+
 int resolve(Kernel& k, const std::string& path, bool follow, Place* place) {
   std::deque<std::string> parts = split(path);
   std::string at;
@@ -92,7 +97,7 @@ int open_inode(Kernel& k, const std::string& path, int flags, int mode, Inode** 
     if ((flags & PLAT_O_CREAT) == 0) return -ENOENT;
     if (place.trailing_slash || !place.last_normal) return -EISDIR;
     Place parent;
-    const int error = resolve(k, place.absolute + "/..", true, &parent);
+    const int error = resolve(k, parent_of(place.absolute), true, &parent);
     if (error != 0) return error;
     if (parent.inode == 0) return -ENOENT;
     Inode* directory = parent.fs->inode(parent.inode);
