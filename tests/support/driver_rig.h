@@ -54,6 +54,7 @@ inline void load_with_partition(Sim& sim, const DriverParams& params = {.debug =
   sim.make_dir("/var");
   sim.make_dir("/var/bmp");
   ASSERT_EQ(sim.load_driver(params), 0);
+  sim.sleep_us(1000);  // kdirtyd has said that it runs
 }
 
 inline FilterNode* filter_at(u32 minor) { return static_cast<FilterNode*>(find_node(minor)); }
