@@ -199,7 +199,6 @@ SIM_TEST(AddFilterNode, FollowsALinkToThePartition) {
 SIM_TEST(AddFilterNode, RefusesAPartitionThatIsMountedOrOpen) {
   load_with_partition(sim);
   Device* disk = sim.device("sda1");
-  ASSERT_EQ(sim.make_dir("/mnt"), 0);
   FileSystem* fs = sim.add_fs("ext", disk->number());
   ASSERT_EQ(sim.mount(fs, "/mnt"), 0);
   expect_refused(sim, filter_record("/dev/sda1", 0), -EBUSY,

@@ -35,19 +35,20 @@ SIM_TEST(BlockOpen, AStoppedNodeIsRefusedAndNotCounted) {
 
 SIM_TEST(BlockOpen, CountsOpeningsAndKeepsTheDeviceUntilTheLastRelease) {
   load_with_started_node(sim);
-  OpenNode first;
-  OpenNode second;
-  ASSERT_EQ(sim.open_node(kNode(3), PLAT_MODE_READ, &first), 0);
-  ASSERT_EQ(sim.open_node(kNode(3), PLAT_MODE_READ | PLAT_MODE_WRITE, &second), 0);
-  EXPECT_EQ(filter_at(3)->use_cnt.load(), 2);
-  EXPECT_EQ(filter_at(3)->bdev, first.bdev());
-  EXPECT_EQ(sim.module_references(), 2);
+  plat_bdev* const first = reinterpret_cast<plat_bdev*>(0x1000);
+  plat_bdev* const second = reinterpret_cast<plat_bdev*>(0x2000);
+  ASSERT_EQ(snbf_block_open(first, kNode(3)), 0);
+  EXPECT_EQ(filter_at(3)->bdev, first);
   EXPECT_TRUE(sim.log().contains("snbf_block_open(): bdev="));
-  ASSERT_EQ(sim.close_node(&first), 0);
-  EXPECT_EQ(filter_at(3)->use_cnt.load(), 1);
-  EXPECT_NE(filter_at(3)->bdev, nullptr);
-  ASSERT_EQ(sim.close_node(&second), 0);
+  ASSERT_EQ(snbf_block_open(second, kNode(3)), 0);
+  EXPECT_EQ(filter_at(3)->bdev, second);
+  EXPECT_EQ(filter_at(3)->use_cnt.load(), 2);
+  EXPECT_EQ(sim.module_references(), 2);
+  ASSERT_EQ(snbf_block_release(kNode(3)), 0);
   EXPECT_TRUE(sim.log().contains("snbf_block_release(): Releasing snbf(100, 3)"));
+  EXPECT_EQ(filter_at(3)->use_cnt.load(), 1);
+  EXPECT_EQ(filter_at(3)->bdev, second);
+  ASSERT_EQ(snbf_block_release(kNode(3)), 0);
   EXPECT_EQ(filter_at(3)->use_cnt.load(), 0);
   EXPECT_EQ(filter_at(3)->bdev, nullptr);
   EXPECT_EQ(sim.module_references(), 0);
