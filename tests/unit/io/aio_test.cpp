@@ -145,7 +145,7 @@ SIM_TEST(TrackerOverlap, AWaiterGoesOnWhenTheOtherHasCompleted) {
     EXPECT_EQ(parts.run(Op::Write, 4, 4096), 0);
     done = true;
   });
-  sim.wait_until([&] { return sim.log().contains("snbf_aio_clone(): waiting..."); });
+  while (!sim.log().contains("snbf_aio_clone(): waiting...")) sim.sleep_us(100);
   EXPECT_FALSE(done);
   EXPECT_EQ(parts.disk.device->held().size(), 1u);
   parts.disk.device->hold(false);

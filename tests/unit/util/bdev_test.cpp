@@ -20,7 +20,7 @@ SIM_TEST(OpenBlockDevice, AnswersNullOnAnyFailure) {
   plat_bdev* bdev = snbf_open_bdev(disk->number(), PLAT_MODE_READ, PLAT_OPEN_SHARED, nullptr);
   ASSERT_NE(bdev, nullptr);
   EXPECT_EQ(snbf_is_mounted(bdev), 0);
-  ASSERT_EQ(sim.make_dir("/mnt"), 0);
+  sim.make_dir("/mnt");
   ASSERT_EQ(sim.mount(sim.add_fs("data", disk->number()), "/mnt"), 0);
   EXPECT_EQ(snbf_is_mounted(bdev), 1);
   ASSERT_EQ(sim.unmount(sim.fs("data")), 0);
