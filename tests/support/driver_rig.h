@@ -19,10 +19,10 @@ inline snbf_filter_node_cmd filter_record(const std::string& partition, int mino
                                           u32 extent_size = kExtentBytes,
                                           const std::string& bmp_dir = "/var/bmp") {
   snbf_filter_node_cmd record = {};
-  std::strncpy(record.hdd_name, partition.c_str(), sizeof(record.hdd_name));
+  std::strncpy(record.hdd_name, partition.c_str(), sizeof(record.hdd_name) - 1);
   record.minor = minor;
   record.extent_size = extent_size;
-  std::strncpy(record.bmp_dir, bmp_dir.c_str(), sizeof(record.bmp_dir));
+  std::strncpy(record.bmp_dir, bmp_dir.c_str(), sizeof(record.bmp_dir) - 1);
   return record;
 }
 
