@@ -214,7 +214,8 @@ int snbf_block_load_bmps(FilterNode& node) {
 // whole file.
 // 3. On failure the dirty field goes up again.
 // Kept: a flag queued between 1 and 2 is cancelled although its bit is not in the file; the raised
-// dirty field brings it there with the next save.
+// dirty field brings it there with the next save. And a flag queued late, for a bit that is in the
+// file, makes a file dirty that is whole: distrusted without need, never trusted wrongly.
 int snbf_block_save_bmp(FilterNode& node, u32 type) {
   constexpr const char* kOrigin = "snbf_block_save_bmp";
   snbf_log(2, "%s(): Saving %s bitmap of snbf(%d, %d)", kOrigin, bmp_type_text(type),

@@ -3,6 +3,7 @@
 #include <numeric>
 
 #include "driver_rig.h"
+#include "filter/kdirtyd.h"
 #include "platform/entry.h"
 
 namespace snbf::sim {
@@ -193,6 +194,7 @@ SIM_TEST(FilterRoute, MarksBeforeItPassesOn) {
 SIM_TEST(FilterRoute, WithoutSnapsItAllocatesNothingForWhatIsMarked) {
   Routes routes(sim);
   routes.expect_passed(Op::Write, 0, 4096);
+  ASSERT_EQ(snbf_yield_to_dirty_requests(*routes.filter, 60), 0);
   const u64 allocations = sim.calls(Fault::AnyAllocation);
   for (int i = 0; i < 3; ++i) {
     Io io;
