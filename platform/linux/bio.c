@@ -15,10 +15,10 @@
 #include <linux/delay.h>
 #include <linux/jiffies.h>
 #include <linux/part_stat.h>
-#include <linux/rcupdate.h>
 
 #include "compat.h"
 #include "gfp.h"
+#include "module.h"
 #include "platform/block.h"
 #include "platform/entry.h"
 
@@ -41,7 +41,6 @@ static struct bio_set split_bios;
 
 /* Requests of the driver's own that are not freed yet. */
 static atomic_t own_bios_live = ATOMIC_INIT(0);
-static bool own_bios_used;
 
 static_assert(sizeof(struct bvec_iter) <= sizeof(plat_bio_cursor));
 
@@ -66,12 +65,10 @@ int snbf_bio_sets_init(void) {
 /*
  * The last request of a node may be complete, and the node gone, before the interrupt that
  * completed it has put its clone. The last thing done with a request in this text is to count it
- * out, so after that a grace period is enough: of RCU's own, which freeing a module waits for, for
- * interrupts; of this kind for a task that was preempted there.
+ * out.
  */
 void snbf_bio_sets_exit(void) {
   while (atomic_read(&own_bios_live) > 0) msleep(1);
-  if (READ_ONCE(own_bios_used)) synchronize_rcu_tasks();
   bioset_exit(&split_bios);
   bioset_exit(&own_bios);
 }
@@ -158,7 +155,7 @@ static plat_bio* own_bio_begin(struct bio* bio) {
   own->context = NULL;
   own->bytes_left = bio->bi_iter.bi_size;
   atomic_inc(&own_bios_live);
-  if (!READ_ONCE(own_bios_used)) WRITE_ONCE(own_bios_used, true);
+  snbf_expect_stragglers();
   return (plat_bio*)bio;
 }
 

@@ -13,11 +13,11 @@
 #include <linux/blkdev.h>
 #include <linux/completion.h>
 #include <linux/major.h>
-#include <linux/rcupdate.h>
 #include <linux/slab.h>
 
 #include "bio.h"
 #include "compat.h"
+#include "module.h"
 #include "platform/entry.h"
 
 struct plat_disk {
@@ -110,8 +110,7 @@ void snbf_plat_disk_del(plat_disk* disk) {
 
 static void wait_until_freed(struct plat_disk* disk) {
   wait_for_completion(&disk->freed);
-  /* Another task may not have left node_freed yet: wait until none can be inside this text. */
-  if (disk->freed_by != current) synchronize_rcu_tasks();
+  if (disk->freed_by != current) snbf_expect_stragglers();
 }
 
 void snbf_plat_disk_put(plat_disk* disk) {

@@ -2,8 +2,10 @@
 /* The module: parameters, load and unload. */
 #include <linux/init.h>
 #include <linux/module.h>
+#include <linux/rcupdate.h>
 
 #include "bio.h"
+#include "module.h"
 #include "platform/entry.h"
 
 module_param(snbf_chr_major, int, 0444);
@@ -14,6 +16,12 @@ module_param(snbf_max_blk_minor, int, 0444);
 MODULE_PARM_DESC(snbf_max_blk_minor, "highest minor number of a node");
 module_param(snbf_blk_major, int, 0444);
 MODULE_PARM_DESC(snbf_blk_major, "major number of the nodes, 0 for a free one");
+
+static bool stragglers;
+
+void snbf_expect_stragglers(void) {
+  if (!READ_ONCE(stragglers)) WRITE_ONCE(stragglers, true);
+}
 
 static int __init snbf_module_load(void) {
   int rc = snbf_bio_sets_init();
@@ -27,6 +35,8 @@ static int __init snbf_module_load(void) {
 static void __exit snbf_module_unload(void) {
   snbf_unload();
   snbf_bio_sets_exit();
+  /* Freeing the module waits by itself for those that cannot be preempted, as in an interrupt. */
+  if (stragglers) synchronize_rcu_tasks();
 }
 
 module_init(snbf_module_load);
