@@ -1,0 +1,16 @@
+# The second boot, after the power cut.
+. demo/lib.sh
+
+load
+part=$(readlink -f /dev/guest/part)1
+mount /dev/guest/store "$store"
+run $snbf attach "$part" --name data --extent 64K --bitmaps "$store/bitmaps" --start
+run mount /dev/snbf/snbf0 "$work"
+run umount "$work"
+say "The map lacks what was written before the cut, and says so: everything counts as changed."
+run $snbf backup data "$backups"
+[ "$(json points -1 level < "$backups/manifest.json")" = full ]
+fact why "$(json points -1 full_because < "$backups/manifest.json")"
+run $snbf stop data
+run $snbf detach data
+rmmod snbf
