@@ -14,7 +14,7 @@ import kit
 import trace
 from kit import DIFF, INCR, KIB, MIB
 
-GUEST = {"disks": ["raw:64M", "ext4:256M", "xfs:320M", "state:64M", "big:4G"], "limit": 420}
+GUEST = {"disks": ["raw:64M", "ext4:256M", "xfs:320M", "state:64M", "big:4G"], "limit": 700}
 
 BLKDISCARD = 0x1277
 BLKZEROOUT = 0x127f
