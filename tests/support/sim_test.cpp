@@ -25,10 +25,14 @@ std::string log_tail(Sim& sim) {
 }
 
 // Told by Sim::run, wherever the test made its Sim.
-[[maybe_unused]] const bool handler_installed = [] {
-  Sim::failure_handler = [](const std::string& message) { ADD_FAILURE() << message; };
-  return true;
-}();
+class FatalIsFailure : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    Sim::failure_handler = [](const std::string& message) { ADD_FAILURE() << message; };
+  }
+};
+[[maybe_unused]] const auto* const fatal_is_failure =
+    ::testing::AddGlobalTestEnvironment(new FatalIsFailure);
 
 }  // namespace
 
