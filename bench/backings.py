@@ -1,7 +1,7 @@
 """What the subjects stand on: a volume that is measured, and a store for what they keep beside it.
 
-"brd" is RAM disks: a request costs instructions and no time. "lat" is null_blk with memory behind it,
-each request completed 100 us after it came, any number at once: it shows what waits for what.
+"brd" is RAM disks: a request costs instructions and no time. "lat" is null_blk with memory behind
+it, each request completed 100 us after it came, any number at once: it shows what waits for what.
 """
 
 import os

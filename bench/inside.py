@@ -75,10 +75,10 @@ def measure_writes(subject, recorder, rounds):
 
 def measure(make, recorder, rounds, first_rounds):
     subject = make()
-    steady_only = subject.name == "snbf-debug1"  # it is there to show that the default costs no more
+    steady_only = subject.name == "snbf-debug1"  # there to show that the default costs no more
     touched = not steady_only and (subject.tracks or subject.name == "raw")
     try:
-        workloads.steady(subject.device, "read-4k-qd1", True)  # fio and its libraries into the cache
+        workloads.steady(subject.device, "read-4k-qd1", True)  # brings fio itself into the cache
         if touched:
             measure_first(subject, recorder, first_rounds)
         measure_reads(subject, recorder, rounds)

@@ -1,6 +1,6 @@
-"""What is measured: the bare device, device-mapper's targets and the filter node, each on a backing.
+"""What is measured: the bare device, device-mapper's targets and the filter node on a backing.
 
-A subject is created with nothing marked, copied or mapped apart, and `renew()` brings it back there.
+A subject is created with nothing marked, copied or mapped apart; `renew()` brings it back there.
 """
 
 import fcntl
@@ -47,7 +47,8 @@ class Mapped(Subject):
         run("dmsetup", "create", name, "--noudevsync", "--noudevrules", "--table", table)
         self.made.append(name)
         # By the kernel's own name: without udev nothing keeps /dev/mapper true.
-        return "/dev/" + run("dmsetup", "info", "-c", "--noheadings", "-o", "blkdevname", name).strip()
+        kernel_name = run("dmsetup", "info", "-c", "--noheadings", "-o", "blkdevname", name)
+        return "/dev/" + kernel_name.strip()
 
     def renew(self):
         self.remove()
@@ -103,8 +104,8 @@ class Snapshots(Mapped):
             part = self.create(f"slice{number}", table)
             workloads.wipe_front(part)
             run("dmsetup", "suspend", "--noudevsync", "origin")
-            self.create(f"snap{number}", f"0 {VOLUME_SECTORS} snapshot {self.backing.volume} {part} "
-                                         f"P {self.chunk_kib * 2}")
+            self.create(f"snap{number}", f"0 {VOLUME_SECTORS} snapshot {self.backing.volume} "
+                                         f"{part} P {self.chunk_kib * 2}")
             run("dmsetup", "resume", "--noudevsync", "origin")
         return origin
 
@@ -141,8 +142,8 @@ class Filter(Subject):
     tracks = True
     CONTROL = "/dev/snbf/control"
     FOLDER = "/mnt/store"
-    ADD_FILTER_NODE, DEL_NODE, START_NODE, STOP_NODE = 0xc8b04301, 0x40044303, 0x40044304, 0x40044305
-    SAVE_BMP, CLR_BMP = 0x40084309, 0x4008430a
+    ADD_FILTER_NODE, DEL_NODE = 0xc8b04301, 0x40044303
+    START_NODE, STOP_NODE, CLR_BMP = 0x40044304, 0x40044305, 0x4008430a
     BITMAPS = (0, 1)
 
     def __init__(self, backing, module, name="snbf", parameters=("snbf_debug=0",), volume=None):
@@ -153,7 +154,8 @@ class Filter(Subject):
         os.makedirs(self.FOLDER, exist_ok=True)
         run("mount", backing.meta, self.FOLDER)
         self.control = os.open(self.CONTROL, os.O_RDWR)
-        record = bytearray(struct.pack("<1024sii1024s39s128sx", (volume or backing.volume).encode(), -1,
+        volume = volume or backing.volume
+        record = bytearray(struct.pack("<1024sii1024s39s128sx", volume.encode(), -1,
                                        workloads.EXTENT_BYTES, self.FOLDER.encode(), b"",
                                        name.encode()))
         fcntl.ioctl(self.control, self.ADD_FILTER_NODE, record)

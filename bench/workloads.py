@@ -30,9 +30,9 @@ FIRST = ("first-4k-qd1", "first-4k-qd32")
 FIRST_SEQ = "first-128k-seq"
 FIRST_TOUCHES = REGION_MIB * MIB // EXTENT_BYTES // 2
 
-# fio tells whole milliseconds, cut off, and by the instruction clock every round of the same length ends
-# at the same place in one. Each round is a little shorter than the one before (about 140 us on a RAM
-# disk), so that the rounds meet different places, and half a millisecond is added to each.
+# fio tells whole milliseconds, cut off, and by the instruction clock every round of the same length
+# ends at the same place in one. Each round is a little shorter than the one before (about 140 us
+# on a RAM disk), so that the rounds meet different places, and half a millisecond is added to each.
 SHORTER_BY = 17
 CUT_OFF_MS = 0.5
 
@@ -58,7 +58,7 @@ def steady(device, name, slow, number=0):
 
 
 def touch_list(device, count):
-    """A replay log of 4 KiB writes, one in each of `count` extents of the region, in random order."""
+    """A replay log of 4 KiB writes, one in each of `count` extents of the region, at random."""
     path = f"/tmp/touches-{os.path.basename(device)}-{count}"
     extents = random.Random(20).sample(range(REGION_MIB * MIB // EXTENT_BYTES), count)
     with open(path, "w", encoding="ascii") as log:
