@@ -285,7 +285,7 @@ SIM_TEST(Stack, TooDeepUseByTheDriverEndsTheRun) {
 #endif
   sim.expect_fatal("of the 16384 that a kernel thread has");
   snbf_plat_thread_start("kdeep", [](void*) {
-    char big[15'000];
+    char big[17'000];
     asm volatile("" : : "r"(big) : "memory");  // it must really be there
     snbf_plat_sleep_ms(1);
     snbf_plat_thread_exit(nullptr);
