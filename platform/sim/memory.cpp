@@ -27,7 +27,7 @@ constexpr const char* kKindNames[] = {"heap block", "virtual area", "page",  "ca
 // Pages lie on page boundaries; all else as the process's heap has it.
 std::size_t lead(int kind) { return kind == kPage ? 4096 : kFence; }
 
-bool all_bytes(const char* at, std::size_t bytes, unsigned char value) {
+[[maybe_unused]] bool all_bytes(const char* at, std::size_t bytes, unsigned char value) {
   const unsigned char* p = reinterpret_cast<const unsigned char*>(at);
   if (bytes == 0) return true;
   return p[0] == value && memcmp(p, p + 1, bytes - 1) == 0;
