@@ -68,14 +68,15 @@ def misuse_and_unknown_nodes_have_their_own_answers():
     refused(2, "no-such-verb")
     refused(2, "attach")
     kit.check(tool("stop", "nobody")[0] not in (0, 2), "an unknown node")
-    refused(8, "attach", kit.disk("state"), "--name", "busy", "--bitmaps", "/mnt/state")
+    refused(8, "attach", kit.disk("store"), "--name", "busy", "--bitmaps", "/mnt/state")
 
 
 @kit.case
 def the_first_backup_is_full_and_says_why():
     os.makedirs(WORK, exist_ok=True)
     kit.run("mount", kit.node_path("snbf0"), WORK)
-    shutil.copytree("/usr/share/perl", f"{WORK}/tree", symlinks=True)
+    shutil.copytree("/usr/share/perl", f"{WORK}/tree", symlinks=True,
+                    ignore=lambda _, names: sorted(names)[8:])
     os.sync()
     out = good("backup", "data", DEST, "--freeze")
     kit.check("full" in out.lower(), out)
@@ -85,7 +86,7 @@ def the_first_backup_is_full_and_says_why():
 def the_second_backup_copies_what_changed():
     with open(f"{WORK}/journal", "wb") as out:
         out.write(os.urandom(3 * MIB))
-    shutil.rmtree(f"{WORK}/tree/" + sorted(os.listdir(f"{WORK}/tree"))[0])
+    shutil.rmtree(f"{WORK}/tree")
     kit.run("umount", WORK)
     changed = answer("changes", "data")
     marked = kit.marked(0, kit.INCR)
