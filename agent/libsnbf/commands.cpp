@@ -89,7 +89,8 @@ int libsnbf_open(const libsnbf_options* options, libsnbf** out) {
     handle->ioctl = with.ioctl;
     handle->ioctl_context = with.ioctl_context;
     if (!handle->ioctl) {
-      handle->control_fd = ::open(or_default(with.control, "/dev/snbf/control"), O_RDWR | O_CLOEXEC);
+      handle->control_fd =
+          ::open(or_default(with.control, "/dev/snbf/control"), O_RDWR | O_CLOEXEC);
       if (handle->control_fd < 0) {
         const int error = errno;
         delete handle;
@@ -215,9 +216,9 @@ int libsnbf_resume_snap(libsnbf* handle, const snbf_resume_cmd* record) {
 
 int libsnbf_bmp_unsaved(libsnbf* handle, uint32_t minor, uint32_t type, int* unsaved) {
   return snbf::lib::at_border([&] {
-    const std::string text = snbf::lib::read_line(
-        handle->proc_root + "/snbf/snbf" + std::to_string(minor) +
-        (type == SNBF_BMP_INCR ? "/incr_bmp_dirty" : "/diff_bmp_dirty"));
+    const std::string text =
+        snbf::lib::read_line(handle->proc_root + "/snbf/snbf" + std::to_string(minor) +
+                             (type == SNBF_BMP_INCR ? "/incr_bmp_dirty" : "/diff_bmp_dirty"));
     if (text.empty()) return -ENOENT;
     *unsaved = text != "0";
     return 0;

@@ -72,7 +72,8 @@ class Stack {
   void add_by_dev_file(const fs::path& sys_entry) {
     unsigned device_major = 0;
     unsigned device_minor = 0;
-    if (std::sscanf(read_line(sys_entry / "dev").c_str(), "%u:%u", &device_major, &device_minor) == 2) {
+    if (std::sscanf(read_line(sys_entry / "dev").c_str(), "%u:%u", &device_major, &device_minor) ==
+        2) {
       add_device(makedev(device_major, device_minor));
     }
   }

@@ -46,7 +46,8 @@ int libsnbf_add_snap_node(struct libsnbf* handle, struct snbf_snap_node_cmd* rec
 int libsnbf_del_node(struct libsnbf* handle, uint32_t minor);
 int libsnbf_start_node(struct libsnbf* handle, uint32_t minor);
 int libsnbf_stop_node(struct libsnbf* handle, uint32_t minor);
-int libsnbf_get_device_list(struct libsnbf* handle, uint32_t dev_type, struct snbf_device_list* out);
+int libsnbf_get_device_list(struct libsnbf* handle, uint32_t dev_type,
+                            struct snbf_device_list* out);
 int libsnbf_get_info(struct libsnbf* handle, uint32_t minor, struct snbf_info* out);
 int libsnbf_load_bmp(struct libsnbf* handle, uint32_t minor, uint32_t type);
 int libsnbf_save_bmp(struct libsnbf* handle, uint32_t minor, uint32_t type);
@@ -93,11 +94,11 @@ struct libsnbf_state {
   char uuid[SNBF_UUID_BYTES];
   char hdd_name[SNBF_PATH_BYTES];
   char boot_id[40];
-  int stopped_clean;      /* 1: stopped by libsnbf_stop, both bitmaps saved */
-  uint64_t head_hash;     /* of the partition's first 128 KiB at that stop */
-  char distrust[32];      /* why the bitmaps are all ones, until a full backup: see below */
-  char incr_point[96];    /* what the Incremental bitmap counts from, as the agent names it */
-  char diff_point[96];    /* the same of the Differential bitmap */
+  int stopped_clean;   /* 1: stopped by libsnbf_stop, both bitmaps saved */
+  uint64_t head_hash;  /* of the partition's first 128 KiB at that stop */
+  char distrust[32];   /* why the bitmaps are all ones, until a full backup: see below */
+  char incr_point[96]; /* what the Incremental bitmap counts from, as the agent names it */
+  char diff_point[96]; /* the same of the Differential bitmap */
 };
 int libsnbf_state_read(const char* bmp_dir, uint32_t minor, struct libsnbf_state* out);
 int libsnbf_state_write(const char* bmp_dir, uint32_t minor, const struct libsnbf_state* state);

@@ -59,12 +59,18 @@ int hash_head(const char* partition, uint64_t* out) {
 
 const char* why_of(libsnbf_verdict verdict) {
   switch (verdict) {
-    case LIBSNBF_GOOD: return "";
-    case LIBSNBF_MISSING: return LIBSNBF_WHY_MISSING;
-    case LIBSNBF_CORRUPT: return LIBSNBF_WHY_CORRUPT;
-    case LIBSNBF_DIRTY: return LIBSNBF_WHY_DIRTY;
-    case LIBSNBF_WRONG_SIZE: return LIBSNBF_WHY_SIZE;
-    case LIBSNBF_WRONG_CHECKSUM: return LIBSNBF_WHY_CHECKSUM;
+    case LIBSNBF_GOOD:
+      return "";
+    case LIBSNBF_MISSING:
+      return LIBSNBF_WHY_MISSING;
+    case LIBSNBF_CORRUPT:
+      return LIBSNBF_WHY_CORRUPT;
+    case LIBSNBF_DIRTY:
+      return LIBSNBF_WHY_DIRTY;
+    case LIBSNBF_WRONG_SIZE:
+      return LIBSNBF_WHY_SIZE;
+    case LIBSNBF_WRONG_CHECKSUM:
+      return LIBSNBF_WHY_CHECKSUM;
   }
   return LIBSNBF_WHY_CORRUPT;
 }
@@ -108,7 +114,8 @@ std::string judge(const libsnbf& handle, const libsnbf_attach_request& request, 
     return same_boot && std::string(state.hdd_name) == request.partition ? "" : LIBSNBF_WHY_UNCLEAN;
   }
   uint64_t head = 0;
-  if (hash_head(request.partition, &head) != 0 || head != state.head_hash) return LIBSNBF_WHY_OUTSIDE;
+  if (hash_head(request.partition, &head) != 0 || head != state.head_hash)
+    return LIBSNBF_WHY_OUTSIDE;
   return "";
 }
 
@@ -201,11 +208,12 @@ int attach_locked(libsnbf* handle, libsnbf_attach_request* request) {
   libsnbf_state state = known == 0 ? before : libsnbf_state{};
   std::string why = known == -ENOENT ? LIBSNBF_WHY_MISSING
                     : known != 0     ? LIBSNBF_WHY_CORRUPT
-                                     : judge(*handle, *request, *minor, before, partition.size_bytes);
+                                 : judge(*handle, *request, *minor, before, partition.size_bytes);
   if (why == LIBSNBF_WHY_OTHER_NODE) state = libsnbf_state{};
 
   snbf_filter_node_cmd record{};
-  if (!put_text(record.hdd_name, request->partition) || !put_text(record.bmp_dir, request->bmp_dir)) {
+  if (!put_text(record.hdd_name, request->partition) ||
+      !put_text(record.bmp_dir, request->bmp_dir)) {
     return -ENAMETOOLONG;
   }
   put_text(record.name, request->name);

@@ -37,7 +37,7 @@ volatile std::sig_atomic_t interrupted = 0;
 class SignalWatch {
  public:
   SignalWatch() {
-    struct sigaction action{};
+    struct sigaction action {};
     action.sa_handler = [](int) { interrupted = 1; };
     for (size_t i = 0; i < 3; ++i) ::sigaction(kSignals[i], &action, &before_[i]);
   }
@@ -100,8 +100,8 @@ class Source {
 
 class Capture {
  public:
-  Capture(const Driver& driver, const snbf_info& node, const Plan& plan, const CaptureOptions& options,
-          const std::string& destination, Manifest* manifest)
+  Capture(const Driver& driver, const snbf_info& node, const Plan& plan,
+          const CaptureOptions& options, const std::string& destination, Manifest* manifest)
       : driver_(driver),
         node_(node),
         plan_(plan),
@@ -126,7 +126,8 @@ class Capture {
     point_.created = ::time(nullptr);
     try {
       make_image();
-      point_.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+      point_.seconds =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
       commit();
     } catch (...) {
       if (!committed_) give_back();
@@ -163,8 +164,9 @@ class Capture {
   }
 
   CaptureRecord record(bool captured) const {
-    return {captured, plan_.level == Level::Full, destination_, point_name(manifest_, point_.id),
-            taken_incr_, taken_diff_};
+    return {captured,     plan_.level == Level::Full,
+            destination_, point_name(manifest_, point_.id),
+            taken_incr_,  taken_diff_};
   }
 
   void copy(ImageWriter* image, const Extents& which, bool leave_zeros, const char* label) {
@@ -175,7 +177,8 @@ class Capture {
         throw Failure(kFailed, "interrupted: nothing was kept, and the bitmap is as it was");
       }
     };
-    point_.data_bytes += copy_extents(source_.fd(), which, image, leave_zeros, on_read).written_bytes;
+    point_.data_bytes +=
+        copy_extents(source_.fd(), which, image, leave_zeros, on_read).written_bytes;
   }
 
   void copy_again(ImageWriter* image, const char* label) {
@@ -197,7 +200,8 @@ class Capture {
       copy_frozen(image);
       return;
     }
-    for (int round = 1; pending() && round < kRoundsMax; ++round) copy_again(image, "copying again");
+    for (int round = 1; pending() && round < kRoundsMax; ++round)
+      copy_again(image, "copying again");
     // What is still marked stays in the bitmap, and so in the next point.
     point_.source = pending() ? "moving" : source_.unmounted() ? "unmounted" : "quiet";
   }
@@ -212,8 +216,9 @@ class Capture {
     const bool held = freeze.thaw();
     point_.frozen_ms = freeze.lasted_ms();
     if (!held) {
-      warn(fmt::format("the copy took longer than the freeze may last ({} ms): thawed before its end",
-                       options_.freeze_limit.count()));
+      warn(fmt::format(
+          "the copy took longer than the freeze may last ({} ms): thawed before its end",
+          options_.freeze_limit.count()));
     }
     point_.source = held && still ? "frozen" : "moving";
   }
@@ -256,7 +261,8 @@ class Capture {
       }
       if (began_) journal_.drop();
     } catch (const std::exception& error) {
-      warn(fmt::format("the bitmap could not be given back ({}); the next backup will do it", error.what()));
+      warn(fmt::format("the bitmap could not be given back ({}); the next backup will do it",
+                       error.what()));
     }
   }
 

@@ -93,7 +93,9 @@ std::optional<CaptureRecord> CaptureJournal::read() const {
   return unknown;
 }
 
-void CaptureJournal::write(const CaptureRecord& record) const { replace_file(path_, encode(record)); }
+void CaptureJournal::write(const CaptureRecord& record) const {
+  replace_file(path_, encode(record));
+}
 
 void CaptureJournal::drop() const {
   remove_file(path_);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// What makes taking a bitmap safe against a crash. Beside the bitmap files of the node stands, while
-// a backup is under way, one file:
+// What makes taking a bitmap safe against a crash. Beside the bitmap files of the node stands,
+// while a backup is under way, one file:
 //   1. "begins": a bitmap is about to be taken. Found after a crash: it may be lost, so every
 //      extent counts as changed.
 //   2. "captured", with the bits that were taken. Found after a crash: they are merged back.

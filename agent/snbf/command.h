@@ -26,7 +26,8 @@ CLI::App* add_verb(CLI::App& app, Chosen& chosen, const char* name, const char* 
                    int (*handler)(const Options&)) {
   CLI::App* verb = app.add_subcommand(name, summary);
   verb->footer(examples);
-  verb->callback([&chosen, options, handler] { chosen = [options, handler] { return handler(*options); }; });
+  verb->callback(
+      [&chosen, options, handler] { chosen = [options, handler] { return handler(*options); }; });
   return verb;
 }
 

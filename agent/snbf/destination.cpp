@@ -43,9 +43,10 @@ ChosenPoint choose_point(const std::string& text) {
   }
   const Point* point = find_point(*manifest, wanted);
   if (!point) {
-    throw Failure(kFailed, fmt::format("{} has no point {}", chosen.destination,
-                                       wanted.empty() ? "at all" : wanted),
-                  "`snbf verify DEST` lists the points");
+    throw Failure(
+        kFailed,
+        fmt::format("{} has no point {}", chosen.destination, wanted.empty() ? "at all" : wanted),
+        "`snbf verify DEST` lists the points");
   }
   chosen.point = *point;
   chosen.manifest = std::move(*manifest);

@@ -69,7 +69,8 @@ std::vector<snbf_info> Driver::filters() const {
 }
 
 snbf_info Driver::find(const std::string& text) const {
-  const std::string file = text.rfind('/') == std::string::npos ? text : text.substr(text.rfind('/') + 1);
+  const std::string file =
+      text.rfind('/') == std::string::npos ? text : text.substr(text.rfind('/') + 1);
   const std::string by_file = file.rfind("snbf", 0) == 0 ? file.substr(4) : "";
   const dev_t device = text.find('/') == std::string::npos ? 0 : device_of(text);
   const std::vector<snbf_info> nodes = filters();
@@ -155,7 +156,8 @@ dev_t device_of(const std::string& path) {
 
 libsnbf_state read_state(const snbf_info& node) {
   libsnbf_state state{};
-  if (libsnbf_state_read(bmp_dir_of(node).c_str(), node.minor, &state) != 0) state = libsnbf_state{};
+  if (libsnbf_state_read(bmp_dir_of(node).c_str(), node.minor, &state) != 0)
+    state = libsnbf_state{};
   return state;
 }
 

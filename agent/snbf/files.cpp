@@ -114,7 +114,8 @@ UniqueFd lock_file(const std::string& path, const std::string& doing) {
 std::string hash_file(const std::string& path) {
   UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file) throw failure_of(-errno, "reading " + path);
-  std::unique_ptr<XXH3_state_t, decltype(&XXH3_freeState)> state(XXH3_createState(), XXH3_freeState);
+  std::unique_ptr<XXH3_state_t, decltype(&XXH3_freeState)> state(XXH3_createState(),
+                                                                 XXH3_freeState);
   XXH3_128bits_reset(state.get());
   std::string buffer(kReadBytes, '\0');
   ssize_t n;
@@ -135,7 +136,8 @@ Ran run(const std::vector<std::string>& arguments) {
   if (child < 0) throw failure_of(-errno, "starting " + arguments[0]);
   if (child == 0) {
     std::vector<char*> argv;
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    for (const std::string& argument : arguments)
+      argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     ::dup2(out[1], 1);
     ::dup2(err[1], 2);

@@ -30,7 +30,8 @@ void read_at(int fd, uint8_t* to, uint64_t length, uint64_t offset) {
     const ssize_t n = ::pread(fd, to + done, length - done, static_cast<off_t>(offset + done));
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) throw failure_of(-errno, fmt::format("reading the node at byte {}", offset + done));
-    if (n == 0) throw failure_of(-EIO, fmt::format("reading the node: it ends at byte {}", offset + done));
+    if (n == 0)
+      throw failure_of(-EIO, fmt::format("reading the node: it ends at byte {}", offset + done));
     done += static_cast<uint64_t>(n);
   }
 }
@@ -56,12 +57,20 @@ void queue(ImageWriter* image, const uint8_t* bytes, uint64_t length, uint64_t o
 
 }  // namespace
 
-uint64_t cluster_for(uint64_t extent_size) { return std::clamp(extent_size, kClusterMin, kClusterMax); }
+uint64_t cluster_for(uint64_t extent_size) {
+  return std::clamp(extent_size, kClusterMin, kClusterMax);
+}
 
 void create_image(const std::string& path, uint64_t size_bytes, uint64_t cluster_bytes,
                   const std::string& backing) {
-  std::vector<std::string> command = {"qemu-img", "create", "-q", "-f", "qcow2", "-o",
-                                      fmt::format("cluster_size={},lazy_refcounts=off", cluster_bytes)};
+  std::vector<std::string> command = {
+      "qemu-img",
+      "create",
+      "-q",
+      "-f",
+      "qcow2",
+      "-o",
+      fmt::format("cluster_size={},lazy_refcounts=off", cluster_bytes)};
   if (!backing.empty()) command.insert(command.end(), {"-b", backing, "-F", "qcow2"});
   command.push_back(path);
   command.push_back(std::to_string(size_bytes));
@@ -75,8 +84,8 @@ ImageWriter::ImageWriter(const std::string& path) : path_(path), memory_(nullptr
   for (size_t i = 0; i < kSlots; ++i) slots_[i].bytes = memory_.get() + i * kSlotBytes;
   nbd_ = nbd_create();
   if (!nbd_) fail("starting qemu-nbd");
-  const char* argv[] = {"qemu-nbd", "-f", "qcow2", "--cache=writeback", "--discard=unmap",
-                        path_.c_str(), nullptr};
+  const char* argv[] = {"qemu-nbd",        "-f",          "qcow2", "--cache=writeback",
+                        "--discard=unmap", path_.c_str(), nullptr};
   if (nbd_connect_systemd_socket_activation(nbd_, const_cast<char**>(argv)) < 0) {
     const std::string why = nbd_get_error();
     nbd_close(nbd_);

@@ -13,15 +13,16 @@ namespace snbf {
 namespace {
 
 constexpr Command kCommands[] = {
-    {"attach", add_attach},   {"start", add_start},     {"stop", add_stop},
-    {"detach", add_detach},   {"list", add_list},       {"status", add_status},
-    {"changes", add_changes}, {"bitmap", add_bitmap},   {"backup", add_backup},
-    {"restore", add_restore}, {"verify", add_verify},   {"doctor", add_doctor},
+    {"attach", add_attach},   {"start", add_start},   {"stop", add_stop},
+    {"detach", add_detach},   {"list", add_list},     {"status", add_status},
+    {"changes", add_changes}, {"bitmap", add_bitmap}, {"backup", add_backup},
+    {"restore", add_restore}, {"verify", add_verify}, {"doctor", add_doctor},
     {"version", add_version},
 };
 
 constexpr const char* kFooter =
-    "Exit status: 0 done, 1 failed, 2 misused, 3 done with warnings, 4 a snap was lost on the way,\n"
+    "Exit status: 0 done, 1 failed, 2 misused, 3 done with warnings, 4 a snap was lost on the "
+    "way,\n"
     "5 driver missing or kernel not supported, 6 refused as unsafe, 7 verify found a difference, "
     "8 busy.\n"
     "`snbf VERB --help` shows a verb's options and an example.";

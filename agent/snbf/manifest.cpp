@@ -76,9 +76,12 @@ Point point_from(const Json& json) {
 
 const char* level_name(Level level) {
   switch (level) {
-    case Level::Full: return "full";
-    case Level::Incremental: return "incr";
-    case Level::Differential: return "diff";
+    case Level::Full:
+      return "full";
+    case Level::Incremental:
+      return "incr";
+    case Level::Differential:
+      return "diff";
   }
   return "?";
 }
@@ -90,9 +93,8 @@ const Point* Manifest::find(uint64_t id) const {
 }
 
 const Point* Manifest::newest_full() const {
-  const auto found = std::find_if(points.rbegin(), points.rend(), [](const Point& point) {
-    return point.level == Level::Full;
-  });
+  const auto found = std::find_if(points.rbegin(), points.rend(),
+                                  [](const Point& point) { return point.level == Level::Full; });
   return found == points.rend() ? nullptr : &*found;
 }
 
@@ -100,7 +102,8 @@ std::vector<const Point*> Manifest::lineage(const Point& point) const {
   std::vector<const Point*> line{&point};
   while (line.back()->parent) {
     const Point* parent = find(*line.back()->parent);
-    if (!parent || parent->id >= line.back()->id) return {};  // ids rise, so no ring can be followed
+    if (!parent || parent->id >= line.back()->id)
+      return {};  // ids rise, so no ring can be followed
     line.push_back(parent);
   }
   std::reverse(line.begin(), line.end());
@@ -158,16 +161,18 @@ std::string point_name(const Manifest& manifest, uint64_t id) {
   return fmt::format("{}:{}", manifest.chain, id);
 }
 
-std::string chain_damage(const Manifest& manifest, const Point& point, const std::string& destination,
-                         bool contents) {
+std::string chain_damage(const Manifest& manifest, const Point& point,
+                         const std::string& destination, bool contents) {
   const auto line = manifest.lineage(point);
-  if (line.empty()) return fmt::format("an earlier point that {} needs is not in the manifest", point.file);
+  if (line.empty())
+    return fmt::format("an earlier point that {} needs is not in the manifest", point.file);
   for (const Point* step : line) {
     const std::string path = destination + "/" + step->file;
     struct stat about;
     if (::stat(path.c_str(), &about) < 0) return step->file + " is missing";
     if (static_cast<uint64_t>(about.st_size) != step->file_bytes) {
-      return fmt::format("{} has {} bytes instead of {}", step->file, about.st_size, step->file_bytes);
+      return fmt::format("{} has {} bytes instead of {}", step->file, about.st_size,
+                         step->file_bytes);
     }
     if (contents && hash_file(path) != step->hash) return step->file + " is not what was written";
   }

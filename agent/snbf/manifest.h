@@ -61,7 +61,7 @@ std::string point_name(const Manifest& manifest, uint64_t id);
 
 // What is wrong with the files below `point`: a sentence, or empty. Looks at their sizes, and with
 // `contents` at every byte.
-std::string chain_damage(const Manifest& manifest, const Point& point, const std::string& destination,
-                         bool contents);
+std::string chain_damage(const Manifest& manifest, const Point& point,
+                         const std::string& destination, bool contents);
 
 }  // namespace snbf

@@ -20,11 +20,16 @@ constexpr uint32_t kMargin = 12;
 std::string escape_xml(const std::string& text) {
   std::string out;
   for (char c : text) {
-    if (c == '<') out += "&lt;";
-    else if (c == '>') out += "&gt;";
-    else if (c == '&') out += "&amp;";
-    else if (c == '"') out += "&quot;";
-    else out += c;
+    if (c == '<')
+      out += "&lt;";
+    else if (c == '>')
+      out += "&gt;";
+    else if (c == '&')
+      out += "&amp;";
+    else if (c == '"')
+      out += "&quot;";
+    else
+      out += c;
   }
   return out;
 }
@@ -78,10 +83,9 @@ std::string hilbert_svg(const Extents& extents, const std::string& title) {
   const uint32_t cell = kCellPixels * (1u << (kOrderMax - order));
   const uint32_t plot = side * cell;
   const std::vector<double> shares = density(extents, uint64_t{side} * side);
-  const std::string caption =
-      fmt::format("{}: {} of {} extents changed ({} of {})", title, extents.count(),
-                  extents.extent_cnt(), show_size(extents.covered_bytes()),
-                  show_size(extents.dev_size()));
+  const std::string caption = fmt::format(
+      "{}: {} of {} extents changed ({} of {})", title, extents.count(), extents.extent_cnt(),
+      show_size(extents.covered_bytes()), show_size(extents.dev_size()));
   std::string out = fmt::format(
       "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"{0}\" height=\"{1}\" "
       "viewBox=\"0 0 {0} {1}\" shape-rendering=\"crispEdges\">\n<title>{2}</title>\n"
@@ -91,12 +95,13 @@ std::string hilbert_svg(const Extents& extents, const std::string& title) {
   for (size_t i = 0; i < shares.size(); ++i) {
     if (shares[i] == 0) continue;
     const Point2 at = hilbert(order, i);
-    out += fmt::format("<rect x=\"{}\" y=\"{}\" width=\"{}\" height=\"{}\" fill=\"{}\"/>\n",
-                       kMargin + at.x * cell, kMargin + at.y * cell, cell, cell,
-                       colour_of(shares[i]));
+    out +=
+        fmt::format("<rect x=\"{}\" y=\"{}\" width=\"{}\" height=\"{}\" fill=\"{}\"/>\n",
+                    kMargin + at.x * cell, kMargin + at.y * cell, cell, cell, colour_of(shares[i]));
   }
   out += fmt::format(
-      "<text x=\"{}\" y=\"{}\" font-family=\"sans-serif\" font-size=\"13\" fill=\"#222\">{}</text>\n"
+      "<text x=\"{}\" y=\"{}\" font-family=\"sans-serif\" font-size=\"13\" "
+      "fill=\"#222\">{}</text>\n"
       "</svg>\n",
       kMargin, plot + kMargin + 22, escape_xml(caption));
   return out;

@@ -7,7 +7,9 @@ namespace snbf {
 
 namespace {
 
-Plan full(const char* why, std::string detail = "") { return {Level::Full, why, std::move(detail), nullptr}; }
+Plan full(const char* why, std::string detail = "") {
+  return {Level::Full, why, std::move(detail), nullptr};
+}
 
 // Why the bitmap that counts from `counts_from` does not lead on from `parent`.
 const char* mismatch(const std::string& counts_from, const std::string& parent) {

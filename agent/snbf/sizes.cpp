@@ -30,7 +30,8 @@ std::optional<double> unit_bytes(std::string_view suffix) {
 
 std::optional<uint64_t> parse_size(std::string_view text) {
   size_t digits = 0;
-  while (digits < text.size() && (std::isdigit(static_cast<unsigned char>(text[digits])) || text[digits] == '.')) {
+  while (digits < text.size() &&
+         (std::isdigit(static_cast<unsigned char>(text[digits])) || text[digits] == '.')) {
     ++digits;
   }
   if (digits == 0 || text[0] == '.') return std::nullopt;

@@ -9,8 +9,8 @@
 
 namespace snbf {
 
-// "65536", "64K", "64k", "64KiB", "1.5G", "10s" (512-byte sectors): bytes. Powers of 1024; "64KB" is
-// 64,000. Nothing if it is no size or more than 2^63 - 1 bytes.
+// "65536", "64K", "64k", "64KiB", "1.5G", "10s" (512-byte sectors): bytes. Powers of 1024; "64KB"
+// is 64,000. Nothing if it is no size or more than 2^63 - 1 bytes.
 std::optional<uint64_t> parse_size(std::string_view text);
 
 // "64K", "1.5G", "0": at most one digit behind the point.

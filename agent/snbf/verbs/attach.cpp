@@ -41,7 +41,9 @@ Failure refusal(int rc, const Options& options, const Driver& driver) {
   const Failure plain = failure_of(rc, fmt::format("attaching {}", options.partition));
   for (const snbf_info& node : driver.filters()) {
     if (rc == -EINVAL && device_of(node.hdd_name) == device_of(options.partition)) {
-      return {kFailed, fmt::format("attaching {}: the node {} lies over it already", options.partition, node.name),
+      return {kFailed,
+              fmt::format("attaching {}: the node {} lies over it already", options.partition,
+                          node.name),
               "use that node, or detach it first", rc};
     }
     if (rc == -EINVAL && options.minor >= 0 && node.minor == static_cast<uint32_t>(options.minor)) {
@@ -117,7 +119,8 @@ void add_attach(CLI::App& app, Chosen& chosen) {
       options, attach);
   verb->add_option("partition", options->partition, "The partition's device file")->required();
   verb->add_option("--name", options->name, "The node's name")->required();
-  verb->add_option("--minor", options->minor, "Its minor number (default: the last one it had, or a free one)");
+  verb->add_option("--minor", options->minor,
+                   "Its minor number (default: the last one it had, or a free one)");
   verb->add_option("--extent", options->extent, "Bytes that one bit stands for (default 64K)");
   verb->add_option("--bitmaps", options->bitmaps,
                    "Directory of the bitmap files, not on this partition (default /var/lib/snbf)");

@@ -70,16 +70,19 @@ Plan make_plan(const Options& options, const snbf_info& node, const std::string&
   return plan_backup(situation);
 }
 
-void check_destination(const Driver& driver, const snbf_info& node, const std::string& destination) {
+void check_destination(const Driver& driver, const snbf_info& node,
+                       const std::string& destination) {
   if (driver.lies_on(destination, node)) {
-    throw Failure(kUnsafe, fmt::format("{} lies on the partition that is to be backed up", destination),
+    throw Failure(kUnsafe,
+                  fmt::format("{} lies on the partition that is to be backed up", destination),
                   "choose a destination on another device");
   }
 }
 
 void check_owner(const Manifest& manifest, const snbf_info& node, const std::string& destination) {
   if (manifest.node_uuid == node.uuid || manifest.node == node.name) return;
-  throw Failure(kUnsafe, fmt::format("{} holds backups of another node, {}", destination, manifest.node),
+  throw Failure(kUnsafe,
+                fmt::format("{} holds backups of another node, {}", destination, manifest.node),
                 "give each node a destination of its own");
 }
 
@@ -87,7 +90,8 @@ std::string full_because(const Plan& plan) {
   return reason_text(plan.why) + (plan.detail.empty() ? "" : ": " + plan.detail);
 }
 
-void say_plan(const Driver& driver, const snbf_info& node, const Plan& plan, const Options& options) {
+void say_plan(const Driver& driver, const snbf_info& node, const Plan& plan,
+              const Options& options) {
   if (plan.level == Level::Full) {
     note(fmt::format("full backup, because {}", full_because(plan)));
   } else {
@@ -113,18 +117,25 @@ int report(const Point& point, const Options& options) {
   }
   if (point.frozen_ms) note(fmt::format("the file system was frozen for {} ms", point.frozen_ms));
   if (point.moved_bytes) {
-    note(fmt::format("{} was written during the copy, and copied again", show_size(point.moved_bytes)));
+    note(fmt::format("{} was written during the copy, and copied again",
+                     show_size(point.moved_bytes)));
   }
   if (point.exact()) return kDone;
-  warn("the device kept changing during the copy: this point is not of one moment. The next one "
-       "copies what moved; --freeze makes it exact");
+  warn(
+      "the device kept changing during the copy: this point is not of one moment. The next one "
+      "copies what moved; --freeze makes it exact");
   return kWarned;
 }
 
 int list_points(const Options& options) {
   const ChosenPoint at = choose_point(options.destination);
-  Table table({{"POINT", true}, {"LEVEL"}, {"PARENT", true}, {"CREATED"}, {"COPIED", true},
-               {"FILE SIZE", true}, {"FULL BECAUSE"}});
+  Table table({{"POINT", true},
+               {"LEVEL"},
+               {"PARENT", true},
+               {"CREATED"},
+               {"COPIED", true},
+               {"FILE SIZE", true},
+               {"FULL BECAUSE"}});
   Json points = Json::array();
   for (const Point& point : at.manifest.points) {
     points.push_back(point_json(point));
@@ -168,7 +179,8 @@ int backup(const Options& options) {
   say_plan(driver, node, plan, options);
   if (options.dry_run) {
     if (options.json) {
-      print_json({{"level", level_name(plan.level)}, {"full_because", plan.why}, {"detail", plan.detail}});
+      print_json(
+          {{"level", level_name(plan.level)}, {"full_because", plan.why}, {"detail", plan.detail}});
     }
     return kDone;
   }
@@ -188,17 +200,23 @@ void add_backup(CLI::App& app, Chosen& chosen) {
   CLI::App* verb = add_verb(
       app, chosen, "backup", "Copy what changed since the last backup into a chain of qcow2 images",
       "Examples:\n  snbf backup data /backups/data\n  snbf backup data /backups/data --freeze\n"
-      "Levels: full, everything; incr, what changed since the last backup; diff, what changed since\n"
-      "the last full one; auto, incr if that can be trusted, else full. A full backup says why it is\n"
-      "full. A backup of a mounted file system is exact if nothing writes meanwhile, or with --freeze;\n"
+      "Levels: full, everything; incr, what changed since the last backup; diff, what changed "
+      "since\n"
+      "the last full one; auto, incr if that can be trusted, else full. A full backup says why it "
+      "is\n"
+      "full. A backup of a mounted file system is exact if nothing writes meanwhile, or with "
+      "--freeze;\n"
       "one that is not exact ends with status 3.",
       options, backup);
   verb->add_option("node", options->node, "Name, minor, device file or partition")->required();
-  verb->add_option("dest", options->destination, "Directory of the chain; made if need be")->required();
+  verb->add_option("dest", options->destination, "Directory of the chain; made if need be")
+      ->required();
   verb->add_option("--level", options->level, "auto, full, incr or diff")
       ->check(CLI::IsMember({"auto", "full", "incr", "diff"}));
-  verb->add_flag("--freeze", options->freeze, "Freeze the file system for the last part of the copy");
-  verb->add_option("--freeze-limit", options->freeze_limit_s, "Seconds it may be frozen (default 10)")
+  verb->add_flag("--freeze", options->freeze,
+                 "Freeze the file system for the last part of the copy");
+  verb->add_option("--freeze-limit", options->freeze_limit_s,
+                   "Seconds it may be frozen (default 10)")
       ->check(CLI::Range(0.1, 3600.0));
   verb->add_flag("--list", options->list, "Only list the points that are there");
   verb->add_flag("--dry-run", options->dry_run, "Say which level it would be, and why");

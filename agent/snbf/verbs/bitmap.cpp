@@ -39,8 +39,9 @@ Extents read_raw(const Driver& driver, const snbf_info& node, const std::string&
   std::string bytes;
   if (!read_file(file == "-" ? "/dev/stdin" : file, &bytes)) throw failure_of(-ENOENT, file);
   if (bytes.size() != extents.bytes().size()) {
-    throw Failure(kMisused, fmt::format("{} holds {} bytes; the bitmap has {}", file, bytes.size(),
-                                        extents.bytes().size()),
+    throw Failure(kMisused,
+                  fmt::format("{} holds {} bytes; the bitmap has {}", file, bytes.size(),
+                              extents.bytes().size()),
                   "it must be one bit an extent, as `bitmap get` writes it");
   }
   std::copy(bytes.begin(), bytes.end(), extents.bytes().begin());
@@ -94,13 +95,15 @@ int bitmap(const Options& options) {
     return kDone;
   }
   if (may_lose_changes(options) && !options.yes) {
-    throw Failure(kUnsafe, fmt::format("bitmap {} can forget changes that no backup has", options.action),
+    throw Failure(kUnsafe,
+                  fmt::format("bitmap {} can forget changes that no backup has", options.action),
                   "say --yes if that is meant; the next backup is then a full one");
   }
   if (may_lose_changes(options)) forget_point(node, type);
   act(driver, node, type, options);
   if (driver.unsaved(node, type) && !node.started) {
-    warn(fmt::format("the driver could not save the bitmap in {}: look at dmesg", bmp_dir_of(node)));
+    warn(
+        fmt::format("the driver could not save the bitmap in {}: look at dmesg", bmp_dir_of(node)));
     return kWarned;
   }
   return kDone;
@@ -122,7 +125,8 @@ void add_bitmap(CLI::App& app, Chosen& chosen) {
       ->check(CLI::IsMember({"get", "clear", "set", "merge", "save", "load"}));
   verb->add_option("node", options->node, "Name, minor, device file or partition")->required();
   verb->add_option("file", options->file, "Raw bitmap; - is the input or the output");
-  verb->add_option("--bitmap", options->bitmap, "incr or diff")->check(CLI::IsMember({"incr", "diff"}));
+  verb->add_option("--bitmap", options->bitmap, "incr or diff")
+      ->check(CLI::IsMember({"incr", "diff"}));
   verb->add_flag("--yes", options->yes, "Do it although changes may be forgotten");
   verb->add_flag("--dry-run", options->dry_run, "Say what would be done");
 }

@@ -78,9 +78,10 @@ void print_nbdinfo(const Extents& extents) {
 void print_qemu(const Extents& extents) {
   bool first = true;
   each_piece(extents, [&first](uint64_t offset, uint64_t length, bool changed) {
-    fmt::print("{}{{ \"start\": {}, \"length\": {}, \"depth\": 0, \"present\": true, \"zero\": false, "
-               "\"data\": {}, \"offset\": {}}}",
-               first ? "[" : ",\n", offset, length, changed, offset);
+    fmt::print(
+        "{}{{ \"start\": {}, \"length\": {}, \"depth\": 0, \"present\": true, \"zero\": false, "
+        "\"data\": {}, \"offset\": {}}}",
+        first ? "[" : ",\n", offset, length, changed, offset);
     first = false;
   });
   fmt::print("]\n");
@@ -109,15 +110,16 @@ int changes(const Options& options) {
 
 void add_changes(CLI::App& app, Chosen& chosen) {
   auto options = std::make_shared<Options>();
-  CLI::App* verb =
-      add_verb(app, chosen, "changes", "Show what has changed, and where",
-               "Examples:\n  snbf changes data\n  snbf changes data --bitmap diff --as svg > changes.svg\n"
-               "The forms: text, a line of totals and a strip from the device's start to its end;\n"
-               "json; nbdinfo, as `nbdinfo --map` prints it; qemu, as `qemu-img map --output=json`\n"
-               "does (data: true where it changed); svg, a drawing along a Hilbert curve.",
-               options, changes);
+  CLI::App* verb = add_verb(
+      app, chosen, "changes", "Show what has changed, and where",
+      "Examples:\n  snbf changes data\n  snbf changes data --bitmap diff --as svg > changes.svg\n"
+      "The forms: text, a line of totals and a strip from the device's start to its end;\n"
+      "json; nbdinfo, as `nbdinfo --map` prints it; qemu, as `qemu-img map --output=json`\n"
+      "does (data: true where it changed); svg, a drawing along a Hilbert curve.",
+      options, changes);
   verb->add_option("node", options->node, "Name, minor, device file or partition")->required();
-  verb->add_option("--bitmap", options->bitmap, "incr: since the last backup; diff: since the last full one")
+  verb->add_option("--bitmap", options->bitmap,
+                   "incr: since the last backup; diff: since the last full one")
       ->check(CLI::IsMember({"incr", "diff"}));
   verb->add_option("--as", options->as, "text, json, nbdinfo, qemu or svg")
       ->check(CLI::IsMember({"text", "json", "nbdinfo", "qemu", "svg"}));

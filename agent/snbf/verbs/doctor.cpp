@@ -50,7 +50,8 @@ Finding check_kernel() {
   unsigned major = 0;
   unsigned minor = 0;
   std::sscanf(name.release, "%u.%u", &major, &minor);
-  const bool known = major == kMajorTested && minor >= kMinorTestedFirst && minor <= kMinorTestedLast;
+  const bool known =
+      major == kMajorTested && minor >= kMinorTestedFirst && minor <= kMinorTestedLast;
   return {"kernel", known ? Grade::Good : Grade::Bad, name.release,
           known ? "" : "boot a kernel from 6.1 to 6.12"};
 }
@@ -60,12 +61,15 @@ Finding check_driver() {
   const bool loaded = ::stat("/proc/snbf", &about) == 0;
   const bool control = ::stat("/dev/snbf/control", &about) == 0;
   if (loaded && control) return {"driver", Grade::Good, "loaded", ""};
-  if (loaded) return {"driver", Grade::Bad, "loaded, but /dev/snbf/control is missing", "mount devtmpfs on /dev"};
+  if (loaded)
+    return {"driver", Grade::Bad, "loaded, but /dev/snbf/control is missing",
+            "mount devtmpfs on /dev"};
   return {"driver", Grade::Bad, "not loaded", "modprobe snbf"};
 }
 
 Finding check_secure_boot() {
-  for (const char* path : {"/sys/firmware/efi/efivars/SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c"}) {
+  for (const char* path :
+       {"/sys/firmware/efi/efivars/SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c"}) {
     std::string bytes;
     if (!read_file(path, &bytes)) continue;
     if (bytes.size() == 5 && bytes[4] == 1) {
@@ -79,31 +83,36 @@ Finding check_secure_boot() {
 Finding check_programs() {
   for (const char* program : {"qemu-img", "qemu-nbd"}) {
     if (run({program, "--version"}).status != 0) {
-      return {"programs", Grade::Bad, fmt::format("{} does not run", program), "apt-get install qemu-utils"};
+      return {"programs", Grade::Bad, fmt::format("{} does not run", program),
+              "apt-get install qemu-utils"};
     }
   }
   return {"programs", Grade::Good, "qemu-img and qemu-nbd run", ""};
 }
 
 Finding check_bitmaps(const std::string& directory) {
-  struct statvfs room{};
+  struct statvfs room {};
   if (::statvfs(directory.c_str(), &room) < 0) {
     return {"bitmaps", Grade::Warning, directory + " does not exist yet", "`snbf attach` makes it"};
   }
   const uint64_t free_bytes = uint64_t{room.f_bavail} * room.f_frsize;
   return {"bitmaps", free_bytes < kRoomBytes ? Grade::Warning : Grade::Good,
           fmt::format("{} free in {}", show_size(free_bytes), directory),
-          free_bytes < kRoomBytes ? "make room: a bitmap that cannot be saved is lost with the power" : ""};
+          free_bytes < kRoomBytes
+              ? "make room: a bitmap that cannot be saved is lost with the power"
+              : ""};
 }
 
 void check_partition(const std::string& path, std::vector<Finding>* findings) {
   const dev_t device = device_of(path);
   if (device == 0) {
-    findings->push_back({"partition", Grade::Bad, path + " is not a block device", "give a partition"});
+    findings->push_back(
+        {"partition", Grade::Bad, path + " is not a block device", "give a partition"});
     return;
   }
   const std::string contents = contents_of(path);
-  findings->push_back({"contents", Grade::Good, contents.empty() ? "nothing that is recognised" : contents, ""});
+  findings->push_back(
+      {"contents", Grade::Good, contents.empty() ? "nothing that is recognised" : contents, ""});
   const auto holders = holders_of(device);
   std::string who;
   for (const std::string& holder : holders) who += (who.empty() ? "" : ", ") + holder;
@@ -126,7 +135,8 @@ int doctor(const Options& options) {
   for (const Finding& finding : findings) {
     worst = std::max(worst, finding.grade);
     const char* grade = kNames[static_cast<int>(finding.grade)];
-    list.push_back({{"what", finding.what}, {"grade", grade}, {"text", finding.text}, {"fix", finding.fix}});
+    list.push_back(
+        {{"what", finding.what}, {"grade", grade}, {"text", finding.text}, {"fix", finding.fix}});
     if (options.json) continue;
     fmt::print("{:<8} {:<14} {}\n", grade, finding.what, finding.text);
     if (!finding.fix.empty()) fmt::print("{:<8} {:<14} fix: {}\n", "", "", finding.fix);
@@ -141,8 +151,9 @@ int doctor(const Options& options) {
 
 void add_doctor(CLI::App& app, Chosen& chosen) {
   auto options = std::make_shared<Options>();
-  CLI::App* verb = add_verb(app, chosen, "doctor", "Look for what could go wrong, and say how to cure it",
-                            "Example:\n  snbf doctor /dev/sdb1", options, doctor);
+  CLI::App* verb =
+      add_verb(app, chosen, "doctor", "Look for what could go wrong, and say how to cure it",
+               "Example:\n  snbf doctor /dev/sdb1", options, doctor);
   verb->add_option("partition", options->partition, "A partition that is to be attached");
   verb->add_option("--bitmaps", options->bitmaps, "Directory of the bitmap files");
   verb->add_flag("--json", options->json, "Print JSON");

@@ -19,6 +19,7 @@ constexpr auto kRetry = std::chrono::milliseconds(200);
 
 struct Options {
   std::string node;
+  bool all = false;
   bool wait = false;
   int wait_limit_s = 60;
   bool dry_run = false;
@@ -37,7 +38,8 @@ Failure busy(const snbf_info& node, const std::string& doing) {
 // Runs `step` until it is no longer refused as busy, as long as --wait allows.
 void end_with(const Options& options, const snbf_info& node, const std::string& doing,
               int (*step)(libsnbf*, uint32_t), const Driver& driver) {
-  const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(options.wait_limit_s);
+  const auto give_up =
+      std::chrono::steady_clock::now() + std::chrono::seconds(options.wait_limit_s);
   int rc;
   bool told = false;
   while ((rc = step(driver.get(), node.minor)) == -EBUSY) {
@@ -61,32 +63,61 @@ int start(const Options& options) {
   return kDone;
 }
 
-int stop(const Options& options) {
-  const Driver driver;
-  const snbf_info node = driver.find(options.node);
+// What ends a node: its words, and the library's function.
+struct Ending {
+  const char* verb;
+  const char* doing;
+  const char* done;
+  int (*step)(libsnbf*, uint32_t);
+};
+
+void end_one(const Options& options, const snbf_info& node, const Ending& ending,
+             const Driver& driver) {
   if (options.dry_run) {
-    note(fmt::format("would stop {}", node.name));
-    return kDone;
+    note(fmt::format("would {} {}{}", ending.verb, node.name,
+                     node.snap_cnt ? fmt::format(" and its {} snaps", node.snap_cnt) : ""));
+    return;
   }
-  end_with(options, node, "stopping", libsnbf_stop, driver);
-  note(fmt::format("{} is stopped; its bitmaps are saved in {}", node.name, bmp_dir_of(node)));
+  end_with(options, node, ending.doing, ending.step, driver);
+  note(fmt::format("{} is {}; its bitmaps are saved in {}", node.name, ending.done,
+                   bmp_dir_of(node)));
+}
+
+// One that is refused does not keep the others from a clean end; the last refusal is the answer.
+int end_all(const Options& options, const Ending& ending, const Driver& driver) {
+  int status = kDone;
+  for (const snbf_info& node : driver.filters()) {
+    try {
+      end_one(options, node, ending, driver);
+    } catch (const Failure& failure) {
+      warn(failure.what());
+      status = failure.status();
+    }
+  }
+  return status;
+}
+
+int end(const Options& options, const Ending& ending) {
+  if (options.all == !options.node.empty()) {
+    throw Failure(kMisused, fmt::format("{} needs a node, or --all", ending.verb));
+  }
+  const Driver driver;
+  if (options.all) return end_all(options, ending, driver);
+  end_one(options, driver.find(options.node), ending, driver);
   return kDone;
+}
+
+int stop(const Options& options) {
+  return end(options, {"stop", "stopping", "stopped", libsnbf_stop});
 }
 
 int detach(const Options& options) {
-  const Driver driver;
-  const snbf_info node = driver.find(options.node);
-  if (options.dry_run) {
-    note(fmt::format("would detach {}{}", node.name,
-                     node.snap_cnt ? fmt::format(" and its {} snaps", node.snap_cnt) : ""));
-    return kDone;
-  }
-  end_with(options, node, "detaching", libsnbf_detach, driver);
-  note(fmt::format("{} is detached; its bitmaps are saved in {}", node.name, bmp_dir_of(node)));
-  return kDone;
+  return end(options, {"detach", "detaching", "detached", libsnbf_detach});
 }
 
-void add_wait(CLI::App* verb, Options& options) {
+void add_ending(CLI::App* verb, Options& options) {
+  verb->get_option("node")->required(false);
+  verb->add_flag("--all", options.all, "All nodes, as at a shutdown");
   verb->add_flag("--wait", options.wait, "Wait while it is in use");
   verb->add_option("--timeout", options.wait_limit_s, "Seconds that --wait waits (default 60)");
 }
@@ -109,16 +140,16 @@ void add_start(CLI::App& app, Chosen& chosen) {
 
 void add_stop(CLI::App& app, Chosen& chosen) {
   auto options = std::make_shared<Options>();
-  add_wait(add(app, chosen, "stop", "Stop the node and save its bitmaps",
-               "Example:\n  umount /srv/data && snbf stop data", options, stop),
-           *options);
+  add_ending(add(app, chosen, "stop", "Stop the node and save its bitmaps",
+                 "Example:\n  umount /srv/data && snbf stop data", options, stop),
+             *options);
 }
 
 void add_detach(CLI::App& app, Chosen& chosen) {
   auto options = std::make_shared<Options>();
-  add_wait(add(app, chosen, "detach", "Stop the node, save its bitmaps and take it away",
-               "Example:\n  umount /srv/data && snbf detach data --wait", options, detach),
-           *options);
+  add_ending(add(app, chosen, "detach", "Stop the node, save its bitmaps and take it away",
+                 "Example:\n  umount /srv/data && snbf detach data --wait", options, detach),
+             *options);
 }
 
 }  // namespace snbf

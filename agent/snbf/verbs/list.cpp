@@ -39,14 +39,16 @@ const Field kFields[] = {
     {"minor", "MINOR", true, [](const Row& row) { return std::to_string(row.node.minor); }},
     {"state", "STATE", false,
      [](const Row& row) { return std::string(row.node.started ? "started" : "stopped"); }},
-    {"size", "SIZE", true, [](const Row& row) { return show_size_in(row.node.dev_size, row.units); }},
+    {"size", "SIZE", true,
+     [](const Row& row) { return show_size_in(row.node.dev_size, row.units); }},
     {"extent", "EXTENT", true,
      [](const Row& row) { return show_size_in(row.node.extent_size, row.units); }},
     {"changed", "CHANGED", true,
      [](const Row& row) { return show_size_in(row.changed_bytes, row.units); }},
     {"opens", "OPENS", true, [](const Row& row) { return std::to_string(row.node.use_cnt); }},
     {"snaps", "SNAPS", true, [](const Row& row) { return std::to_string(row.node.snap_cnt); }},
-    {"partition", "PARTITION", false, [](const Row& row) { return std::string(row.node.hdd_name); }},
+    {"partition", "PARTITION", false,
+     [](const Row& row) { return std::string(row.node.hdd_name); }},
     {"device", "DEVICE", false, [](const Row& row) { return node_path(row.node); }},
     {"uuid", "UUID", false, [](const Row& row) { return std::string(row.node.uuid); }},
     {"bitmaps", "BITMAPS", false, [](const Row& row) { return bmp_dir_of(row.node); }},
@@ -63,7 +65,8 @@ std::vector<const Field*> chosen_fields(const std::string& columns) {
     if (!found) {
       std::string known;
       for (const Field& field : kFields) known += fmt::format(" {}", field.name);
-      throw Failure(kMisused, fmt::format("there is no column {}", word), "the columns are:" + known);
+      throw Failure(kMisused, fmt::format("there is no column {}", word),
+                    "the columns are:" + known);
     }
     fields.push_back(found);
   }
@@ -107,9 +110,9 @@ int list(const Options& options) {
 
 void add_list(CLI::App& app, Chosen& chosen) {
   auto options = std::make_shared<Options>();
-  CLI::App* verb = add_verb(app, chosen, "list", "List the nodes",
-                            "Example:\n  snbf list -o name,changed --units m --noheadings", options,
-                            list);
+  CLI::App* verb =
+      add_verb(app, chosen, "list", "List the nodes",
+               "Example:\n  snbf list -o name,changed --units m --noheadings", options, list);
   verb->add_option("-o,--output", options->columns, "Columns, separated by commas");
   verb->add_option("--units", options->units, "h(uman), b, k, m, g or t")
       ->check(CLI::IsMember({"h", "b", "k", "m", "g", "t"}));

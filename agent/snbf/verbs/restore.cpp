@@ -41,8 +41,9 @@ struct Target {
 [[noreturn]] void refuse_busy(const Options& options, dev_t device) {
   std::string who;
   for (const std::string& holder : holders_of(device)) who += (who.empty() ? "" : ", ") + holder;
-  throw Failure(kUnsafe, fmt::format("{} is in use: {}", options.target,
-                                     who.empty() ? "held from somewhere that cannot be seen" : who),
+  throw Failure(kUnsafe,
+                fmt::format("{} is in use: {}", options.target,
+                            who.empty() ? "held from somewhere that cannot be seen" : who),
                 "unmount it first; a restore never writes below a mounted file system");
 }
 
@@ -74,8 +75,9 @@ Target claim_target(const Options& options) {
 
 void check_target(const Options& options, const Target& target, const ChosenPoint& chosen) {
   if (target.is_device && target.size_bytes < chosen.manifest.size) {
-    throw Failure(kUnsafe, fmt::format("{} is too small: {} instead of {} bytes", options.target,
-                                       target.size_bytes, chosen.manifest.size),
+    throw Failure(kUnsafe,
+                  fmt::format("{} is too small: {} instead of {} bytes", options.target,
+                              target.size_bytes, chosen.manifest.size),
                   "choose a device of at least that size");
   }
   if (!target.exists || options.yes || options.dry_run) return;
@@ -87,17 +89,18 @@ void check_target(const Options& options, const Target& target, const ChosenPoin
 
 // The first bytes of the target that the image covers; a larger device keeps its tail.
 std::string target_json(const Options& options, const Target& target, uint64_t size_bytes) {
-  const Json node = {{"driver", "raw"},
-                     {"size", size_bytes},
-                     {"file", {{"driver", target.is_device ? "host_device" : "file"},
-                               {"filename", options.target}}}};
+  const Json node = {
+      {"driver", "raw"},
+      {"size", size_bytes},
+      {"file",
+       {{"driver", target.is_device ? "host_device" : "file"}, {"filename", options.target}}}};
   return "json:" + node.dump();
 }
 
 std::string image_json(const ChosenPoint& chosen) {
-  const Json node = {{"driver", "qcow2"},
-                     {"file", {{"driver", "file"},
-                               {"filename", chosen.destination + "/" + chosen.point.file}}}};
+  const Json node = {
+      {"driver", "qcow2"},
+      {"file", {{"driver", "file"}, {"filename", chosen.destination + "/" + chosen.point.file}}}};
   return "json:" + node.dump();
 }
 
@@ -125,9 +128,10 @@ void compare(const Options& options, const Target& target, const ChosenPoint& ch
                        target_json(options, target, chosen.manifest.size)});
   if (ran.status == 0) return;
   if (ran.status == 1) {
-    throw Failure(kDiffers, fmt::format("{} differs from point {} after the restore", options.target,
-                                        chosen.point.id),
-                  "the target does not keep what is written to it: use another");
+    throw Failure(
+        kDiffers,
+        fmt::format("{} differs from point {} after the restore", options.target, chosen.point.id),
+        "the target does not keep what is written to it: use another");
   }
   throw Failure(kFailed, "comparing failed: " + ran.errors);
 }
@@ -144,7 +148,8 @@ int restore(const Options& options) {
   const std::string damage =
       chain_damage(chosen.manifest, chosen.point, chosen.destination, !options.dry_run);
   if (!damage.empty()) {
-    throw Failure(kDiffers, fmt::format("the chain below point {} is broken: {}", chosen.point.id, damage),
+    throw Failure(kDiffers,
+                  fmt::format("the chain below point {} is broken: {}", chosen.point.id, damage),
                   "choose an earlier point with DEST@POINT; nothing was written");
   }
   if (options.dry_run) {
@@ -154,7 +159,8 @@ int restore(const Options& options) {
   }
   write_target(options, target, chosen);
   if (!options.no_verify) compare(options, target, chosen);
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
   if (options.json) {
     print_json({{"point", chosen.point.id},
                 {"target", options.target},
@@ -178,7 +184,8 @@ void add_restore(CLI::App& app, Chosen& chosen) {
   CLI::App* verb = add_verb(
       app, chosen, "restore", "Write a point back onto a device, or into a file",
       "Examples:\n  snbf restore /backups/data /dev/sdc1\n  snbf restore /backups/data@2 old.img\n"
-      "The chain is checked before anything is written, and the target compared with it afterwards.\n"
+      "The chain is checked before anything is written, and the target compared with it "
+      "afterwards.\n"
       "A target that holds anything needs --yes; one that is mounted is refused.",
       options, restore);
   verb->add_option("dest", options->source, "DEST for the newest point, or DEST@POINT")->required();

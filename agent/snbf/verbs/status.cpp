@@ -38,7 +38,8 @@ int status(const Options& options) {
   const snbf_info node = driver.find(options.node);
   const libsnbf_state state = read_state(node);
   const std::string why = next_full(state);
-  const auto holders = node.use_cnt ? holders_of(device_of(node_path(node))) : std::vector<std::string>{};
+  const auto holders =
+      node.use_cnt ? holders_of(device_of(node_path(node))) : std::vector<std::string>{};
   const bool pending = CaptureJournal(bmp_dir_of(node), node.minor).exists();
   const Json incr = bitmap_json(driver, node, SNBF_BMP_INCR, state.incr_point);
   const Json diff = bitmap_json(driver, node, SNBF_BMP_DIFF, state.diff_point);
@@ -77,7 +78,8 @@ int status(const Options& options) {
   for (const std::string& holder : holders) fmt::print("in use         {}\n", holder);
   fmt::print("next backup    {}\n",
              why.empty() ? "incremental" : "full, because " + reason_text(why));
-  if (pending) fmt::print("unfinished     a backup was cut off; the next one gives its extents back\n");
+  if (pending)
+    fmt::print("unfinished     a backup was cut off; the next one gives its extents back\n");
   return kDone;
 }
 

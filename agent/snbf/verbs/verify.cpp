@@ -29,20 +29,28 @@ std::string damage_of(const ChosenPoint& at, const Point& point, bool deep) {
   alone.points = {single};
   const std::string damage = chain_damage(alone, single, at.destination, true);
   if (!damage.empty() || !deep) return damage;
-  const Ran ran = run({"qemu-img", "check", "-q", "-f", "qcow2", at.destination + "/" + point.file});
+  const Ran ran =
+      run({"qemu-img", "check", "-q", "-f", "qcow2", at.destination + "/" + point.file});
   return ran.status == 0 ? "" : fmt::format("qemu-img check finds it damaged: {}", ran.errors);
 }
 
 int verify(const Options& options) {
   const ChosenPoint at = choose_point(options.destination);
-  Table table({{"POINT", true}, {"LEVEL"}, {"PARENT", true}, {"CREATED"}, {"COPIED", true},
-               {"FILE SIZE", true}, {"STATE"}});
+  Table table({{"POINT", true},
+               {"LEVEL"},
+               {"PARENT", true},
+               {"CREATED"},
+               {"COPIED", true},
+               {"FILE SIZE", true},
+               {"STATE"}});
   Json points = Json::array();
   bool sound = true;
   for (const Point& point : at.manifest.points) {
     const std::string damage = damage_of(at, point, options.deep);
     sound = sound && damage.empty();
-    const std::string state = !damage.empty() ? damage : point.exact() ? "good" : "good, not of one moment";
+    const std::string state = !damage.empty() ? damage
+                              : point.exact() ? "good"
+                                              : "good, not of one moment";
     table.add({std::to_string(point.id), level_name(point.level),
                point.parent ? std::to_string(*point.parent) : "-", show_time(point.created),
                show_size(point.bytes), show_size(point.file_bytes), state});
@@ -67,8 +75,9 @@ int verify(const Options& options) {
 
 void add_verify(CLI::App& app, Chosen& chosen) {
   auto options = std::make_shared<Options>();
-  CLI::App* verb = add_verb(app, chosen, "verify", "List the points of a chain and check their files",
-                            "Example:\n  snbf verify /backups/data --deep", options, verify);
+  CLI::App* verb =
+      add_verb(app, chosen, "verify", "List the points of a chain and check their files",
+               "Example:\n  snbf verify /backups/data --deep", options, verify);
   verb->add_option("dest", options->destination, "Directory of the chain")->required();
   verb->add_flag("--deep", options->deep, "Check the structure of each image as well");
   verb->add_flag("--json", options->json, "Print JSON");
