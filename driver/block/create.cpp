@@ -131,9 +131,10 @@ Result<FilterNode*> claim_partition(const snbf_filter_node_cmd& record, plat_dev
   using Claim = Result<FilterNode*>;
   // A shared opening first, to tell who else has the partition; the claim alone would only say that
   // somebody has.
-  plat_bdev* hdd = snbf_open_bdev(device, kHddMode, PLAT_OPEN_SHARED, nullptr);
+  // For reading: a kernel that refuses writers of a mounted partition must not hide that it is mounted.
+  plat_bdev* hdd = snbf_open_bdev(device, PLAT_MODE_READ, PLAT_OPEN_SHARED, nullptr);
   if (hdd == nullptr) return Claim::failure(refuse_unable_to_open(record.hdd_name, device));
-  ScopeExit close_shared{[hdd] { snbf_close_bdev(hdd, PLAT_OPEN_SHARED, kHddMode, nullptr); }};
+  ScopeExit close_shared{[hdd] { snbf_close_bdev(hdd, PLAT_OPEN_SHARED, PLAT_MODE_READ, nullptr); }};
   if (int rc = judge_partition(hdd, record.hdd_name); rc != 0) return Claim::failure(rc);
   if (int rc = judge_extent_size(record.extent_size, snbf_plat_bdev_block_bytes(hdd)); rc != 0) {
     return Claim::failure(rc);

@@ -92,7 +92,11 @@ void take_apart_node(Node& node) {
     FilterNode& filter = as_filter(node);
     snbf_cowqueue_destroy(&filter.cowqueue);
     snbf_aio_destroy(&filter.aio);
-    snbf_yield_to_dirty_requests(filter, kDirtyRequestsSeconds);
+    if (snbf_yield_to_dirty_requests(filter, kDirtyRequestsSeconds) != 0) {
+      // Nothing more is written for this node; a write that hangs keeps the record until it comes back.
+      snbf_kill_dirty_requests(filter, SNBF_BMP_INCR);
+      snbf_kill_dirty_requests(filter, SNBF_BMP_DIFF);
+    }
   } else if (node.remove_files != 0) {
     snbf_unlink(as_snap(node).cow_data_fname);
     snbf_unlink(as_snap(node).cow_bmp_fname);
@@ -104,7 +108,11 @@ void take_apart_node(Node& node) {
     snbf_plat_disk_del(node.disk);
     snbf_plat_disk_put(node.disk);
   }
-  snbf_plat_heap_free(is_filter ? static_cast<void*>(&as_filter(node)) : &as_snap(node));
+  if (is_filter) {
+    put_filter_node(as_filter(node));
+  } else {
+    snbf_plat_heap_free(&as_snap(node));
+  }
   snbf_log(3, "%s(): snbf(%d, %d) has been destroyed successfully", kOrigin, snbf_blk_major, minor);
 }
 
@@ -126,6 +134,7 @@ int destroy_all_nodes(DoomedNodes& doomed) REQUIRES(lifecycle_mutex) {
     Node* node = snbf_blkdev_arr[minor];
     if (node == nullptr) continue;
     if (int rc = snbf_block_destroy_device(node, 0, doomed); rc != 0) return rc;
+    if (snbf_blkdev_arr[minor] == node) return -EBUSY;  // postponed: the table cannot go yet
   }
   return 0;
 }

@@ -63,6 +63,8 @@ bool release_node(Node& node) {
   return true;
 }
 
+void save_dirty_bitmaps(void* node) { snbf_block_save_dirty_bmps(*static_cast<FilterNode*>(node)); }
+
 // The filter that serves the node's ioctls; null when it has none.
 FilterNode* serving_filter(Node& node) {
   if (node.dev_type == kFilterNode) return &as_filter(node);
@@ -151,8 +153,9 @@ extern "C" int snbf_block_release(plat_devt device) {
   // Behind node_mutex: the files may lie on another node, and saving them takes its time. The
   // table's lock, held for reading, keeps the node, and holds back none of the requests that the
   // files' writes become.
+  // By the kernel itself: the last closer may be a process that is exiting, or one that may not write there.
   if (was_last && node->dev_type == snbf::kFilterNode) {
-    snbf_block_save_dirty_bmps(snbf::as_filter(*node));
+    snbf_plat_run_as_kernel(snbf::save_dirty_bitmaps, &snbf::as_filter(*node));
   }
   snbf_plat_module_put();
   return 0;

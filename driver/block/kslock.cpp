@@ -74,6 +74,8 @@ void KsRwLock::write_lock() NO_THREAD_SAFETY_ANALYSIS {
     return;
   }
   if (try_write(me)) return;
+  // Behind the stamp, so that nobody who sees a writer sees an old one.
+  if (writers_waiting_.load() == 0) writers_wait_since_ms_.store(snbf_plat_ticks_ms());
   writers_waiting_.fetch_add(1);
   waiting_.fetch_add(1);
   queue_.wait([this, me] { return try_write(me); });
@@ -98,7 +100,8 @@ void KsRwLock::write_unlock() NO_THREAD_SAFETY_ANALYSIS {
 }
 
 void KsRwLock::wait_for_writer() {
-  const u64 deadline = snbf_plat_ticks_ms() + kPauseForWriterMs;
+  const u64 deadline = writers_wait_since_ms_.load() + kPauseForWriterMs;
+  if (snbf_plat_ticks_ms() >= deadline) return;
   plat_wait_entry entry = {};
   waiting_.fetch_add(1);
   for (;;) {

@@ -8,6 +8,7 @@
 
 #include "base/atomic.h"
 #include "base/thread_annotations.h"
+#include "base/types.h"
 #include "core/sync.h"
 
 namespace snbf {
@@ -49,7 +50,8 @@ class CAPABILITY("ks lock") KsRwLock {
   // May sleep.
   void write_lock() ACQUIRE();
   void write_unlock() RELEASE();
-  // At most 10 ms, while a writer waits. The caller holds no lock at all.
+  // Gives a waiting writer a chance: until it has waited for 10 ms, and not beyond, whoever asks. So a caller that holds
+  // the lock further up its own stack loses 10 ms at the most.
   void pause_for_writer() {
     if (writers_waiting_.load(std::memory_order_relaxed) > 0) wait_for_writer();
   }
@@ -78,6 +80,7 @@ class CAPABILITY("ks lock") KsRwLock {
   Atomic<int> count_;
   Atomic<int> waiting_;  // tasks in the queue, so that a release without waiters takes no spin lock
   Atomic<int> writers_waiting_;
+  Atomic<u64> writers_wait_since_ms_;  // the first of those that wait
   // The writer, with a reference; null before the count leaves the negative.
   Atomic<plat_task*> owner_;
   WaitQueue queue_;

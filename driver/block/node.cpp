@@ -1,6 +1,7 @@
 #include "block/node.h"
 
 #include "core/params.h"
+#include "platform/memory.h"
 
 constinit snbf::Node** snbf_blkdev_arr = nullptr;
 constinit snbf::KsRwLock snbf_blkdev_rwlock;
@@ -12,6 +13,10 @@ constinit KsMutex lifecycle_mutex;
 Node* find_node(u32 minor) {
   if (snbf_blkdev_arr == nullptr || !is_minor_in_table(minor)) return nullptr;
   return snbf_blkdev_arr[minor];
+}
+
+void put_filter_node(FilterNode& node) {
+  if (node.holders.fetch_sub(1) == 1) snbf_plat_heap_free(&node);
 }
 
 void init_table_locks() {

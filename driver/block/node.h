@@ -82,6 +82,9 @@ struct FilterNode : Node {
   int incr_bmp_dirty GUARDED_BY(bmp_spin) = 0;
   int diff_bmp_dirty GUARDED_BY(bmp_spin) = 0;
 
+  // Who still holds a pointer: the table or the deletion, and each queued dirty request. The last one frees the record.
+  Atomic<int> holders{1};
+
   CowQueue cowqueue;
   KsRwLock io_rwlock;
   Atomic<int> io_req_cnt;
@@ -113,6 +116,9 @@ inline const FilterNode& as_filter(const Node& node) {
   return static_cast<const FilterNode&>(node);
 }
 inline const SnapNode& as_snap(const Node& node) { return static_cast<const SnapNode&>(node); }
+
+// Drops one hold on the record's memory.
+void put_filter_node(FilterNode& node);
 
 // Null when the minor is outside the table, its slot is empty, or there is no table yet or any
 // more. The table's lock is held.

@@ -43,6 +43,7 @@ void drop(snbf_dirty_req* request) {
     req_list.remove(request);
     req_cnt.fetch_sub(1);
   }
+  put_filter_node(*request->node);
   snbf_plat_heap_free(request);
 }
 
@@ -136,6 +137,7 @@ int snbf_sched_write_dirty_flag(FilterNode& node, u32 type) {
     return -ENOMEM;
   }
   request->valid = 1;
+  node.holders.fetch_add(1);
   request->node = &node;
   request->bmp_type = type;
   {
@@ -147,15 +149,23 @@ int snbf_sched_write_dirty_flag(FilterNode& node, u32 type) {
   return 0;
 }
 
-int snbf_kill_dirty_requests(FilterNode& node, u32 type) {
+bool snbf::cancel_dirty_requests(FilterNode& node, u32 type) {
   snbf_log(2, "%s(): Killing all dirty requests for %s bitmap of snbf(%d, %d)",
            "snbf_kill_dirty_requests", bmp_type_text(type), snbf_blk_major,
            static_cast<int>(node.minor));
+  bool cancelled = false;
   SpinGuard hold{req_spin};
   for (snbf_dirty_req* request = req_list.first(); request != nullptr;
        request = List<snbf_dirty_req, InReqList>::next(request)) {
-    if (request->node == &node && request->bmp_type == type) request->valid = 0;
+    if (request->node != &node || request->bmp_type != type) continue;
+    cancelled = cancelled || request->valid != 0;
+    request->valid = 0;
   }
+  return cancelled;
+}
+
+int snbf_kill_dirty_requests(FilterNode& node, u32 type) {
+  cancel_dirty_requests(node, type);
   return 0;
 }
 

@@ -4,7 +4,8 @@
 // The life of a request: queued by a write that changed a clean bitmap; perhaps cancelled by a save
 // that makes it needless; served by kdirtyd, which writes the flag under the node's bmp_mutex if it
 // is still valid; removed only then. So when no request of a node is queued, kdirtyd holds no
-// pointer to that node.
+// pointer to that node. A deletion that stops waiting cancels what is queued, and the last request
+// frees the record.
 #pragma once
 
 #include "block/node.h"
@@ -18,6 +19,14 @@ int snbf_stop_kdirtyd();
 int snbf_sched_write_dirty_flag(snbf::FilterNode& node, snbf::u32 type);
 // Cancels what is queued for this bitmap. Always 0.
 int snbf_kill_dirty_requests(snbf::FilterNode& node, snbf::u32 type);
+
+namespace snbf {
+
+// The same; answers whether there was anything to cancel.
+bool cancel_dirty_requests(FilterNode& node, u32 type);
+
+}  // namespace snbf
+
 // Waits until no request of the node is queued: 0, or -ETIMEDOUT after `seconds`; less than 1:
 // without a limit.
 int snbf_yield_to_dirty_requests(snbf::FilterNode& node, int seconds);

@@ -7,12 +7,14 @@
 #include <linux/module.h>
 
 #include "compat.h"
+#include "module.h"
 #include "platform/entry.h"
 
 /* The "!" becomes a "/": the file's folder is also that of the node files. */
 #define CONTROL_FILE "snbf!control"
 
 static struct class* control_class;
+static bool published;
 
 static int control_open(struct inode* inode, struct file* file) {
   return snbf_char_open(inode, file);
@@ -49,16 +51,18 @@ static char* control_file_mode(snbf_devnode_device* device, umode_t* mode) {
   return NULL;
 }
 
-static int control_file_create(int major, const char* name) {
-  struct device* device;
-
+static int control_class_create(const char* name) {
   control_class = snbf_class_create(name);
   if (IS_ERR(control_class)) return PTR_ERR(control_class);
   control_class->devnode = control_file_mode;
-  device = device_create(control_class, NULL, MKDEV(major, 0), NULL, CONTROL_FILE);
-  if (!IS_ERR(device)) return 0;
-  class_destroy(control_class);
-  return PTR_ERR(device);
+  return 0;
+}
+
+int snbf_control_publish(void) {
+  struct device* device = device_create(control_class, NULL, MKDEV(snbf_chr_major, 0), NULL, CONTROL_FILE);
+
+  published = !IS_ERR(device);
+  return published ? 0 : PTR_ERR(device);
 }
 
 int snbf_plat_chrdev_register(int major, const char* name) {
@@ -66,14 +70,15 @@ int snbf_plat_chrdev_register(int major, const char* name) {
   int rc;
 
   if (granted < 0) return granted;
-  rc = control_file_create(major != 0 ? major : granted, name);
+  rc = control_class_create(name);
   if (rc == 0) return granted;
   unregister_chrdev(major != 0 ? major : granted, name);
   return rc;
 }
 
 void snbf_plat_chrdev_unregister(int major, const char* name) {
-  device_destroy(control_class, MKDEV(major, 0));
+  if (published) device_destroy(control_class, MKDEV(major, 0));
+  published = false;
   class_destroy(control_class);
   unregister_chrdev(major, name);
 }

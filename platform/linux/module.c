@@ -23,17 +23,31 @@ void snbf_expect_stragglers(void) {
   if (!READ_ONCE(stragglers)) WRITE_ONCE(stragglers, true);
 }
 
+static int __init load_driver(void) {
+  int rc = snbf_init();
+
+  if (rc != 0) return rc;
+  rc = snbf_control_publish();
+  if (rc != 0) snbf_unload();
+  return rc;
+}
+
 static int __init snbf_module_load(void) {
   int rc = snbf_bio_sets_init();
 
   if (rc != 0) return rc;
-  rc = snbf_init();
+  rc = snbf_kernel_calls_init();
+  if (rc == 0) {
+    rc = load_driver();
+    if (rc != 0) snbf_kernel_calls_exit();
+  }
   if (rc != 0) snbf_bio_sets_exit();
   return rc;
 }
 
 static void __exit snbf_module_unload(void) {
   snbf_unload();
+  snbf_kernel_calls_exit();
   snbf_bio_sets_exit();
   /* Freeing the module waits by itself for those that cannot be preempted, as in an interrupt. */
   if (stragglers) synchronize_rcu_tasks();

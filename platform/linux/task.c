@@ -12,6 +12,9 @@
 #include <linux/sched/signal.h>
 #include <linux/sched/task.h>
 #include <linux/slab.h>
+#include <linux/workqueue.h>
+
+#include "module.h"
 
 static_assert(PLAT_TASK_NAME_BYTES == TASK_COMM_LEN);
 
@@ -84,6 +87,37 @@ void snbf_plat_thread_exit(plat_completion* completion) {
 void snbf_plat_thread_serves_writes(void) {
   memalloc_noio_save();
   current->flags |= PF_LOCAL_THROTTLE;
+}
+
+/* With a rescuer of its own: waiting for it is allowed in every context that may sleep. */
+static struct workqueue_struct* kernel_calls;
+
+int snbf_kernel_calls_init(void) {
+  kernel_calls = alloc_workqueue("snbf", WQ_UNBOUND | WQ_MEM_RECLAIM, 0);
+  return kernel_calls ? 0 : -ENOMEM;
+}
+
+void snbf_kernel_calls_exit(void) { destroy_workqueue(kernel_calls); }
+
+struct kernel_call {
+  struct work_struct work;
+  void (*function)(void* argument);
+  void* argument;
+};
+
+static void run_kernel_call(struct work_struct* work) {
+  struct kernel_call* call = container_of(work, struct kernel_call, work);
+
+  call->function(call->argument);
+}
+
+void snbf_plat_run_as_kernel(void (*work)(void* argument), void* argument) {
+  struct kernel_call call = {.function = work, .argument = argument};
+
+  INIT_WORK_ONSTACK(&call.work, run_kernel_call);
+  queue_work(kernel_calls, &call.work);
+  flush_work(&call.work);
+  destroy_work_on_stack(&call.work);
 }
 
 unsigned snbf_plat_noio_begin(void) { return memalloc_noio_save(); }

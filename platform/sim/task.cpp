@@ -88,6 +88,22 @@ void snbf_plat_thread_exit(plat_completion* completion) {
   k.end_current();
 }
 
+void snbf_plat_run_as_kernel(void (*work)(void* argument), void* argument) {
+  Kernel& k = enter_sleeping("run_as_kernel");
+  plat_completion done = {};
+  snbf_plat_completion_init(&done);
+  plat_task* task = k.new_task(
+      "kworker",
+      [&k, &done, work, argument] {
+        snbf::sim::InDriver in_driver(k);
+        work(argument);
+        snbf_plat_thread_exit(&done);
+      },
+      0);
+  task->kthread = true;
+  snbf_plat_completion_wait(&done);
+}
+
 void snbf_plat_thread_serves_writes(void) {
   Kernel& k = enter("thread_serves_writes");
   k.current->serves_writes = true;

@@ -38,6 +38,13 @@ __attribute__((noreturn)) void snbf_plat_thread_exit(plat_completion* completion
  * dirty pages are throttled by its own device alone. */
 void snbf_plat_thread_serves_writes(void);
 
+/*
+ * Runs `work(argument)` in a kernel thread, with the kernel's own credentials, limits and root, and waits for its
+ * end. For file work that falls to whoever comes last: that task may be an exiting process, which has none of
+ * these any more. Never fails. May sleep.
+ */
+void snbf_plat_run_as_kernel(void (*work)(void* argument), void* argument);
+
 /* Between begin and end no allocation of the calling task starts I/O. They nest. */
 unsigned snbf_plat_noio_begin(void);
 void snbf_plat_noio_end(unsigned state);
