@@ -162,6 +162,33 @@ SIM_TEST_SEEDS(LifeCycle, BitmapsOnTheTrackedPartitionAreRefused, 10) {
   ASSERT_EQ(sim.unload_driver(), 0);
 }
 
+// kdirtyd hangs in a file of one node; another one's requests queue up behind it, and that node is deleted. It goes
+// after ten seconds, and what is left in the queue does it no harm.
+SIM_TEST_SEEDS(LifeCycle, ADeletionDoesNotWaitForeverForTheFlagWriter, 10) {
+  Rig rig(sim);
+  rig.make_devices();
+  rig.load();
+  sim.add_device({.name = "sdc1", .bytes = kDiskBytes});
+  sim::Device* other = sim.add_device({.name = "sdd1", .bytes = 4 << 20});
+  ASSERT_EQ(sim.mount(sim.add_fs("other", other->number()), "/other"), 0);
+  ASSERT_EQ(rig.add(), 0);
+  ASSERT_EQ(rig.add("/dev/sdc1", 1, "/other"), 1);
+  for (int minor = 0; minor < 2; ++minor) {
+    ASSERT_EQ(rig.start(minor), 0);
+    for (const u32 type : kTypes) ASSERT_EQ(rig.clear(type, minor), 0);
+  }
+  ASSERT_EQ(sim.fs("store")->freeze_by_hand(), 0);
+  EXPECT_EQ(sim.write(rig.node(0), 0, Bytes(4096, 1)), 0);
+  EXPECT_EQ(sim.write(rig.node(1), 0, Bytes(4096, 1)), 0);
+  const u64 before = sim.now_us();
+  EXPECT_EQ(rig.remove(1), 0);
+  EXPECT_GE(sim.now_us() - before, 10'000'000u);
+  EXPECT_EQ(sim.log().count("There are still some dirty requests pending for snbf(100, 1). Continuing anyway..."), 1);
+  ASSERT_EQ(sim.fs("store")->thaw_by_hand(), 0);
+  ASSERT_EQ(rig.remove(0), 0);
+  ASSERT_EQ(sim.unload_driver(), 0);
+}
+
 // rmmod with nodes still there, while udev and others look.
 SIM_TEST_SEEDS(LifeCycle, UnloadTakesEveryNodeWithIt, 40) {
   Crowd crowd(sim);
