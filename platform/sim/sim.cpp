@@ -102,6 +102,7 @@ void Sim::wait_until(std::function<bool()> condition) {
 
 u64 Sim::now_us() const { return kernel_->now_us(); }
 u64 Sim::steps() const { return kernel_->step; }
+void Sim::set_step_limit(u64 steps) { kernel_->options.step_limit = steps; }
 u64 Sim::seed() const { return kernel_->options.seed; }
 u64 Sim::random() { return kernel_->test_rng.next(); }
 u64 Sim::trace_hash() const { return kernel_->hash; }

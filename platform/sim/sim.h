@@ -405,6 +405,7 @@ class Sim {
   void wait_until(std::function<bool()> condition);  // polls, sleeping in between; a deadlock if nothing can change it
   u64 now_us() const;
   u64 steps() const;
+  void set_step_limit(u64 steps);
   u64 seed() const;
   u64 random();            // from the seed, but not from the scheduler's stream
   u64 random(u64 below) { return random() % below; }

@@ -76,9 +76,13 @@ extern "C" {
 
 void snbf_plat_spin_init(plat_spin* lock, const char* name) {
   auto* spin = reinterpret_cast<SpinState*>(lock);
-  Kernel* k = snbf::sim::kernel_or_null();
-  if (spin->magic == kSpinMagic && spin->owner != nullptr && k != nullptr && k->current != nullptr) {
-    k->fatal("spin_init() on the spin lock '%s', which is held", spin->name);
+  // What the storage held before may be anything: only a holder's own list tells.
+  if (Kernel* k = snbf::sim::kernel_or_null(); k != nullptr && k->current != nullptr) {
+    for (const plat_task* task : k->tasks) {
+      for (const SpinState* held : task->spins) {
+        if (held == spin) k->fatal("spin_init() on the spin lock '%s', which is held", spin->name);
+      }
+    }
   }
   *spin = SpinState{kSpinMagic, name, nullptr, {}, 0, 0};
 }

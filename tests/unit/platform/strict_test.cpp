@@ -1,6 +1,8 @@
 // Each rule of the simulated kernel, seen firing.
 #include <cstring>
 
+#include "fiber.h"
+
 #include "platform/block.h"
 #include "platform/control.h"
 #include "platform/disk.h"
