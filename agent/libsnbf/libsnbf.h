@@ -87,7 +87,7 @@ int libsnbf_judge_bmp_file(const char* path, uint32_t size_bytes, enum libsnbf_v
  * What is known of a node between its attachments, in the file snbf<minor>.state of its bitmap
  * directory. The driver raises the dirty flag of a bitmap file shortly after the first write, not
  * before it; a power cut in between leaves a file that looks clean. So the bitmaps are believed
- * after a clean stop, or a stop within the same boot, and otherwise set to all ones.
+ * after a clean stop that was seen, and otherwise set to all ones.
  */
 struct libsnbf_state {
   char name[SNBF_NAME_BYTES];

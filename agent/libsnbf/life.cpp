@@ -96,7 +96,7 @@ std::string bmp_path(const std::string& dir, uint32_t minor, const char* suffix)
 }
 
 // Why what the last attachment left is not to be believed; empty if it is.
-std::string judge(const libsnbf& handle, const libsnbf_attach_request& request, uint32_t minor,
+std::string judge(const libsnbf_attach_request& request, uint32_t minor,
                   const libsnbf_state& state, uint64_t size_bytes) {
   if (state.distrust[0]) return state.distrust;  // no full backup since
   if (std::string(state.name) != request.name) return LIBSNBF_WHY_OTHER_NODE;
@@ -108,11 +108,9 @@ std::string judge(const libsnbf& handle, const libsnbf_attach_request& request, 
     if (libsnbf_judge_bmp_file(path.c_str(), bmp_bytes, &verdict) != 0) return LIBSNBF_WHY_CORRUPT;
     if (verdict != LIBSNBF_GOOD) return why_of(verdict);
   }
-  if (!state.stopped_clean) {
-    // Stopped by unloading the module: its flags are exact as long as the machine did not go down.
-    const bool same_boot = boot_id(handle) == state.boot_id;
-    return same_boot && std::string(state.hdd_name) == request.partition ? "" : LIBSNBF_WHY_UNCLEAN;
-  }
+  // Nobody saw how it looked when it was let go (the module was unloaded, the machine went down), so nobody can
+  // see whether something wrote to the partition since.
+  if (!state.stopped_clean) return LIBSNBF_WHY_UNCLEAN;
   uint64_t head = 0;
   if (hash_head(request.partition, &head) != 0 || head != state.head_hash)
     return LIBSNBF_WHY_OUTSIDE;
@@ -175,7 +173,8 @@ int settle_bitmaps(libsnbf* handle, uint32_t minor, bool believed) {
                             : libsnbf_set_bmp(handle, minor, type, nullptr, 0);
     if (rc != 0) return rc;
     int unsaved = 0;
-    if (libsnbf_bmp_unsaved(handle, minor, type, &unsaved) == 0 && unsaved) return -EIO;
+    if (int query = libsnbf_bmp_unsaved(handle, minor, type, &unsaved); query != 0) return query;
+    if (unsaved) return -EIO;
   }
   return 0;
 }
@@ -208,7 +207,7 @@ int attach_locked(libsnbf* handle, libsnbf_attach_request* request) {
   libsnbf_state state = known == 0 ? before : libsnbf_state{};
   std::string why = known == -ENOENT ? LIBSNBF_WHY_MISSING
                     : known != 0     ? LIBSNBF_WHY_CORRUPT
-                                 : judge(*handle, *request, *minor, before, partition.size_bytes);
+                                 : judge(*request, *minor, before, partition.size_bytes);
   if (why == LIBSNBF_WHY_OTHER_NODE) state = libsnbf_state{};
 
   snbf_filter_node_cmd record{};
@@ -251,16 +250,20 @@ int attach_locked(libsnbf* handle, libsnbf_attach_request* request) {
   return 0;
 }
 
-// -EBUSY and friends leave the record "running": it may err only towards all ones.
-int stop_locked(libsnbf* handle, uint32_t minor) {
-  snbf_info info;
-  if (int rc = libsnbf_get_info(handle, minor, &info); rc != 0) return rc;
-  if (int rc = libsnbf_stop_node(handle, minor); rc != 0) return rc;
-  if (info.dev_type != SNBF_DEV_FILTER) return 0;
+// 0 when the bitmap is seen to be in its file.
+int see_saved(libsnbf* handle, uint32_t minor, uint32_t type) {
+  int unsaved = 0;
+  if (int rc = libsnbf_bmp_unsaved(handle, minor, type, &unsaved); rc != 0 || !unsaved) return rc;
+  if (int rc = libsnbf_save_bmp(handle, minor, type); rc != 0) return rc;
+  if (int rc = libsnbf_bmp_unsaved(handle, minor, type, &unsaved); rc != 0) return rc;
+  return unsaved ? -EIO : 0;
+}
+
+// Of a node that the driver has stopped. A failure leaves the record "running": it errs towards all ones.
+int record_clean_stop(libsnbf* handle, const snbf_info& info) {
+  const uint32_t minor = info.minor;
   for (uint32_t type : {SNBF_BMP_INCR, SNBF_BMP_DIFF}) {
-    int unsaved = 0;
-    if (libsnbf_bmp_unsaved(handle, minor, type, &unsaved) != 0 || !unsaved) continue;
-    if (int rc = libsnbf_save_bmp(handle, minor, type); rc != 0) return rc;
+    if (int rc = see_saved(handle, minor, type); rc != 0) return rc;
   }
   libsnbf_state state;
   const std::string dir = bmp_dir_of(info);
@@ -268,6 +271,16 @@ int stop_locked(libsnbf* handle, uint32_t minor) {
   if (int rc = hash_head(info.hdd_name, &state.head_hash); rc != 0) return rc;
   state.stopped_clean = 1;
   return libsnbf_state_write(dir.c_str(), minor, &state);
+}
+
+// `recorded` is the answer of the second half; a node that is busy is not stopped at all.
+int stop_locked(libsnbf* handle, uint32_t minor, int* recorded) {
+  *recorded = 0;
+  snbf_info info;
+  if (int rc = libsnbf_get_info(handle, minor, &info); rc != 0) return rc;
+  if (int rc = libsnbf_stop_node(handle, minor); rc != 0) return rc;
+  if (info.dev_type == SNBF_DEV_FILTER) *recorded = record_clean_stop(handle, info);
+  return 0;
 }
 
 }  // namespace
@@ -304,7 +317,9 @@ int libsnbf_stop(libsnbf* handle, uint32_t minor) {
   return snbf::lib::at_border([&] {
     HostLock lock(*handle);
     if (lock.error()) return lock.error();
-    return stop_locked(handle, minor);
+    int recorded = 0;
+    const int rc = stop_locked(handle, minor, &recorded);
+    return rc != 0 ? rc : recorded;
   });
 }
 
@@ -312,7 +327,10 @@ int libsnbf_detach(libsnbf* handle, uint32_t minor) {
   return snbf::lib::at_border([&] {
     HostLock lock(*handle);
     if (lock.error()) return lock.error();
-    if (int rc = stop_locked(handle, minor); rc != 0) return rc;
+    // A partition or a bitmap directory that has gone away must not keep its node for ever: without a record of a
+    // clean stop the next attach starts from all ones.
+    int recorded = 0;
+    if (int rc = stop_locked(handle, minor, &recorded); rc != 0) return rc;
     return libsnbf_del_node(handle, minor);
   });
 }

@@ -77,18 +77,21 @@ class Source {
   }
 
   // A write is marked before it reaches the partition: one that was taken as marked must have
-  // landed before its extent is read.
-  void drain() const {
-    const dev_t partition = device_of(node_.hdd_name);
+  // landed before its extent is read. False: it cannot be told that all have.
+  bool drain() const {
+    const dev_t partition = partition_of(node_);
+    if (partition == 0) return false;
     const std::string path =
         fmt::format("/sys/dev/block/{}:{}/inflight", major(partition), minor(partition));
-    for (int step = 0; step < kDrainStepsMax; ++step) {
+    for (int step = 0; step < kDrainStepsMax && !interrupted; ++step) {
       std::this_thread::sleep_for(kDrainStep);
       std::ifstream file(path);
       uint64_t reads = 0;
       uint64_t writes = 0;
-      if (!(file >> reads >> writes) || writes == 0) return;
+      if (!(file >> reads >> writes)) return false;
+      if (writes == 0) return true;
     }
+    return false;
   }
 
  private:
@@ -111,7 +114,8 @@ class Capture {
         source_(node),
         journal_(bmp_dir_of(node), node.minor),
         taken_incr_(driver.empty_bitmap(node)),
-        taken_diff_(driver.empty_bitmap(node)) {
+        taken_diff_(driver.empty_bitmap(node)),
+        unsettled_(driver.empty_bitmap(node)) {
     point_.id = manifest_.next_id();
     point_.level = plan.level;
     point_.file = fmt::format("{:04}-{}.qcow2", point_.id, level_name(plan.level));
@@ -126,6 +130,8 @@ class Capture {
     point_.created = ::time(nullptr);
     try {
       make_image();
+      // What may have been read before it had landed counts as changed again, and goes into the next point.
+      if (!unsettled_.none()) driver_.merge(node_, SNBF_BMP_INCR, unsettled_);
       point_.seconds =
           std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
       commit();
@@ -154,12 +160,13 @@ class Capture {
     const bool with_diff = first && plan_.level == Level::Full;
     journal_.write(record(false));
     began_ = true;
+    captured_ = false;
     Extents now = driver_.get_and_clear(node_, SNBF_BMP_INCR);
     taken_incr_.merge(now);
     if (with_diff) taken_diff_.merge(driver_.get_and_clear(node_, SNBF_BMP_DIFF));
     journal_.write(record(true));
     captured_ = true;
-    source_.drain();
+    if (!source_.drain()) unsettled_.merge(now);
     return now;
   }
 
@@ -203,7 +210,8 @@ class Capture {
     for (int round = 1; pending() && round < kRoundsMax; ++round)
       copy_again(image, "copying again");
     // What is still marked stays in the bitmap, and so in the next point.
-    point_.source = pending() ? "moving" : source_.unmounted() ? "unmounted" : "quiet";
+    const bool moving = pending() || !unsettled_.none();
+    point_.source = moving ? "moving" : source_.unmounted() ? "unmounted" : "quiet";
   }
 
   void copy_frozen(ImageWriter* image) {
@@ -212,13 +220,12 @@ class Capture {
     }
     Freeze freeze(source_.mounts().front(), options_.freeze_limit);
     if (pending()) copy_again(image, "copying, frozen");
-    const bool still = !pending();
+    const bool still = !pending() && unsettled_.none();
     const bool held = freeze.thaw();
     point_.frozen_ms = freeze.lasted_ms();
     if (!held) {
-      warn(fmt::format(
-          "the copy took longer than the freeze may last ({} ms): thawed before its end",
-          options_.freeze_limit.count()));
+      warn(fmt::format("the freeze did not last until the end of the copy (its limit: {} ms)",
+                       options_.freeze_limit.count()));
     }
     point_.source = held && still ? "frozen" : "moving";
   }
@@ -294,6 +301,7 @@ class Capture {
   std::string partial_;
   Extents taken_incr_;
   Extents taken_diff_;
+  Extents unsettled_;  // taken, and perhaps still on their way to the partition when they were read
   bool began_ = false;
   bool captured_ = false;
   bool committed_ = false;

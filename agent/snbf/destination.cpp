@@ -2,12 +2,17 @@
 #include "destination.h"
 
 #include <blkid/blkid.h>
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <vector>
 
 #include "failure.h"
+#include "files.h"
 #include "sizes.h"
 
 namespace snbf {
@@ -72,14 +77,36 @@ Json point_json(const Point& point) {
           {"file_bytes", point.file_bytes}};
 }
 
+namespace {
+
+constexpr size_t kLookedAtBytes = 1 << 20;
+
+// What no tool knows may still be somebody's data.
+bool starts_and_ends_with_zeros(const std::string& path) {
+  UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const off_t size = file ? ::lseek(file.get(), 0, SEEK_END) : -1;
+  if (size < 0) return false;
+  std::vector<char> piece(kLookedAtBytes);
+  for (const off_t at : {off_t{0}, std::max<off_t>(0, size - static_cast<off_t>(piece.size()))}) {
+    const ssize_t n = ::pread(file.get(), piece.data(), piece.size(), at);
+    if (n < 0) return false;
+    if (std::any_of(piece.begin(), piece.begin() + n, [](char byte) { return byte != 0; })) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
 std::string contents_of(const std::string& path) {
   const std::unique_ptr<blkid_struct_probe, decltype(&blkid_free_probe)> probe(
       blkid_new_probe_from_filename(path.c_str()), blkid_free_probe);
-  if (!probe) return "";
+  if (!probe) return "something that cannot be read";
   blkid_probe_enable_superblocks(probe.get(), 1);
   blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_LABEL);
   blkid_probe_enable_partitions(probe.get(), 1);
-  if (blkid_do_safeprobe(probe.get()) == 1) return "";
+  if (blkid_do_safeprobe(probe.get()) == 1) {
+    return starts_and_ends_with_zeros(path) ? "" : "data of an unknown kind";
+  }
   const char* value = nullptr;
   std::string text = "something that is not recognised for certain";
   if (blkid_probe_lookup_value(probe.get(), "TYPE", &value, nullptr) == 0) {

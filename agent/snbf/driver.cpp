@@ -69,8 +69,8 @@ std::vector<snbf_info> Driver::filters() const {
 }
 
 snbf_info Driver::find(const std::string& text) const {
-  const std::string file =
-      text.rfind('/') == std::string::npos ? text : text.substr(text.rfind('/') + 1);
+  const std::string folder = "/dev/snbf/";
+  const std::string file = text.rfind(folder, 0) == 0 ? text.substr(folder.size()) : text;
   const std::string by_file = file.rfind("snbf", 0) == 0 ? file.substr(4) : "";
   const dev_t device = text.find('/') == std::string::npos ? 0 : device_of(text);
   const std::vector<snbf_info> nodes = filters();
@@ -80,7 +80,7 @@ snbf_info Driver::find(const std::string& text) const {
   for (const snbf_info& node : nodes) {
     const std::string minor = std::to_string(node.minor);
     if (text == minor || by_file == minor) return node;
-    if (device != 0 && device == device_of(node.hdd_name)) return node;
+    if (device != 0 && device == partition_of(node)) return node;
   }
   throw Failure(kFailed, fmt::format("no node is called {}", text),
                 "`snbf list` shows the nodes; `snbf attach` makes one");
@@ -136,7 +136,8 @@ bool Driver::unsaved(const snbf_info& node, uint32_t type) const {
 
 bool Driver::lies_on(const std::string& path, const snbf_info& node) const {
   int answer = 0;
-  const dev_t partition = device_of(node.hdd_name);
+  const dev_t partition = partition_of(node);
+  if (partition == 0) throw failure_of(-ENODEV, "looking for the partition of " + describe(node));
   must(libsnbf_path_is_on(get(), path.c_str(), major(partition), minor(partition), &answer),
        "looking where " + path + " lies");
   return answer != 0;
@@ -147,6 +148,16 @@ std::string node_path(const snbf_info& node) { return fmt::format("/dev/snbf/snb
 std::string bmp_dir_of(const snbf_info& node) {
   const auto parent = fs::path(node.incr_bmp_fname).parent_path();
   return parent.empty() ? "/" : parent.string();
+}
+
+dev_t partition_of(const snbf_info& node) {
+  const std::string folder = fmt::format("/proc/snbf/snbf{}/", node.minor);
+  unsigned numbers[2];
+  for (int i = 0; i < 2; ++i) {
+    std::ifstream file(folder + (i == 0 ? "hdd_major" : "hdd_minor"));
+    if (!(file >> numbers[i])) return 0;
+  }
+  return makedev(numbers[0], numbers[1]);
 }
 
 dev_t device_of(const std::string& path) {

@@ -45,6 +45,8 @@ class Driver {
 
 std::string node_path(const snbf_info& node);
 std::string bmp_dir_of(const snbf_info& node);
+// Of the partition that the node holds, as the driver has it: its path may name another disk by now. 0 if unknown.
+dev_t partition_of(const snbf_info& node);
 // Of the node's own block device; 0 while it has no device file.
 dev_t device_of(const std::string& path);
 

@@ -11,8 +11,8 @@
 
 namespace snbf {
 
-// A process of its own thaws when it is told to, when we are gone (by whatever signal), or when the
-// time is up.
+// A process of its own, the keeper, thaws when it is told to, when we are gone (by whatever signal), or when
+// the time is up. If the keeper itself is gone, or could not thaw, we do.
 class Freeze {
  public:
   Freeze(const std::string& mount_point, std::chrono::milliseconds limit);
@@ -25,6 +25,8 @@ class Freeze {
   uint64_t lasted_ms() const;
 
  private:
+  std::string mount_point_;
+  UniqueFd mount_;
   UniqueFd tell_;
   pid_t keeper_ = -1;
   bool held_ = true;

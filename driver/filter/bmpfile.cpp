@@ -233,15 +233,16 @@ int snbf_block_save_bmp(FilterNode& node, u32 type) {
     mem_copy(snapshot.data(), bitmap.bits(), bitmap.size_bytes());
   }
   KsMutexGuard file_work{node.bmp_mutex};
-  const bool flag_was_due = cancel_dirty_requests(node, type);
+  snbf_kill_dirty_requests(node, type);
   const int rc = save_locked(bitmap, snapshot.data());
   if (rc == 0) return 0;
   {
     SpinGuard hold{bitmap.node.bmp_spin};
     bitmap.set_dirty(1);
   }
-  // The old file may still be there and look clean: what was to distrust it is as due as before.
-  if (flag_was_due) snbf_sched_write_dirty_flag(node, type);
+  // The old file may still be there and look clean, and with the dirty field up no write would have its flag raised.
+  // One that must not be written at all stays as it is.
+  if (rc != -EINVAL) snbf_sched_write_dirty_flag(node, type);
   return rc;
 }
 

@@ -149,23 +149,15 @@ int snbf_sched_write_dirty_flag(FilterNode& node, u32 type) {
   return 0;
 }
 
-bool snbf::cancel_dirty_requests(FilterNode& node, u32 type) {
+int snbf_kill_dirty_requests(FilterNode& node, u32 type) {
   snbf_log(2, "%s(): Killing all dirty requests for %s bitmap of snbf(%d, %d)",
            "snbf_kill_dirty_requests", bmp_type_text(type), snbf_blk_major,
            static_cast<int>(node.minor));
-  bool cancelled = false;
   SpinGuard hold{req_spin};
   for (snbf_dirty_req* request = req_list.first(); request != nullptr;
        request = List<snbf_dirty_req, InReqList>::next(request)) {
-    if (request->node != &node || request->bmp_type != type) continue;
-    cancelled = cancelled || request->valid != 0;
-    request->valid = 0;
+    if (request->node == &node && request->bmp_type == type) request->valid = 0;
   }
-  return cancelled;
-}
-
-int snbf_kill_dirty_requests(FilterNode& node, u32 type) {
-  cancel_dirty_requests(node, type);
   return 0;
 }
 

@@ -20,13 +20,6 @@ int snbf_sched_write_dirty_flag(snbf::FilterNode& node, snbf::u32 type);
 // Cancels what is queued for this bitmap. Always 0.
 int snbf_kill_dirty_requests(snbf::FilterNode& node, snbf::u32 type);
 
-namespace snbf {
-
-// The same; answers whether there was anything to cancel.
-bool cancel_dirty_requests(FilterNode& node, u32 type);
-
-}  // namespace snbf
-
 // Waits until no request of the node is queued: 0, or -ETIMEDOUT after `seconds`; less than 1:
 // without a limit.
 int snbf_yield_to_dirty_requests(snbf::FilterNode& node, int seconds);

@@ -99,6 +99,8 @@ int bitmap(const Options& options) {
                   fmt::format("bitmap {} can forget changes that no backup has", options.action),
                   "say --yes if that is meant; the next backup is then a full one");
   }
+  // A backup under way counts on the bitmap being its own.
+  const UniqueFd lock = lock_file(fmt::format("{}/snbf{}.lock", bmp_dir_of(node), node.minor), node.name);
   if (may_lose_changes(options)) forget_point(node, type);
   act(driver, node, type, options);
   if (driver.unsaved(node, type) && !node.started) {

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
 
 #include "command.h"
 #include "destination.h"
@@ -80,7 +81,7 @@ void check_target(const Options& options, const Target& target, const ChosenPoin
                               target.size_bytes, chosen.manifest.size),
                   "choose a device of at least that size");
   }
-  if (!target.exists || options.yes || options.dry_run) return;
+  if (!target.exists || options.yes) return;
   const std::string contents = target.is_device ? contents_of(options.target) : "a file";
   if (contents.empty()) return;
   throw Failure(kUnsafe, fmt::format("{} is not empty: {}", options.target, contents),
@@ -136,8 +137,15 @@ void compare(const Options& options, const Target& target, const ChosenPoint& ch
   throw Failure(kFailed, "comparing failed: " + ran.errors);
 }
 
-int restore(const Options& options) {
+int restore(const Options& given) {
+  Options options = given;
+  // As a path, whatever it looks like: the image tools know words that mean something else.
+  options.target = std::filesystem::absolute(given.target).lexically_normal();
   const ChosenPoint chosen = choose_point(options.source);
+  const std::string chain = std::filesystem::absolute(chosen.destination).lexically_normal().string() + "/";
+  if (options.target.rfind(chain, 0) == 0) {
+    throw Failure(kUnsafe, options.target + " lies in the backup itself", "choose a target elsewhere");
+  }
   const Target target = claim_target(options);
   check_target(options, target, chosen);
   if (!chosen.point.exact()) {
