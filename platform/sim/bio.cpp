@@ -50,7 +50,8 @@ plat_bio* Kernel::check_bio(const plat_bio* bio, const char* call) const {
   auto& self = const_cast<Kernel&>(*this);
   if (bio == nullptr) self.fatal("%s() of no request", call);
   if (bio->magic == kDeadBioMagic) {
-    self.fatal("%s() of request #%llu, which is gone", call, static_cast<unsigned long long>(bio->id));
+    self.fatal("%s() of request #%llu, which is gone", call,
+               static_cast<unsigned long long>(bio->id));
   }
   if (bio->magic != kBioMagic) self.fatal("%s() of something that is no request", call);
   return const_cast<plat_bio*>(bio);
@@ -67,8 +68,9 @@ plat_bio* Kernel::make_caller_bio(const Request& request, plat_devt sent_to) {
   bio->fua = request.fua;
   bio->preflush = request.preflush || request.op == Op::Flush;
   bio->sector = request.sector;
-  bio->bytes = request.op == Op::Write && !request.data.empty() ? static_cast<u32>(request.data.size())
-                                                                : request.bytes;
+  bio->bytes = request.op == Op::Write && !request.data.empty()
+                   ? static_cast<u32>(request.data.size())
+                   : request.bytes;
   if (request.op == Op::Flush) bio->bytes = 0;
   bio->left = bio->bytes;
   bio->sent_to = sent_to;
@@ -120,7 +122,8 @@ void Kernel::end_bio(plat_bio* bio, int error) {
     return;
   }
   if (call && error == 0 && bio->bytes >= 1024 && io_rng.one_in(6)) {
-    const u32 part = static_cast<u32>(1 + io_rng.below(bio->bytes / kSectorBytes - 1)) * kSectorBytes;
+    const u32 part =
+        static_cast<u32>(1 + io_rng.below(bio->bytes / kSectorBytes - 1)) * kSectorBytes;
     bio->left = bio->bytes - part;
     bio->in_flight = true;
     const int more = bio->hooks->end_io(bio, part, 0);
@@ -158,7 +161,8 @@ void snbf_plat_bio_forward(plat_bio* bio, plat_bdev* bdev) {
   Kernel& k = enter_sleeping("bio_forward");
   k.check_bio(bio, "bio_forward");
   k.check_bdev(bdev, "bio_forward");
-  if (bio->kind != plat_bio::Kind::Caller) k.fatal("bio_forward() of a request of the driver's own");
+  if (bio->kind != plat_bio::Kind::Caller)
+    k.fatal("bio_forward() of a request of the driver's own");
   if (bio->in_flight) k.fatal("bio_forward() of a request that is on its way already");
   if (bio->node != nullptr) {
     --bio->node->outstanding;
@@ -170,7 +174,8 @@ void snbf_plat_bio_forward(plat_bio* bio, plat_bdev* bdev) {
 void snbf_plat_bio_complete(plat_bio* bio, int error) {
   Kernel& k = enter("bio_complete");
   k.check_bio(bio, "bio_complete");
-  if (bio->kind != plat_bio::Kind::Caller) k.fatal("bio_complete() of a request of the driver's own");
+  if (bio->kind != plat_bio::Kind::Caller)
+    k.fatal("bio_complete() of a request of the driver's own");
   if (bio->in_flight) k.fatal("bio_complete() of a request that was passed on");
   if (error > 0) k.fatal("bio_complete() with the error %d, which is not negative", error);
   k.finish_caller(bio, error);
@@ -204,10 +209,13 @@ plat_bio* snbf_plat_bio_alloc(plat_alloc_mode mode) {
 void snbf_plat_bio_set_page(plat_bio* bio, int write, plat_u64 sector, void* page, plat_u32 bytes) {
   Kernel& k = enter("bio_set_page");
   k.check_bio(bio, "bio_set_page");
-  if (bio->kind != plat_bio::Kind::Own) k.fatal("bio_set_page() of a request that bio_alloc did not make");
+  if (bio->kind != plat_bio::Kind::Own)
+    k.fatal("bio_set_page() of a request that bio_alloc did not make");
   if (bio->in_flight) k.fatal("bio_set_page() of a request in flight");
-  if (bytes == 0 || bytes > 4096 || bytes % kSectorBytes != 0) k.fatal("bio_set_page() of %u bytes", bytes);
-  if (reinterpret_cast<std::uintptr_t>(page) % 4096 != 0) k.fatal("bio_set_page() of what is no page");
+  if (bytes == 0 || bytes > 4096 || bytes % kSectorBytes != 0)
+    k.fatal("bio_set_page() of %u bytes", bytes);
+  if (reinterpret_cast<std::uintptr_t>(page) % 4096 != 0)
+    k.fatal("bio_set_page() of what is no page");
   bio->op = write ? Op::Write : Op::Read;
   bio->sector = sector;
   bio->bytes = bio->left = bytes;
@@ -228,7 +236,9 @@ const plat_bio_hooks* snbf_plat_bio_hooks(const plat_bio* bio) {
   return kernel().check_bio(bio, "bio_hooks")->hooks;
 }
 
-void* snbf_plat_bio_context(const plat_bio* bio) { return kernel().check_bio(bio, "bio_context")->context; }
+void* snbf_plat_bio_context(const plat_bio* bio) {
+  return kernel().check_bio(bio, "bio_context")->context;
+}
 
 plat_u32 snbf_plat_bio_bytes_left(const plat_bio* bio) {
   return kernel().check_bio(bio, "bio_bytes_left")->left;
@@ -244,17 +254,21 @@ void snbf_plat_bio_submit(plat_bio* bio, plat_bdev* bdev) {
   Kernel& k = enter_sleeping("bio_submit");
   k.check_bio(bio, "bio_submit");
   k.check_bdev(bdev, "bio_submit");
-  if (bio->kind == plat_bio::Kind::Caller) k.fatal("bio_submit() of a caller's request; it is forwarded");
+  if (bio->kind == plat_bio::Kind::Caller)
+    k.fatal("bio_submit() of a caller's request; it is forwarded");
   if (bio->in_flight) k.fatal("bio_submit() of a request in flight");
-  if (bio->kind == plat_bio::Kind::Own && bio->pieces.empty()) k.fatal("bio_submit() of an empty request");
-  if (bio->kind == plat_bio::Kind::Clone && bio->completed) k.fatal("bio_submit() of a clone a second time");
+  if (bio->kind == plat_bio::Kind::Own && bio->pieces.empty())
+    k.fatal("bio_submit() of an empty request");
+  if (bio->kind == plat_bio::Kind::Clone && bio->completed)
+    k.fatal("bio_submit() of a clone a second time");
   k.submit(bio, bdev->dev);
 }
 
 void snbf_plat_bio_put(plat_bio* bio) {
   Kernel& k = enter("bio_put");
   k.check_bio(bio, "bio_put");
-  if (bio->kind == plat_bio::Kind::Caller) k.fatal("bio_put() of a caller's request; it is completed");
+  if (bio->kind == plat_bio::Kind::Caller)
+    k.fatal("bio_put() of a caller's request; it is completed");
   if (bio->in_flight) k.fatal("bio_put() of a request in flight");
   if (bio->hooks != nullptr && bio->hooks->destroy != nullptr) bio->hooks->destroy(bio);
   k.free_bio(bio);

@@ -1,8 +1,9 @@
-// Where requests go: a task's list of pending requests, its plug, nodes and devices; and opening devices.
+// Where requests go: a task's list of pending requests, its plug, nodes and devices; and opening
+// devices.
 //
-// A request sent from inside a submit function waits on the task's list until that function has returned;
-// then those for other devices go first, as in a kernel. A plugged request is sent when the task unplugs or
-// sleeps, and by nothing else.
+// A request sent from inside a submit function waits on the task's list until that function has
+// returned; then those for other devices go first, as in a kernel. A plugged request is sent when
+// the task unplugs or sleeps, and by nothing else.
 #include <algorithm>
 #include <cstring>
 
@@ -93,15 +94,18 @@ plat_bio* split_off(Kernel& k, plat_bio* whole) {
   if (moved > kSplitBytes) {
     plat_bio::Piece& last = whole->pieces[used - 1];
     const u32 over = moved - kSplitBytes;
-    piece->pieces.assign(whole->pieces.begin(), whole->pieces.begin() + static_cast<std::ptrdiff_t>(used));
+    piece->pieces.assign(whole->pieces.begin(),
+                         whole->pieces.begin() + static_cast<std::ptrdiff_t>(used));
     piece->pieces.back().bytes -= over;
     last.offset += last.bytes - over;
     last.bytes = over;
     --used;
   } else {
-    piece->pieces.assign(whole->pieces.begin(), whole->pieces.begin() + static_cast<std::ptrdiff_t>(used));
+    piece->pieces.assign(whole->pieces.begin(),
+                         whole->pieces.begin() + static_cast<std::ptrdiff_t>(used));
   }
-  whole->pieces.erase(whole->pieces.begin(), whole->pieces.begin() + static_cast<std::ptrdiff_t>(used));
+  whole->pieces.erase(whole->pieces.begin(),
+                      whole->pieces.begin() + static_cast<std::ptrdiff_t>(used));
   whole->sector += kSplitBytes / kSectorBytes;
   whole->bytes -= kSplitBytes;
   whole->left = whole->bytes;
@@ -117,10 +121,12 @@ struct Chain {
 
 }  // namespace
 
-// As the platform does before the driver sees it: nothing above 4 MiB. The remainder goes back through the list.
+// As the platform does before the driver sees it: nothing above 4 MiB. The remainder goes back
+// through the list.
 void Kernel::node_submit(plat_bio* bio) {
   plat_disk* disk = bio->target->disk;
-  if (in_interrupt()) fatal("a request is sent to the node '%s' in an interrupt", disk->dev.name.c_str());
+  if (in_interrupt())
+    fatal("a request is sent to the node '%s' in an interrupt", disk->dev.name.c_str());
   if (disk->dead || disk->freed) {
     end_bio(bio, -EIO);
     return;
@@ -221,8 +227,8 @@ int open_disk(Kernel& k, plat_disk* disk) {
 
 }  // namespace
 
-int Kernel::open_bdev(plat_devt number, int mode, plat_open_kind kind, void* holder, plat_bdev** bdev,
-                      bool by_driver) {
+int Kernel::open_bdev(plat_devt number, int mode, plat_open_kind kind, void* holder,
+                      plat_bdev** bdev, bool by_driver) {
   BlockDev* dev = find_dev(number);
   if (dev == nullptr) return -ENXIO;
   const bool exclusive = kind == PLAT_OPEN_EXCLUSIVE;
@@ -294,9 +300,11 @@ using namespace snbf::sim;
 
 extern "C" {
 
-int snbf_plat_bdev_open(plat_devt device, int mode, plat_open_kind kind, void* holder, plat_bdev** bdev) {
+int snbf_plat_bdev_open(plat_devt device, int mode, plat_open_kind kind, void* holder,
+                        plat_bdev** bdev) {
   Kernel& k = enter_sleeping("bdev_open");
-  if (kind == PLAT_OPEN_EXCLUSIVE && holder == nullptr) k.fatal("bdev_open(), exclusive, without a holder");
+  if (kind == PLAT_OPEN_EXCLUSIVE && holder == nullptr)
+    k.fatal("bdev_open(), exclusive, without a holder");
   if (int error = k.fault(Fault::BdevOpen, -ENXIO); error != 0) return error;
   return k.open_bdev(device, mode, kind, holder, bdev, true);
 }
@@ -312,7 +320,8 @@ int snbf_plat_bdev_close(plat_bdev* bdev, plat_open_kind kind, int mode, void* h
   }
   for (const BlockDev* dev = bdev->dev; const plat_bio* bio : dev->flying) {
     if (bio->kind != plat_bio::Kind::Caller && dev->driver_openers == 1) {
-      k.fatal("bdev_close() of '%s' with requests of the driver's own in flight", dev->name.c_str());
+      k.fatal("bdev_close() of '%s' with requests of the driver's own in flight",
+              dev->name.c_str());
     }
   }
   return k.close_bdev(bdev);

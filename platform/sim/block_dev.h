@@ -28,8 +28,9 @@ constexpr u32 kSplitBytes = 4 << 20;
 using Page = std::array<u8, 4096>;
 using Sector = std::array<u8, 512>;
 
-// Bytes of a device. `current` is what a read finds; `older` has, for pages with a write that is not durable, what
-// is durable of them; `pending` the versions of each sector since then, oldest first.
+// Bytes of a device. `current` is what a read finds; `older` has, for pages with a write that is
+// not durable, what is durable of them; `pending` the versions of each sector since then, oldest
+// first.
 struct Storage {
   struct Version {
     u64 write;  // number of the write that made it
@@ -102,7 +103,8 @@ struct BioLists {
 struct BlockState {
   std::map<plat_devt, BlockDev*> by_number;
   std::vector<std::unique_ptr<BlockDev>> devices;
-  std::vector<std::unique_ptr<plat_disk>> disks;  // the freed ones too: somebody may still wait for one
+  std::vector<std::unique_ptr<plat_disk>>
+      disks;  // the freed ones too: somebody may still wait for one
   std::vector<std::unique_ptr<plat_bdev>> bdevs;
   std::unordered_set<plat_bio*> bios;
   std::deque<plat_bio*> dead_bios;
@@ -119,14 +121,14 @@ struct plat_disk {
   int major = 0;
   int minor = 0;
   bool added = false;
-  bool dead = false;   // being deleted, or deleted
+  bool dead = false;  // being deleted, or deleted
   bool freed = false;
   bool read_only = false;
   int inside = 0;       // requests inside the driver's submit function
   int outstanding = 0;  // requests that the driver has and has not completed
   snbf::sim::Mutex open_mutex{"the open mutex of a disk"};
   WaitList drain = {};
-  plat_bdev own = {};   // what the driver's open routine is given
+  plat_bdev own = {};  // what the driver's open routine is given
 };
 
 namespace snbf::sim {

@@ -31,7 +31,8 @@ int perform(Kernel& k, BlockDev& dev, plat_bio& bio, u64 covers) {
   if (bio.op == Op::Read || bio.op == Op::Write) {
     for (plat_bio::Piece& piece : bio.pieces) {
       u8* data = piece.page + piece.offset;
-      if (k.is_freed(piece.page)) k.fatal("a request in flight on '%s' uses a freed page", dev.name.c_str());
+      if (k.is_freed(piece.page))
+        k.fatal("a request in flight on '%s' uses a freed page", dev.name.c_str());
       if (bio.op == Op::Read) {
         storage.read(sector, data, piece.bytes);
       } else {
@@ -61,15 +62,27 @@ void Kernel::device_start(plat_bio* bio) {
   counts.in_flight_max = std::max(counts.in_flight_max, ++counts.in_flight);
   const u64 sectors = bio->bytes / kSectorBytes;
   switch (bio->op) {
-    case Op::Read: ++counts.reads; counts.read_sectors += sectors; break;
-    case Op::Write: case Op::WriteZeroes: ++counts.writes; counts.write_sectors += sectors; break;
-    case Op::Discard: case Op::SecureErase: ++counts.discards; break;
-    case Op::Flush: break;
+    case Op::Read:
+      ++counts.reads;
+      counts.read_sectors += sectors;
+      break;
+    case Op::Write:
+    case Op::WriteZeroes:
+      ++counts.writes;
+      counts.write_sectors += sectors;
+      break;
+    case Op::Discard:
+    case Op::SecureErase:
+      ++counts.discards;
+      break;
+    case Op::Flush:
+      break;
   }
   if (bio->preflush) ++counts.flushes;
   if (bio->fua) ++counts.fua;
   const u64 seen = dev.history.size();
-  dev.history.push_back({bio->op, bio->sector, bio->bytes, bio->fua, bio->preflush, 0, false, now_us(), 0});
+  dev.history.push_back(
+      {bio->op, bio->sector, bio->bytes, bio->fua, bio->preflush, 0, false, now_us(), 0});
   dev.flying.push_back(bio);
   if (bio->preflush) dev.flush_covers[bio->id] = dev.next_write - 1;
 
@@ -115,8 +128,8 @@ std::string Kernel::describe_held() const {
   std::string text;
   for (const auto& dev : block_state->devices) {
     if (dev->held_bios.empty()) continue;
-    text += "  " + std::to_string(dev->held_bios.size()) + " requests are held back on '" + dev->name +
-            "' by the test\n";
+    text += "  " + std::to_string(dev->held_bios.size()) + " requests are held back on '" +
+            dev->name + "' by the test\n";
   }
   return text;
 }

@@ -75,7 +75,8 @@ int snbf_plat_disk_add(plat_disk* disk) {
   if (disk->freed || disk->added) k.fatal("disk_add() of a disk that is freed or was added before");
   if (int error = k.fault(Fault::DiskAdd, -ENOMEM); error != 0) return error;
   if (k.block_state->majors.count(disk->major) == 0) {
-    k.fatal("disk_add() of '%s': its major %d is not registered", disk->dev.name.c_str(), disk->major);
+    k.fatal("disk_add() of '%s': its major %d is not registered", disk->dev.name.c_str(),
+            disk->major);
   }
   k.lock(disk->open_mutex);
   k.point();
@@ -103,7 +104,8 @@ void snbf_plat_disk_del(plat_disk* disk) {
   k.block_state->by_number.erase(disk->dev.number);
   k.unlock(disk->open_mutex);
   while (disk->inside > 0) {
-    k.sleep_in(disk->drain, "the requests inside the submit function of", disk, disk->dev.name.c_str());
+    k.sleep_in(disk->drain, "the requests inside the submit function of", disk,
+               disk->dev.name.c_str());
   }
 }
 

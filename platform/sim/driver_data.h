@@ -3,7 +3,8 @@
 
 namespace snbf::sim {
 
-// Where the linker has put the driver's variables together (driver_data.ld) they get their first values back.
+// Where the linker has put the driver's variables together (driver_data.ld) they get their first
+// values back.
 void reset_driver_data();
 bool can_reset_driver_data();
 

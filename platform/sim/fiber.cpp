@@ -48,8 +48,8 @@ snbf_sim_switch:
 )");
 
 #if SNBF_SIM_ASAN
-// Tasks that a fatal end or a power cut stops keep what their stacks own; the kernel has its own check for what
-// the driver leaves over.
+// Tasks that a fatal end or a power cut stops keep what their stacks own; the kernel has its own
+// check for what the driver leaves over.
 extern "C" const char* __asan_default_options() {
   return "detect_leaks=0:detect_stack_use_after_return=0:abort_on_error=1";
 }

@@ -17,8 +17,8 @@
 namespace snbf::sim {
 
 constexpr std::size_t kStackBytes = SNBF_SIM_ASAN ? 256 * 1024 : 64 * 1024;
-// What a kernel gives a thread. The driver's depth is measured from where it was entered, and beyond this the run
-// ends; sanitizers make frames larger, so there it is not measured.
+// What a kernel gives a thread. The driver's depth is measured from where it was entered, and
+// beyond this the run ends; sanitizers make frames larger, so there it is not measured.
 constexpr std::size_t kDriverStackBytes = 16 * 1024;
 
 struct Fiber {

@@ -24,7 +24,8 @@ namespace snbf::sim {
 
 void Kernel::files_leftovers(std::string& text) const {
   for (const plat_file* file : files->open_files) text += "  the open file " + file->path + "\n";
-  for (const plat_path* path : files->paths) text += "  a reference to the path " + path->place.absolute + "\n";
+  for (const plat_path* path : files->paths)
+    text += "  a reference to the path " + path->place.absolute + "\n";
   for (const plat_parent* parent : files->parents) {
     text += "  the lock of the parent of " + parent->child.absolute + "\n";
   }
@@ -78,7 +79,8 @@ plat_s64 snbf_plat_file_read(plat_file* file, plat_u64 position, void* to, plat_
   return fs_read(k, *file->inode, position, static_cast<u8*>(to), bytes);
 }
 
-plat_s64 snbf_plat_file_write(plat_file* file, plat_u64 position, const void* from, plat_size bytes) {
+plat_s64 snbf_plat_file_write(plat_file* file, plat_u64 position, const void* from,
+                              plat_size bytes) {
   Kernel& k = enter_sleeping("file_write");
   check_file(k, file, "file_write");
   if ((file->flags & PLAT_O_ACCMODE) == PLAT_O_RDONLY) return -EBADF;
@@ -122,7 +124,8 @@ void snbf_plat_path_put(plat_path* path) {
 
 void snbf_plat_path_info(const plat_path* path, plat_path_info* info) {
   Kernel& k = enter("path_info");
-  if (k.files->paths.count(const_cast<plat_path*>(path)) == 0) k.fatal("path_info() of a path that is gone");
+  if (k.files->paths.count(const_cast<plat_path*>(path)) == 0)
+    k.fatal("path_info() of a path that is gone");
   info->has_inode = 1;
   info->mode = static_cast<int>(path->meta.mode);
   info->device = path->meta.device;

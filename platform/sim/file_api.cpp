@@ -18,8 +18,10 @@ int FileSystem::thaw_by_hand() { return thaw(enter_sleeping("thaw_by_hand"), *st
 std::vector<std::pair<u64, u64>> FileSystem::map(const std::string& path) const {
   std::vector<std::pair<u64, u64>> ranges;
   Place place;
-  if (resolve(kernel(), path, true, &place) != 0 || place.inode == 0 || place.fs != state_) return ranges;
-  for (const auto& [page, block] : state_->meta.inodes[place.inode].blocks) ranges.push_back({block * 8, 8});
+  if (resolve(kernel(), path, true, &place) != 0 || place.inode == 0 || place.fs != state_)
+    return ranges;
+  for (const auto& [page, block] : state_->meta.inodes[place.inode].blocks)
+    ranges.push_back({block * 8, 8});
   return ranges;
 }
 
@@ -33,8 +35,8 @@ int Sim::mount(FileSystem* handle, const std::string& path) {
   FsState& fs = *handle->state_;
   if (fs.mounted) return -EBUSY;
   if (fs.device != 0) {
-    const int error = k.open_bdev(fs.device, PLAT_MODE_READ | PLAT_MODE_WRITE, PLAT_OPEN_EXCLUSIVE, &fs,
-                                  &fs.bdev, false);
+    const int error = k.open_bdev(fs.device, PLAT_MODE_READ | PLAT_MODE_WRITE, PLAT_OPEN_EXCLUSIVE,
+                                  &fs, &fs.bdev, false);
     if (error != 0) return error;
     fs.bdev->dev->fs = &fs;
     start_fs_tasks(k, fs);
@@ -120,7 +122,8 @@ int write_with(const std::string& path, int flags, u64 position, std::span<const
 }  // namespace
 
 int Sim::write_file(const std::string& path, std::span<const u8> data, bool sync) {
-  return write_with(path, PLAT_O_RDWR | PLAT_O_CREAT | PLAT_O_TRUNC | (sync ? PLAT_O_SYNC : 0), 0, data);
+  return write_with(path, PLAT_O_RDWR | PLAT_O_CREAT | PLAT_O_TRUNC | (sync ? PLAT_O_SYNC : 0), 0,
+                    data);
 }
 
 int Sim::write_at(const std::string& path, u64 position, std::span<const u8> data, bool sync) {

@@ -1,6 +1,6 @@
-// File systems inside. Data blocks really lie on the device; names, sizes and block numbers are kept here, with
-// the journal's rule: a change is durable once the commit that holds it is, and a power cut keeps a prefix of
-// those that were not.
+// File systems inside. Data blocks really lie on the device; names, sizes and block numbers are
+// kept here, with the journal's rule: a change is durable once the commit that holds it is, and a
+// power cut keeps a prefix of those that were not.
 #pragma once
 
 #include <set>
@@ -19,8 +19,8 @@ struct InodeMeta {
   u32 mode = 0;
   u64 size = 0;
   plat_devt device = 0;
-  std::string target = {};          // of a symbolic link
-  std::map<u64, u64> blocks = {};   // page of the file to block of the device
+  std::string target = {};         // of a symbolic link
+  std::map<u64, u64> blocks = {};  // page of the file to block of the device
 };
 
 struct Meta {
@@ -64,7 +64,7 @@ struct FsState {
   std::deque<MetaOp> journal;  // not committed
   std::size_t committing = 0;  // how many of them the commit in flight holds
   std::vector<bool> used;
-  std::vector<u64> freed;       // reusable after the next commit
+  std::vector<u64> freed;  // reusable after the next commit
   u64 used_count = 0;
   u64 cursor = 0;
   std::map<u64, std::unique_ptr<Inode>> inodes;
@@ -75,7 +75,8 @@ struct FsState {
   bool stopping = false;
   Task* journal_task = nullptr;
   Task* flusher_task = nullptr;
-  WaitList journal_work = {}, journal_done = {}, writeback_done = {}, flusher_work = {}, flusher_done = {};
+  WaitList journal_work = {}, journal_done = {}, writeback_done = {}, flusher_work = {},
+           flusher_done = {};
   u64 commit_wanted = 0, commit_done = 0;
   u64 flush_wanted = 0, flush_done = 0;
   u64 journal_block = 0;
@@ -101,9 +102,9 @@ struct FilesState {
 // Where a path leads.
 struct Place {
   FsState* fs = nullptr;
-  std::string rel;         // inside of it
+  std::string rel;  // inside of it
   std::string absolute;
-  u64 inode = 0;           // 0: no such name
+  u64 inode = 0;  // 0: no such name
   bool last_normal = true;
   bool trailing_slash = false;
   std::string last;

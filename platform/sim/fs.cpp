@@ -13,10 +13,18 @@ void apply(Meta& meta, const MetaOp& op) {
       meta.inodes[op.inode] = op.fresh;
       meta.next_inode = std::max(meta.next_inode, op.inode + 1);
       break;
-    case MetaOp::Unlink: meta.names.erase(op.path); break;
-    case MetaOp::Forget: meta.inodes.erase(op.inode); break;
-    case MetaOp::SetSize: meta.inodes[op.inode].size = op.a; break;
-    case MetaOp::MapPage: meta.inodes[op.inode].blocks[op.a] = op.b; break;
+    case MetaOp::Unlink:
+      meta.names.erase(op.path);
+      break;
+    case MetaOp::Forget:
+      meta.inodes.erase(op.inode);
+      break;
+    case MetaOp::SetSize:
+      meta.inodes[op.inode].size = op.a;
+      break;
+    case MetaOp::MapPage:
+      meta.inodes[op.inode].blocks[op.a] = op.b;
+      break;
     case MetaOp::Truncate:
       meta.inodes[op.inode].size = 0;
       meta.inodes[op.inode].blocks.clear();
@@ -115,7 +123,8 @@ s64 write_pages(Kernel& k, Inode& inode, u64 position, const u8* from, u64 bytes
     done += piece;
     const InodeMeta& meta = inode.fs->meta.inodes[inode.number];
     if (position + done > meta.size) {
-      journal_log(k, *inode.fs, {.kind = MetaOp::SetSize, .inode = inode.number, .a = position + done});
+      journal_log(k, *inode.fs,
+                  {.kind = MetaOp::SetSize, .inode = inode.number, .a = position + done});
     }
     k.point();
   }
@@ -179,7 +188,8 @@ int fs_create(Kernel& k, FsState& fs, const std::string& rel, InodeMeta fresh, u
     error = -ENOSPC;
   } else {
     *number = fs.meta.next_inode++;
-    journal_log(k, fs, {.kind = MetaOp::Create, .path = rel, .inode = *number, .fresh = std::move(fresh)});
+    journal_log(k, fs,
+                {.kind = MetaOp::Create, .path = rel, .inode = *number, .fresh = std::move(fresh)});
   }
   journal_stop(k, fs);
   return error;

@@ -50,7 +50,8 @@ FileSystem* Sim::add_fs(const std::string& name, plat_devt device, u64 blocks) {
   fs->name = name;
   fs->device = device;
   BlockDev* dev = device != 0 ? k.find_dev(device) : nullptr;
-  if (device != 0 && dev == nullptr) k.fatal("add_fs: there is no device %u:%u", device >> 20, device & 0xFFFFF);
+  if (device != 0 && dev == nullptr)
+    k.fatal("add_fs: there is no device %u:%u", device >> 20, device & 0xFFFFF);
   if (dev != nullptr) fs->blocks = dev->sectors * kSectorBytes / kBlockBytes;
   if (blocks != 0) fs->blocks = blocks;
   if (dev != nullptr && fs->blocks <= fs->first_data) k.fatal("add_fs: the device is too small");

@@ -53,7 +53,9 @@ plat_bio* Sim::make_bio(Op op, u64 sector, u32 bytes, plat_devt device, Io* io) 
   plat_bio* bio = k.make_caller_bio(request, device);
   if (io != nullptr) {
     io->state_ = std::make_shared<Io::State>();
-    bio->on_end = [&k, state = io->state_](plat_bio* done, int error) { end_io(k, state, done, error); };
+    bio->on_end = [&k, state = io->state_](plat_bio* done, int error) {
+      end_io(k, state, done, error);
+    };
   }
   return bio;
 }
@@ -81,7 +83,9 @@ Io Sim::submit(plat_devt device, const Request& request) {
   Io io;
   io.state_ = std::make_shared<Io::State>();
   plat_bio* bio = k.make_caller_bio(request, device);
-  bio->on_end = [&k, state = io.state_](plat_bio* done, int error) { end_io(k, state, done, error); };
+  bio->on_end = [&k, state = io.state_](plat_bio* done, int error) {
+    end_io(k, state, done, error);
+  };
   send_bio(bio);
   return io;
 }
@@ -105,14 +109,18 @@ int Sim::write(plat_devt device, u64 sector, std::span<const u8> data, bool fua)
 }
 
 int Sim::discard(plat_devt device, u64 sector, u32 bytes) {
-  return kernel_->submit_and_wait(device, {.op = Op::Discard, .sector = sector, .bytes = bytes}, nullptr);
+  return kernel_->submit_and_wait(device, {.op = Op::Discard, .sector = sector, .bytes = bytes},
+                                  nullptr);
 }
 
 int Sim::write_zeroes(plat_devt device, u64 sector, u32 bytes) {
-  return kernel_->submit_and_wait(device, {.op = Op::WriteZeroes, .sector = sector, .bytes = bytes}, nullptr);
+  return kernel_->submit_and_wait(device, {.op = Op::WriteZeroes, .sector = sector, .bytes = bytes},
+                                  nullptr);
 }
 
-int Sim::flush(plat_devt device) { return kernel_->submit_and_wait(device, {.op = Op::Flush}, nullptr); }
+int Sim::flush(plat_devt device) {
+  return kernel_->submit_and_wait(device, {.op = Op::Flush}, nullptr);
+}
 
 // ---- Nodes
 
@@ -161,8 +169,8 @@ void Sim::set_reclaim(plat_devt device, u64 sector, u32 percent) {
 
 void Sim::clear_reclaim() { kernel_->reclaim_percent = 0; }
 
-// The write that frees the memory is sent by the allocating task itself or by a flusher; either way the
-// allocation waits for it.
+// The write that frees the memory is sent by the allocating task itself or by a flusher; either way
+// the allocation waits for it.
 void Kernel::reclaim(plat_alloc_mode mode) {
   if (mode != PLAT_ALLOC_NORMAL || reclaim_percent == 0 || current->noio > 0) return;
   if (current->serves_writes || current->in_reclaim || find_dev(reclaim_device) == nullptr) return;
@@ -176,16 +184,18 @@ void Kernel::reclaim(plat_alloc_mode mode) {
     return;
   }
   auto state = std::make_shared<Io::State>();
-  Task* flusher = new_task("kswapd",
-                           [this, state, request] {
-                             current->in_reclaim = true;
-                             submit_and_wait(reclaim_device, request, nullptr);
-                             state->done = true;
-                             wake_all(state->waiters);
-                           },
-                           0);
+  Task* flusher = new_task(
+      "kswapd",
+      [this, state, request] {
+        current->in_reclaim = true;
+        submit_and_wait(reclaim_device, request, nullptr);
+        state->done = true;
+        wake_all(state->waiters);
+      },
+      0);
   (void)flusher;
-  while (!state->done) sleep_in(state->waiters, "memory, which a write must free", state.get(), "kswapd");
+  while (!state->done)
+    sleep_in(state->waiters, "memory, which a write must free", state.get(), "kswapd");
 }
 
 }  // namespace snbf::sim

@@ -1,5 +1,6 @@
-// What makes a file system bite: changes wait for a journal fiber that sends requests of its own and stops at a
-// freeze; a flusher writes dirty pages; a writer may have to wait for other people's dirty pages.
+// What makes a file system bite: changes wait for a journal fiber that sends requests of its own
+// and stops at a freeze; a flusher writes dirty pages; a writer may have to wait for other people's
+// dirty pages.
 #include <algorithm>
 #include <cstring>
 
@@ -117,8 +118,10 @@ void arm_timer(Kernel& k, FsState& fs) {
 
 void start_fs_tasks(Kernel& k, FsState& fs) {
   fs.stopping = false;
-  fs.journal_task = k.new_task("jbd/" + fs.name, [&k, &fs] { journal_body(k, fs); }, 0);
-  fs.flusher_task = k.new_task("flush/" + fs.name, [&k, &fs] { flusher_body(k, fs); }, 0);
+  fs.journal_task = k.new_task(
+      "jbd/" + fs.name, [&k, &fs] { journal_body(k, fs); }, 0);
+  fs.flusher_task = k.new_task(
+      "flush/" + fs.name, [&k, &fs] { flusher_body(k, fs); }, 0);
   fs.journal_task->serves_writes = fs.flusher_task->serves_writes = true;
   k.task_get(fs.journal_task);
   k.task_get(fs.flusher_task);
@@ -136,7 +139,8 @@ void stop_fs_tasks(Kernel& k, FsState& fs) {
 
 void journal_start(Kernel& k, FsState& fs) {
   if (fs.device == 0) return;
-  if (!fs.mounted) k.fatal("a change to the file system '%s', which is not mounted", fs.name.c_str());
+  if (!fs.mounted)
+    k.fatal("a change to the file system '%s', which is not mounted", fs.name.c_str());
   // Changes nest (a file written from a page of another): only the outermost meets the freeze.
   while (fs.frozen > 0 && k.current->fs_depth == 0) {
     k.sleep_in(fs.thaw_waiters, "the thaw of", &fs, fs.name.c_str(), fs.frozen_by);
@@ -148,7 +152,8 @@ void journal_start(Kernel& k, FsState& fs) {
   const u64 wanted = fs.commit_wanted + 1;
   ask_commit(k, fs);
   while (fs.commit_done < wanted) {
-    k.sleep_in(fs.journal_done, "a commit of the journal of", &fs, fs.name.c_str(), fs.journal_task);
+    k.sleep_in(fs.journal_done, "a commit of the journal of", &fs, fs.name.c_str(),
+               fs.journal_task);
   }
 }
 
@@ -170,7 +175,8 @@ int journal_commit(Kernel& k, FsState& fs) {
   ask_commit(k, fs);
   const u64 wanted = fs.commit_wanted;
   while (fs.commit_done < wanted) {
-    k.sleep_in(fs.journal_done, "a commit of the journal of", &fs, fs.name.c_str(), fs.journal_task);
+    k.sleep_in(fs.journal_done, "a commit of the journal of", &fs, fs.name.c_str(),
+               fs.journal_task);
   }
   return fs.commit_error;
 }
@@ -188,7 +194,8 @@ int write_back(Kernel& k, Inode& inode) {
       ++at;
       continue;
     }
-    // Neighbours on the device go in one request. The bytes are copied: the file may change meanwhile.
+    // Neighbours on the device go in one request. The bytes are copied: the file may change
+    // meanwhile.
     Request request{.op = Op::Write, .sector = mapped->second * 8};
     const u64 first_page = at->first;
     for (u64 count = 0; at != inode.pages.end() && count < kWriteBackBlocks; ++count) {
@@ -216,8 +223,8 @@ int write_back(Kernel& k, Inode& inode) {
   return 0;
 }
 
-// A writer that dirties pages waits for the flusher now and then, and not only for that of its own file system:
-// unless it is one that other writes wait for.
+// A writer that dirties pages waits for the flusher now and then, and not only for that of its own
+// file system: unless it is one that other writes wait for.
 void balance_dirty(Kernel& k, FsState& fs) {
   for (FsState* other : k.files->mounts) {
     if (other->device == 0 || (other != &fs && k.current->serves_writes)) continue;
@@ -225,7 +232,8 @@ void balance_dirty(Kernel& k, FsState& fs) {
     const u64 wanted = ++other->flush_wanted;
     k.wake_all(other->flusher_work);
     while (other->flush_done < wanted && other->mounted) {
-      k.sleep_in(other->flusher_done, "dirty pages of", other, other->name.c_str(), other->flusher_task);
+      k.sleep_in(other->flusher_done, "dirty pages of", other, other->name.c_str(),
+                 other->flusher_task);
     }
     return;
   }
@@ -243,7 +251,8 @@ int freeze(Kernel& k, FsState& fs, bool by_hand) {
 
 int thaw(Kernel& k, FsState& fs, bool by_hand) {
   if (fs.frozen == 0 || fs.by_hand != by_hand) return -EINVAL;
-  if (!by_hand && fs.frozen_by != k.current) k.fatal("a thaw by another task than the one that froze");
+  if (!by_hand && fs.frozen_by != k.current)
+    k.fatal("a thaw by another task than the one that froze");
   if (--fs.frozen > 0) return 0;
   fs.by_hand = false;
   fs.frozen_by = nullptr;
@@ -251,7 +260,9 @@ int thaw(Kernel& k, FsState& fs, bool by_hand) {
   return 0;
 }
 
-int Kernel::freeze_fs(BlockDev* dev) { return dev->fs == nullptr ? 0 : freeze(*this, *dev->fs, false); }
+int Kernel::freeze_fs(BlockDev* dev) {
+  return dev->fs == nullptr ? 0 : freeze(*this, *dev->fs, false);
+}
 
 int Kernel::thaw_fs(BlockDev* dev) { return dev->fs == nullptr ? 0 : thaw(*this, *dev->fs, false); }
 

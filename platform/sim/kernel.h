@@ -17,7 +17,8 @@ namespace snbf::sim {
 struct BioLists;
 }
 
-// A task, an interrupt included: those are fibers too, so that they run beside tasks as on another processor.
+// A task, an interrupt included: those are fibers too, so that they run beside tasks as on another
+// processor.
 struct plat_task {
   enum class State { Runnable, Blocked, Dead };
 
@@ -66,7 +67,7 @@ struct plat_task {
   const char* driver_base = nullptr;  // stack where the driver was entered
   const char* stack_floor = nullptr;
   std::size_t driver_deepest = 0;
-  snbf::sim::u64 slice_steps = 0;     // points since somebody else ran
+  snbf::sim::u64 slice_steps = 0;  // points since somebody else ran
 };
 
 // Storage of the contract's embedded objects.
@@ -149,7 +150,7 @@ struct Event {
   u64 order;
   Task* task;  // a timer of this one, or null
   u64 timer;
-  bool background;  // does not keep a run going
+  bool background;                // does not keep a run going
   std::function<void()> handler;  // runs in interrupt context
 };
 
@@ -204,8 +205,8 @@ struct Kernel {
   Fiber main;
   bool running = false;
   u64 step = 0;
-  u64 next_stop = 0;   // step at which the scheduler looks again
-  u64 change_at = 0;   // step of the next change of priority
+  u64 next_stop = 0;  // step at which the scheduler looks again
+  u64 change_at = 0;  // step of the next change of priority
   u64 change_mean = 0;
   u64 time_base_us = 1'000'000;  // time is this plus the steps
   u64 low_priority = 0;
@@ -245,12 +246,13 @@ struct Kernel {
   void add_event(u64 delay_us, std::function<void()> handler, bool background = false);
   void push_event(Event event);
   void start_irq(std::function<void()> handler);
-  // Blocks the current task; false when `limit_us` (below 0: none) passed first. Neither checks nor unplugs.
-  bool block(const char* what, const void* object, const char* name, Task* owner,
-             s64 limit_us = -1, bool background = false);
+  // Blocks the current task; false when `limit_us` (below 0: none) passed first. Neither checks nor
+  // unplugs.
+  bool block(const char* what, const void* object, const char* name, Task* owner, s64 limit_us = -1,
+             bool background = false);
   // The same as a sleep: sends the plugged requests first.
-  bool sleep(const char* what, const void* object, const char* name, Task* owner,
-             s64 limit_us = -1, bool background = false);
+  bool sleep(const char* what, const void* object, const char* name, Task* owner, s64 limit_us = -1,
+             bool background = false);
   void wake(Task* task);
   void wait_on(WaitList& list);
   void wake_one(WaitList& list);
@@ -371,8 +373,8 @@ constexpr u64 kMagic = 0x534E4246'0BADCAFEull;
 // While the driver runs: its depth is measured from here.
 class InDriver {
  public:
-  explicit InDriver(Kernel& kernel) : task_(kernel.current), base_(task_->driver_base),
-                                      floor_(task_->stack_floor) {
+  explicit InDriver(Kernel& kernel)
+      : task_(kernel.current), base_(task_->driver_base), floor_(task_->stack_floor) {
     if (base_ == nullptr && !SNBF_SIM_ASAN) {
       task_->driver_base = static_cast<const char*>(__builtin_frame_address(0));
       task_->stack_floor = task_->driver_base - kDriverStackBytes;

@@ -152,8 +152,9 @@ void Kernel::check_freed_range(const void* begin, std::size_t bytes, const char*
       fatal("%s() of memory in which task '%s' waits for %s", call, task->name, task->wait_what);
     }
     for (const SpinState* spin : task->spins) {
-      if (inside(spin)) fatal("%s() of memory with the spin lock '%s', which '%s' holds", call, spin->name,
-                              task->name);
+      if (inside(spin))
+        fatal("%s() of memory with the spin lock '%s', which '%s' holds", call, spin->name,
+              task->name);
     }
   }
 }
@@ -177,7 +178,8 @@ void Kernel::memory_leftovers(std::string& text) const {
             " bytes (" + (block->cache != nullptr ? block->cache->name : std::string(block->what)) +
             ", #" + std::to_string(block->number) + ", by '" + block->task + "')\n";
   }
-  for (const plat_pool* pool : memory->pools) text += "  pool over cache " + pool->cache->name + "\n";
+  for (const plat_pool* pool : memory->pools)
+    text += "  pool over cache " + pool->cache->name + "\n";
   for (const plat_cache* cache : memory->caches) text += "  cache " + cache->name + "\n";
 }
 

@@ -1,5 +1,5 @@
-// Tracked memory. A freed block is filled and kept for a while, so that its use is noticed; what lives at the end
-// is reported with who asked for it.
+// Tracked memory. A freed block is filled and kept for a while, so that its use is noticed; what
+// lives at the end is reported with who asked for it.
 #pragma once
 
 #include <deque>

@@ -41,7 +41,8 @@ plat_proc_entry* find(const Kernel& k, const std::string& path) {
     const std::size_t end = std::min(rest.find('/'), rest.size());
     const std::string part = rest.substr(0, end);
     rest = end < rest.size() ? rest.substr(end + 1) : "";
-    auto at = std::find_if(level->begin(), level->end(), [&](auto* entry) { return entry->name == part; });
+    auto at = std::find_if(level->begin(), level->end(),
+                           [&](auto* entry) { return entry->name == part; });
     if (at == level->end()) return nullptr;
     found = *at;
     level = &found->children;
@@ -148,8 +149,8 @@ plat_proc_entry* snbf_plat_proc_mkdir(const char* name, plat_proc_entry* parent)
   return entry;
 }
 
-plat_proc_entry* snbf_plat_proc_create(const char* name, int mode, plat_proc_entry* parent, int writable,
-                                       void* context) {
+plat_proc_entry* snbf_plat_proc_create(const char* name, int mode, plat_proc_entry* parent,
+                                       int writable, void* context) {
   Kernel& k = enter_sleeping("proc_create");
   plat_proc_entry* entry = create(k, "proc_create", name, parent);
   if (entry == nullptr) return nullptr;
@@ -165,7 +166,8 @@ void snbf_plat_proc_remove(plat_proc_entry* entry) {
   const bool known = std::any_of(k.proc->all.begin(), k.proc->all.end(),
                                  [&](const auto& other) { return other.get() == entry; });
   if (!known || entry->gone) k.fatal("proc_remove() of an entry that is gone");
-  if (!entry->children.empty()) k.fatal("proc_remove() of '%s', which has children", entry->name.c_str());
+  if (!entry->children.empty())
+    k.fatal("proc_remove() of '%s', which has children", entry->name.c_str());
   entry->gone = true;
   auto& level = siblings(k, entry->parent);
   level.erase(std::find(level.begin(), level.end(), entry));

@@ -22,7 +22,8 @@ namespace snbf::sim {
 
 struct ProcState {
   std::vector<plat_proc_entry*> root;
-  std::vector<std::unique_ptr<plat_proc_entry>> all;  // the removed ones too: readers may still be inside
+  std::vector<std::unique_ptr<plat_proc_entry>>
+      all;  // the removed ones too: readers may still be inside
 };
 
 struct ControlState {

@@ -1,9 +1,10 @@
 // Tasks, time and the scheduler.
 //
-// Every task has a random priority; the highest that can run does. At a few random steps of a run the running
-// task's priority falls below all others: rare orders need few such changes, and are found far sooner than by
-// tossing a coin at every step. Steps are microseconds; when nobody can run, time jumps to the next event.
-// Interrupts are fibers too, as if on another processor: they may not sleep, and preempt or are preempted.
+// Every task has a random priority; the highest that can run does. At a few random steps of a run
+// the running task's priority falls below all others: rare orders need few such changes, and are
+// found far sooner than by tossing a coin at every step. Steps are microseconds; when nobody can
+// run, time jumps to the next event. Interrupts are fibers too, as if on another processor: they
+// may not sleep, and preempt or are preempted.
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
@@ -54,8 +55,8 @@ Kernel* kernel_or_null() { return g_kernel; }
 Kernel& enter(const char* call) {
   Kernel& k = kernel();
   if (k.current == nullptr) {
-    fprintf(stderr, "snbf sim: %s() is called from outside of a task; run it in Sim::run or spawn\n",
-            call);
+    fprintf(stderr,
+            "snbf sim: %s() is called from outside of a task; run it in Sim::run or spawn\n", call);
     abort();
   }
   k.point();
@@ -132,7 +133,8 @@ void Kernel::task_body() {
   } catch (...) {
     fatal("an exception leaves task '%s'", task->name);
   }
-  if (task->kthread) fatal("thread '%s' returns from its body; it must end with thread_exit", task->name);
+  if (task->kthread)
+    fatal("thread '%s' returns from its body; it must end with thread_exit", task->name);
   end_current();
 }
 
@@ -151,7 +153,8 @@ void Kernel::end_current() {
 }
 
 void Kernel::task_put(Task* task) {
-  if (task->references <= 0) fatal("a reference of task '%s' is dropped once too often", task->name);
+  if (task->references <= 0)
+    fatal("a reference of task '%s' is dropped once too often", task->name);
   if (--task->references == 0 && task->state == Task::State::Dead) spare_tasks.push_back(task);
 }
 
@@ -180,8 +183,8 @@ void Kernel::demote(Task* task) { task->priority = --low_priority; }
 void Kernel::check_stack(const char* here) {
   const std::size_t used = static_cast<std::size_t>(current->driver_base - here);
   current->stack_floor = nullptr;
-  fatal("stack: the driver and what it called use %zu bytes of the %zu that a kernel thread has", used,
-        kDriverStackBytes);
+  fatal("stack: the driver and what it called use %zu bytes of the %zu that a kernel thread has",
+        used, kDriverStackBytes);
 }
 
 void Kernel::point() {
@@ -199,8 +202,8 @@ void Kernel::point() {
 void Kernel::reschedule() {
   Task* task = current;
   if (step > options.step_limit) {
-    fatal("the run goes round in circles: %llu steps\n%s",
-          static_cast<unsigned long long>(step), describe_tasks().c_str());
+    fatal("the run goes round in circles: %llu steps\n%s", static_cast<unsigned long long>(step),
+          describe_tasks().c_str());
   }
   bool leave = step >= power_cut_step || now_us() >= power_cut_us;
   if (task->quiet == 0) {
@@ -221,7 +224,8 @@ void Kernel::reschedule() {
     switch_to_main();
     return;  // run_task has set next_stop to look again at the next point
   }
-  next_stop = std::min({change_at, task->slice_steps + kSliceSteps, power_cut_step, options.step_limit});
+  next_stop =
+      std::min({change_at, task->slice_steps + kSliceSteps, power_cut_step, options.step_limit});
   if (power_cut_us != ~0ull) next_stop = std::min(next_stop, power_cut_us - time_base_us);
   if (!events.empty()) next_stop = std::min(next_stop, events.front().time_us - time_base_us);
   if (task->quiet > 0) next_stop = step + 1000;
@@ -393,8 +397,8 @@ bool Kernel::block(const char* what, const void* object, const char* name, Task*
   return !task->timed_out;
 }
 
-bool Kernel::sleep(const char* what, const void* object, const char* name, Task* owner, s64 limit_us,
-                   bool background) {
+bool Kernel::sleep(const char* what, const void* object, const char* name, Task* owner,
+                   s64 limit_us, bool background) {
   flush_plug(current);
   return block(what, object, name, owner, limit_us, background);
 }
@@ -522,9 +526,9 @@ std::string Kernel::describe_task(const Task& task) const {
   }
   std::string text = line;
   if (task.state == Task::State::Blocked) {
-    snprintf(line, sizeof(line), " waits for %s %s%s%s", task.wait_what ? task.wait_what : "something",
-             task.wait_name ? "'" : "", task.wait_name ? task.wait_name : "",
-             task.wait_name ? "'" : "");
+    snprintf(line, sizeof(line), " waits for %s %s%s%s",
+             task.wait_what ? task.wait_what : "something", task.wait_name ? "'" : "",
+             task.wait_name ? task.wait_name : "", task.wait_name ? "'" : "");
     text += line;
     if (task.wait_owner != nullptr) {
       snprintf(line, sizeof(line), ", held by '%s' (pid %d)", task.wait_owner->name,
@@ -532,8 +536,10 @@ std::string Kernel::describe_task(const Task& task) const {
       text += line;
     }
   }
-  for (const SpinState* spin : task.spins) text += std::string(", holds spin lock '") + spin->name + "'";
-  if (!task.plugged.empty()) text += ", " + std::to_string(task.plugged.size()) + " requests in its plug";
+  for (const SpinState* spin : task.spins)
+    text += std::string(", holds spin lock '") + spin->name + "'";
+  if (!task.plugged.empty())
+    text += ", " + std::to_string(task.plugged.size()) + " requests in its plug";
   if (task.bio_lists != nullptr) text += ", inside a submit function" + describe_lists(task);
   return text;
 }

@@ -20,7 +20,8 @@ std::function<void(const std::string&)> Sim::failure_handler;
 Sim::Sim(Options options) : kernel_(std::make_unique<Kernel>(*this, options)) {
   reset_driver_data();
   make_root(*kernel_);
-  if (options.images != nullptr && options.images->impl != nullptr) restore_images(*this, *options.images->impl);
+  if (options.images != nullptr && options.images->impl != nullptr)
+    restore_images(*this, *options.images->impl);
 }
 
 Sim::~Sim() = default;
@@ -152,11 +153,14 @@ std::string Sim::leftovers() const {
     for (const SpinState* spin : task->spins) {
       text += "  the spin lock '" + std::string(spin->name) + "', held by '" + task->name + "'\n";
     }
-    if (task->noio > 0 && !task->kthread) text += "  noio_begin by '" + std::string(task->name) + "'\n";
+    if (task->noio > 0 && !task->kthread)
+      text += "  noio_begin by '" + std::string(task->name) + "'\n";
   }
   if (!k.pins.empty()) text += "  " + std::to_string(k.pins.size()) + " pins of user memory\n";
-  if (k.task_references > 0) text += "  " + std::to_string(k.task_references) + " references on tasks\n";
-  if (k.module_refs != 0) text += "  " + std::to_string(k.module_refs) + " references on the module\n";
+  if (k.task_references > 0)
+    text += "  " + std::to_string(k.task_references) + " references on tasks\n";
+  if (k.module_refs != 0)
+    text += "  " + std::to_string(k.module_refs) + " references on the module\n";
   for (const auto& fs : k.files->all) {
     if (fs->frozen > 0 && !fs->by_hand) text += "  a freeze of the file system " + fs->name + "\n";
   }

@@ -1,15 +1,17 @@
 // A simulated kernel for tests: the public side.
 //
-// One Sim is one boot. Every task is a fiber, one runs at a time, and a seeded scheduler may switch at
-// every platform call and at every SNBF_PLAT_POINT(). Time is virtual. The same seed gives the same run
-// (Sim::trace_hash). A rule that is broken (sleeping under a spin lock, a deadlock, use of freed memory,
-// something left over, ...) is *fatal*: it ends the run with a message; see expect_fatal.
+// One Sim is one boot. Every task is a fiber, one runs at a time, and a seeded scheduler may switch
+// at every platform call and at every SNBF_PLAT_POINT(). Time is virtual. The same seed gives the
+// same run (Sim::trace_hash). A rule that is broken (sleeping under a spin lock, a deadlock, use of
+// freed memory, something left over, ...) is *fatal*: it ends the run with a message; see
+// expect_fatal.
 //
 // How to write a test (more in tests/support/sim_test.h):
 //
 //   #include "sim_test.h"
 //
-//   // The body runs in a task of its own, once for each of a few seeds, on a fresh kernel with a fresh
+//   // The body runs in a task of its own, once for each of a few seeds, on a fresh kernel with a
+//   fresh
 //   // driver; whatever it leaves over (memory, files, locks, ...) fails it.
 //   SIM_TEST(CowQueueAppend, ReadGoesBehindTheLastWriteItOverlaps) {
 //     CowQueue* queue = ...;                       // call driver functions as they are
@@ -25,7 +27,8 @@
 //     ...sim.ioctl(SNBF_ADD_FILTER_NODE, &record, sizeof(record))...
 //     Task* writer = sim.spawn("writer", [&] { EXPECT_EQ(sim.write(node, 0, data), 0); });
 //     sim.join(writer);
-//     ASSERT_EQ(sim.unload_driver(), 0);            // ends the run if anything of the driver is left
+//     ASSERT_EQ(sim.unload_driver(), 0);            // ends the run if anything of the driver is
+//     left
 //   }
 //
 //   // A check that must fire:
@@ -34,8 +37,8 @@
 //     ...; snbf_plat_sleep_ms(1);
 //   }
 //
-//   // Power cuts and several boots: plain TEST, with Sims of one's own (they live one after the other).
-//   TEST(BitmapFile, SurvivesAPowerCut) {
+//   // Power cuts and several boots: plain TEST, with Sims of one's own (they live one after the
+//   other). TEST(BitmapFile, SurvivesAPowerCut) {
 //     for_seeds(50, [](u64 seed) {
 //       Images images;
 //       {
@@ -47,13 +50,14 @@
 //         ASSERT_EQ(sim.run(), RunEnd::PowerCut);
 //         images = sim.take_images();
 //       }
-//       Sim sim({.seed = seed, .images = &images});   // the same devices and file systems, not mounted
+//       Sim sim({.seed = seed, .images = &images});   // the same devices and file systems, not
+//       mounted
 //       ...
 //     });
 //   }
 //
-// Environment: SNBF_SEED=n repeats one seed; SNBF_SEEDS=k tries k times as many; SNBF_SIM_LOG=1 prints the kernel
-// log as it comes.
+// Environment: SNBF_SEED=n repeats one seed; SNBF_SEEDS=k tries k times as many; SNBF_SIM_LOG=1
+// prints the kernel log as it comes.
 #pragma once
 
 #include <cstddef>
@@ -87,7 +91,7 @@ using Task = ::plat_task;
 
 constexpr plat_devt dev(u32 major, u32 minor) { return major << 20 | minor; }
 
-// ---------------------------------------------------------------------------------------------------------
+// ------------------------------------------------------------------------------------------
 // Faults. Only calls that the driver makes through the platform contract count and fail.
 
 enum class Fault {
@@ -131,7 +135,7 @@ enum class Fault {
   kCount,
 };
 
-// ---------------------------------------------------------------------------------------------------------
+// ------------------------------------------------------------------------------------------
 // The kernel log.
 
 struct LogLine {
@@ -162,7 +166,7 @@ class Log {
   std::vector<LogLine> lines_;
 };
 
-// ---------------------------------------------------------------------------------------------------------
+// ------------------------------------------------------------------------------------------
 // Requests from outside of the driver.
 
 enum class Op { Read, Write, Flush, Discard, WriteZeroes, SecureErase };
@@ -170,11 +174,13 @@ enum class Op { Read, Write, Flush, Discard, WriteZeroes, SecureErase };
 struct Request {
   Op op = Op::Read;
   u64 sector = 0;
-  u32 bytes = 0;   // of a read, discard, write-zeroes or secure erase; a write takes the size of its data
+  u32 bytes =
+      0;  // of a read, discard, write-zeroes or secure erase; a write takes the size of its data
   Bytes data = {};  // of a write
   bool preflush = false;
   bool fua = false;
-  u32 first_piece_offset = 0;  // where in its page the first piece of the data begins (multiple of 512)
+  u32 first_piece_offset =
+      0;  // where in its page the first piece of the data begins (multiple of 512)
 };
 
 // A request on its way. Copies share it.
@@ -184,7 +190,7 @@ class Io {
   bool done() const;
   // Waits in the calling task. 0 or a negative error.
   int wait() const;
-  int error() const;       // once done
+  int error() const;          // once done
   const Bytes& data() const;  // of a read, once done
   u64 done_at_us() const;
 
@@ -193,18 +199,19 @@ class Io {
   std::shared_ptr<State> state_;
 };
 
-// ---------------------------------------------------------------------------------------------------------
+// ------------------------------------------------------------------------------------------
 // Simulated block devices.
 
 struct DeviceOptions {
-  std::string name = {};   // "/dev/NAME" names it
+  std::string name = {};  // "/dev/NAME" names it
   u64 bytes = 16 << 20;
-  plat_devt number = 0;    // 0: 8:n
+  plat_devt number = 0;  // 0: 8:n
   u32 block_bytes = 512;
   bool zoned = false;
   u32 latency_min_us = 20;  // requests complete after a random time between the two, in any order
   u32 latency_max_us = 400;
-  u32 queue_depth = 0;      // requests that may be in flight, 0: any; a submitter sleeps for a free place
+  u32 queue_depth =
+      0;  // requests that may be in flight, 0: any; a submitter sleeps for a free place
   bool write_cache = true;  // false: a write is durable when it completes
 };
 
@@ -215,7 +222,8 @@ class Device {
   u64 bytes() const;
   std::string path() const;  // "/dev/NAME"
 
-  // Contents as a read would find them now; no request, no time. Any context, outside of the run too.
+  // Contents as a read would find them now; no request, no time. Any context, outside of the run
+  // too.
   Bytes peek(u64 sector, u32 bytes) const;
   void poke(u64 sector, std::span<const u8> data);  // durable at once
   Bytes all() const { return peek(0, static_cast<u32>(bytes())); }
@@ -240,7 +248,8 @@ class Device {
   void set_ioctl(std::function<int(int mode, unsigned cmd, unsigned long arg)> handler);
 
   struct Counts {
-    u64 reads, writes, discards, flushes, fua, read_sectors, write_sectors, in_flight, in_flight_max;
+    u64 reads, writes, discards, flushes, fua, read_sectors, write_sectors, in_flight,
+        in_flight_max;
   };
   Counts counts() const;
   // Every request in the order in which it reached the device.
@@ -249,7 +258,7 @@ class Device {
     u64 sector;
     u32 bytes;
     bool fua, preflush;
-    int error;       // of a completed one
+    int error;  // of a completed one
     bool completed;
     u64 sent_us, done_us;
   };
@@ -266,9 +275,9 @@ class Device {
   BlockDev* dev_;
 };
 
-// ---------------------------------------------------------------------------------------------------------
-// Simulated file systems. Contents lie on a device (or a node) in blocks of 4096 bytes; names, sizes and block
-// numbers in a journal that a fiber of its own commits.
+// ------------------------------------------------------------------------------------------
+// Simulated file systems. Contents lie on a device (or a node) in blocks of 4096 bytes; names,
+// sizes and block numbers in a journal that a fiber of its own commits.
 
 class FileSystem {
  public:
@@ -298,7 +307,7 @@ struct Images {
   std::shared_ptr<Impl> impl;
 };
 
-// ---------------------------------------------------------------------------------------------------------
+// ------------------------------------------------------------------------------------------
 // Memory of a user process.
 
 class UserBuffer {
@@ -328,7 +337,7 @@ class UserBuffer {
   u64 size_ = 0;
 };
 
-// ---------------------------------------------------------------------------------------------------------
+// ------------------------------------------------------------------------------------------
 // The kernel.
 
 enum class RunEnd { Done, Fatal, PowerCut };
@@ -401,13 +410,14 @@ class Sim {
   // As Sim::interrupt, and waits until it has run.
   void in_interrupt(std::function<void()> handler);
   void sleep_us(u64 us);
-  void point();                                   // a place where another task may run
-  void wait_until(std::function<bool()> condition);  // polls, sleeping in between; a deadlock if nothing can change it
+  void point();                                      // a place where another task may run
+  void wait_until(std::function<bool()> condition);  // polls, sleeping in between; a deadlock if
+                                                     // nothing can change it
   u64 now_us() const;
   u64 steps() const;
   void set_step_limit(u64 steps);
   u64 seed() const;
-  u64 random();            // from the seed, but not from the scheduler's stream
+  u64 random();  // from the seed, but not from the scheduler's stream
   u64 random(u64 below) { return random() % below; }
   // The same for two runs that went the same way.
   u64 trace_hash() const;
@@ -420,7 +430,8 @@ class Sim {
    private:
     Sim& sim_;
   };
-  // Begins a plug of the calling task: its requests to devices gather until it ends or the task sleeps.
+  // Begins a plug of the calling task: its requests to devices gather until it ends or the task
+  // sleeps.
   class Plug {
    public:
     explicit Plug(Sim& sim);
@@ -439,11 +450,13 @@ class Sim {
   bool fatal_as_expected() const;
   // Ends the run.
   [[noreturn]] void fatal(const std::string& message);
-  // Ends the run if anything that the driver asked for is still there: memory, files, threads, locks, ...
+  // Ends the run if anything that the driver asked for is still there: memory, files, threads,
+  // locks, ...
   void check_nothing_left(const std::string& when);
   // What check_nothing_left would complain about, or "".
   std::string leftovers() const;
-  // Told the message of a fatal end that nobody expected. Without one the process prints it and aborts.
+  // Told the message of a fatal end that nobody expected. Without one the process prints it and
+  // aborts.
   static std::function<void(const std::string&)> failure_handler;
 
   // ---- Faults and memory.
@@ -457,8 +470,9 @@ class Sim {
   u64 calls(Fault kind) const;  // so far
   // Caches have nothing to give: pools live on their reserves, other allocations go on.
   void set_memory_pressure(bool on);
-  // A Normal allocation may now wait for memory: in `percent` of them a write of one page at `sector` of
-  // `device` (a node, usually) must complete first, sent by the allocating task or by a flusher.
+  // A Normal allocation may now wait for memory: in `percent` of them a write of one page at
+  // `sector` of `device` (a node, usually) must complete first, sent by the allocating task or by a
+  // flusher.
   void set_reclaim(plat_devt device, u64 sector, u32 percent);
   void clear_reclaim();
   u64 heap_bytes() const;  // live, of the driver
@@ -484,12 +498,14 @@ class Sim {
   Device* device(const std::string& name) const;
   Device* device(plat_devt number) const;
 
-  // Makes an empty file system for a device or a node ("0": none below it, as tmpfs). `blocks` 0: as many as fit.
+  // Makes an empty file system for a device or a node ("0": none below it, as tmpfs). `blocks` 0:
+  // as many as fit.
   FileSystem* add_fs(const std::string& name, plat_devt device, u64 blocks = 0);
   FileSystem* fs(const std::string& name) const;
   // In a task or before the run. Mounting opens the device exclusively. 0 or a negative error.
   int mount(FileSystem* fs, const std::string& path);
-  int mount(FileSystem* fs, plat_devt device, const std::string& path);  // another device below it than before
+  int mount(FileSystem* fs, plat_devt device,
+            const std::string& path);  // another device below it than before
   int unmount(FileSystem* fs);
 
   // As a process would; each sleeps. 0, bytes, or a negative error.
@@ -515,9 +531,11 @@ class Sim {
   int write_zeroes(plat_devt device, u64 sector, u32 bytes);
   int flush(plat_devt device);
   Io submit(plat_devt device, const Request& request);
-  // A caller's request that is not sent: hand it to driver functions. Complete it (snbf_plat_bio_complete,
-  // or through the driver) or give it back with drop_bio. `io` tells its end.
-  plat_bio* make_bio(Op op, u64 sector, u32 bytes, plat_devt device = dev(100, 0), Io* io = nullptr);
+  // A caller's request that is not sent: hand it to driver functions. Complete it
+  // (snbf_plat_bio_complete, or through the driver) or give it back with drop_bio. `io` tells its
+  // end.
+  plat_bio* make_bio(Op op, u64 sector, u32 bytes, plat_devt device = dev(100, 0),
+                     Io* io = nullptr);
   void drop_bio(plat_bio* bio);
   // Sends such a request to the device that it was made for.
   void send_bio(plat_bio* bio);
@@ -572,7 +590,8 @@ class Sim {
   void power_cut();
   void power_cut_at_step(u64 step);
   void power_cut_at_us(u64 time_us);
-  // After the run. After a power cut: writes that were not durable are kept or lost (or torn) at random.
+  // After the run. After a power cut: writes that were not durable are kept or lost (or torn) at
+  // random.
   Images take_images();
   Images take_images(u64 seed);
 

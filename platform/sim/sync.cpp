@@ -1,5 +1,5 @@
-// Spin locks, semaphores, wait queues, completions. Several fibers run "at once", so a spin lock can be
-// contended: its waiter is blocked, but never counts as asleep.
+// Spin locks, semaphores, wait queues, completions. Several fibers run "at once", so a spin lock
+// can be contended: its waiter is blocked, but never counts as asleep.
 #include "platform/sync.h"
 
 #include "kernel.h"
@@ -65,7 +65,8 @@ void wait_sleep(const char* call, s64 limit_us) {
   if (!me->prepared) k.fatal("%s() without wait_prepare since the last sleep", call);
   k.flush_plug(me);
   if (!me->woken) {
-    k.block(me->idle_sleep ? "work (idle)" : "a wake-up", me->wait_queue, nullptr, nullptr, limit_us);
+    k.block(me->idle_sleep ? "work (idle)" : "a wake-up", me->wait_queue, nullptr, nullptr,
+            limit_us);
   }
   me->prepared = false;
 }
@@ -108,7 +109,8 @@ unsigned long snbf_plat_spin_lock_irqsave(plat_spin* lock) {
   auto& spin = state_of<SpinState>(lock, kSpinMagic, "spin_lock_irqsave");
   if (k.in_interrupt()) {
     if (spin.plain != 0) {
-      k.fatal("the spin lock '%s' is taken in an interrupt and elsewhere with interrupts on", spin.name);
+      k.fatal("the spin lock '%s' is taken in an interrupt and elsewhere with interrupts on",
+              spin.name);
     }
     spin.in_irq = 1;
   }
@@ -121,8 +123,9 @@ void snbf_plat_spin_unlock_irqrestore(plat_spin* lock, unsigned long state) {
   auto& spin = state_of<SpinState>(lock, kSpinMagic, "spin_unlock_irqrestore");
   give(k, spin, "spin_unlock_irqrestore");
   if (state != kIrqToken + static_cast<unsigned long>(k.current->irqs_off - 1)) {
-    k.fatal("spin_unlock_irqrestore() of '%s' restores a state that is not the one its lock answered",
-            spin.name);
+    k.fatal(
+        "spin_unlock_irqrestore() of '%s' restores a state that is not the one its lock answered",
+        spin.name);
   }
   --k.current->irqs_off;
 }
@@ -174,7 +177,9 @@ void snbf_plat_wait_prepare(plat_waitq* queue, plat_wait_entry* storage, int int
 
 void snbf_plat_wait_sleep(void) { wait_sleep("wait_sleep", -1); }
 
-void snbf_plat_wait_sleep_ms(plat_u32 limit_ms) { wait_sleep("wait_sleep_ms", s64{1000} * limit_ms); }
+void snbf_plat_wait_sleep_ms(plat_u32 limit_ms) {
+  wait_sleep("wait_sleep_ms", s64{1000} * limit_ms);
+}
 
 void snbf_plat_wait_finish(plat_waitq* queue, plat_wait_entry* storage) {
   Kernel& k = enter("wait_finish");

@@ -109,7 +109,9 @@ void snbf_plat_thread_serves_writes(void) {
   k.current->serves_writes = true;
 }
 
-unsigned snbf_plat_noio_begin(void) { return static_cast<unsigned>(enter("noio_begin").current->noio++); }
+unsigned snbf_plat_noio_begin(void) {
+  return static_cast<unsigned>(enter("noio_begin").current->noio++);
+}
 
 void snbf_plat_noio_end(unsigned state) {
   Kernel& k = enter("noio_end");

@@ -68,8 +68,10 @@ Bytes UserBuffer::bytes() const {
 
 void UserBuffer::set(std::span<const u8> data, u64 offset) {
   auto at = kernel().user.find(address_);
-  if (at == kernel().user.end() || offset + data.size() > size_) kernel().fatal("UserBuffer::set outside of it");
-  std::copy(data.begin(), data.end(), at->second.data.begin() + static_cast<std::ptrdiff_t>(offset));
+  if (at == kernel().user.end() || offset + data.size() > size_)
+    kernel().fatal("UserBuffer::set outside of it");
+  std::copy(data.begin(), data.end(),
+            at->second.data.begin() + static_cast<std::ptrdiff_t>(offset));
 }
 
 void UserBuffer::read(void* to, std::size_t bytes) const {
@@ -89,7 +91,8 @@ using namespace snbf::sim;
 namespace {
 
 // Copies what can be reached; answers what cannot.
-plat_size user_copy(Kernel& k, u64 address, void* kernel_side, u64 bytes, bool to_user, Fault kind) {
+plat_size user_copy(Kernel& k, u64 address, void* kernel_side, u64 bytes, bool to_user,
+                    Fault kind) {
   u64 limit = bytes;
   if (k.fault(kind, -EFAULT) != 0) limit = bytes / 2;
   u64 done = 0;
@@ -109,8 +112,10 @@ plat_size user_copy(Kernel& k, u64 address, void* kernel_side, u64 bytes, bool t
   return bytes - done;
 }
 
-void check_pin(Kernel& k, const plat_user_pin* pin, plat_size offset, plat_size bytes, const char* call) {
-  if (k.pins.count(const_cast<plat_user_pin*>(pin)) == 0) k.fatal("%s() on a pin that is gone", call);
+void check_pin(Kernel& k, const plat_user_pin* pin, plat_size offset, plat_size bytes,
+               const char* call) {
+  if (k.pins.count(const_cast<plat_user_pin*>(pin)) == 0)
+    k.fatal("%s() on a pin that is gone", call);
   if (offset > pin->bytes || bytes > pin->bytes - offset) {
     k.fatal("%s() of bytes %zu to %zu, but only %llu are pinned", call, offset, offset + bytes,
             static_cast<unsigned long long>(pin->bytes));
@@ -151,7 +156,8 @@ plat_user_pin* snbf_plat_user_pin(plat_u64 address, plat_size bytes, int writabl
   while (pinned < bytes && pages < k.pin_limit) {
     const u64 at = address + pinned;
     const u64 in_page = std::min<u64>(bytes - pinned, kPageBytes - at % kPageBytes);
-    // A page is pinned whole or not at all; the end of a region inside it counts as the end of the buffer.
+    // A page is pinned whole or not at all; the end of a region inside it counts as the end of the
+    // buffer.
     if (k.user_accessible(at, in_page, writable != 0, true) < in_page) break;
     pinned += in_page;
     ++pages;
@@ -166,7 +172,8 @@ plat_size snbf_plat_user_pinned_bytes(const plat_user_pin* pin) {
   return pin->bytes;
 }
 
-void snbf_plat_user_pin_write(plat_user_pin* pin, plat_size offset, const void* from, plat_size bytes) {
+void snbf_plat_user_pin_write(plat_user_pin* pin, plat_size offset, const void* from,
+                              plat_size bytes) {
   Kernel& k = enter("user_pin_write");
   check_pin(k, pin, offset, bytes, "user_pin_write");
   if (!pin->writable) k.fatal("user_pin_write() on a pin that was taken for reading");

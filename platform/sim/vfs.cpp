@@ -103,8 +103,7 @@ int open_inode(Kernel& k, const std::string& path, int flags, int mode, Inode** 
     Inode* directory = parent.fs->inode(parent.inode);
     k.lock(directory->lock);
     int made = fs_create(k, *place.fs, place.rel,
-                         {.mode = kTypeFile | static_cast<u32>(mode & 0777)},
-                         &place.inode);
+                         {.mode = kTypeFile | static_cast<u32>(mode & 0777)}, &place.inode);
     k.unlock(directory->lock);
     // Somebody else made it meanwhile: as well.
     if (made == -EEXIST) return open_inode(k, path, flags, mode, inode);
@@ -115,7 +114,8 @@ int open_inode(Kernel& k, const std::string& path, int flags, int mode, Inode** 
   if (type != kTypeFile) return -ENXIO;
   *inode = place.fs->inode(place.inode);
   ++(*inode)->opens;
-  if ((flags & PLAT_O_TRUNC) != 0 && place.fs->meta.inodes[place.inode].size > 0) fs_truncate(k, **inode);
+  if ((flags & PLAT_O_TRUNC) != 0 && place.fs->meta.inodes[place.inode].size > 0)
+    fs_truncate(k, **inode);
   return 0;
 }
 

@@ -1,4 +1,5 @@
-// Devices, requests, nodes, and what the kernel does around a driver, with a driver made of a few lines.
+// Devices, requests, nodes, and what the kernel does around a driver, with a driver made of a few
+// lines.
 #include <cstring>
 
 #include "platform/block.h"
@@ -52,7 +53,8 @@ void toy_start(Sim& sim, plat_devt below) {
   sim.set_entries(entries);
   ASSERT_EQ(snbf_plat_bdev_open(below, kMode, PLAT_OPEN_EXCLUSIVE, &toy, &toy.below), 0);
   ASSERT_EQ(snbf_plat_blkdev_register(100, "toy"), 0);
-  const plat_disk_params params = {"toy3", 100, 3, snbf_plat_bdev_bytes(toy.below) / 512, toy.below};
+  const plat_disk_params params = {"toy3", 100, 3, snbf_plat_bdev_bytes(toy.below) / 512,
+                                   toy.below};
   toy.disk = snbf_plat_disk_alloc(&params);
   ASSERT_EQ(snbf_plat_disk_add(toy.disk), 0);
 }
@@ -70,11 +72,14 @@ SIM_TEST(Device, CompletesLaterAndInAnyOrder) {
   Device* disk = sim.add_device({.name = "sda"});
   std::vector<Io> ios;
   for (u64 i = 0; i < 16; ++i) {
-    ios.push_back(sim.submit(disk->number(), {.op = Op::Write, .sector = i * 8, .data = Bytes(4096, static_cast<u8>(i))}));
+    ios.push_back(
+        sim.submit(disk->number(),
+                   {.op = Op::Write, .sector = i * 8, .data = Bytes(4096, static_cast<u8>(i))}));
   }
   int behind = 0;
   for (Io& io : ios) EXPECT_EQ(io.wait(), 0);
-  for (std::size_t i = 1; i < ios.size(); ++i) behind += ios[i].done_at_us() < ios[i - 1].done_at_us();
+  for (std::size_t i = 1; i < ios.size(); ++i)
+    behind += ios[i].done_at_us() < ios[i - 1].done_at_us();
   EXPECT_GT(behind, 0);
   EXPECT_EQ(disk->peek(15 * 8, 4096), Bytes(4096, 15));
 }
@@ -144,7 +149,8 @@ TEST(PowerCut, KeepsWhatWasFlushedAndAnySubsetOfTheRest) {
         EXPECT_EQ(disk->peek(0, 1)[0], 2);
         EXPECT_EQ(disk->durable(0, 512)[0], 1);
         sim.power_cut();
-      }), RunEnd::PowerCut);
+      }),
+                RunEnd::PowerCut);
       images = sim.take_images();
     }
     Sim sim({.seed = seed, .images = &images});
@@ -223,7 +229,9 @@ SIM_TEST(Node, WhoWaitsInsideForItsOwnSubmissionIsDeadlocked) {
   sim.expect_fatal("inside a submit function with 1 requests that wait for its return");
   Device* disk = sim.add_device({.name = "sda"});
   toy_start(sim, disk->number());
-  toy.on_request = [&](plat_bio*) { sim.write(toy.below == nullptr ? 0 : disk->number(), 0, Bytes(512, 1)); };
+  toy.on_request = [&](plat_bio*) {
+    sim.write(toy.below == nullptr ? 0 : disk->number(), 0, Bytes(512, 1));
+  };
   sim.write(kNode, 8, Bytes(512, 7));
 }
 
@@ -348,7 +356,8 @@ SIM_TEST(Bdev, ExclusiveKeepsOtherHoldersAndMountsOut) {
   int me = 0, other = 0;
   plat_bdev *bdev = nullptr, *second = nullptr;
   ASSERT_EQ(snbf_plat_bdev_open(disk->number(), kMode, PLAT_OPEN_EXCLUSIVE, &me, &bdev), 0);
-  EXPECT_EQ(snbf_plat_bdev_open(disk->number(), kMode, PLAT_OPEN_EXCLUSIVE, &other, &second), -EBUSY);
+  EXPECT_EQ(snbf_plat_bdev_open(disk->number(), kMode, PLAT_OPEN_EXCLUSIVE, &other, &second),
+            -EBUSY);
   EXPECT_EQ(sim.mount(fs, "/mnt/a"), -EBUSY);
   EXPECT_EQ(snbf_plat_bdev_openers(bdev), 1);
   snbf_plat_bdev_close(bdev, PLAT_OPEN_EXCLUSIVE, kMode, &me);

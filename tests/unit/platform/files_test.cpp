@@ -55,7 +55,8 @@ TEST(Files, AreDurableWhenWrittenSynchronouslyAndElsePerhaps) {
         EXPECT_EQ(sim.write_file("/mnt/a/sync", pattern(9000, 1), true), 0);
         EXPECT_EQ(sim.write_file("/mnt/a/later", pattern(9000, 2)), 0);
         sim.power_cut();
-      }), RunEnd::PowerCut);
+      }),
+                RunEnd::PowerCut);
       images = sim.take_images();
     }
     Sim sim({.seed = seed, .images = &images});
@@ -66,7 +67,8 @@ TEST(Files, AreDurableWhenWrittenSynchronouslyAndElsePerhaps) {
       EXPECT_EQ(back, pattern(9000, 1));
       ++(sim.exists("/mnt/a/later") ? kept : missing);
       EXPECT_EQ(sim.unmount(sim.fs("a")), 0);
-    }), RunEnd::Done);
+    }),
+              RunEnd::Done);
   });
   EXPECT_GT(kept, 3);
   EXPECT_GT(missing, 3);
@@ -86,7 +88,8 @@ SIM_TEST(Files, AreShortWhenTheDiskIsFull) {
 
 SIM_TEST(Files, FailAndAreShortAtTheNthCall) {
   plat_file* file = nullptr;
-  ASSERT_EQ(snbf_plat_file_open("/tmp/x", PLAT_O_RDWR | PLAT_O_CREAT | PLAT_O_TRUNC, 0600, &file), 0);
+  ASSERT_EQ(snbf_plat_file_open("/tmp/x", PLAT_O_RDWR | PLAT_O_CREAT | PLAT_O_TRUNC, 0600, &file),
+            0);
   char bytes[100] = {};
   sim.fail_nth(Fault::FileWrite, 2, -EDQUOT);
   EXPECT_EQ(snbf_plat_file_write(file, 0, bytes, 100), 100);
@@ -115,7 +118,9 @@ SIM_TEST(Freeze, HoldsWritersBackUntilTheThaw) {
   FileSystem* fs = mounted(sim);
   EXPECT_EQ(sim.write_file("/mnt/a/x", Bytes(5000, 1)), 0);
   plat_bdev* bdev = nullptr;
-  ASSERT_EQ(snbf_plat_bdev_open(sim.device("sda")->number(), PLAT_MODE_READ, PLAT_OPEN_SHARED, nullptr, &bdev), 0);
+  ASSERT_EQ(snbf_plat_bdev_open(sim.device("sda")->number(), PLAT_MODE_READ, PLAT_OPEN_SHARED,
+                                nullptr, &bdev),
+            0);
   ASSERT_EQ(snbf_plat_bdev_freeze(bdev), 0);
   EXPECT_FALSE(fs->dirty());
   bool written = false;

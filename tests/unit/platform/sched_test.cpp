@@ -11,7 +11,8 @@ using namespace snbf::sim;
 
 namespace {
 
-// Four tasks that count without a lock: a lost update shows a switch between the load and the store.
+// Four tasks that count without a lock: a lost update shows a switch between the load and the
+// store.
 u64 race(u64 seed, int* counted) {
   Sim sim({.seed = seed});
   int counter = 0;
@@ -200,12 +201,15 @@ SIM_TEST(Interrupt, IsKnownAsOne) {
 }
 
 SIM_TEST(Task, HasTheNameAndNumberItWasGiven) {
-  sim.join(sim.spawn("a name that is far too long", [] {
-    char name[PLAT_TASK_NAME_BYTES];
-    snbf_plat_task_name(name);
-    EXPECT_STREQ(name, "a name that is ");
-    EXPECT_EQ(snbf_plat_task_pid(), 7);
-  }, 7));
+  sim.join(sim.spawn(
+      "a name that is far too long",
+      [] {
+        char name[PLAT_TASK_NAME_BYTES];
+        snbf_plat_task_name(name);
+        EXPECT_STREQ(name, "a name that is ");
+        EXPECT_EQ(snbf_plat_task_pid(), 7);
+      },
+      7));
 }
 
 SIM_TEST(UserMemory, CopiesUpToTheFault) {
@@ -260,13 +264,14 @@ SIM_TEST(Faults, StrikeTheCallAskedForAndNoOther) {
   snbf_plat_heap_free(third);
   int calls = 0;
   int nth = 1;
-  for (; fails_at(sim, Fault::AnyAllocation, nth, [&] {
-         ++calls;
-         void* a = snbf_plat_heap_alloc(8, PLAT_ALLOC_NORMAL);
-         void* b = snbf_plat_page_alloc(PLAT_ALLOC_NORMAL);
-         snbf_plat_heap_free(a);
-         snbf_plat_page_free(b);
-       });
+  for (; fails_at(sim, Fault::AnyAllocation, nth,
+                  [&] {
+                    ++calls;
+                    void* a = snbf_plat_heap_alloc(8, PLAT_ALLOC_NORMAL);
+                    void* b = snbf_plat_page_alloc(PLAT_ALLOC_NORMAL);
+                    snbf_plat_heap_free(a);
+                    snbf_plat_page_free(b);
+                  });
        ++nth) {
   }
   EXPECT_EQ(nth, 3);

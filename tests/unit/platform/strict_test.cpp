@@ -134,7 +134,8 @@ SIM_TEST(Memory, LeftOverEndsTheRun) {
 
 SIM_TEST(Memory, FreedWhileSomebodyWaitsInItEndsTheRun) {
   sim.expect_fatal("waits for a completion");
-  auto* done = static_cast<plat_completion*>(snbf_plat_heap_alloc(sizeof(plat_completion), PLAT_ALLOC_NORMAL));
+  auto* done = static_cast<plat_completion*>(
+      snbf_plat_heap_alloc(sizeof(plat_completion), PLAT_ALLOC_NORMAL));
   snbf_plat_completion_init(done);
   sim.spawn("waiter", [&] { snbf_plat_completion_wait(done); });
   sim.sleep_us(1000);
@@ -245,9 +246,12 @@ TEST(Deadlock, TellsWhoWaitsForWhom) {
     snbf_plat_sem_init(&only, 1);
     snbf_plat_sem_down(&only);
     sim.join(sim.spawn("second", [&] { snbf_plat_sem_down(&only); }));
-  }), RunEnd::Fatal);
-  EXPECT_NE(sim.fatal_message().find("task 'second' (pid 201) waits for the semaphore , held by 'test'"),
-            std::string::npos) << sim.fatal_message();
+  }),
+            RunEnd::Fatal);
+  EXPECT_NE(
+      sim.fatal_message().find("task 'second' (pid 201) waits for the semaphore , held by 'test'"),
+      std::string::npos)
+      << sim.fatal_message();
 }
 
 SIM_TEST(WaitQueue, SleepWithoutPrepareEndsTheRun) {
@@ -257,7 +261,8 @@ SIM_TEST(WaitQueue, SleepWithoutPrepareEndsTheRun) {
 
 SIM_TEST(Thread, ThatReturnsEndsTheRun) {
   sim.expect_fatal("returns from its body");
-  snbf_plat_thread_start("kcareless", [](void*) {}, nullptr);
+  snbf_plat_thread_start(
+      "kcareless", [](void*) {}, nullptr);
   snbf_plat_sleep_ms(10);
 }
 
@@ -265,7 +270,8 @@ SIM_TEST(Thread, LeftOverEndsTheRun) {
   sim.expect_fatal("the thread 'kforgotten'");
   static plat_completion never;
   snbf_plat_completion_init(&never);
-  snbf_plat_thread_start("kforgotten", [](void*) { snbf_plat_completion_wait(&never); }, nullptr);
+  snbf_plat_thread_start(
+      "kforgotten", [](void*) { snbf_plat_completion_wait(&never); }, nullptr);
 }
 
 SIM_TEST(Thread, HasDoneAllOfItsWorkWhenItsExitIsSeen) {
@@ -273,10 +279,14 @@ SIM_TEST(Thread, HasDoneAllOfItsWorkWhenItsExitIsSeen) {
   static int steps;
   steps = 0;
   snbf_plat_completion_init(&gone);
-  EXPECT_GT(snbf_plat_thread_start("kworker", [](void*) {
-    for (; steps < 10; ++steps) snbf_plat_yield();
-    snbf_plat_thread_exit(&gone);
-  }, nullptr), 0);
+  EXPECT_GT(snbf_plat_thread_start(
+                "kworker",
+                [](void*) {
+                  for (; steps < 10; ++steps) snbf_plat_yield();
+                  snbf_plat_thread_exit(&gone);
+                },
+                nullptr),
+            0);
   snbf_plat_completion_wait(&gone);
   EXPECT_EQ(steps, 10);
 }
@@ -286,12 +296,15 @@ SIM_TEST(Stack, TooDeepUseByTheDriverEndsTheRun) {
   GTEST_SKIP() << "frames are larger with sanitizers";
 #endif
   sim.expect_fatal("of the 16384 that a kernel thread has");
-  snbf_plat_thread_start("kdeep", [](void*) {
-    char big[17'000];
-    asm volatile("" : : "r"(big) : "memory");  // it must really be there
-    snbf_plat_sleep_ms(1);
-    snbf_plat_thread_exit(nullptr);
-  }, nullptr);
+  snbf_plat_thread_start(
+      "kdeep",
+      [](void*) {
+        char big[17'000];
+        asm volatile("" : : "r"(big) : "memory");  // it must really be there
+        snbf_plat_sleep_ms(1);
+        snbf_plat_thread_exit(nullptr);
+      },
+      nullptr);
   snbf_plat_sleep_ms(10);
 }
 
@@ -306,11 +319,14 @@ SIM_TEST(Task, AddressComesBackOnlyWithoutAReference) {
   static bool keep;
   auto run_one = [&]() {
     snbf_plat_completion_init(&gone);
-    snbf_plat_thread_start("kone", [](void*) {
-      seen = snbf_plat_task_current();
-      if (keep) snbf_plat_task_get(seen);
-      snbf_plat_thread_exit(&gone);
-    }, nullptr);
+    snbf_plat_thread_start(
+        "kone",
+        [](void*) {
+          seen = snbf_plat_task_current();
+          if (keep) snbf_plat_task_get(seen);
+          snbf_plat_thread_exit(&gone);
+        },
+        nullptr);
     snbf_plat_completion_wait(&gone);
     return seen;
   };
