@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Stops the kernel when something holds that only a mistake in this driver can bring about. What
 // comes from a disk, the agent or the kernel is never asserted: it is judged and answered.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // An atomic whose every access is also a place where the simulated kernel may switch threads.
 #pragma once
 

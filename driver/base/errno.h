@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The kernel's error numbers that the driver answers. Macros, as everywhere else in C, so that this
 // header can meet a libc's in a test.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Intrusive doubly linked list. The links live inside the element, which the list does not own.
 // A list needs no construction beyond zero-filled memory.
 #pragma once

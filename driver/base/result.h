@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // A value or a negated error number. Where there is no value to give, routines answer a plain int.
 #pragma once
 

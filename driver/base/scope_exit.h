@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Runs a function when the scope is left, unless it was dismissed.
 #pragma once
 

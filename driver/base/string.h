@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Memory and text routines that the compiler may turn into the kernel's own.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Clang's thread-safety annotations; nothing with other compilers.
 #pragma once
 

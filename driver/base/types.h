@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Fixed-width names used throughout the driver.
 #pragma once
 

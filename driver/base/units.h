@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Sectors, extents and chunks do not mix, and each is converted in one place.
 #pragma once
 

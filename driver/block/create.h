@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Creation of filter nodes: SNBF_ADD_FILTER_NODE.
 #pragma once
 

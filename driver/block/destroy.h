@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Deletion of nodes, SNBF_DEL_NODE, and the teardown of the block driver.
 //
 // Deletion has two halves. Under the table's write lock: the checks, the lists, the slot; from then

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "block/entry.h"
 
 #include "base/errno.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The block driver's registration and what the kernel calls on a node's disk: snbf_block_open,
 // snbf_block_release and snbf_block_ioctl, declared in platform/entry.h.
 #pragma once

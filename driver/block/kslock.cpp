@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "block/kslock.h"
 
 #include "core/log.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The driver's own sleeping locks: both know their owner, log a misused unlock and otherwise
 // ignore it.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "block/node.h"
 
 #include "core/params.h"

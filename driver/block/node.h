@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The node record and the node table.
 //
 // Every node of the driver, filter or snap, is one record in one table indexed by minor. Lock

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The two read-only queries: SNBF_GET_DEVICE_LIST and SNBF_GET_INFO.
 #pragma once
 

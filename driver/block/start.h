@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Start of nodes: SNBF_START_NODE.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Stop of nodes: SNBF_STOP_NODE.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The control character device, the agent's only door. Its ioctl entry stands in
 // control/dispatch.cpp.
 #pragma once

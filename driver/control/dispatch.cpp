@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The commands of the control device as a table, and the envelope that every call walks through:
 // snbf_char_ioctl, declared in platform/entry.h.
 #include <span>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The status tree /proc/snbf: three files of the driver, and one directory a node with one file a
 // field.
 //

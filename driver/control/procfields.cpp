@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "control/procfields.h"
 
 #include "platform/log.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // What each file of a node's /proc directory shows.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Layout of the buffer's heap block: room for the longest prefix, the message of at most
 // snbf_debug_buffer_size bytes with its terminator, and one byte for the newline that a line may
 // lack. The last byte stays zero, so that a line is bounded even while two callers write over each

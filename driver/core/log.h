@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The driver's log lines. Any context.
 //
 // Every message is a whole literal whose first conversion is "%s(): ", filled with the name of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Load and unload: snbf_init and snbf_unload are declared in platform/entry.h.
 #pragma once
 

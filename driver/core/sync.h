@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Spin locks with guards, and waiting, over the platform's.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The change bitmaps of a filter node: one bit an extent, set by every write.
 //
 // The Incremental and the Differential bitmap are of one shape and handled alike; the type code

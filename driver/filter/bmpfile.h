@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The files of the change bitmaps: load, save, and the dirty flag.
 //
 // A file, all little-endian: 0 "SNBFBMP", 7 dirty byte, 8 size of the bitmap in bytes, 12 checksum,

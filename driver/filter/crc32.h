@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The checksum of the bitmap files: CRC-32 of IEEE 802.3, reflected.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // kdirtyd: the thread that raises dirty flags in bitmap files, since the request path can write no
 // file.
 //

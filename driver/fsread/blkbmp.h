@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The data-block map of a snap: which chunks the file system on the partition uses.
 //
 // Fragments of 2^20 chunks, each cut into pieces of one size: an index names each piece's slot in a

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The cloned-request tracker: one for each filter node.
 //
 // What a filter node passes on to its partition goes as a clone of the caller's request. The

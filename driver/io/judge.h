@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Whether a write must wait for its chunks to be copied: the verdict, apart from acting on it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Where a request to a node goes. snbf_make_request, the request function of every node, is
 // declared in platform/entry.h.
 #pragma once

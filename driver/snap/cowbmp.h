@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The COW bitmap of a snap: one bit a chunk, set once the chunk's former contents are in the COW
 // data file.
 //

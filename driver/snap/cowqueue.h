@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // The COW queue of a filter node: requests that may not proceed before the COW thread has done
 // something for them.
 //

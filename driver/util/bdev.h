@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Block devices by number, and small synchronous reads from them. Everything may sleep.
 #pragma once
 

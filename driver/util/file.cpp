@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "util/file.h"
 
 #include "base/assert.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Files from kernel context, through a handle with the calls of a buffered file.
 //
 // Every routine may sleep. None locks: a handle belongs to one caller at a time. Failures are

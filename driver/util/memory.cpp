@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "core/memory.h"
 
 extern "C" void* kzalloc(plat_size bytes, plat_alloc_mode mode) {

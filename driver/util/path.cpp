@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 #include "util/path.h"
 
 #include "base/assert.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Names: device files made and removed, and where a path lives. Absolute paths; everything may
 // sleep.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0-only
 // Records from a slab cache with a reserve, for the request path: it must get on while memory is
 // short.
 //

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Requests: what block.c's neighbours share. */
 #ifndef SNBF_LINUX_BIO_H
 #define SNBF_LINUX_BIO_H

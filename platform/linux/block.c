@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * Block devices. A plat_bdev is the kernel's block device: the same for every opening of it, and
  * the same as the one that a node's opener gets. What an opening is to be closed by is kept in a

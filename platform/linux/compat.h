@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Where kernel versions differ: each difference in one place. Supported: 6.1 and 6.12. */
 #ifndef SNBF_LINUX_COMPAT_H
 #define SNBF_LINUX_COMPAT_H

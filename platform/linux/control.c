@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The control device: a character device, and its file through the kernel's own /dev. */
 #include "platform/control.h"
 

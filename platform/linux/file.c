@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Files and paths, from the root of the init task. */
 #include "platform/file.h"
 

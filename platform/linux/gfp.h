@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The kernel's allocation flags for a mode of the contract. */
 #ifndef SNBF_LINUX_GFP_H
 #define SNBF_LINUX_GFP_H

@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* Memory: heap, virtually contiguous areas, pages, slab caches and pools, user memory. */
 #include "platform/memory.h"
 

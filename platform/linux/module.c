@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /* The module: parameters, load and unload. */
 #include <linux/init.h>
 #include <linux/module.h>

@@ -1,4 +1,4 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* What load and unload share with the parts of the platform. */
 #ifndef SNBF_LINUX_MODULE_H
 #define SNBF_LINUX_MODULE_H

@@ -1,4 +1,4 @@
-# SPDX-License-Identifier: GPL-2.0
+# SPDX-License-Identifier: GPL-2.0-only
 #
 # make -f platform/linux/module.mk [KDIR=...] [BUILD=...] [DEBUG=1] [module|module-clean]
 #

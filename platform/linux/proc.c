@@ -1,4 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
+// SPDX-License-Identifier: GPL-2.0-only
 /*
  * The /proc tree over the legacy read and write procedures: each read asks for the whole text and
  * serves the caller's part of it.

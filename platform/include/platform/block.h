@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Block devices and requests (bios). Sectors are 512 bytes. */
 #ifndef SNBF_PLATFORM_BLOCK_H
 #define SNBF_PLATFORM_BLOCK_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The control device and the /proc tree. Everything here may sleep. */
 #ifndef SNBF_PLATFORM_CONTROL_H
 #define SNBF_PLATFORM_CONTROL_H

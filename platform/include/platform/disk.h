@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The disks that the nodes are, and the block major. Everything here may sleep. */
 #ifndef SNBF_PLATFORM_DISK_H
 #define SNBF_PLATFORM_DISK_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* What the kernel may call in the driver. */
 #ifndef SNBF_PLATFORM_ENTRY_H
 #define SNBF_PLATFORM_ENTRY_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * Files and paths. Absolute paths are resolved from the root of the init task, so that a kernel
  * thread and a command mean the same file. Everything here may sleep.

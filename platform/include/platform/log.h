@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The kernel log and text formatting. Any context. */
 #ifndef SNBF_PLATFORM_LOG_H
 #define SNBF_PLATFORM_LOG_H

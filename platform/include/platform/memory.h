@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Memory: heap, virtually contiguous areas, pages, slab caches and pools, user memory. */
 #ifndef SNBF_PLATFORM_MEMORY_H
 #define SNBF_PLATFORM_MEMORY_H

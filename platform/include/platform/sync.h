@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* Locks and waiting. */
 #ifndef SNBF_PLATFORM_SYNC_H
 #define SNBF_PLATFORM_SYNC_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* The current task, time, kernel threads, the module. */
 #ifndef SNBF_PLATFORM_TASK_H
 #define SNBF_PLATFORM_TASK_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 /*
  * The vocabulary of the platform contract: fixed-width types, opaque objects and storage for
  * objects that the driver embeds. Compiles as C and as C++, with no header of a kernel or a libc.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: GPL-2.0-only */
 #ifndef SNBF_PLATFORM_INLINE_H
 #define SNBF_PLATFORM_INLINE_H
 

@@ -1,2 +1,2 @@
-/* SPDX-License-Identifier: GPL-2.0 */
+/* SPDX-License-Identifier: GPL-2.0-only */
 /* In place of <atomic>'s own, which waits with threads and futexes: here nothing waits on an atomic. */
