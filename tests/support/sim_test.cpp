@@ -43,10 +43,10 @@ void for_seeds(int n, const std::function<void(u64 seed)>& fn) {
   for (u64 seed = only != 0 ? only : 1; seed <= (only != 0 ? only : last); ++seed) {
     SCOPED_TRACE("SNBF_SEED=" + std::to_string(seed));
     fn(seed);
-    if (::testing::Test::HasFailure() || ::testing::Test::IsSkipped()) {
-      printf("failed with SNBF_SEED=%llu\n", static_cast<unsigned long long>(seed));
-      return;
-    }
+    if (::testing::Test::IsSkipped()) return;
+    if (!::testing::Test::HasFailure()) continue;
+    printf("failed with SNBF_SEED=%llu\n", static_cast<unsigned long long>(seed));
+    return;
   }
 }
 
