@@ -41,7 +41,7 @@ run umount "$work"
 run $snbf changes data
 $snbf changes data > /run/guest/changes.txt
 $snbf changes data --as svg > /run/guest/changes.svg
-fact extents "$($snbf changes data --json | json extents)"
+fact extents "$($snbf changes data --json | json extent_count)"
 fact changed "$($snbf changes data --json | json changed_extents)"
 
 say "The second backup copies what changed."
