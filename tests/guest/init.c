@@ -94,8 +94,7 @@ static void enter_root(void) {
   mount_at("devpts", "/root/dev/pts", "devpts", 0, NULL);
   mount_at("shm", "/root/dev/shm", "tmpfs", 0, NULL);
   mount_at("run", "/root/run", "tmpfs", 0, NULL);
-  mount_at("tmp", "/root/tmp", "tmpfs", 0, NULL);
-  mount_at("mnt", "/root/mnt", "tmpfs", 0, NULL);
+  // Nothing over the other folders: the checkout may lie in any of them, and the overlay keeps them in RAM as it is.
   mount_at("share", "/root/run/guest", "9p", 0, "trans=virtio,version=9p2000.L,msize=512000,access=any");
   mount("debugfs", "/root/sys/kernel/debug", "debugfs", 0, NULL);
 
