@@ -18,6 +18,8 @@ class ChangeBitmap {
  public:
   ChangeBitmap(FilterNode& owner, u32 type) : node(owner), is_incr_(type == SNBF_BMP_INCR) {}
 
+  u32 type() const { return is_incr_ ? SNBF_BMP_INCR : SNBF_BMP_DIFF; }
+
   const char* text() const { return is_incr_ ? "Incremental" : "Differential"; }
   const char* fname() const { return is_incr_ ? node.incr_bmp_fname : node.diff_bmp_fname; }
   u32 size_bytes() const { return is_incr_ ? node.incr_bmp_size : node.diff_bmp_size; }

@@ -148,7 +148,12 @@ int save_locked(const ChangeBitmap& bitmap, const u8* snapshot) {
   }
   snbf_file* file = snbf_fopen(
       bitmap.fname(), PLAT_O_WRONLY | PLAT_O_CREAT | PLAT_O_TRUNC | PLAT_O_SYNC, kFileMode);
-  if (file == nullptr) return -EIO;
+  if (file == nullptr) {
+    // The old file may still be there and look clean; a write would not raise its flag, since the dirty field
+    // stays up, and the request that was to do it has been cancelled. A save that fails later leaves no whole file.
+    snbf_sched_write_dirty_flag(bitmap.node, bitmap.type());
+    return -EIO;
+  }
   const int rc = write_bitmap(file, snapshot, bitmap.size_bytes());
   snbf_fclose(file);
   return rc;
@@ -241,9 +246,6 @@ int snbf_block_save_bmp(FilterNode& node, u32 type) {
     SpinGuard hold{bitmap.node.bmp_spin};
     bitmap.set_dirty(1);
   }
-  // The old file may still be there and look clean, and with the dirty field up no write would have its flag raised.
-  // One that must not be written at all stays as it is.
-  if (rc != -EINVAL) snbf_sched_write_dirty_flag(node, type);
   return rc;
 }
 

@@ -103,6 +103,18 @@ SIM_TEST(SaveBitmap, AFileThatDoesNotOpenLeavesItDirty) {
   EXPECT_EQ(filter.incr_dirty(), 1);
 }
 
+// With the dirty field up no later write would raise the flag of the file that is still there.
+SIM_TEST(SaveBitmap, OneThatCannotOpenItsFileHasTheOldFileDistrusted) {
+  BareFilter filter(sim, kExtents);
+  set_incr(filter, pattern(1));
+  ASSERT_EQ(snbf_block_save_bmp(*filter.node, SNBF_BMP_INCR), 0);
+  ASSERT_EQ(contents(sim, kIncr), image(pattern(1)));
+  sim.fail_nth(Fault::FileOpen, 1, -EPERM);
+  EXPECT_EQ(snbf_block_save_bmp(*filter.node, SNBF_BMP_INCR), -EIO);
+  ASSERT_EQ(snbf_yield_to_dirty_requests(*filter.node, 10), 0);
+  EXPECT_EQ(contents(sim, kIncr).size(), 8u);
+}
+
 // Whichever write fails: the error is answered, the bitmap stays dirty, and no load accepts what is
 // left.
 SIM_TEST(SaveBitmap, AFailedWriteLeavesAFileThatNoLoadAccepts) {
