@@ -291,10 +291,9 @@ SIM_TEST(Thread, HasDoneAllOfItsWorkWhenItsExitIsSeen) {
   EXPECT_EQ(steps, 10);
 }
 
+// Frames are larger with sanitizers, and stacks with them: the depth is kept by the plain build.
+#if !SNBF_SIM_ASAN
 SIM_TEST(Stack, TooDeepUseByTheDriverEndsTheRun) {
-#if SNBF_SIM_ASAN
-  GTEST_SKIP() << "frames are larger with sanitizers";
-#endif
   sim.expect_fatal("of the 16384 that a kernel thread has");
   snbf_plat_thread_start(
       "kdeep",
@@ -307,6 +306,7 @@ SIM_TEST(Stack, TooDeepUseByTheDriverEndsTheRun) {
       nullptr);
   snbf_plat_sleep_ms(10);
 }
+#endif
 
 SIM_TEST(Task, ReferenceDroppedTwiceEndsTheRun) {
   sim.expect_fatal("task_put() without task_get()");
