@@ -1,0 +1,214 @@
+#include "snap_model.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace snbf::model {
+
+namespace {
+
+constexpr u64 kMark = 0x5BF0'5EC7'0A11'D0B5;
+constexpr u32 kWords = kSectorBytes / 8;
+
+u64 mark_of(u32 write, u64 sector) { return (u64{write} << 32 | static_cast<u32>(sector)) ^ kMark; }
+
+void stamp(u32 write, u64 sector, u8* to) {
+  const u64 mark = mark_of(write, sector);
+  for (u64 i = 0; i < kWords; ++i) {
+    const u64 word = mark * (2 * i + 1);
+    std::memcpy(to + 8 * i, &word, 8);
+  }
+}
+
+}  // namespace
+
+// Write 0 is what was there before.
+Partition::Partition(u64 sectors) : history_(sectors) {
+  writes_.push_back({0, sectors, false, 0, 1});
+  for (auto& covering : history_) covering.push_back(0);
+}
+
+std::vector<u8> Partition::initial() const {
+  std::vector<u8> bytes(sectors() * kSectorBytes);
+  for (u64 sector = 0; sector < sectors(); ++sector) stamp(0, sector, &bytes[sector * kSectorBytes]);
+  return bytes;
+}
+
+WriteTicket Partition::send(u64 sector, u64 sectors, bool zero) {
+  const WriteTicket ticket = {static_cast<u32>(writes_.size()),
+                              static_cast<u32>((sectors + kPieceSectors - 1) / kPieceSectors)};
+  const u64 sent = now();
+  for (u64 done = 0; done < sectors; done += kPieceSectors) {
+    const u64 piece = std::min<u64>(kPieceSectors, sectors - done);
+    const u32 number = static_cast<u32>(writes_.size());
+    writes_.push_back({sector + done, piece, zero, sent, kNever});
+    for (u64 i = 0; i < piece; ++i) history_[sector + done + i].push_back(number);
+  }
+  return ticket;
+}
+
+std::vector<u8> Partition::data(const WriteTicket& ticket) const {
+  std::vector<u8> bytes;
+  for (u32 number = ticket.first; number < ticket.first + ticket.count; ++number) {
+    const Write& write = writes_[number];
+    const u64 from = bytes.size();
+    bytes.resize(from + write.sectors * kSectorBytes);
+    for (u64 i = 0; i < write.sectors; ++i) stamp(number, write.sector + i, &bytes[from + i * kSectorBytes]);
+  }
+  return bytes;
+}
+
+void Partition::end(const WriteTicket& ticket, bool ok) {
+  const u64 ended = now();
+  if (!ok) return;
+  for (u32 number = ticket.first; number < ticket.first + ticket.count; ++number) writes_[number].ended = ended;
+}
+
+std::string Partition::decode(u64 sector, const u8* bytes, Value* value) const {
+  u64 mark;
+  std::memcpy(&mark, bytes, 8);
+  const u32 number = static_cast<u32>((mark ^ kMark) >> 32);
+  u8 expected[kSectorBytes] = {};
+  *value = {mark == 0, number};
+  if (mark != 0) {
+    const u64 other = static_cast<u32>(mark ^ kMark);
+    if (other < sectors() && other != sector && number < writes_.size()) {
+      return "holds what write " + std::to_string(number) + " put into sector " + std::to_string(other);
+    }
+    stamp(number, sector, expected);
+  }
+  if (std::memcmp(expected, bytes, kSectorBytes) != 0 || (mark != 0 && number >= writes_.size())) {
+    return "holds bytes that nobody wrote";
+  }
+  if (mark == 0) return "";
+  const Write& write = writes_[number];
+  if (write.zero || sector < write.sector || sector >= write.sector + write.sectors) {
+    return "holds write " + std::to_string(number) + ", which never wrote there";
+  }
+  return "";
+}
+
+// Whether another write had surely replaced this one before `before`.
+bool Partition::replaced(u64 sector, u32 number, u64 before) const {
+  const u64 ended = writes_[number].ended;
+  if (ended == kNever) return false;
+  for (auto at = history_[sector].rbegin(); at != history_[sector].rend() && *at > number; ++at) {
+    if (writes_[*at].ended < before && ended < writes_[*at].sent) return true;
+  }
+  return false;
+}
+
+bool Partition::possible(u64 sector, const Value& value, u64 from, u64 to) const {
+  if (!value.zero) return writes_[value.write].sent < to && !replaced(sector, value.write, from);
+  return std::any_of(history_[sector].begin(), history_[sector].end(), [&](u32 number) {
+    return writes_[number].zero && writes_[number].sent < to && !replaced(sector, number, from);
+  });
+}
+
+std::string Partition::describe(u64 sector, const Value& value) const {
+  std::string text = value.zero ? "zero" : "write " + std::to_string(value.write);
+  text += "; sent to it:";
+  for (const u32 number : history_[sector]) {
+    const Write& write = writes_[number];
+    text += " " + std::to_string(number) + (write.zero ? "z" : "") + "[" + std::to_string(write.sent) + "," +
+            (write.ended == kNever ? "-" : std::to_string(write.ended)) + "]";
+  }
+  return text;
+}
+
+std::string Partition::check_read(u64 sector, std::span<const u8> data, u64 sent) {
+  const u64 ended = now();
+  for (u64 done = 0; done < data.size(); done += kSectorBytes, ++sector) {
+    Value value;
+    std::string wrong = decode(sector, &data[done], &value);
+    if (wrong.empty() && !possible(sector, value, sent, ended)) {
+      wrong = "cannot hold in [" + std::to_string(sent) + "," + std::to_string(ended) + "] " + describe(sector, value);
+    }
+    if (!wrong.empty()) return "sector " + std::to_string(sector) + " of the partition " + wrong;
+  }
+  return "";
+}
+
+SnapImage::SnapImage(Partition& partition)
+    : partition_(&partition), asked_(partition.now()), seen_(partition.sectors(), kUnknown) {}
+
+std::string SnapImage::check_read(u64 sector, std::span<const u8> data) {
+  for (u64 done = 0; done < data.size(); done += kSectorBytes, ++sector) {
+    Value value;
+    std::string wrong = partition_->decode(sector, &data[done], &value);
+    const u32 code = code_of(value);
+    if (wrong.empty() && seen_[sector] != kUnknown && seen_[sector] != code) {
+      wrong = "has changed: it was " +
+              (seen_[sector] == kZero ? "zero" : "write " + std::to_string(seen_[sector])) + " and is " +
+              partition_->describe(sector, value);
+    }
+    if (wrong.empty() && seen_[sector] == kUnknown) {
+      if (!partition_->possible(sector, value, asked_, started_)) {
+        wrong = "cannot hold, with its start in [" + std::to_string(asked_) + "," + std::to_string(started_) + "], " +
+                partition_->describe(sector, value);
+      }
+      seen_[sector] = code;
+      ++known_;
+    }
+    if (!wrong.empty()) return "sector " + std::to_string(sector) + " of the image " + wrong;
+  }
+  return "";
+}
+
+// Which writes the image surely holds and which it surely lacks.
+struct SnapImage::Judged {
+  std::vector<bool> in, out;
+
+  Judged(const SnapImage& image) : in(image.partition_->writes_.size()), out(in.size()) {
+    const Partition& partition = *image.partition_;
+    for (u64 sector = 0; sector < image.seen_.size(); ++sector) {
+      const u32 code = image.seen_[sector];
+      if (code == kUnknown) continue;
+      if (code == kZero) {
+        lacks_all_behind_zeroes(partition, sector, image.started_);
+      } else {
+        in[code] = true;
+        lacks_all_behind(partition, sector, partition.writes_[code].ended, image.started_);
+      }
+    }
+    for (u32 number = 0; number < in.size(); ++number) {
+      if (partition.writes_[number].ended < image.asked_) in[number] = true;
+    }
+  }
+
+ private:
+  void lacks_all_behind(const Partition& partition, u64 sector, u64 ended, u64 started) {
+    for (const u32 number : partition.history_[sector]) {
+      const u64 sent = partition.writes_[number].sent;
+      if (sent > ended && sent < started) out[number] = true;
+    }
+  }
+  // Behind each of those that can have made the zeroes.
+  void lacks_all_behind_zeroes(const Partition& partition, u64 sector, u64 started) {
+    u64 last = 0;
+    for (const u32 number : partition.history_[sector]) {
+      const Partition::Write& write = partition.writes_[number];
+      if (write.zero && write.sent < started) last = std::max(last, write.ended);
+    }
+    lacks_all_behind(partition, sector, last, started);
+  }
+};
+
+std::string SnapImage::check_instant() const {
+  const Judged judged(*this);
+  u32 last_in = 0, first_out = 0;
+  for (u32 number = 0; number < judged.in.size(); ++number) {
+    const Partition::Write& write = partition_->writes_[number];
+    if (judged.in[number] && judged.out[number]) {
+      return "the image holds only a part of write " + std::to_string(number);
+    }
+    if (judged.in[number] && write.sent > partition_->writes_[last_in].sent) last_in = number;
+    if (!judged.out[number] || write.ended == kNever) continue;
+    if (first_out == 0 || write.ended < partition_->writes_[first_out].ended) first_out = number;
+  }
+  if (first_out == 0 || partition_->writes_[first_out].ended > partition_->writes_[last_in].sent) return "";
+  return "the image is of no instant: it holds write " + std::to_string(last_in) + ", but not write " +
+         std::to_string(first_out) + ", which had ended before that was sent";
+}
+
+}  // namespace snbf::model

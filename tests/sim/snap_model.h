@@ -1,0 +1,109 @@
+// What a partition and the images of its snaps may hold.
+//
+// Every sector that a test writes carries the number of its write, so that a sector that is read says which write
+// made it. The model keeps when each write was sent and when it ended, and judges what reads find:
+//
+//   - a read of the partition finds, for each sector, no write that was sent after the read, and none that another
+//     one had surely replaced before it;
+//   - an image holds every write that had ended before the start was asked for, and none that was sent after the
+//     start had answered; what a write that ran beside the start left in it is free, but whole, and of one instant:
+//     if the image holds a write, it holds all that ended before that one was sent;
+//   - two reads of a sector of one image find the same.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace snbf::model {
+
+using u8 = std::uint8_t;
+using u32 = std::uint32_t;
+using u64 = std::uint64_t;
+
+constexpr u64 kNever = ~u64{0};
+constexpr u32 kSectorBytes = 512;
+constexpr u32 kPieceSectors = (4 << 20) / kSectorBytes;  // a larger request is cut into these
+
+// A request: its pieces have consecutive numbers.
+struct WriteTicket {
+  u32 first;
+  u32 count;
+};
+
+class Partition {
+ public:
+  explicit Partition(u64 sectors);
+
+  u64 sectors() const { return history_.size(); }
+  // What the partition must hold before anything is sent.
+  std::vector<u8> initial() const;
+
+  // `zero`: a discard, or zeroes written.
+  WriteTicket send(u64 sector, u64 sectors, bool zero);
+  std::vector<u8> data(const WriteTicket& ticket) const;
+  // One that failed may have reached the partition, or not.
+  void end(const WriteTicket& ticket, bool ok);
+
+  u64 now() { return ++clock_; }
+  u64 writes() const { return writes_.size(); }
+
+  // What a read may have found that was sent at `sent` and has just ended. "" or what is wrong.
+  std::string check_read(u64 sector, std::span<const u8> data, u64 sent);
+
+ private:
+  friend class SnapImage;
+  struct Write {
+    u64 sector, sectors;
+    bool zero;
+    u64 sent;
+    u64 ended;  // kNever: not, or it failed
+  };
+  // What a sector says: the write that made it, or that it is zero.
+  struct Value {
+    bool zero;
+    u32 write;
+    bool operator==(const Value&) const = default;
+  };
+
+  // "" or why the bytes are nothing that was ever written there.
+  std::string decode(u64 sector, const u8* bytes, Value* value) const;
+  // Whether `value` may be in the sector for somebody who looks between `from` and `to`.
+  bool possible(u64 sector, const Value& value, u64 from, u64 to) const;
+  bool replaced(u64 sector, u32 write, u64 before) const;
+  std::string describe(u64 sector, const Value& value) const;
+
+  std::vector<Write> writes_;
+  std::vector<std::vector<u32>> history_;  // of each sector: the writes that cover it, as they were sent
+  u64 clock_ = 1;
+};
+
+// The image of one start. Made when the start is asked for.
+class SnapImage {
+ public:
+  explicit SnapImage(Partition& partition);
+
+  void started() { started_ = partition_->now(); }
+  // What a read that succeeded has found. "" or what is wrong.
+  std::string check_read(u64 sector, std::span<const u8> data);
+  // Everything that was found, as one instant. "" or what is wrong.
+  std::string check_instant() const;
+  bool whole() const { return known_ == seen_.size(); }
+
+ private:
+  using Value = Partition::Value;
+  struct Judged;
+
+  static constexpr u32 kUnknown = ~u32{0};
+  static constexpr u32 kZero = ~u32{0} - 1;
+  static u32 code_of(const Value& value) { return value.zero ? kZero : value.write; }
+
+  Partition* partition_;
+  u64 asked_;
+  u64 started_ = kNever;
+  std::vector<u32> seen_;
+  u64 known_ = 0;
+};
+
+}  // namespace snbf::model

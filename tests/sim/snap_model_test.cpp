@@ -1,0 +1,110 @@
+// The model of images must see what it is there for.
+#include "snap_model.h"
+
+#include <gtest/gtest.h>
+
+namespace snbf::model {
+namespace {
+
+std::vector<u8> zeroes(u64 sectors) { return std::vector<u8>(sectors * kSectorBytes); }
+
+class SnapModel : public testing::Test {
+ protected:
+  WriteTicket written(u64 sector, u64 sectors, bool zero = false) {
+    const WriteTicket ticket = partition_.send(sector, sectors, zero);
+    partition_.end(ticket, true);
+    return ticket;
+  }
+  std::vector<u8> of(const WriteTicket& ticket, u64 skipped = 0, u64 sectors = 1) {
+    const std::vector<u8> all = partition_.data(ticket);
+    return {all.begin() + static_cast<long>(skipped * kSectorBytes),
+            all.begin() + static_cast<long>((skipped + sectors) * kSectorBytes)};
+  }
+  std::vector<u8> initial(u64 sector) {
+    const std::vector<u8> all = partition_.initial();
+    return {all.begin() + static_cast<long>(sector * kSectorBytes),
+            all.begin() + static_cast<long>((sector + 1) * kSectorBytes)};
+  }
+
+  Partition partition_{64};
+};
+
+TEST_F(SnapModel, ALostWriteIsSeen) {
+  const u64 before = partition_.now();
+  const WriteTicket first = written(8, 8);
+  EXPECT_EQ(partition_.check_read(8, of(first, 0, 8), partition_.now()), "");
+  EXPECT_EQ(partition_.check_read(8, initial(8), before), "");
+  EXPECT_NE(partition_.check_read(8, initial(8), partition_.now()), "");
+  written(8, 8);
+  EXPECT_NE(partition_.check_read(8, of(first), partition_.now()), "");
+}
+
+TEST_F(SnapModel, ForeignBytesAreSeen) {
+  const WriteTicket first = written(8, 8);
+  EXPECT_NE(partition_.check_read(9, of(first, 2), partition_.now()), "");
+  std::vector<u8> torn = of(first);
+  torn[511] ^= 1;
+  EXPECT_NE(partition_.check_read(8, torn, partition_.now()), "");
+  EXPECT_NE(partition_.check_read(8, zeroes(1), partition_.now()), "");
+  written(8, 1, true);
+  EXPECT_EQ(partition_.check_read(8, zeroes(1), partition_.now()), "");
+}
+
+TEST_F(SnapModel, AnImageHoldsWhatEndedBeforeAndNothingSentAfter) {
+  const WriteTicket before = written(0, 1);
+  SnapImage image(partition_);
+  image.started();
+  const WriteTicket after = written(0, 1);
+  EXPECT_NE(SnapImage(image).check_read(0, initial(0)), "");
+  EXPECT_NE(SnapImage(image).check_read(0, of(after)), "");
+  EXPECT_EQ(image.check_read(0, of(before)), "");
+}
+
+TEST_F(SnapModel, AWriteBesideTheStartIsFreeButFixed) {
+  const WriteTicket beside = partition_.send(0, 1, false);
+  SnapImage image(partition_);
+  image.started();
+  partition_.end(beside, true);
+  SnapImage with = image, without = image;
+  EXPECT_EQ(with.check_read(0, of(beside)), "");
+  EXPECT_EQ(without.check_read(0, initial(0)), "");
+  EXPECT_NE(with.check_read(0, initial(0)), "");
+  EXPECT_NE(without.check_read(0, of(beside)), "");
+}
+
+TEST_F(SnapModel, AWriteBesideTheStartIsWholeInTheImage) {
+  const WriteTicket beside = partition_.send(0, 2, false);
+  SnapImage image(partition_);
+  image.started();
+  partition_.end(beside, true);
+  EXPECT_EQ(image.check_read(0, of(beside)), "");
+  EXPECT_EQ(image.check_read(1, initial(1)), "");
+  EXPECT_NE(image.check_instant(), "");
+}
+
+TEST_F(SnapModel, AnImageIsOfOneInstant) {
+  SnapImage image(partition_);
+  const WriteTicket first = written(0, 1);
+  const WriteTicket second = written(5, 1);
+  image.started();
+  SnapImage both = image, neither = image, only_first = image;
+  EXPECT_EQ(both.check_read(0, of(first)) + both.check_read(5, of(second)), "");
+  EXPECT_EQ(both.check_instant(), "");
+  EXPECT_EQ(neither.check_read(0, initial(0)) + neither.check_read(5, initial(5)), "");
+  EXPECT_EQ(neither.check_instant(), "");
+  EXPECT_EQ(only_first.check_read(0, of(first)) + only_first.check_read(5, initial(5)), "");
+  EXPECT_EQ(only_first.check_instant(), "");
+  EXPECT_EQ(image.check_read(0, initial(0)) + image.check_read(5, of(second)), "");
+  EXPECT_NE(image.check_instant(), "");
+}
+
+TEST_F(SnapModel, ALargeRequestIsJudgedByThePieces) {
+  Partition large(3 * kPieceSectors);
+  const WriteTicket ticket = large.send(1, 2 * kPieceSectors + 1, false);
+  EXPECT_EQ(ticket.count, 3u);
+  large.end(ticket, true);
+  EXPECT_EQ(large.check_read(1, large.data(ticket), large.now()), "");
+}
+
+}  // namespace
+}  // namespace snbf::model
