@@ -55,7 +55,7 @@ int snbf_blkbmp_destroy(snbf_blkbmp* map);
 // all over while it is invalid. 0, or -EINVAL when the buffer is null or too small.
 int snbf_blkbmp_export(const snbf_blkbmp* map, snbf::u32 chunks_per_bit, snbf::u8* buffer,
                        int buffer_size);
-// Bytes that `piece_cnt` pieces of `piece_size` bytes of `bitmap` take in the two-level form; stores
-// them so unless it is a dry run. -ENOMEM. May sleep.
+// Bytes that `piece_cnt` pieces of `piece_size` bytes of `bitmap` take in the two-level form;
+// stores them so unless it is a dry run. -ENOMEM. May sleep.
 int create_sa(snbf_blkbmp_frag* frag, int piece_cnt, int piece_size, const snbf::u8* bitmap,
               int dry_run);

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "fsread/reader.h"
+
+#include "base/errno.h"
+#include "core/log.h"
+#include "fsread/ext2_reader.h"
+#include "fsread/extfs.h"
+
+namespace snbf {
+
+namespace {
+
+constexpr FsReader kReaders[] = {
+    ReaderOf<ext2_reader_init, ext2_reader_read, ext2_reader_destroy>::value,
+};
+
+}  // namespace
+
+OpenReader::OpenReader(plat_bdev* bdev, u32* block_size) {
+  if (extfs_is_misread(bdev)) return;
+  for (const FsReader& reader : kReaders) {
+    reader_ = &reader;
+    handle_ = reader.init(bdev, block_size);
+    if (handle_ != nullptr) return;
+  }
+}
+
+OpenReader::~OpenReader() {
+  if (handle_ != nullptr) reader_->destroy(handle_);
+}
+
+int check_reader_chunks(const char* origin, u32 chunk_size, u32 block_size) {
+  if (!is_chunk_size(chunk_size)) {
+    snbf_log(kLogError, "%s(): Chunk size (%d) must be a power of 2.", origin,
+             static_cast<int>(chunk_size));
+    return -EINVAL;
+  }
+  if (chunk_size < block_size) {
+    snbf_log(kLogError, "%s(): Chunk size (%d) is smaller than FS block size (%d).", origin,
+             static_cast<int>(chunk_size), static_cast<int>(block_size));
+    return -EINVAL;
+  }
+  return 0;
+}
+
+}  // namespace snbf
