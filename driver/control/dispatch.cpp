@@ -14,6 +14,7 @@
 #include "core/log.h"
 #include "filter/bmp.h"
 #include "filter/bmpfile.h"
+#include "fsread/datablock.h"
 #include "platform/memory.h"
 #include "snbf/protocol.h"
 
@@ -65,8 +66,10 @@ constexpr Command kCommands[] = {
     node_command<snbf_bmp_cmd, snbf_ioctl_get_bmp>(SNBF_GET_BMP, "SNBF_GET_BMP"),
     node_command<snbf_bmp_cmd, snbf_ioctl_get_and_clr_bmp>(SNBF_GET_AND_CLR_BMP,
                                                            "SNBF_GET_AND_CLR_BMP"),
-    refused_command<snbf_datablock_cmd>(SNBF_GET_DATABLOCK_BMP, "SNBF_GET_DATABLOCK_BMP", true),
-    refused_command<snbf_datablock_test>(SNBF_TEST_DATABLOCK, "SNBF_TEST_DATABLOCK", false),
+    node_command<snbf_datablock_cmd, snbf_ioctl_get_datablock_bmp>(SNBF_GET_DATABLOCK_BMP,
+                                                                   "SNBF_GET_DATABLOCK_BMP"),
+    plain_command<snbf_datablock_test, snbf_ioctl_test_datablock>(SNBF_TEST_DATABLOCK,
+                                                                  "SNBF_TEST_DATABLOCK"),
     refused_command<snbf_resume_cmd>(SNBF_RESUME_SNAP, "SNBF_RESUME_SNAP", false),
 };
 

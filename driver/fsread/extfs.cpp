@@ -10,6 +10,7 @@ namespace snbf {
 
 namespace {
 
+constexpr const char* kOrigin = "extfs_is_misread";
 constexpr u32 kSuperBytes = 1024;  // at this offset, too
 constexpr u16 kMagic = 0xEF53;
 constexpr u32 kLogBlockSizeMax = 2;  // 4096 bytes, a page
@@ -61,9 +62,18 @@ const char* why_ext2_misreads(const ExtFeatures& features) {
 }
 
 bool extfs_is_misread(plat_bdev* bdev) {
+  const int major = static_cast<int>(dev_major(snbf_plat_bdev_device(bdev)));
+  const int minor = static_cast<int>(dev_minor(snbf_plat_bdev_device(bdev)));
   VirtBuffer super{kSuperBytes};
-  // A device that cannot be read is the readers' to complain about.
-  if (!super || read_metadata(bdev, super.data(), kSuperBytes, kSuperBytes) != 0) return false;
+  if (!super) {
+    snbf_log(kLogError, "%s(): Memory allocation failed.", kOrigin);
+    return true;
+  }
+  if (int rc = read_metadata(bdev, super.data(), kSuperBytes, kSuperBytes); rc != 0) {
+    snbf_log(kLogError, "%s(): Failed to read Super Block of hdd(%d, %d): rc=%d", kOrigin, major,
+             minor, rc);
+    return true;
+  }
   const u8* at = super.data();
   if (le16_at(at + 56) != kMagic) return false;
   const ExtFeatures features = {.log_block_size = le32_at(at + 24),
@@ -72,10 +82,8 @@ bool extfs_is_misread(plat_bdev* bdev) {
                                 .ro_compat = le32_at(at + 100)};
   const char* why = why_ext2_misreads(features);
   if (why == nullptr) return false;
-  const plat_devt device = snbf_plat_bdev_device(bdev);
   snbf_log(1, "%s(): ext FS on hdd(%d, %d) has %s (features 0x%x, 0x%x): no reader claims it",
-           "extfs_is_misread", static_cast<int>(dev_major(device)),
-           static_cast<int>(dev_minor(device)), why, features.incompat, features.ro_compat);
+           kOrigin, major, minor, why, features.incompat, features.ro_compat);
   return true;
 }
 

@@ -22,7 +22,7 @@ struct ExtFeatures {
 // Why the ext2/ext3 reader would misread such a file system, or null.
 const char* why_ext2_misreads(const ExtFeatures& features);
 
-// The device holds one that would be misread; a line says why. May sleep.
+// The device holds one that would be misread, or nobody can tell; a line says why. May sleep.
 bool extfs_is_misread(plat_bdev* bdev);
 
 }  // namespace snbf

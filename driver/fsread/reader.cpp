@@ -11,7 +11,7 @@ namespace snbf {
 namespace {
 
 constexpr FsReader kReaders[] = {
-    ReaderOf<ext2_reader_init, ext2_reader_read, ext2_reader_destroy>::value,
+    reader_of<Ext2Reader, ext2_reader_init, ext2_reader_read, ext2_reader_destroy>(false),
 };
 
 }  // namespace

@@ -18,21 +18,20 @@ struct FsReader {
   int (*read)(void* reader, u64 first, u32 chunk_size, u8* bits, u32 chunk_count);
   // Always 0. Null is allowed.
   int (*destroy)(void* reader);
+  // A chunk may count as used although each of its blocks, asked for alone, is free.
+  bool rounds_up;
 };
 
 // The three typed verbs of a reader as such a record.
-template <auto kInit, auto kRead, auto kDestroy>
-struct ReaderOf;
 template <typename Reader, Reader* (*kInit)(plat_bdev*, u32*),
           int (*kRead)(Reader*, u64, u32, u8*, u32), int (*kDestroy)(Reader*)>
-struct ReaderOf<kInit, kRead, kDestroy> {
-  static constexpr FsReader value = {
-      [](plat_bdev* bdev, u32* block_size) -> void* { return kInit(bdev, block_size); },
-      [](void* reader, u64 first, u32 chunk_size, u8* bits, u32 chunk_count) {
-        return kRead(static_cast<Reader*>(reader), first, chunk_size, bits, chunk_count);
-      },
-      [](void* reader) { return kDestroy(static_cast<Reader*>(reader)); }};
-};
+constexpr FsReader reader_of(bool rounds_up) {
+  return {[](plat_bdev* bdev, u32* block_size) -> void* { return kInit(bdev, block_size); },
+          [](void* reader, u64 first, u32 chunk_size, u8* bits, u32 chunk_count) {
+            return kRead(static_cast<Reader*>(reader), first, chunk_size, bits, chunk_count);
+          },
+          [](void* reader) { return kDestroy(static_cast<Reader*>(reader)); }, rounds_up};
+}
 
 // A reader at work on a device; destroyed on leaving the scope.
 class OpenReader {
@@ -45,6 +44,7 @@ class OpenReader {
   OpenReader& operator=(const OpenReader&) = delete;
 
   explicit operator bool() const { return handle_ != nullptr; }
+  bool rounds_up() const { return reader_->rounds_up; }
   int read(u64 first, u32 chunk_size, u8* bits, u32 chunk_count) const {
     return reader_->read(handle_, first, chunk_size, bits, chunk_count);
   }

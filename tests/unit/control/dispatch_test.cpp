@@ -161,10 +161,7 @@ SIM_TEST(Envelope, CommandsWithoutAServiceSaySoAfterEveryCheck) {
   load_with_partition(sim, {.debug = 1});
   ASSERT_EQ(add_filter(sim, "/dev/sda1", 3), 0);
   EXPECT_EQ(send(sim, SNBF_ADD_SNAP_NODE, 3), -EOPNOTSUPP);
-  EXPECT_EQ(send(sim, SNBF_TEST_DATABLOCK, 0), -EOPNOTSUPP);
   EXPECT_EQ(send(sim, SNBF_RESUME_SNAP, 3), -EOPNOTSUPP);
-  EXPECT_EQ(send(sim, SNBF_GET_DATABLOCK_BMP, 3), -EOPNOTSUPP);
-  EXPECT_EQ(send(sim, SNBF_GET_DATABLOCK_BMP, 4), -EINVAL);
   ASSERT_EQ(sim.unload_driver(), 0);
 }
 

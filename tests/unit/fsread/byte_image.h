@@ -47,8 +47,11 @@ struct Ext2Image {
   u64 desc_blocks() const { return (u64{group_count()} * 32 + block_size - 1) / block_size; }
   u64 bitmap_block(u32 group) const { return first_data_block + 1 + desc_blocks() + group; }
 
+  u64 device_bytes() const { return u64{blocks_count} * block_size; }
+
+  // Its first blocks: all metadata. The rest of the device is zeros.
   Bytes bytes() const {
-    Bytes image(u64{blocks_count} * block_size);
+    Bytes image((bitmap_block(group_count()) + 1) * block_size);
     const u32 log = static_cast<u32>(__builtin_ctz(block_size)) - 10;
     put_le(image, 1024 + 4, blocks_count, 4);
     put_le(image, 1024 + 20, first_data_block, 4);
@@ -78,10 +81,12 @@ struct Ext2Image {
 // An image on an opened device.
 class ImageOnDevice {
  public:
-  ImageOnDevice(Sim& sim, const Bytes& image, u64 device_bytes = 0)
-      : disk(sim, {.name = "sda1", .bytes = device_bytes != 0 ? device_bytes : image.size()}) {
-    disk.device->poke(0, image);
+  ImageOnDevice(Sim& sim, const Bytes& head, u64 device_bytes, const std::string& name = "sda1")
+      : disk(sim, {.name = name, .bytes = device_bytes}) {
+    disk.device->poke(0, head);
   }
+  ImageOnDevice(Sim& sim, const Ext2Image& image)
+      : ImageOnDevice(sim, image.bytes(), image.device_bytes()) {}
   plat_bdev* bdev() const { return disk.bdev; }
 
   OpenDevice disk;
