@@ -142,8 +142,9 @@ bool make_buffers(Ext2Reader& reader) {
     snbf_log(kLogError, "%s(): Memory allocation failed.", kInit);
     return false;
   }
-  for (u32 value = 0; value < 256; ++value) {
-    reader.bit_count[value] = static_cast<u8>(__builtin_popcount(value));
+  reader.bit_count[0] = 0;
+  for (u32 value = 1; value < 256; ++value) {
+    reader.bit_count[value] = static_cast<u8>(reader.bit_count[value / 2] + value % 2);
   }
   return true;
 }

@@ -1,0 +1,57 @@
+// Images made by the file systems' own tools, which also tell what is in use.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "parts_rig.h"
+
+namespace snbf::sim {
+
+// What the file system's own tools say about each of its blocks.
+struct Truth {
+  u32 block_size = 0;
+  std::vector<bool> used;
+};
+
+// A sparse file with a file system in it, gone with this object. Not inside a simulated task: the
+// tools are processes.
+class RealImage {
+ public:
+  // `tool` is a shell command, with "@" for the image's path and "%" for that of a folder with some
+  // files in it.
+  RealImage(u64 bytes, const std::string& tool);
+  ~RealImage();
+  RealImage(const RealImage&) = delete;
+  RealImage& operator=(const RealImage&) = delete;
+
+  void run(const std::string& command) const;
+  // What the command prints.
+  std::string output(const std::string& command) const;
+  void truncate(u64 bytes) const;
+
+  Truth ext_truth() const;       // by dumpe2fs
+  Truth xfs_truth() const;       // by xfs_db
+  Truth reiserfs_truth() const;  // by debugreiserfs
+
+  u64 bytes() const;
+  void put_on(Device* device) const;
+
+ private:
+  std::string expand(const std::string& command) const;
+
+  std::string path_;
+};
+
+// A file system's blocks beside the map of the device that holds it.
+struct Comparison {
+  int rc = 0;                // of building the map
+  u64 used_called_free = 0;  // chunks: must be none
+  u64 free_called_used = 0;
+  u64 free_chunks = 0;
+  std::string log;
+};
+
+Comparison compare_with_truth(const RealImage& image, const Truth& truth, u32 chunk_size);
+
+}  // namespace snbf::sim
