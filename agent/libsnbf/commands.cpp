@@ -1,45 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // One function a command.
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
 
 #include "handle.h"
-
-namespace snbf::lib {
-
-HostLock::HostLock(const libsnbf& handle) {
-  fd_ = ::open(handle.lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-  if (fd_ < 0) {
-    error_ = -errno;
-    return;
-  }
-  int rc;
-  do rc = ::flock(fd_, LOCK_EX);
-  while (rc < 0 && errno == EINTR);
-  if (rc < 0) error_ = -errno;
-}
-
-HostLock::~HostLock() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
-Fd::~Fd() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
-std::string read_line(const std::string& path) {
-  std::ifstream file(path);
-  std::string line;
-  std::getline(file, line);
-  return line;
-}
-
-}  // namespace snbf::lib
 
 namespace {
 
@@ -75,6 +42,31 @@ int send_bits(libsnbf* handle, uint32_t command, uint32_t minor, uint32_t type, 
 const char* or_default(const char* text, const char* fallback) { return text ? text : fallback; }
 
 }  // namespace
+
+namespace snbf::lib {
+
+int add_snap_node_locked(libsnbf* handle, snbf_snap_node_cmd* record) {
+  snbf_info filter{};
+  if (int rc = libsnbf_get_info(handle, record->snbf_minor, &filter); rc != 0) return rc;
+  if (filter.dev_type != SNBF_DEV_FILTER) return -EINVAL;
+  if (filter.snap_cnt > 0) {
+    snbf_info sibling{};
+    if (int rc = libsnbf_get_info(handle, filter.snap_minors[0], &sibling); rc != 0) return rc;
+    if (sibling.chunk_size != record->chunk_size) return -EINVAL;
+  }
+  return send(handle, SNBF_ADD_SNAP_NODE, record);
+}
+
+int resume_snap_locked(libsnbf* handle, const snbf_resume_cmd& record) {
+  snbf_info info{};
+  if (int rc = libsnbf_get_info(handle, record.minor, &info); rc != 0) return rc;
+  if (info.dev_type != SNBF_DEV_SNAP) return -EINVAL;
+  if (info.started) return -EALREADY;
+  snbf_resume_cmd copy = record;
+  return send(handle, SNBF_RESUME_SNAP, &copy);
+}
+
+}  // namespace snbf::lib
 
 extern "C" {
 
@@ -116,16 +108,7 @@ int libsnbf_add_filter_node(libsnbf* handle, snbf_filter_node_cmd* record) {
 
 int libsnbf_add_snap_node(libsnbf* handle, snbf_snap_node_cmd* record) {
   HostLock lock(*handle);
-  if (lock.error()) return lock.error();
-  snbf_info filter{};
-  if (int rc = libsnbf_get_info(handle, record->snbf_minor, &filter); rc != 0) return rc;
-  if (filter.dev_type != SNBF_DEV_FILTER) return -EINVAL;
-  if (filter.snap_cnt > 0) {
-    snbf_info sibling{};
-    if (int rc = libsnbf_get_info(handle, filter.snap_minors[0], &sibling); rc != 0) return rc;
-    if (sibling.chunk_size != record->chunk_size) return -EINVAL;
-  }
-  return send(handle, SNBF_ADD_SNAP_NODE, record);
+  return lock.error() ? lock.error() : snbf::lib::add_snap_node_locked(handle, record);
 }
 
 int libsnbf_del_node(libsnbf* handle, uint32_t minor) {
@@ -205,13 +188,7 @@ int libsnbf_test_datablock(libsnbf* handle, const char* path) {
 
 int libsnbf_resume_snap(libsnbf* handle, const snbf_resume_cmd* record) {
   HostLock lock(*handle);
-  if (lock.error()) return lock.error();
-  snbf_info info{};
-  if (int rc = libsnbf_get_info(handle, record->minor, &info); rc != 0) return rc;
-  if (info.dev_type != SNBF_DEV_SNAP) return -EINVAL;
-  if (info.started) return -EALREADY;
-  snbf_resume_cmd copy = *record;
-  return send(handle, SNBF_RESUME_SNAP, &copy);
+  return lock.error() ? lock.error() : snbf::lib::resume_snap_locked(handle, *record);
 }
 
 int libsnbf_bmp_unsaved(libsnbf* handle, uint32_t minor, uint32_t type, int* unsaved) {

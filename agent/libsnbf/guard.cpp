@@ -21,7 +21,9 @@ using snbf::lib::read_line;
 // The devices that `path` or anything below it stands on.
 class Stack {
  public:
-  explicit Stack(const libsnbf& handle) : handle_(handle) {
+  // With `stores`, the COW files of the snaps of every filter node on the way belong to what it
+  // stands on.
+  explicit Stack(libsnbf& handle, bool stores = false) : handle_(handle), stores_(stores) {
     const std::string major = read_line(handle.proc_root + "/snbf/blk_major");
     if (!major.empty()) node_major_ = std::atoi(major.c_str());
   }
@@ -55,6 +57,7 @@ class Stack {
       if (!hdd_major.empty() && !hdd_minor.empty()) {
         add_device(makedev(std::atoi(hdd_major.c_str()), std::atoi(hdd_minor.c_str())));
       }
+      if (stores_) add_stores(minor(device));
     }
     const fs::path here = handle_.sys_root + "/dev/block/" + std::to_string(major(device)) + ":" +
                           std::to_string(minor(device));
@@ -67,6 +70,18 @@ class Stack {
     }
     const std::string backing = read_line(here / "loop" / "backing_file");
     if (!backing.empty()) add_path(backing);
+  }
+
+  // A write to a filter node waits for the COW files of its snaps.
+  void add_stores(uint32_t node_minor) {
+    snbf_info filter;
+    if (libsnbf_get_info(&handle_, node_minor, &filter) != 0) return;
+    for (uint32_t i = 0; filter.dev_type == SNBF_DEV_FILTER && i < filter.snap_cnt; ++i) {
+      snbf_info snap;
+      if (libsnbf_get_info(&handle_, filter.snap_minors[i], &snap) != 0) continue;
+      add_path(snap.cow_data_fname);
+      add_path(snap.cow_bmp_fname);
+    }
   }
 
   void add_by_dev_file(const fs::path& sys_entry) {
@@ -131,7 +146,8 @@ class Stack {
     }
   }
 
-  const libsnbf& handle_;
+  libsnbf& handle_;
+  bool stores_;
   int node_major_ = -1;
   std::set<dev_t> seen_;
 };
@@ -168,6 +184,22 @@ int libsnbf_path_is_on(libsnbf* handle, const char* path, uint32_t major, uint32
     if (int rc = stack.add_path(path); rc != 0) return rc;
     *answer = stack.has(makedev(major, minor));
     return 0;
+  });
+}
+
+int libsnbf_cow_dir_check(libsnbf* handle, const char* dir, uint32_t filter_minor) {
+  return snbf::lib::at_border([&] {
+    struct stat about;
+    if (::stat(dir, &about) < 0) return -errno;
+    if (!S_ISDIR(about.st_mode)) return -ENOTDIR;
+    if (major(about.st_dev) == 0) return -EXDEV;
+    uint32_t hdd[2];
+    const std::string node = handle->proc_root + "/snbf/snbf" + std::to_string(filter_minor);
+    if (int rc = read_number(node + "/hdd_major", &hdd[0]); rc != 0) return rc;
+    if (int rc = read_number(node + "/hdd_minor", &hdd[1]); rc != 0) return rc;
+    Stack stack(*handle, true);
+    if (int rc = stack.add_path(dir); rc != 0) return rc;
+    return stack.has(makedev(hdd[0], hdd[1])) ? -ELOOP : 0;
   });
 }
 

@@ -5,7 +5,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "libsnbf.h"
 
@@ -49,6 +51,42 @@ class Fd {
 
 // The whole of a small file without its last newline; empty when it cannot be read.
 std::string read_line(const std::string& path);
+
+std::string hex64(uint64_t value);
+std::string boot_id(const libsnbf& handle);
+// The directory of a filter node's files, from the path that the driver answers.
+std::string bmp_dir_of(const snbf_info& filter);
+
+// Of the partition's first blocks, past the page cache. Any file system that is mounted for writing
+// touches them: the hash at a stop shows later whether somebody wrote in between.
+int hash_head(const char* partition, uint64_t* out);
+// A number that no other call has answered.
+uint64_t new_epoch();
+
+// Every node that the driver lists, of either kind.
+struct Nodes {
+  std::set<uint32_t> minors;
+  std::set<std::string> names;
+};
+int list_nodes(libsnbf* handle, Nodes* out);
+// The filter node that a snap hangs on.
+int filter_of(libsnbf* handle, uint32_t snap_minor, snbf_info* out);
+
+// The commands that guard themselves, for callers that hold the host's lock.
+int add_snap_node_locked(libsnbf* handle, snbf_snap_node_cmd* record);
+int resume_snap_locked(libsnbf* handle, const snbf_resume_cmd& record);
+
+// Where COW files may lie: not where a write to them could wait for the node's own COW thread.
+int check_cow_dir(libsnbf* handle, const char* dir, uint32_t filter_minor);
+
+// The snaps' side of what happens to their filter node.
+struct SnapsBefore {
+  std::vector<snbf_info> started;  // and whole, when the stop began
+};
+int snaps_before_stop(libsnbf* handle, const snbf_info& filter, SnapsBefore* out);
+int record_snaps_stopped(libsnbf* handle, const snbf_info& filter, const SnapsBefore& before);
+// After a snap node and its files are gone.
+void forget_snaps(const snbf_info& filter, const std::vector<snbf_info>& snaps);
 
 // Nothing may be thrown across the C border.
 template <class Body>

@@ -94,9 +94,10 @@ struct libsnbf_state {
   char uuid[SNBF_UUID_BYTES];
   char hdd_name[SNBF_PATH_BYTES];
   char boot_id[40];
-  int stopped_clean;   /* 1: stopped by libsnbf_stop, both bitmaps saved */
-  uint64_t head_hash;  /* of the partition's first 128 KiB at that stop */
-  char distrust[32];   /* why the bitmaps are all ones, until a full backup: see below */
+  int stopped_clean;  /* 1: stopped by libsnbf_stop, both bitmaps saved */
+  uint64_t head_hash; /* of the partition's first 128 KiB at that stop */
+  uint64_t epoch;     /* another one after each time in which the partition may have been written */
+  char distrust[32];  /* why the bitmaps are all ones, until a full backup: see below */
   char incr_point[96]; /* what the Incremental bitmap counts from, as the agent names it */
   char diff_point[96]; /* the same of the Differential bitmap */
 };
@@ -139,16 +140,113 @@ struct libsnbf_attach_request {
 };
 int libsnbf_attach(struct libsnbf* handle, struct libsnbf_attach_request* request);
 
-/* Start, stop and delete with the clean-stop record kept in step. Snap nodes pass straight on. */
+/*
+ * Start, stop and delete with the records kept in step: of the node, and of the snaps that stop
+ * with it. A start of a snap that could be resumed answers -ENOTEMPTY: it would truncate its files.
+ * A detach takes the node's snaps with it, and their files.
+ */
 int libsnbf_start(struct libsnbf* handle, uint32_t minor);
 int libsnbf_stop(struct libsnbf* handle, uint32_t minor);
 int libsnbf_detach(struct libsnbf* handle, uint32_t minor);
+
+/*
+ * What is known of a snap, in the file NAME.snap of its node's bitmap directory, from before its
+ * creation until its files are gone. A snap is believed to hold its image, and resumed, only if
+ *   - it was valid when it was stopped with its node, and its files were synced then,
+ *   - the node's epoch, both bitmaps and the partition's head are as they were at that stop,
+ *   - every newer snap that was started then can be resumed too: their files hold parts of its
+ * image.
+ */
+struct libsnbf_snap_record {
+  char name[SNBF_NAME_BYTES];
+  char uuid[SNBF_UUID_BYTES];
+  char node_uuid[SNBF_UUID_BYTES];
+  char cow_bmp_fname[SNBF_PATH_BYTES];
+  char cow_data_fname[SNBF_PATH_BYTES];
+  char boot_id[40];    /* when the record was last written */
+  uint64_t dev_size;   /* bytes of the partition */
+  uint32_t chunk_size; /* bytes, as the driver has it */
+  uint32_t sequence;   /* higher than that of any older snap of the node */
+  int64_t created;     /* seconds since 1970 */
+  int temporary;       /* 1: made for one backup; the next one takes away what was left behind */
+  int deleting;        /* 1: to be deleted, as soon as the driver lets it go */
+  int stopped_clean;   /* from here: how it was at the stop */
+  int stop_pending;
+  int del_pending;
+  uint64_t epoch;
+  uint64_t bitmaps_hash;
+};
+int libsnbf_snap_record_read(const char* bmp_dir, const char* name,
+                             struct libsnbf_snap_record* out);
+int libsnbf_snap_record_write(const char* bmp_dir, const struct libsnbf_snap_record* record);
+
+/* Why a snap cannot be resumed. */
+#define LIBSNBF_SNAP_RUNS "started"
+#define LIBSNBF_SNAP_UNCLEAN "not-stopped-with-its-node"
+#define LIBSNBF_SNAP_NODE_STARTED "node-started"
+#define LIBSNBF_SNAP_NODE_WRITTEN "written-since"
+#define LIBSNBF_SNAP_NODE_SIZE "size-changed"
+#define LIBSNBF_SNAP_FILES "files-missing"
+#define LIBSNBF_SNAP_PLACE "place-unsafe"
+#define LIBSNBF_SNAP_NAME "name-taken"
+#define LIBSNBF_SNAP_NEWER "newer-lost"
+
+/* Each record of the filter node's snaps, oldest first; `why` is empty if it can be resumed now. */
+typedef void (*libsnbf_snap_visit_fn)(void* context, const struct libsnbf_snap_record* record,
+                                      const char* why);
+int libsnbf_snap_each(struct libsnbf* handle, uint32_t filter_minor, libsnbf_snap_visit_fn visit,
+                      void* context);
+
+/*
+ * Create a snap and start it: from then on it shows the partition as it was at the start.
+ *
+ *   -EILSEQ    the name is not safe, or is "snbf" and a number: the driver's own names
+ *   -EEXIST    a node has the name, or a snap that is left over
+ *   -ELOOP     the directory lies on the partition, or on what is kept on it, however it is reached
+ *   -EXDEV     the directory's file system has no disk of its own (tmpfs, overlay, btrfs, a
+ * network's) -ENOTEMPTY files of these names are there, and `overwrite` is 0 -EDOM      the node's
+ * other snaps have another chunk size -ENOSPC    no minor is free, or the node has as many snaps as
+ * it can and the driver's own; whatever fails, no snap is left
+ */
+struct libsnbf_snap_request {
+  uint32_t filter_minor;
+  const char* name;
+  const char* cow_dir;
+  uint32_t chunk_size; /* 0: that of the other snaps, or 64 KiB */
+  int temporary;
+  int overwrite;
+  /* out */
+  uint32_t minor_used;
+  uint32_t chunk_size_used;
+  uint64_t start_us; /* how long the start took; the file system stood still for a part of that */
+};
+int libsnbf_snap_create(struct libsnbf* handle, struct libsnbf_snap_request* request);
+
+/*
+ * Delete a snap and its files. `postponed`: an older snap needs what it holds; it can no longer be
+ * read, and the driver takes it away with the last of those.
+ */
+int libsnbf_snap_delete(struct libsnbf* handle, uint32_t minor, int* postponed);
+/* The record and the files of a snap that is no node. -EBUSY: it is one. */
+int libsnbf_snap_discard(struct libsnbf* handle, uint32_t filter_minor, const char* name);
+/*
+ * Resume all that can be resumed, and start the filter node with it. `resumed` counts them; on a
+ * failure those that were not resumed are lost. -ESTALE: something was written meanwhile; none is
+ * left.
+ */
+int libsnbf_snap_resume(struct libsnbf* handle, uint32_t filter_minor, uint32_t* resumed);
 
 /* Guard rails for callers that place files themselves. */
 int libsnbf_name_is_safe(const char* name);
 /* 1 if `path` (or the directory it would be made in) lies on the block device `major:minor`. */
 int libsnbf_path_is_on(struct libsnbf* handle, const char* path, uint32_t major, uint32_t minor,
                        int* answer);
+/*
+ * What a snap's files may lie on: -ELOOP and -EXDEV as at libsnbf_snap_create(), -ENOTDIR, -ENOENT.
+ */
+int libsnbf_cow_dir_check(struct libsnbf* handle, const char* dir, uint32_t filter_minor);
+/* What the driver makes of a chunk size on a partition of that size. */
+uint32_t libsnbf_chunk_size_on(uint32_t chunk_size, uint64_t dev_size);
 /* The highest minor that the driver was loaded for. */
 int libsnbf_minor_max(struct libsnbf* handle, uint32_t* out);
 int libsnbf_blk_major(struct libsnbf* handle, uint32_t* out);

@@ -8,54 +8,27 @@
 //   4. both bitmaps are set to all ones (distrusted) or saved as loaded; either writes both files
 // and at a stop: the driver stops and saves, both dirty fields are seen to be 0, and only then
 // does the record say "stopped clean".
-#define XXH_INLINE_ALL
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
-#include <xxhash.h>
 
 #include <cerrno>
-#include <cstdlib>
-#include <filesystem>
-#include <memory>
 #include <optional>
-#include <set>
 
 #include "handle.h"
 
 namespace {
 
+using snbf::lib::bmp_dir_of;
+using snbf::lib::boot_id;
 using snbf::lib::Fd;
+using snbf::lib::hash_head;
 using snbf::lib::HostLock;
+using snbf::lib::Nodes;
 using snbf::lib::put_text;
-
-constexpr size_t kHeadBytes = 128 * 1024;
-constexpr size_t kDirectAlignment = 4096;
-
-std::string boot_id(const libsnbf& handle) {
-  return snbf::lib::read_line(handle.proc_root + "/sys/kernel/random/boot_id");
-}
-
-// Any file system that is mounted for writing touches its first blocks: their hash at the stop
-// shows at the next attach whether somebody wrote in between. Read past the page cache, which
-// knows nothing of what went through the node.
-int hash_head(const char* partition, uint64_t* out) {
-  int flags = O_RDONLY | O_CLOEXEC | O_DIRECT;
-  int fd = ::open(partition, flags);
-  if (fd < 0 && errno == EINVAL) fd = ::open(partition, flags & ~O_DIRECT);
-  Fd file(fd);
-  if (!file.ok()) return -errno;
-  void* raw = nullptr;
-  if (::posix_memalign(&raw, kDirectAlignment, kHeadBytes) != 0) return -ENOMEM;
-  std::unique_ptr<void, decltype(&::free)> buffer(raw, ::free);
-  const ssize_t n = ::pread(file.get(), raw, kHeadBytes, 0);
-  if (n < 0) return -errno;
-  *out = XXH3_64bits(raw, static_cast<size_t>(n));
-  return 0;
-}
 
 const char* why_of(libsnbf_verdict verdict) {
   switch (verdict) {
@@ -96,9 +69,8 @@ std::string bmp_path(const std::string& dir, uint32_t minor, const char* suffix)
 }
 
 // Why what the last attachment left is not to be believed; empty if it is.
-std::string judge(const libsnbf_attach_request& request, uint32_t minor,
-                  const libsnbf_state& state, uint64_t size_bytes) {
-  if (state.distrust[0]) return state.distrust;  // no full backup since
+std::string judge(const libsnbf_attach_request& request, uint32_t minor, const libsnbf_state& state,
+                  uint64_t size_bytes) {
   if (std::string(state.name) != request.name) return LIBSNBF_WHY_OTHER_NODE;
   const uint64_t extents = (size_bytes - 1) / request.extent_size + 1;
   const auto bmp_bytes = static_cast<uint32_t>((extents - 1) / 8 + 1);
@@ -108,32 +80,13 @@ std::string judge(const libsnbf_attach_request& request, uint32_t minor,
     if (libsnbf_judge_bmp_file(path.c_str(), bmp_bytes, &verdict) != 0) return LIBSNBF_WHY_CORRUPT;
     if (verdict != LIBSNBF_GOOD) return why_of(verdict);
   }
-  // Nobody saw how it looked when it was let go (the module was unloaded, the machine went down), so nobody can
-  // see whether something wrote to the partition since.
+  // Nobody saw how it looked when it was let go (the module was unloaded, the machine went down),
+  // so nobody can see whether something wrote to the partition since.
   if (!state.stopped_clean) return LIBSNBF_WHY_UNCLEAN;
   uint64_t head = 0;
   if (hash_head(request.partition, &head) != 0 || head != state.head_hash)
     return LIBSNBF_WHY_OUTSIDE;
   return "";
-}
-
-struct Nodes {
-  std::set<uint32_t> minors;
-  bool name_taken = false;
-};
-
-int list_nodes(libsnbf* handle, const char* name, Nodes* out) {
-  for (uint32_t kind : {SNBF_DEV_FILTER, SNBF_DEV_SNAP}) {
-    snbf_device_list list;
-    if (int rc = libsnbf_get_device_list(handle, kind, &list); rc != 0) return rc;
-    for (uint32_t i = 0; i < list.count; ++i) {
-      snbf_info info;
-      out->minors.insert(list.minors[i]);
-      if (libsnbf_get_info(handle, list.minors[i], &info) != 0) continue;
-      if (std::strncmp(info.name, name, sizeof info.name) == 0) out->name_taken = true;
-    }
-  }
-  return 0;
 }
 
 // The minor decides the names of the bitmap files, so a name gets its old one back, and never one
@@ -179,19 +132,12 @@ int settle_bitmaps(libsnbf* handle, uint32_t minor, bool believed) {
   return 0;
 }
 
-// The directory of a node's files, from the path that the driver answers.
-std::string bmp_dir_of(const snbf_info& info) {
-  const std::string path = info.incr_bmp_fname;
-  const size_t slash = path.rfind('/');
-  return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
-}
-
 int attach_locked(libsnbf* handle, libsnbf_attach_request* request) {
   Partition partition;
   if (int rc = check(handle, *request, &partition); rc != 0) return rc;
   Nodes nodes;
-  if (int rc = list_nodes(handle, request->name, &nodes); rc != 0) return rc;
-  if (nodes.name_taken) return -EEXIST;
+  if (int rc = snbf::lib::list_nodes(handle, &nodes); rc != 0) return rc;
+  if (nodes.names.contains(request->name)) return -EEXIST;
   uint32_t minor_max = 0;
   if (int rc = libsnbf_minor_max(handle, &minor_max); rc != 0) return rc;
   if (request->minor >= 0 && static_cast<uint32_t>(request->minor) >= minor_max) return -ERANGE;
@@ -207,8 +153,15 @@ int attach_locked(libsnbf* handle, libsnbf_attach_request* request) {
   libsnbf_state state = known == 0 ? before : libsnbf_state{};
   std::string why = known == -ENOENT ? LIBSNBF_WHY_MISSING
                     : known != 0     ? LIBSNBF_WHY_CORRUPT
-                                 : judge(*request, *minor, before, partition.size_bytes);
-  if (why == LIBSNBF_WHY_OTHER_NODE) state = libsnbf_state{};
+                                     : judge(*request, *minor, before, partition.size_bytes);
+  // Untouched since its clean stop: the epoch stays until the node is started.
+  if (!why.empty()) state.epoch = snbf::lib::new_epoch();
+  if (why == LIBSNBF_WHY_OTHER_NODE) {
+    state = libsnbf_state{};
+    state.epoch = snbf::lib::new_epoch();
+  } else if (state.distrust[0]) {
+    why = state.distrust;  // no full backup since
+  }
 
   snbf_filter_node_cmd record{};
   if (!put_text(record.hdd_name, request->partition) ||
@@ -259,7 +212,8 @@ int see_saved(libsnbf* handle, uint32_t minor, uint32_t type) {
   return unsaved ? -EIO : 0;
 }
 
-// Of a node that the driver has stopped. A failure leaves the record "running": it errs towards all ones.
+// Of a node that the driver has stopped. A failure leaves the record "running": it errs towards all
+// ones.
 int record_clean_stop(libsnbf* handle, const snbf_info& info) {
   const uint32_t minor = info.minor;
   for (uint32_t type : {SNBF_BMP_INCR, SNBF_BMP_DIFF}) {
@@ -277,9 +231,63 @@ int record_clean_stop(libsnbf* handle, const snbf_info& info) {
 int stop_locked(libsnbf* handle, uint32_t minor, int* recorded) {
   *recorded = 0;
   snbf_info info;
+  snbf::lib::SnapsBefore snaps;
   if (int rc = libsnbf_get_info(handle, minor, &info); rc != 0) return rc;
+  const bool filter = info.dev_type == SNBF_DEV_FILTER;
+  if (filter) {
+    if (int rc = snbf::lib::snaps_before_stop(handle, info, &snaps); rc != 0) return rc;
+  }
   if (int rc = libsnbf_stop_node(handle, minor); rc != 0) return rc;
-  if (info.dev_type == SNBF_DEV_FILTER) *recorded = record_clean_stop(handle, info);
+  if (filter) *recorded = record_clean_stop(handle, info);
+  if (filter && *recorded == 0) *recorded = snbf::lib::record_snaps_stopped(handle, info, snaps);
+  return 0;
+}
+
+// From here the partition may be written: what was known of it no longer holds.
+int record_start(libsnbf* handle, const snbf_info& info) {
+  libsnbf_state state;
+  const std::string dir = bmp_dir_of(info);
+  if (libsnbf_state_read(dir.c_str(), info.minor, &state) != 0) return 0;  // attached without us
+  state.stopped_clean = 0;
+  state.epoch = snbf::lib::new_epoch();
+  put_text(state.boot_id, boot_id(*handle));
+  return libsnbf_state_write(dir.c_str(), info.minor, &state);
+}
+
+// 1: a start of this snap would truncate what could be resumed.
+bool holds_an_image(libsnbf* handle, const snbf_info& snap) {
+  snbf_info filter;
+  libsnbf_snap_record record;
+  if (snbf::lib::filter_of(handle, snap.minor, &filter) != 0) return false;
+  const std::string dir = bmp_dir_of(filter);
+  return libsnbf_snap_record_read(dir.c_str(), snap.name, &record) == 0 && record.stopped_clean;
+}
+
+int start_locked(libsnbf* handle, uint32_t minor) {
+  snbf_info info;
+  if (int rc = libsnbf_get_info(handle, minor, &info); rc != 0) return rc;
+  if (info.started) return -EALREADY;
+  if (info.dev_type == SNBF_DEV_SNAP) {
+    return holds_an_image(handle, info) ? -ENOTEMPTY : libsnbf_start_node(handle, minor);
+  }
+  if (int rc = record_start(handle, info); rc != 0) return rc;
+  return libsnbf_start_node(handle, minor);
+}
+
+int detach_locked(libsnbf* handle, uint32_t minor) {
+  snbf_info info;
+  std::vector<snbf_info> snaps;
+  if (int rc = libsnbf_get_info(handle, minor, &info); rc != 0) return rc;
+  for (uint32_t i = 0; info.dev_type == SNBF_DEV_FILTER && i < info.snap_cnt; ++i) {
+    snbf_info snap;
+    if (libsnbf_get_info(handle, info.snap_minors[i], &snap) == 0) snaps.push_back(snap);
+  }
+  // A partition or a bitmap directory that has gone away must not keep its node for ever: without a
+  // record of a clean stop the next attach starts from all ones.
+  int recorded = 0;
+  if (int rc = stop_locked(handle, minor, &recorded); rc != 0) return rc;
+  if (int rc = libsnbf_del_node(handle, minor); rc != 0) return rc;
+  snbf::lib::forget_snaps(info, snaps);
   return 0;
 }
 
@@ -298,18 +306,7 @@ int libsnbf_attach(libsnbf* handle, libsnbf_attach_request* request) {
 int libsnbf_start(libsnbf* handle, uint32_t minor) {
   return snbf::lib::at_border([&] {
     HostLock lock(*handle);
-    if (lock.error()) return lock.error();
-    snbf_info info;
-    if (int rc = libsnbf_get_info(handle, minor, &info); rc != 0) return rc;
-    libsnbf_state state;
-    const std::string dir = bmp_dir_of(info);
-    if (info.dev_type == SNBF_DEV_FILTER && libsnbf_state_read(dir.c_str(), minor, &state) == 0 &&
-        state.stopped_clean) {
-      state.stopped_clean = 0;
-      put_text(state.boot_id, boot_id(*handle));
-      if (int rc = libsnbf_state_write(dir.c_str(), minor, &state); rc != 0) return rc;
-    }
-    return libsnbf_start_node(handle, minor);
+    return lock.error() ? lock.error() : start_locked(handle, minor);
   });
 }
 
@@ -326,12 +323,7 @@ int libsnbf_stop(libsnbf* handle, uint32_t minor) {
 int libsnbf_detach(libsnbf* handle, uint32_t minor) {
   return snbf::lib::at_border([&] {
     HostLock lock(*handle);
-    if (lock.error()) return lock.error();
-    // A partition or a bitmap directory that has gone away must not keep its node for ever: without a record of a
-    // clean stop the next attach starts from all ones.
-    int recorded = 0;
-    if (int rc = stop_locked(handle, minor, &recorded); rc != 0) return rc;
-    return libsnbf_del_node(handle, minor);
+    return lock.error() ? lock.error() : detach_locked(handle, minor);
   });
 }
 

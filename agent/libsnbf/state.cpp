@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // What outlives an attachment: the state record beside the bitmap files, and a second opinion on
 // those files, so that the reason for distrusting one can be told.
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -12,41 +10,17 @@
 #include <vector>
 
 #include "handle.h"
+#include "record_file.h"
 
 namespace {
 
-using snbf::lib::Fd;
+using snbf::lib::hex64;
 using snbf::lib::put_text;
 
 constexpr const char* kHeading = "snbf-state 1";
 
 std::string state_path(const char* bmp_dir, uint32_t minor) {
   return std::string(bmp_dir) + "/snbf" + std::to_string(minor) + ".state";
-}
-
-int write_all(int fd, const std::string& text) {
-  for (size_t done = 0; done < text.size();) {
-    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return n < 0 ? -errno : -EIO;
-    done += static_cast<size_t>(n);
-  }
-  return 0;
-}
-
-// New contents or the old ones after a crash, never a mixture: written aside, synced, renamed.
-int replace_file(const std::string& path, const std::string& text) {
-  const std::string aside = path + ".new";
-  {
-    Fd file(::open(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (!file.ok()) return -errno;
-    if (int rc = write_all(file.get(), text); rc != 0) return rc;
-    if (::fsync(file.get()) < 0) return -errno;
-  }
-  if (::rename(aside.c_str(), path.c_str()) < 0) return -errno;
-  Fd directory(::open(path.substr(0, path.rfind('/')).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!directory.ok() || ::fsync(directory.get()) < 0) return -errno;
-  return 0;
 }
 
 bool take(libsnbf_state& state, const std::string& key, const std::string& value) {
@@ -59,6 +33,7 @@ bool take(libsnbf_state& state, const std::string& key, const std::string& value
   if (key == "diff-point") return put_text(state.diff_point, value);
   if (key == "clean") state.stopped_clean = value == "1";
   if (key == "head") state.head_hash = std::strtoull(value.c_str(), nullptr, 16);
+  if (key == "epoch") state.epoch = std::strtoull(value.c_str(), nullptr, 16);
   return true;  // a key of a later version is passed over
 }
 
@@ -87,43 +62,25 @@ extern "C" {
 int libsnbf_state_read(const char* bmp_dir, uint32_t minor, libsnbf_state* out) {
   return snbf::lib::at_border([&] {
     *out = libsnbf_state{};
-    errno = 0;
-    std::ifstream file(state_path(bmp_dir, minor));
-    if (!file) return errno ? -errno : -ENOENT;
-    std::string line;
-    if (!std::getline(file, line) || line != kHeading) return -EBADMSG;
-    bool complete = false;
-    while (std::getline(file, line)) {
-      const size_t equals = line.find('=');
-      if (line == "end") complete = true;
-      if (equals == std::string::npos) continue;
-      if (!take(*out, line.substr(0, equals), line.substr(equals + 1))) return -EBADMSG;
-    }
-    return complete ? 0 : -EBADMSG;
+    return snbf::lib::read_record(
+        state_path(bmp_dir, minor), kHeading,
+        [out](const std::string& key, const std::string& value) { return take(*out, key, value); });
   });
 }
 
 int libsnbf_state_write(const char* bmp_dir, uint32_t minor, const libsnbf_state* state) {
   return snbf::lib::at_border([&] {
-    char head[20];
-    std::snprintf(head, sizeof head, "%016llx", static_cast<unsigned long long>(state->head_hash));
-    const std::pair<const char*, std::string> fields[] = {
-        {"name", state->name},
-        {"uuid", state->uuid},
-        {"hdd", state->hdd_name},
-        {"boot", state->boot_id},
-        {"clean", state->stopped_clean ? "1" : "0"},
-        {"head", head},
-        {"distrust", state->distrust},
-        {"incr-point", state->incr_point},
-        {"diff-point", state->diff_point},
-    };
-    std::string text = std::string(kHeading) + "\n";
-    for (const auto& [key, value] : fields) {
-      if (value.find('\n') != std::string::npos) return -EINVAL;
-      text += std::string(key) + "=" + value + "\n";
-    }
-    return replace_file(state_path(bmp_dir, minor), text + "end\n");
+    return snbf::lib::write_record(state_path(bmp_dir, minor), kHeading,
+                                   {{"name", state->name},
+                                    {"uuid", state->uuid},
+                                    {"hdd", state->hdd_name},
+                                    {"boot", state->boot_id},
+                                    {"clean", state->stopped_clean ? "1" : "0"},
+                                    {"head", hex64(state->head_hash)},
+                                    {"epoch", hex64(state->epoch)},
+                                    {"distrust", state->distrust},
+                                    {"incr-point", state->incr_point},
+                                    {"diff-point", state->diff_point}});
   });
 }
 

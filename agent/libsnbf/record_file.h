@@ -1,0 +1,25 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Small files of "key=value" lines between a heading and "end": whole, or not believed.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace snbf::lib {
+
+using Fields = std::vector<std::pair<const char*, std::string>>;
+
+// New contents or the old ones after a crash, never a mixture. -EINVAL: a value has a line's end.
+int write_record(const std::string& path, const char* heading, const Fields& fields);
+
+// `take` answers false for a value that cannot be. -ENOENT: no file; -EBADMSG: not one of ours, or
+// cut.
+int read_record(const std::string& path, const char* heading,
+                const std::function<bool(const std::string& key, const std::string& value)>& take);
+
+// The directory's entries survive a crash.
+int sync_directory(const std::string& path);
+
+}  // namespace snbf::lib
