@@ -1,26 +1,23 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "capture.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <ctime>
-#include <fstream>
-#include <memory>
-#include <thread>
+#include <optional>
 
 #include "failure.h"
 #include "files.h"
 #include "freeze.h"
 #include "image.h"
 #include "output.h"
-#include "reasons.h"
+#include "sizes.h"
+#include "snaps.h"
+#include "source.h"
 
 namespace snbf {
 
@@ -28,8 +25,6 @@ namespace {
 
 constexpr int kRoundsMax = 5;
 constexpr uint64_t kFreezeWorthBytes = 32 << 20;  // less than this is copied under the freeze
-constexpr auto kDrainStep = std::chrono::milliseconds(10);
-constexpr int kDrainStepsMax = 200;
 
 volatile std::sig_atomic_t interrupted = 0;
 
@@ -50,57 +45,6 @@ class SignalWatch {
   struct sigaction before_[3];
 };
 
-// The node's device, and how still it stands.
-class Source {
- public:
-  explicit Source(const snbf_info& node) : node_(node) {
-    const std::string path = node_path(node);
-    mounts_ = mounts_of(device_of(path));
-    constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_DIRECT;
-    // Exclusive: nothing can be mounted while we copy what is not mounted now.
-    fd_ = UniqueFd(::open(path.c_str(), kFlags | O_EXCL));
-    exclusive_ = static_cast<bool>(fd_);
-    if (!fd_ && errno == EBUSY) fd_ = UniqueFd(::open(path.c_str(), kFlags));
-    if (!fd_) throw failure_of(-errno, "opening " + path);
-  }
-
-  int fd() const { return fd_.get(); }
-  bool unmounted() const { return exclusive_; }
-  const std::vector<std::string>& mounts() const { return mounts_; }
-
-  // What the file systems hold back goes to the device.
-  void sync() const {
-    for (const std::string& mount : mounts_) {
-      UniqueFd directory(::open(mount.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-      if (!directory || ::syncfs(directory.get()) < 0) throw failure_of(-errno, "syncing " + mount);
-    }
-  }
-
-  // A write is marked before it reaches the partition: one that was taken as marked must have
-  // landed before its extent is read. False: it cannot be told that all have.
-  bool drain() const {
-    const dev_t partition = partition_of(node_);
-    if (partition == 0) return false;
-    const std::string path =
-        fmt::format("/sys/dev/block/{}:{}/inflight", major(partition), minor(partition));
-    for (int step = 0; step < kDrainStepsMax && !interrupted; ++step) {
-      std::this_thread::sleep_for(kDrainStep);
-      std::ifstream file(path);
-      uint64_t reads = 0;
-      uint64_t writes = 0;
-      if (!(file >> reads >> writes)) return false;
-      if (writes == 0) return true;
-    }
-    return false;
-  }
-
- private:
-  const snbf_info& node_;
-  std::vector<std::string> mounts_;
-  UniqueFd fd_;
-  bool exclusive_ = false;
-};
-
 class Capture {
  public:
   Capture(const Driver& driver, const snbf_info& node, const Plan& plan,
@@ -111,7 +55,6 @@ class Capture {
         options_(options),
         destination_(destination),
         manifest_(*manifest),
-        source_(node),
         journal_(bmp_dir_of(node), node.minor),
         taken_incr_(driver.empty_bitmap(node)),
         taken_diff_(driver.empty_bitmap(node)),
@@ -130,13 +73,15 @@ class Capture {
     point_.created = ::time(nullptr);
     try {
       make_image();
-      // What may have been read before it had landed counts as changed again, and goes into the next point.
+      // What may have been read before it had landed counts as changed again, and goes into the
+      // next point.
       if (!unsettled_.none()) driver_.merge(node_, SNBF_BMP_INCR, unsettled_);
       point_.seconds =
           std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
       commit();
-    } catch (...) {
+    } catch (const std::exception& error) {
       if (!committed_) give_back();
+      if (!committed_ && snap_ && !snap_->valid()) throw snap_lost(error);
       throw;
     }
     settle();
@@ -149,15 +94,20 @@ class Capture {
     create_image(partial_, node_.dev_size, cluster_for(node_.extent_size),
                  plan_.parent ? plan_.parent->file : "");
     ImageWriter image(partial_);
-    copy_rounds(&image);
+    if (options_.cow_dir.empty()) live_.emplace(node_);
+    const Extents first = take(plan_.level == Level::Full);
+    if (live_ || !start_snap()) {
+      copy_live(&image, first);
+    } else {
+      copy_from_snap(&image, first);
+    }
     image.finish();
     sync_file(partial_);
   }
 
   // The bits that are set now, cleared in the driver and safe in the journal.
-  Extents take(bool first) {
-    source_.sync();
-    const bool with_diff = first && plan_.level == Level::Full;
+  Extents take(bool with_diff) {
+    sync_mounts(node_);
     journal_.write(record(false));
     began_ = true;
     captured_ = false;
@@ -166,17 +116,34 @@ class Capture {
     if (with_diff) taken_diff_.merge(driver_.get_and_clear(node_, SNBF_BMP_DIFF));
     journal_.write(record(true));
     captured_ = true;
-    if (!source_.drain()) unsettled_.merge(now);
+    if (live_) settle_writes(now);
     return now;
   }
 
-  CaptureRecord record(bool captured) const {
-    return {captured,     plan_.level == Level::Full,
-            destination_, point_name(manifest_, point_.id),
-            taken_incr_,  taken_diff_};
+  void settle_writes(const Extents& taken) {
+    if (!live_->drain([] { return interrupted != 0; })) unsettled_.merge(taken);
   }
 
-  void copy(ImageWriter* image, const Extents& which, bool leave_zeros, const char* label) {
+  CaptureRecord record(bool captured) const {
+    return {captured,     plan_.level == Level::Full,       node_.uuid,
+            destination_, point_name(manifest_, point_.id), taken_incr_,
+            taken_diff_};
+  }
+
+  // False: it is done without one.
+  bool start_snap() {
+    try {
+      snap_.emplace(driver_, node_, options_.cow_dir);
+      return true;
+    } catch (const Failure& failure) {
+      if (options_.snap_required) throw;
+      warn(fmt::format("{}; copying without a snap", failure.what()));
+    }
+    return false;
+  }
+
+  void copy(ImageWriter* image, int source_fd, const Extents& which, bool leave_zeros,
+            const char* label) {
     Progress progress(label, which.covered_bytes());
     const auto on_read = [&progress](uint64_t bytes) {
       progress.add(bytes);
@@ -184,26 +151,54 @@ class Capture {
         throw Failure(kFailed, "interrupted: nothing was kept, and the bitmap is as it was");
       }
     };
-    point_.data_bytes +=
-        copy_extents(source_.fd(), which, image, leave_zeros, on_read).written_bytes;
+    point_.data_bytes += copy_extents(source_fd, which, image, leave_zeros, on_read).written_bytes;
+  }
+
+  // What the first copy has: what was taken, and whatever else the level asks for.
+  Extents widen(Extents which) {
+    if (plan_.level == Level::Full) which.set_all();
+    if (plan_.level == Level::Differential) which.merge(driver_.get(node_, SNBF_BMP_DIFF));
+    point_.extents = which.count();
+    point_.bytes = which.covered_bytes();
+    return which;
+  }
+
+  // A write between the taking and the start is in the snap, and its mark is still in the bitmap:
+  // it is copied now, and once more with the next point.
+  void copy_from_snap(ImageWriter* image, Extents which) {
+    which.merge(driver_.get(node_, SNBF_BMP_INCR));
+    which = widen(std::move(which));
+    copy(image, snap_->fd(), which, plan_.level == Level::Full, "copying the snap");
+    if (!snap_->valid()) throw Failure(kSnapLost, "the snap was lost while it was copied");
+    point_.source = "snap";
+    if (!mounts_of(device_of(node_path(node_))).empty()) point_.frozen_ms = snap_->start_ms();
+  }
+
+  Failure snap_lost(const std::exception& error) const {
+    return {
+        kSnapLost,
+        fmt::format("the snap was lost while it was copied ({}): nothing was kept, and the bitmap "
+                    "is as it was",
+                    error.what()),
+        fmt::format("{} free in {}: make room there, or name another directory with --cow",
+                    show_size(free_bytes_in(options_.cow_dir)), options_.cow_dir)};
   }
 
   void copy_again(ImageWriter* image, const char* label) {
     const Extents moved = take(false);
     point_.moved_bytes += moved.covered_bytes();
-    copy(image, moved, false, label);
+    copy(image, live_->fd(), moved, false, label);
   }
 
   bool pending() const { return !driver_.get(node_, SNBF_BMP_INCR).none(); }
 
-  void copy_rounds(ImageWriter* image) {
-    Extents which = take(true);
-    if (plan_.level == Level::Full) which.set_all();
-    if (plan_.level == Level::Differential) which.merge(driver_.get(node_, SNBF_BMP_DIFF));
-    point_.extents = which.count();
-    point_.bytes = which.covered_bytes();
-    copy(image, which, plan_.level == Level::Full, "copying");
-    if (options_.freeze && !source_.mounts().empty()) {
+  void copy_live(ImageWriter* image, const Extents& first) {
+    if (!live_) {
+      live_.emplace(node_);
+      settle_writes(first);
+    }
+    copy(image, live_->fd(), widen(first), plan_.level == Level::Full, "copying");
+    if (options_.freeze && !live_->mounts().empty()) {
       copy_frozen(image);
       return;
     }
@@ -211,14 +206,14 @@ class Capture {
       copy_again(image, "copying again");
     // What is still marked stays in the bitmap, and so in the next point.
     const bool moving = pending() || !unsettled_.none();
-    point_.source = moving ? "moving" : source_.unmounted() ? "unmounted" : "quiet";
+    point_.source = moving ? "moving" : live_->unmounted() ? "unmounted" : "quiet";
   }
 
   void copy_frozen(ImageWriter* image) {
     if (driver_.get(node_, SNBF_BMP_INCR).covered_bytes() > kFreezeWorthBytes) {
       copy_again(image, "copying again");
     }
-    Freeze freeze(source_.mounts().front(), options_.freeze_limit);
+    Freeze freeze(live_->mounts().front(), options_.freeze_limit);
     if (pending()) copy_again(image, "copying, frozen");
     const bool still = !pending() && unsettled_.none();
     const bool held = freeze.thaw();
@@ -273,29 +268,12 @@ class Capture {
     }
   }
 
- public:
-  static void record_point(const snbf_info& node, const std::string& point, bool full) {
-    libsnbf_state state = read_state(node);
-    const auto put = [](auto& field, const std::string& text) {
-      std::memset(field, 0, sizeof field);
-      text.copy(field, sizeof field - 1);
-    };
-    put(state.incr_point, point);
-    if (full) {
-      put(state.diff_point, point);
-      put(state.distrust, "");
-    }
-    write_state(node, state);
-  }
-
- private:
   const Driver& driver_;
   const snbf_info& node_;
   const Plan& plan_;
   const CaptureOptions& options_;
   const std::string& destination_;
   Manifest& manifest_;
-  Source source_;
   CaptureJournal journal_;
   Point point_;
   std::string partial_;
@@ -305,46 +283,11 @@ class Capture {
   bool began_ = false;
   bool captured_ = false;
   bool committed_ = false;
+  std::optional<LiveSource> live_;
+  std::optional<SnapSource> snap_;  // goes with us, after the journal
 };
 
-bool stands_in_manifest(const CaptureRecord& record) {
-  try {
-    const auto manifest = read_manifest(record.destination);
-    if (!manifest) return false;
-    for (const Point& point : manifest->points) {
-      if (point_name(*manifest, point.id) == record.point) return true;
-    }
-  } catch (const Failure&) {
-    // A destination that cannot be read has no point of ours.
-  }
-  return false;
-}
-
 }  // namespace
-
-std::string recover_capture(const Driver& driver, const snbf_info& node) {
-  const CaptureJournal journal(bmp_dir_of(node), node.minor);
-  const auto record = journal.read();
-  if (!record) return "";
-  if (record->captured && stands_in_manifest(*record)) {
-    Capture::record_point(node, record->point, record->full);
-    journal.drop();
-    return "an earlier backup was cut off at its very end; it is complete";
-  }
-  if (record->captured && record->incr.same_shape(driver.empty_bitmap(node))) {
-    driver.merge(node, SNBF_BMP_INCR, record->incr);
-    if (record->full) driver.merge(node, SNBF_BMP_DIFF, record->diff);
-    journal.drop();
-    return "an earlier backup was cut off; what it had taken counts as changed again";
-  }
-  driver.set_all(node, SNBF_BMP_INCR);
-  if (record->full) driver.set_all(node, SNBF_BMP_DIFF);
-  libsnbf_state state = read_state(node);
-  std::strncpy(state.distrust, kWhyCrash, sizeof state.distrust - 1);
-  write_state(node, state);
-  journal.drop();
-  return "an earlier backup was cut off while it took the bitmap: every extent counts as changed";
-}
 
 Point capture(const Driver& driver, const snbf_info& node, const Plan& plan,
               const CaptureOptions& options, const std::string& destination, Manifest* manifest) {

@@ -14,6 +14,7 @@ namespace snbf {
 
 namespace {
 
+constexpr int kFormat = 2;
 constexpr size_t kHashCharacters = 16;
 
 std::string hash_text(const std::string& text) {
@@ -35,9 +36,10 @@ bool cut(const std::string& text, size_t* at, Extents* extents) {
 }  // namespace
 
 std::string encode(const CaptureRecord& record) {
-  const nlohmann::ordered_json head = {{"snbf_capture", 1},
+  const nlohmann::ordered_json head = {{"snbf_capture", kFormat},
                                        {"captured", record.captured},
                                        {"full", record.full},
+                                       {"node", record.node_uuid},
                                        {"destination", record.destination},
                                        {"point", record.point},
                                        {"extents", record.incr.extent_cnt()},
@@ -60,9 +62,10 @@ std::optional<CaptureRecord> decode(const std::string& text) {
   if (line == std::string::npos || head.is_discarded() || !head.is_object()) return std::nullopt;
   CaptureRecord record;
   try {
-    if (head.at("snbf_capture") != 1) return std::nullopt;
+    if (head.at("snbf_capture") != kFormat) return std::nullopt;
     record.captured = head.at("captured");
     record.full = head.at("full");
+    record.node_uuid = head.at("node");
     record.destination = head.at("destination");
     record.point = head.at("point");
     record.incr = Extents(head.at("extents"), head.at("extent_size"), head.at("size"));

@@ -17,6 +17,7 @@ namespace snbf {
 struct CaptureRecord {
   bool captured = false;  // else only "begins"
   bool full = false;      // the Differential bitmap is taken too
+  std::string node_uuid;  // empty: unknown, since the file is damaged
   std::string destination;
   std::string point;  // as the state record names it
   Extents incr;       // all that was taken since the capture began
@@ -31,6 +32,7 @@ class CaptureJournal {
  public:
   CaptureJournal(const std::string& bmp_dir, uint32_t minor);
 
+  const std::string& path() const { return path_; }
   bool exists() const;
   // A damaged file reads as a full capture that only began, of an unknown point.
   std::optional<CaptureRecord> read() const;

@@ -42,6 +42,9 @@ void add_bitmap(CLI::App& app, Chosen& chosen);
 void add_backup(CLI::App& app, Chosen& chosen);
 void add_restore(CLI::App& app, Chosen& chosen);
 void add_verify(CLI::App& app, Chosen& chosen);
+void add_snap(CLI::App& app, Chosen& chosen);
+void add_mount(CLI::App& app, Chosen& chosen);
+void add_umount(CLI::App& app, Chosen& chosen);
 void add_doctor(CLI::App& app, Chosen& chosen);
 void add_version(CLI::App& app, Chosen& chosen);
 

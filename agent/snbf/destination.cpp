@@ -90,7 +90,8 @@ bool starts_and_ends_with_zeros(const std::string& path) {
   for (const off_t at : {off_t{0}, std::max<off_t>(0, size - static_cast<off_t>(piece.size()))}) {
     const ssize_t n = ::pread(file.get(), piece.data(), piece.size(), at);
     if (n < 0) return false;
-    if (std::any_of(piece.begin(), piece.begin() + n, [](char byte) { return byte != 0; })) return false;
+    if (std::any_of(piece.begin(), piece.begin() + n, [](char byte) { return byte != 0; }))
+      return false;
   }
   return true;
 }
@@ -118,6 +119,20 @@ std::string contents_of(const std::string& path) {
     text += fmt::format(", labelled {}", value);
   }
   return text;
+}
+
+std::string file_system_of(const std::string& path) {
+  const std::unique_ptr<blkid_struct_probe, decltype(&blkid_free_probe)> probe(
+      blkid_new_probe_from_filename(path.c_str()), blkid_free_probe);
+  if (!probe) return "";
+  blkid_probe_enable_superblocks(probe.get(), 1);
+  blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_USAGE);
+  const char* usage = nullptr;
+  const char* type = nullptr;
+  const bool found = blkid_do_safeprobe(probe.get()) == 0 &&
+                     blkid_probe_lookup_value(probe.get(), "USAGE", &usage, nullptr) == 0 &&
+                     blkid_probe_lookup_value(probe.get(), "TYPE", &type, nullptr) == 0;
+  return found && std::string(usage) == "filesystem" ? type : "";
 }
 
 }  // namespace snbf

@@ -23,5 +23,7 @@ Json point_json(const Point& point);
 
 // Probes of what stands on a device or in a file: "ext4, labelled data", or empty.
 std::string contents_of(const std::string& path);
+// The kind of file system for certain, as mount(8) takes it, or empty.
+std::string file_system_of(const std::string& path);
 
 }  // namespace snbf

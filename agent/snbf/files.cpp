@@ -23,11 +23,6 @@ namespace {
 
 constexpr size_t kReadBytes = 1 << 20;
 
-std::string parent_of(const std::string& path) {
-  const auto parent = std::filesystem::path(path).parent_path();
-  return parent.empty() ? "." : parent.string();
-}
-
 void read_into(int fd, std::string* out) {
   char buffer[4096];
   ssize_t n;
@@ -59,6 +54,11 @@ void UniqueFd::reset() {
   fd_ = -1;
 }
 
+std::string folder_of(const std::string& path) {
+  const auto parent = std::filesystem::path(path).parent_path();
+  return parent.empty() ? "." : parent.string();
+}
+
 void replace_file(const std::string& path, const std::string& contents) {
   const std::string aside = path + ".new";
   {
@@ -73,7 +73,7 @@ void replace_file(const std::string& path, const std::string& contents) {
     if (::fsync(file.get()) < 0) throw failure_of(-errno, "writing " + aside);
   }
   if (::rename(aside.c_str(), path.c_str()) < 0) throw failure_of(-errno, "replacing " + path);
-  sync_directory(parent_of(path));
+  sync_directory(folder_of(path));
 }
 
 bool read_file(const std::string& path, std::string* contents) {

@@ -28,6 +28,8 @@ class UniqueFd {
 void replace_file(const std::string& path, const std::string& contents);
 // Nothing if the file does not exist; throws if it cannot be read.
 bool read_file(const std::string& path, std::string* contents);
+// The directory that a file lies in.
+std::string folder_of(const std::string& path);
 void sync_file(const std::string& path);
 void sync_directory(const std::string& path);
 void remove_file(const std::string& path);  // gone, or was not there

@@ -15,7 +15,8 @@ namespace {
 constexpr Command kCommands[] = {
     {"attach", add_attach},   {"start", add_start},   {"stop", add_stop},
     {"detach", add_detach},   {"list", add_list},     {"status", add_status},
-    {"changes", add_changes}, {"bitmap", add_bitmap}, {"backup", add_backup},
+    {"changes", add_changes}, {"bitmap", add_bitmap}, {"snap", add_snap},
+    {"mount", add_mount},     {"umount", add_umount}, {"backup", add_backup},
     {"restore", add_restore}, {"verify", add_verify}, {"doctor", add_doctor},
     {"version", add_version},
 };
@@ -33,7 +34,7 @@ void tell(const Failure& failure) {
 }
 
 int run_command_line(int argc, char** argv) {
-  CLI::App app("Changed-block tracking and incremental backups of plain partitions", "snbf");
+  CLI::App app("Changed-block tracking, snaps and incremental backups of plain partitions", "snbf");
   app.require_subcommand(1);
   app.footer(kFooter);
   app.get_formatter()->column_width(28);

@@ -19,7 +19,7 @@ struct Point {
   std::optional<uint64_t> parent;  // none for a full one
   std::string why;                 // why it is full: a code of reasons.h
   std::string detail;              // what exactly is broken, if anything
-  std::string source;              // "unmounted", "frozen", "quiet", or "moving": not exact
+  std::string source;              // "snap", "unmounted", "frozen", "quiet", or "moving": not exact
   int64_t created = 0;             // seconds since 1970
   double seconds = 0;
   uint64_t frozen_ms = 0;

@@ -18,6 +18,10 @@ void note(const std::string& text) { fmt::print(stderr, "{}\n", text); }
 
 void warn(const std::string& text) { fmt::print(stderr, "snbf: warning: {}\n", text); }
 
+std::string joined(const std::vector<std::string>& words) {
+  return fmt::format("{}", fmt::join(words, ", "));
+}
+
 bool terminal_out() {
   if (!::isatty(1)) return false;
   for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {

@@ -15,6 +15,9 @@ void print_json(const Json& data);
 void note(const std::string& text);  // to stderr
 void warn(const std::string& text);  // to stderr, marked
 
+// "a, b, c"
+std::string joined(const std::vector<std::string>& words);
+
 bool terminal_out();  // stdout is a terminal that takes UTF-8
 bool terminal_err();
 

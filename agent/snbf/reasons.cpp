@@ -26,6 +26,15 @@ std::string reason_text(const std::string& code) {
       {LIBSNBF_WHY_UNCLEAN, "the node was not stopped cleanly before the machine went down"},
       {LIBSNBF_WHY_OUTSIDE, "the partition was changed while it was not tracked"},
       {LIBSNBF_WHY_OTHER_NODE, "the bitmap files belong to a node of another name"},
+      {LIBSNBF_SNAP_UNCLEAN, "it was not stopped cleanly with its node"},
+      {LIBSNBF_SNAP_RUNS, "it is started"},
+      {LIBSNBF_SNAP_NODE_STARTED, "its node has been started without it"},
+      {LIBSNBF_SNAP_NODE_WRITTEN, "the partition was written since"},
+      {LIBSNBF_SNAP_NODE_SIZE, "the partition's size is another"},
+      {LIBSNBF_SNAP_FILES, "its COW files are missing or cut"},
+      {LIBSNBF_SNAP_PLACE, "its COW files lie where they cannot be used"},
+      {LIBSNBF_SNAP_NAME, "another node has its name"},
+      {LIBSNBF_SNAP_NEWER, "a newer snap is gone that held parts of it"},
   };
   for (const auto& [known, text] : kTexts) {
     if (code == known) return text;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// Why a backup is full: codes that stay, and the sentences that people read.
+// Why a backup is full, and why a snap is dead: codes that stay, and the sentences that people read.
 #pragma once
 
 #include <string>

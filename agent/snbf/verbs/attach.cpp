@@ -12,6 +12,7 @@
 #include "output.h"
 #include "reasons.h"
 #include "sizes.h"
+#include "start.h"
 
 namespace snbf {
 
@@ -52,10 +53,7 @@ Failure refusal(int rc, const Options& options, const Driver& driver) {
     }
   }
   if (rc != -EBUSY) return plain;
-  std::string who;
-  for (const std::string& holder : holders_of(device_of(options.partition))) {
-    who += (who.empty() ? "" : ", ") + holder;
-  }
+  std::string who = joined(holders_of(device_of(options.partition)));
   if (who.empty()) who = "somebody who cannot be seen from here holds it";
   return {kBusy, fmt::format("attaching {}: the partition is in use: {}", options.partition, who),
           "unmount it first; after the attach, mount the node in its place", rc};
@@ -83,8 +81,9 @@ int attach(const Options& options) {
   const std::string bitmaps = std::filesystem::canonical(options.bitmaps);
   request.bmp_dir = bitmaps.c_str();
   if (int rc = libsnbf_attach(driver.get(), &request); rc != 0) throw refusal(rc, options, driver);
+  int status = kDone;
   if (options.start) {
-    must(libsnbf_start(driver.get(), request.minor_used), "starting " + options.name);
+    status = start_node(driver, driver.info(request.minor_used), true);
   }
   const snbf_info node = driver.info(request.minor_used);
   const std::string why = request.distrust;
@@ -106,7 +105,7 @@ int attach(const Options& options) {
     note(why.empty() ? "tracking goes on where it stopped"
                      : "every extent counts as changed: " + reason_text(why));
   }
-  return kDone;
+  return status;
 }
 
 }  // namespace

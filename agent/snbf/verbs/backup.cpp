@@ -18,6 +18,7 @@
 #include "plan.h"
 #include "reasons.h"
 #include "sizes.h"
+#include "snaps.h"
 
 namespace snbf {
 
@@ -29,6 +30,9 @@ struct Options {
   std::string node;
   std::string destination;
   std::string level = "auto";
+  std::string snap = "auto";
+  bool no_snap = false;
+  std::string cow;
   bool freeze = false;
   double freeze_limit_s = 10;
   bool list = false;
@@ -91,7 +95,7 @@ std::string full_because(const Plan& plan) {
 }
 
 void say_plan(const Driver& driver, const snbf_info& node, const Plan& plan,
-              const Options& options) {
+              const CaptureOptions& how, const Options& options) {
   if (plan.level == Level::Full) {
     note(fmt::format("full backup, because {}", full_because(plan)));
   } else {
@@ -100,11 +104,39 @@ void say_plan(const Driver& driver, const snbf_info& node, const Plan& plan,
                      plan.level == Level::Incremental ? "incremental" : "differential",
                      plan.parent->id, show_size(driver.get(node, type).covered_bytes())));
   }
+  if (!how.cow_dir.empty()) {
+    note(fmt::format("from a snap, with its COW files in {} ({} free)", how.cow_dir,
+                     show_size(free_bytes_in(how.cow_dir))));
+    return;
+  }
   const auto mounts = mounts_of(device_of(node_path(node)));
   if (mounts.empty()) return;
   note(mounts.front() + (options.freeze ? " is frozen for the last part of the copy"
                                         : " is mounted and not frozen: the point is exact only if "
                                           "nothing is written meanwhile"));
+}
+
+// Whether there is a snap, and where its files lie. --cow asks for one.
+void choose_snap(const Driver& driver, const snbf_info& node, const std::string& destination,
+                 const Options& options, CaptureOptions* how) {
+  const bool asked = !options.cow.empty();
+  if (options.no_snap && asked) throw Failure(kMisused, "--no-snap and --cow do not go together");
+  if (options.no_snap || (options.snap == "none" && !asked)) return;
+  how->snap_required = asked || options.snap == "always";
+  if (asked) {
+    how->cow_dir = fs::weakly_canonical(options.cow);
+    return;
+  }
+  std::string why;
+  const auto place = find_cow_place(driver, node, {bmp_dir_of(node), destination}, &why);
+  if (place) {
+    how->cow_dir = place->dir;
+  } else if (how->snap_required) {
+    throw Failure(kUnsafe, "no place for the snap's COW files: " + why,
+                  "name a directory with --cow");
+  } else {
+    note("without a snap, because there is no place for its COW files: " + why);
+  }
 }
 
 int report(const Point& point, const Options& options) {
@@ -115,7 +147,10 @@ int report(const Point& point, const Options& options) {
                level_name(point.level), show_size(point.bytes), point.extents, point.file,
                show_size(point.file_bytes), point.seconds);
   }
-  if (point.frozen_ms) note(fmt::format("the file system was frozen for {} ms", point.frozen_ms));
+  if (point.frozen_ms) {
+    note(fmt::format("the file system was frozen for {}{} ms",
+                     point.source == "snap" ? "no longer than " : "", point.frozen_ms));
+  }
   if (point.moved_bytes) {
     note(fmt::format("{} was written during the copy, and copied again",
                      show_size(point.moved_bytes)));
@@ -123,7 +158,7 @@ int report(const Point& point, const Options& options) {
   if (point.exact()) return kDone;
   warn(
       "the device kept changing during the copy: this point is not of one moment. The next one "
-      "copies what moved; --freeze makes it exact");
+      "copies what moved; a snap (--cow) or --freeze makes it exact");
   return kWarned;
 }
 
@@ -176,20 +211,23 @@ int backup(const Options& options) {
   std::optional<Manifest> manifest = read_manifest(destination);
   if (manifest) check_owner(*manifest, node, destination);
   Plan plan = make_plan(options, node, destination, manifest);
-  say_plan(driver, node, plan, options);
+  CaptureOptions how;
+  how.freeze = options.freeze;
+  how.freeze_limit = std::chrono::milliseconds(static_cast<int64_t>(options.freeze_limit_s * 1000));
+  choose_snap(driver, node, destination, options, &how);
+  say_plan(driver, node, plan, how, options);
   if (options.dry_run) {
     if (options.json) {
-      print_json(
-          {{"level", level_name(plan.level)}, {"full_because", plan.why}, {"detail", plan.detail}});
+      print_json({{"level", level_name(plan.level)},
+                  {"full_because", plan.why},
+                  {"detail", plan.detail},
+                  {"cow_dir", how.cow_dir}});
     }
     return kDone;
   }
   Manifest result = manifest.value_or(Manifest{});
   if (result.chain.empty()) result.chain = new_chain_name();
   // The plan's parent lives in `manifest`; the point is added to `result`.
-  CaptureOptions how;
-  how.freeze = options.freeze;
-  how.freeze_limit = std::chrono::milliseconds(static_cast<int64_t>(options.freeze_limit_s * 1000));
   return report(capture(driver, node, plan, how, destination, &result), options);
 }
 
@@ -199,22 +237,33 @@ void add_backup(CLI::App& app, Chosen& chosen) {
   auto options = std::make_shared<Options>();
   CLI::App* verb = add_verb(
       app, chosen, "backup", "Copy what changed since the last backup into a chain of qcow2 images",
-      "Examples:\n  snbf backup data /backups/data\n  snbf backup data /backups/data --freeze\n"
+      "Examples:\n  snbf backup data /backups/data\n  snbf backup data /backups/data --cow "
+      "/var/cow\n"
       "Levels: full, everything; incr, what changed since the last backup; diff, what changed "
       "since\n"
       "the last full one; auto, incr if that can be trusted, else full. A full backup says why it "
       "is\n"
-      "full. A backup of a mounted file system is exact if nothing writes meanwhile, or with "
-      "--freeze;\n"
-      "one that is not exact ends with status 3.",
+      "full. The copy is made from a snap that lives as long as the backup: it is of one moment,\n"
+      "whatever is written meanwhile. Its COW files lie in --cow, or with the bitmaps, or at the\n"
+      "destination, where there is room; a snap that is lost on the way ends it with status 4, "
+      "and\n"
+      "no change is forgotten. Without a snap a point is exact if nothing writes meanwhile, or "
+      "with\n"
+      "--freeze; one that is not ends with status 3.",
       options, backup);
   verb->add_option("node", options->node, "Name, minor, device file or partition")->required();
   verb->add_option("dest", options->destination, "Directory of the chain; made if need be")
       ->required();
   verb->add_option("--level", options->level, "auto, full, incr or diff")
       ->check(CLI::IsMember({"auto", "full", "incr", "diff"}));
+  verb->add_option("--snap", options->snap,
+                   "auto: from a snap if one can be made; always; none (default auto)")
+      ->check(CLI::IsMember({"auto", "always", "none"}));
+  verb->add_flag("--no-snap", options->no_snap, "The same as --snap none");
+  verb->add_option("--cow", options->cow,
+                   "Directory of the snap's files, on another disk; implies --snap always");
   verb->add_flag("--freeze", options->freeze,
-                 "Freeze the file system for the last part of the copy");
+                 "Without a snap: freeze the file system for the last part of the copy");
   verb->add_option("--freeze-limit", options->freeze_limit_s,
                    "Seconds it may be frozen (default 10)")
       ->check(CLI::Range(0.1, 3600.0));

@@ -113,10 +113,8 @@ void check_partition(const std::string& path, std::vector<Finding>* findings) {
   findings->push_back(
       {"contents", Grade::Good, contents.empty() ? "nothing that is recognised" : contents, ""});
   const auto holders = holders_of(device);
-  std::string who;
-  for (const std::string& holder : holders) who += (who.empty() ? "" : ", ") + holder;
   findings->push_back({"in use", holders.empty() ? Grade::Good : Grade::Bad,
-                       holders.empty() ? "nobody holds it" : who,
+                       holders.empty() ? "nobody holds it" : joined(holders),
                        holders.empty() ? "" : "unmount it before it is attached"});
   findings->push_back({"other writers", Grade::Good,
                        "once attached, write through the node only: what goes straight to the "

@@ -10,6 +10,8 @@
 #include "driver.h"
 #include "failure.h"
 #include "output.h"
+#include "snaps.h"
+#include "start.h"
 
 namespace snbf {
 
@@ -22,14 +24,13 @@ struct Options {
   bool all = false;
   bool wait = false;
   int wait_limit_s = 60;
+  bool no_resume = false;
+  bool yes = false;
   bool dry_run = false;
 };
 
 Failure busy(const snbf_info& node, const std::string& doing) {
-  std::string who;
-  for (const std::string& holder : holders_of(device_of(node_path(node)))) {
-    who += (who.empty() ? "" : ", ") + holder;
-  }
+  std::string who = joined(holders_of(device_of(node_path(node))));
   if (who.empty()) who = "held from somewhere that cannot be seen from here";
   return {kBusy, fmt::format("{} {}: it is in use: {}", doing, node.name, who),
           "close or unmount it, or wait for that with --wait", -EBUSY};
@@ -55,12 +56,10 @@ int start(const Options& options) {
   const Driver driver;
   const snbf_info node = driver.find(options.node);
   if (options.dry_run) {
-    note(fmt::format("would start {}", node.name));
+    note(fmt::format("would start {}{}", node.name, options.no_resume ? "" : ", and its snaps"));
     return kDone;
   }
-  must(libsnbf_start(driver.get(), node.minor), "starting " + options.node);
-  note(fmt::format("{} is started: {}", node.name, node_path(node)));
-  return kDone;
+  return start_node(driver, node, !options.no_resume);
 }
 
 // What ends a node: its words, and the library's function.
@@ -68,8 +67,20 @@ struct Ending {
   const char* verb;
   const char* doing;
   const char* done;
+  bool takes_snaps;
   int (*step)(libsnbf*, uint32_t);
 };
+
+void refuse_to_take(const Driver& driver, const snbf_info& node) {
+  std::vector<std::string> names;
+  for (const Snap& snap : snaps_of(driver, node)) {
+    if (snap.node && !snap.record.temporary) names.push_back(snap.name());
+  }
+  if (names.empty()) return;
+  throw Failure(kUnsafe,
+                fmt::format("detaching {} would delete its snaps: {}", node.name, joined(names)),
+                "`snbf stop` keeps them, to be resumed; --yes deletes them");
+}
 
 void end_one(const Options& options, const snbf_info& node, const Ending& ending,
              const Driver& driver) {
@@ -78,6 +89,7 @@ void end_one(const Options& options, const snbf_info& node, const Ending& ending
                      node.snap_cnt ? fmt::format(" and its {} snaps", node.snap_cnt) : ""));
     return;
   }
+  if (ending.takes_snaps && !options.yes) refuse_to_take(driver, node);
   end_with(options, node, ending.doing, ending.step, driver);
   note(fmt::format("{} is {}; its bitmaps are saved in {}", node.name, ending.done,
                    bmp_dir_of(node)));
@@ -108,11 +120,11 @@ int end(const Options& options, const Ending& ending) {
 }
 
 int stop(const Options& options) {
-  return end(options, {"stop", "stopping", "stopped", libsnbf_stop});
+  return end(options, {"stop", "stopping", "stopped", false, libsnbf_stop});
 }
 
 int detach(const Options& options) {
-  return end(options, {"detach", "detaching", "detached", libsnbf_detach});
+  return end(options, {"detach", "detaching", "detached", true, libsnbf_detach});
 }
 
 void add_ending(CLI::App* verb, Options& options) {
@@ -134,8 +146,14 @@ CLI::App* add(CLI::App& app, Chosen& chosen, const char* name, const char* summa
 }  // namespace
 
 void add_start(CLI::App& app, Chosen& chosen) {
-  add(app, chosen, "start", "Let the node pass and track requests", "Example:\n  snbf start data",
-      std::make_shared<Options>(), start);
+  auto options = std::make_shared<Options>();
+  CLI::App* verb =
+      add(app, chosen, "start", "Let the node pass and track requests, and resume its snaps",
+          "Example:\n  snbf start data\n"
+          "Snaps that were stopped with the node are resumed with it; once it has been "
+          "started\nwithout them they are of no use any more.",
+          options, start);
+  verb->add_flag("--no-resume", options->no_resume, "Give those snaps up");
 }
 
 void add_stop(CLI::App& app, Chosen& chosen) {
@@ -147,9 +165,10 @@ void add_stop(CLI::App& app, Chosen& chosen) {
 
 void add_detach(CLI::App& app, Chosen& chosen) {
   auto options = std::make_shared<Options>();
-  add_ending(add(app, chosen, "detach", "Stop the node, save its bitmaps and take it away",
-                 "Example:\n  umount /srv/data && snbf detach data --wait", options, detach),
-             *options);
+  CLI::App* verb = add(app, chosen, "detach", "Stop the node, save its bitmaps and take it away",
+                       "Example:\n  umount /srv/data && snbf detach data --wait", options, detach);
+  add_ending(verb, *options);
+  verb->add_flag("--yes", options->yes, "Although its snaps are deleted with it");
 }
 
 }  // namespace snbf

@@ -15,7 +15,7 @@ namespace snbf {
 namespace {
 
 struct Options {
-  std::string columns = "name,minor,state,size,extent,changed,opens,partition";
+  std::string columns = "name,minor,state,size,extent,changed,opens,snaps,partition";
   std::string units = "h";
   bool no_headings = false;
   bool json = false;

@@ -6,9 +6,11 @@
 #include "command.h"
 #include "driver.h"
 #include "failure.h"
+#include "files.h"
 #include "output.h"
 #include "reasons.h"
 #include "sizes.h"
+#include "snaps.h"
 
 namespace snbf {
 
@@ -40,9 +42,12 @@ int status(const Options& options) {
   const std::string why = next_full(state);
   const auto holders =
       node.use_cnt ? holders_of(device_of(node_path(node))) : std::vector<std::string>{};
+  const std::vector<Snap> snaps = snaps_of(driver, node);
   const bool pending = CaptureJournal(bmp_dir_of(node), node.minor).exists();
   const Json incr = bitmap_json(driver, node, SNBF_BMP_INCR, state.incr_point);
   const Json diff = bitmap_json(driver, node, SNBF_BMP_DIFF, state.diff_point);
+  Json snaps_json = Json::array();
+  for (const Snap& snap : snaps) snaps_json.push_back(snap_json(snap));
   if (options.json) {
     print_json({{"name", node.name},
                 {"minor", node.minor},
@@ -56,6 +61,7 @@ int status(const Options& options) {
                 {"opens", node.use_cnt},
                 {"held_by", holders},
                 {"snaps", node.snap_cnt},
+                {"snap_list", snaps_json},
                 {"incremental", incr},
                 {"differential", diff},
                 {"next_backup", why.empty() ? "incremental" : "full"},
@@ -76,6 +82,10 @@ int status(const Options& options) {
   fmt::print("since full     {}\n", bytes_of(diff));
   fmt::print("bitmaps        {}\n", bmp_dir_of(node));
   for (const std::string& holder : holders) fmt::print("in use         {}\n", holder);
+  for (const Snap& snap : snaps) {
+    fmt::print("snap           {}: {}, {} copied, {} free\n", snap.name(), describe_state(snap),
+               show_size(snap.cow_bytes()), show_size(free_bytes_in(folder_of(snap.data_file()))));
+  }
   fmt::print("next backup    {}\n",
              why.empty() ? "incremental" : "full, because " + reason_text(why));
   if (pending)

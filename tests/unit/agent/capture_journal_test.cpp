@@ -14,6 +14,7 @@ CaptureRecord taken() {
   CaptureRecord record;
   record.captured = true;
   record.full = true;
+  record.node_uuid = "{a-node}";
   record.destination = "/backups/data";
   record.point = "chain:7";
   record.incr = Extents(100, 65536, 100 * 65536 - 512);
@@ -29,6 +30,7 @@ TEST(CaptureJournal, GivesBackWhatWasTaken) {
   ASSERT_TRUE(back);
   EXPECT_TRUE(back->captured);
   EXPECT_TRUE(back->full);
+  EXPECT_EQ(back->node_uuid, "{a-node}");
   EXPECT_EQ(back->destination, "/backups/data");
   EXPECT_EQ(back->point, "chain:7");
   EXPECT_TRUE(back->incr.same_shape(taken().incr));
@@ -94,6 +96,7 @@ TEST_F(OnDisk, ADamagedOneCountsAsAFullCaptureThatOnlyBegan) {
   ASSERT_TRUE(record);
   EXPECT_FALSE(record->captured);
   EXPECT_TRUE(record->full);
+  EXPECT_EQ(record->node_uuid, "") << "nobody knows whose it is";
 }
 
 }  // namespace

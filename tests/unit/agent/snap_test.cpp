@@ -1,0 +1,503 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Snaps in the library, over a driver that the test plays.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "libsnbf.h"
+#include "snap_mount.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+constexpr uint64_t kSize = 1 << 20;
+constexpr uint32_t kChunk = 65536;
+
+// As much of the driver as a snap's life needs. Its refusals that keep the table locked end the
+// test.
+class PlayedDriver {
+ public:
+  explicit PlayedDriver(const std::string& bmp_dir, const std::string& hdd) {
+    snbf_info& filter = nodes_[0];
+    filter.dev_type = SNBF_DEV_FILTER;
+    filter.dev_size = kSize;
+    filter.started = 1;
+    filter.incr_bmp_size = filter.diff_bmp_size = 2;
+    std::strcpy(filter.name, "data");
+    std::strcpy(filter.uuid, "{data}");
+    std::strcpy(filter.hdd_name, hdd.c_str());
+    std::strcpy(filter.incr_bmp_fname, (bmp_dir + "/snbf0.incr").c_str());
+  }
+
+  int answer(uint32_t command, void* record) {
+    const uint32_t minor = *static_cast<uint32_t*>(record);
+    sent_.push_back(command);
+    if (refuse_[command] != 0) return refuse_[command];
+    switch (command) {
+      case SNBF_GET_DEVICE_LIST:
+        return list(static_cast<snbf_device_list*>(record));
+      case SNBF_ADD_SNAP_NODE:
+        return add(static_cast<snbf_snap_node_cmd*>(record));
+      case SNBF_RESUME_SNAP:
+        return resume(*static_cast<snbf_resume_cmd*>(record));
+    }
+    if (!nodes_.contains(minor)) return -EINVAL;
+    switch (command) {
+      case SNBF_GET_INFO:
+        *static_cast<snbf_info*>(record) = info(minor);
+        return 0;
+      case SNBF_START_NODE:
+        return start(minor);
+      case SNBF_STOP_NODE:
+        return stop(minor);
+      case SNBF_DEL_NODE:
+        return del(minor);
+      case SNBF_GET_BMP: {
+        const auto* bits = static_cast<snbf_bmp_cmd*>(record);
+        std::memset(reinterpret_cast<void*>(bits->data), bits_, static_cast<size_t>(bits->size));
+        return 0;
+      }
+    }
+    return 0;
+  }
+
+  snbf_info info(uint32_t minor) {
+    snbf_info found = nodes_.at(minor);
+    found.minor = minor;
+    for (uint32_t snap : order_) {
+      if (minor == 0) found.snap_minors[found.snap_cnt++] = snap;
+    }
+    return found;
+  }
+  snbf_info& node(uint32_t minor) { return nodes_.at(minor); }
+  uint32_t minor_of(const std::string& name) {
+    for (const auto& [minor, info] : nodes_) {
+      if (name == info.name) return minor;
+    }
+    return UINT32_MAX;
+  }
+  // As a restart leaves it: no snap nodes, a filter node that is not started.
+  void restart() {
+    for (uint32_t snap : order_) nodes_.erase(snap);
+    order_.clear();
+    nodes_.at(0).started = 0;
+  }
+
+  std::vector<uint32_t> sent_;
+  std::vector<uint32_t> resumed_;
+  std::map<uint32_t, int> refuse_;
+  std::function<void()> on_resume_;
+  int bits_ = 0x5A;
+
+ private:
+  int list(snbf_device_list* out) {
+    for (const auto& [minor, info] : nodes_) {
+      if (info.dev_type == out->dev_type) out->minors[out->count++] = minor;
+    }
+    return 0;
+  }
+  int add(snbf_snap_node_cmd* record) {
+    for (uint32_t snap : order_) EXPECT_EQ(nodes_.at(snap).chunk_size, record->chunk_size);
+    const auto minor = static_cast<uint32_t>(record->snap_minor);
+    EXPECT_FALSE(nodes_.contains(minor));
+    snbf_info& snap = nodes_[minor];
+    snap.dev_type = SNBF_DEV_SNAP;
+    snap.chunk_size = record->chunk_size;
+    std::memcpy(snap.name, record->name, sizeof snap.name);
+    std::memcpy(snap.uuid, record->uuid, sizeof snap.uuid);
+    std::memcpy(snap.cow_data_fname, record->cow_data_fname, sizeof snap.cow_data_fname);
+    std::memcpy(snap.cow_bmp_fname, record->cow_bmp_fname, sizeof snap.cow_bmp_fname);
+    order_.push_back(minor);
+    return 0;
+  }
+  int start(uint32_t minor) {
+    snbf_info& node = nodes_.at(minor);
+    node.started = 1;
+    if (node.dev_type != SNBF_DEV_SNAP) return 0;
+    node.snap_valid = 1;
+    std::ofstream(node.cow_data_fname).close();
+    std::ofstream(node.cow_bmp_fname).close();
+    std::filesystem::resize_file(node.cow_data_fname, kSize);
+    std::filesystem::resize_file(node.cow_bmp_fname, kSize / kChunk / 8);
+    return 0;
+  }
+  int stop(uint32_t minor) {
+    if (nodes_.at(minor).dev_type == SNBF_DEV_FILTER) {
+      for (uint32_t snap : order_) stop(snap);
+    }
+    nodes_.at(minor).started = 0;
+    nodes_.at(minor).stop_pending = 0;
+    return 0;
+  }
+  int del(uint32_t minor) {
+    for (uint32_t older : order_) {
+      if (older == minor) break;
+      if (nodes_.at(older).started && nodes_.at(minor).started) {
+        nodes_.at(minor).stop_pending = nodes_.at(minor).del_pending = 1;
+        return 0;
+      }
+    }
+    ::unlink(nodes_.at(minor).cow_data_fname);
+    ::unlink(nodes_.at(minor).cow_bmp_fname);
+    nodes_.erase(minor);
+    std::erase(order_, minor);
+    return 0;
+  }
+  int resume(const snbf_resume_cmd& record) {
+    EXPECT_TRUE(nodes_.contains(record.minor));
+    snbf_info& snap = nodes_.at(record.minor);
+    EXPECT_EQ(snap.dev_type, static_cast<uint32_t>(SNBF_DEV_SNAP));
+    EXPECT_FALSE(snap.started);
+    snap.started = 1;
+    snap.snap_valid = record.snap_valid;
+    snap.stop_pending = record.stop_pending;
+    snap.del_pending = record.del_pending;
+    nodes_.at(0).started = 1;
+    resumed_.push_back(record.minor);
+    if (on_resume_) on_resume_();
+    return 0;
+  }
+
+  std::map<uint32_t, snbf_info> nodes_;
+  std::vector<uint32_t> order_;
+};
+
+class Snaps : public testing::Test {
+ protected:
+  Snaps() {
+    char name[] = "/tmp/snbf-snaps-XXXXXX";
+    dir_ = ::mkdtemp(name);
+    std::filesystem::create_directories(dir_ + "/cow");
+    put("hdd", std::string(kSize, 'h'));
+    put("snbf/blk_major", "240\n");
+    put("snbf/snbf0/hdd_major", "7\n");
+    put("snbf/snbf0/hdd_minor", "99\n");
+    put("snbf/snbf0/incr_bmp_dirty", "0\n");
+    put("snbf/snbf0/diff_bmp_dirty", "0\n");
+    put("module/snbf/parameters/snbf_max_blk_minor", "255\n");
+    put("sys/kernel/random/boot_id", "this-boot\n");
+    put("sys/kernel/random/uuid", "00000000-0000-0000-0000-000000000000\n");
+    driver_.emplace(dir_, dir_ + "/hdd");
+    libsnbf_state state{};
+    std::strcpy(state.name, "data");
+    state.epoch = 1;
+    EXPECT_EQ(libsnbf_state_write(dir_.c_str(), 0, &state), 0);
+    const std::string lock = dir_ + "/lock";
+    libsnbf_options options{};
+    options.lock_path = lock.c_str();
+    options.sys_root = options.proc_root = dir_.c_str();
+    options.ioctl = [](void* context, uint32_t command, void* record) {
+      return static_cast<Snaps*>(context)->driver_->answer(command, record);
+    };
+    options.ioctl_context = this;
+    EXPECT_EQ(libsnbf_open(&options, &handle_), 0);
+  }
+  ~Snaps() override {
+    libsnbf_close(handle_);
+    std::filesystem::remove_all(dir_);
+  }
+  void SetUp() override {
+    struct stat about;
+    ASSERT_EQ(::stat(dir_.c_str(), &about), 0);
+    if (major(about.st_dev) == 0) GTEST_SKIP() << "/tmp has no disk of its own";
+  }
+
+  void put(const std::string& file, const std::string& text) {
+    const std::filesystem::path path = dir_ + "/" + file;
+    std::filesystem::create_directories(path.parent_path());
+    std::ofstream(path, std::ios::binary) << text;
+  }
+  // Each snap has a UUID of its own, as the kernel would give it.
+  int create(const std::string& name, uint32_t chunk = 0, bool overwrite = false) {
+    put("sys/kernel/random/uuid", name + "\n");
+    const std::string cow = dir_ + "/cow";
+    libsnbf_snap_request request{};
+    request.name = name.c_str();
+    request.cow_dir = cow.c_str();
+    request.chunk_size = chunk;
+    request.overwrite = overwrite;
+    const int rc = libsnbf_snap_create(handle_, &request);
+    made_ = request;
+    return rc;
+  }
+  int remove(const std::string& name, int* postponed = nullptr) {
+    int ignored = 0;
+    return libsnbf_snap_delete(handle_, driver_->minor_of(name), postponed ? postponed : &ignored);
+  }
+  bool there(const std::string& file) const { return std::filesystem::exists(dir_ + "/" + file); }
+  // NAME=why of each record, oldest first.
+  std::vector<std::string> judged() {
+    std::vector<std::string> found;
+    const auto visit = [](void* to, const libsnbf_snap_record* record, const char* why) {
+      static_cast<std::vector<std::string>*>(to)->push_back(std::string(record->name) + "=" + why);
+    };
+    EXPECT_EQ(libsnbf_snap_each(handle_, 0, visit, &found), 0);
+    return found;
+  }
+  uint32_t resume(int wanted = 0) {
+    uint32_t resumed = 0;
+    EXPECT_EQ(libsnbf_snap_resume(handle_, 0, &resumed), wanted);
+    return resumed;
+  }
+  void two_snaps_stopped_with_their_node() {
+    ASSERT_EQ(create("older"), 0);
+    ASSERT_EQ(create("newer"), 0);
+    ASSERT_EQ(libsnbf_stop(handle_, 0), 0);
+    driver_->restart();
+  }
+
+  std::string dir_;
+  std::optional<PlayedDriver> driver_;
+  libsnbf* handle_ = nullptr;
+  libsnbf_snap_request made_{};
+};
+
+TEST_F(Snaps, ASnapIsCreatedStartedAndRecorded) {
+  ASSERT_EQ(create("monday"), 0);
+  const snbf_info snap = driver_->info(made_.minor_used);
+  EXPECT_EQ(snap.started, 1u);
+  EXPECT_EQ(made_.minor_used, 254u) << "from the top, but never the highest";
+  EXPECT_EQ(made_.chunk_size_used, kChunk);
+  EXPECT_EQ(std::string(snap.cow_data_fname), dir_ + "/cow/monday.cow");
+  libsnbf_snap_record record;
+  ASSERT_EQ(libsnbf_snap_record_read(dir_.c_str(), "monday", &record), 0);
+  EXPECT_STREQ(record.uuid, snap.uuid);
+  EXPECT_STREQ(record.node_uuid, "{data}");
+  EXPECT_EQ(record.stopped_clean, 0);
+}
+
+TEST_F(Snaps, ANameThatIsNotItsOwnIsRefused) {
+  for (const char* bad : {"control", "snbf0", "snbf254", "a/b", ".x", ""}) {
+    EXPECT_EQ(create(bad), -EILSEQ) << bad;
+  }
+  EXPECT_EQ(create("data"), -EEXIST);
+  EXPECT_THAT(driver_->sent_, Not(Contains(SNBF_ADD_SNAP_NODE)));
+  EXPECT_EQ(create("snbf"), 0);
+  EXPECT_EQ(create("snbf"), -EEXIST);
+}
+
+TEST_F(Snaps, AnotherChunkSizeIsNeverSent) {
+  ASSERT_EQ(create("one", 4096), 0);
+  driver_->sent_.clear();
+  EXPECT_EQ(create("two", 8192), -EDOM);
+  EXPECT_THAT(driver_->sent_, Not(Contains(SNBF_ADD_SNAP_NODE)));
+  EXPECT_EQ(create("two"), 0) << "none asked for: that of the others";
+  EXPECT_EQ(made_.chunk_size_used, 4096u);
+}
+
+TEST_F(Snaps, TheSizeAskedForIsComparedAsTheDriverEnlargesIt) {
+  driver_->node(0).dev_size = uint64_t{5} << 40;
+  EXPECT_EQ(libsnbf_chunk_size_on(4096, uint64_t{4} << 40), 4096u);
+  EXPECT_EQ(libsnbf_chunk_size_on(4096, (uint64_t{4} << 40) + 1), 8192u);
+  ASSERT_EQ(create("one", 8192), 0);
+  EXPECT_EQ(create("two", 4096), 0) << "it would become 8192";
+  EXPECT_EQ(made_.chunk_size_used, 8192u);
+  EXPECT_EQ(create("three", 16384), -EDOM);
+}
+
+TEST_F(Snaps, FilesNeverLieOnThePartition) {
+  struct stat about;
+  ASSERT_EQ(::stat(dir_.c_str(), &about), 0);
+  put("snbf/snbf0/hdd_major", std::to_string(major(about.st_dev)));
+  put("snbf/snbf0/hdd_minor", std::to_string(minor(about.st_dev)));
+  EXPECT_EQ(create("monday"), -ELOOP);
+  EXPECT_FALSE(there("monday.snap"));
+}
+
+TEST_F(Snaps, FilesThatAreThereAreNotOverwrittenUnasked) {
+  put("cow/monday.cow", "somebody's");
+  EXPECT_EQ(create("monday"), -ENOTEMPTY);
+  EXPECT_TRUE(there("cow/monday.cow"));
+  EXPECT_EQ(create("monday", 0, true), 0);
+}
+
+TEST_F(Snaps, OneThatCannotBeStartedLeavesNothing) {
+  driver_->refuse_[SNBF_START_NODE] = -EAGAIN;
+  EXPECT_EQ(create("monday"), -EAGAIN);
+  EXPECT_EQ(driver_->minor_of("monday"), UINT32_MAX);
+  EXPECT_FALSE(there("monday.snap"));
+}
+
+TEST_F(Snaps, OneThatCannotBeAddedLeavesNothing) {
+  driver_->refuse_[SNBF_ADD_SNAP_NODE] = -ENOMEM;
+  EXPECT_EQ(create("monday"), -ENOMEM);
+  EXPECT_FALSE(there("monday.snap"));
+}
+
+TEST_F(Snaps, ADeletedSnapLeavesNothing) {
+  ASSERT_EQ(create("monday"), 0);
+  EXPECT_EQ(remove("monday"), 0);
+  EXPECT_FALSE(there("cow/monday.cow"));
+  EXPECT_FALSE(there("monday.snap"));
+}
+
+TEST_F(Snaps, ARefusedDeletionChangesNothing) {
+  ASSERT_EQ(create("monday"), 0);
+  driver_->refuse_[SNBF_DEL_NODE] = -EBUSY;
+  EXPECT_EQ(remove("monday"), -EBUSY);
+  libsnbf_snap_record record;
+  ASSERT_EQ(libsnbf_snap_record_read(dir_.c_str(), "monday", &record), 0);
+  EXPECT_EQ(record.deleting, 0);
+}
+
+TEST_F(Snaps, ADeletionThatWaitsIsSweptWithTheOlderOne) {
+  int postponed = 0;
+  ASSERT_EQ(create("older"), 0);
+  ASSERT_EQ(create("newer"), 0);
+  ASSERT_EQ(remove("newer", &postponed), 0);
+  EXPECT_EQ(postponed, 1);
+  EXPECT_TRUE(there("newer.snap")) << "its files are still there";
+  ASSERT_EQ(remove("older", &postponed), 0);
+  EXPECT_EQ(postponed, 0);
+  EXPECT_TRUE(there("newer.snap")) << "the played driver kept the node";
+  ASSERT_EQ(remove("newer", &postponed), 0);
+  EXPECT_FALSE(there("newer.snap"));
+}
+
+TEST_F(Snaps, WhatWasStoppedWithItsNodeComesBack) {
+  two_snaps_stopped_with_their_node();
+  EXPECT_THAT(judged(), ElementsAre("older=", "newer="));
+  EXPECT_EQ(resume(), 2u);
+  EXPECT_THAT(driver_->resumed_,
+              ElementsAre(driver_->minor_of("newer"), driver_->minor_of("older")))
+      << "newest first: the older one's map is read through the newer one's files";
+  EXPECT_GT(driver_->minor_of("older"), driver_->minor_of("newer")) << "created oldest first";
+  EXPECT_THAT(judged(), ElementsAre("older=started", "newer=started"));
+}
+
+TEST_F(Snaps, ThatWhichOnlyStoppedDoesNotComeBackTwice) {
+  two_snaps_stopped_with_their_node();
+  EXPECT_EQ(resume(), 2u);
+  driver_->restart();  // and no clean stop before it
+  EXPECT_THAT(judged(),
+              ElementsAre("older=not-stopped-with-its-node", "newer=not-stopped-with-its-node"));
+  EXPECT_EQ(resume(), 0u);
+}
+
+TEST_F(Snaps, OneWhoseNodeWasStartedWithoutItIsDead) {
+  two_snaps_stopped_with_their_node();
+  ASSERT_EQ(libsnbf_start(handle_, 0), 0);
+  EXPECT_THAT(judged(), ElementsAre("older=node-started", "newer=node-started"));
+  ASSERT_EQ(libsnbf_stop(handle_, 0), 0);
+  EXPECT_THAT(judged(), ElementsAre("older=node-started", "newer=node-started"))
+      << "and stays so after the next stop";
+  EXPECT_EQ(resume(), 0u);
+  EXPECT_THAT(driver_->resumed_, IsEmpty());
+}
+
+TEST_F(Snaps, OneWhosePartitionWasWrittenIsDead) {
+  two_snaps_stopped_with_their_node();
+  driver_->bits_ = 0x5B;
+  EXPECT_THAT(judged(), ElementsAre("older=written-since", "newer=written-since"));
+  driver_->bits_ = 0x5A;
+  EXPECT_THAT(judged(), ElementsAre("older=", "newer="));
+  put("hdd", std::string(kSize, 'x'));
+  EXPECT_THAT(judged(), ElementsAre("older=written-since", "newer=written-since"));
+}
+
+TEST_F(Snaps, WithoutTheNewerOneTheOlderIsDead) {
+  two_snaps_stopped_with_their_node();
+  std::filesystem::resize_file(dir_ + "/cow/newer.cowmap", 1);
+  EXPECT_THAT(judged(), ElementsAre("older=newer-lost", "newer=files-missing"));
+  std::filesystem::resize_file(dir_ + "/cow/newer.cowmap", 2);
+  EXPECT_THAT(judged(), ElementsAre("older=", "newer="));
+  ASSERT_EQ(libsnbf_snap_discard(handle_, 0, "newer"), 0);
+  EXPECT_THAT(judged(), ElementsAre("older=not-stopped-with-its-node"));
+  EXPECT_FALSE(there("cow/newer.cow"));
+}
+
+TEST_F(Snaps, WithoutTheOlderOneTheNewerLives) {
+  two_snaps_stopped_with_their_node();
+  ASSERT_EQ(libsnbf_snap_discard(handle_, 0, "older"), 0);
+  EXPECT_THAT(judged(), ElementsAre("newer="));
+  EXPECT_EQ(resume(), 1u);
+}
+
+TEST_F(Snaps, ALostSnapDoesNotComeBack) {
+  ASSERT_EQ(create("older"), 0);
+  driver_->node(made_.minor_used).snap_valid = 0;
+  ASSERT_EQ(create("newer"), 0);
+  ASSERT_EQ(libsnbf_stop(handle_, 0), 0);
+  EXPECT_THAT(judged(), ElementsAre("older=not-stopped-with-its-node", "newer="));
+  EXPECT_EQ(resume(), 1u) << "the nodes are still there";
+}
+
+TEST_F(Snaps, APendingDeletionComesBackAsThat) {
+  ASSERT_EQ(create("older"), 0);
+  ASSERT_EQ(create("newer"), 0);
+  int postponed = 0;
+  ASSERT_EQ(remove("newer", &postponed), 0);
+  ASSERT_EQ(libsnbf_stop(handle_, 0), 0);
+  driver_->restart();
+  EXPECT_EQ(resume(), 2u);
+  const snbf_info newer = driver_->info(driver_->minor_of("newer"));
+  EXPECT_EQ(newer.stop_pending, 1u);
+  EXPECT_EQ(newer.del_pending, 1u);
+}
+
+TEST_F(Snaps, AWriteWhileTheyComeBackIsSeen) {
+  two_snaps_stopped_with_their_node();
+  put("dev/block/240:0/stat", "1 0 0 0 7 0 0 0\n");
+  driver_->on_resume_ = [this] { put("dev/block/240:0/stat", "2 0 0 0 8 0 0 0\n"); };
+  EXPECT_EQ(resume(-ESTALE), 0u);
+  EXPECT_EQ(driver_->info(driver_->minor_of("older")).started, 0u);
+  EXPECT_THAT(judged(),
+              ElementsAre("older=not-stopped-with-its-node", "newer=not-stopped-with-its-node"));
+}
+
+TEST_F(Snaps, AReadWhileTheyComeBackIsNoHarm) {
+  two_snaps_stopped_with_their_node();
+  put("dev/block/240:0/stat", "1 0 0 0 7 0 0 0\n");
+  driver_->on_resume_ = [this] { put("dev/block/240:0/stat", "9 0 0 0 7 0 0 0\n"); };
+  EXPECT_EQ(resume(), 2u);
+}
+
+TEST_F(Snaps, AResumeThatFailsNeverDeletesFiles) {
+  two_snaps_stopped_with_their_node();
+  driver_->refuse_[SNBF_RESUME_SNAP] = -EIO;
+  EXPECT_EQ(resume(-EIO), 0u);
+  EXPECT_TRUE(there("cow/older.cow"));
+  EXPECT_TRUE(there("cow/newer.cow"));
+  EXPECT_THAT(driver_->sent_, Not(Contains(SNBF_DEL_NODE)));
+}
+
+TEST_F(Snaps, AStartThatWouldTruncateAnImageIsRefused) {
+  ASSERT_EQ(create("monday"), 0);
+  ASSERT_EQ(libsnbf_stop(handle_, 0), 0);
+  driver_->sent_.clear();
+  EXPECT_EQ(libsnbf_start(handle_, driver_->minor_of("monday")), -ENOTEMPTY);
+  EXPECT_THAT(driver_->sent_, Not(Contains(SNBF_START_NODE)));
+}
+
+TEST_F(Snaps, ADetachedNodesRecordsGo) {
+  ASSERT_EQ(create("monday"), 0);
+  ASSERT_EQ(libsnbf_detach(handle_, 0), 0);
+  EXPECT_FALSE(there("monday.snap"));
+}
+
+TEST(SnapMountOptions, ReplayNoLog) {
+  EXPECT_EQ(snbf::snap_mount_options("ext4"), "ro,noload");
+  EXPECT_EQ(snbf::snap_mount_options("xfs"), "ro,norecovery,nouuid");
+  EXPECT_EQ(snbf::snap_mount_options("reiserfs"), "ro,nolog");
+  EXPECT_EQ(snbf::snap_mount_options("ext2"), "ro")
+      << "it has no log, and does not know the option";
+  EXPECT_EQ(snbf::snap_mount_options("btrfs"), "") << "never beside its origin";
+}
+
+}  // namespace
