@@ -5,6 +5,8 @@
 #include "core/log.h"
 #include "fsread/ext2_reader.h"
 #include "fsread/extfs.h"
+#include "fsread/reiserfs_reader.h"
+#include "fsread/xfs_reader.h"
 
 namespace snbf {
 
@@ -12,6 +14,9 @@ namespace {
 
 constexpr FsReader kReaders[] = {
     reader_of<Ext2Reader, ext2_reader_init, ext2_reader_read, ext2_reader_destroy>(false),
+    reader_of<ReiserfsReader, reiserfs_reader_init, reiserfs_reader_read, reiserfs_reader_destroy>(
+        false),
+    reader_of<XfsReader, xfs_reader_init, xfs_reader_read, xfs_reader_destroy>(true),
 };
 
 }  // namespace

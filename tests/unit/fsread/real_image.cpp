@@ -205,7 +205,10 @@ Truth RealImage::reiserfs_truth() const {
 
 Comparison compare_with_truth(const RealImage& image, const Truth& truth, u32 chunk_size) {
   Comparison result;
-  EXPECT_GT(truth.used.size(), 0u);
+  if (truth.used.empty() || truth.block_size == 0) {
+    ADD_FAILURE() << "the file system's own tools say nothing about the image";
+    return result;
+  }
   run_sim_body(1, [&](Sim& sim) {
     LoggedParts parts(2);
     OpenDevice disk(sim, {.name = "sda1", .bytes = image.bytes()});
