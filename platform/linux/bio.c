@@ -134,9 +134,14 @@ void snbf_plat_bio_info(const plat_bio* request, plat_bio_info* info) {
 void snbf_plat_bio_forward(plat_bio* request, plat_bdev* bdev) {
   struct bio* bio = bio_of(request);
 
+  struct bio_list* pending = current->bio_list;
+
   if (!account_end(bio)) account_passed_on(bio);
   bio_set_dev(bio, bdev_of(bdev));
+  /* Without the task's list it is sent at once, and not when our submit function has returned. */
+  if (snbf_plat_bdev_can_drain(bdev)) current->bio_list = NULL;
   submit_bio_noacct(bio);
+  current->bio_list = pending;
 }
 
 void snbf_plat_bio_complete(plat_bio* request, int error) {
@@ -174,13 +179,13 @@ plat_bio* snbf_plat_bio_alloc(plat_alloc_mode mode) {
   return bio ? own_bio_begin(bio) : NULL;
 }
 
-void snbf_plat_bio_set_page(plat_bio* request, int write, plat_u64 sector, void* page,
+void snbf_plat_bio_set_page(plat_bio* request, int write, plat_u64 sector, void* data,
                             plat_u32 bytes) {
   struct bio* bio = bio_of(request);
 
   bio_reset(bio, NULL, write ? REQ_OP_WRITE | REQ_SYNC : REQ_OP_READ);
   bio->bi_iter.bi_sector = sector;
-  __bio_add_page(bio, virt_to_page(page), bytes, offset_in_page(page));
+  __bio_add_page(bio, virt_to_page(data), bytes, offset_in_page(data));
   own_of(request)->bytes_left = bytes;
 }
 
@@ -213,6 +218,15 @@ void snbf_plat_bio_submit(plat_bio* request, plat_bdev* bdev) {
   bio->bi_end_io = own_bio_end;
   bio_set_dev(bio, bdev_of(bdev));
   submit_bio_noacct(bio);
+}
+
+void snbf_plat_bio_submit_all(plat_bio* const* bios, int count, plat_bdev* bdev) {
+  struct blk_plug plug;
+  int i;
+
+  blk_start_plug(&plug);
+  for (i = 0; i < count; ++i) snbf_plat_bio_submit(bios[i], bdev);
+  blk_finish_plug(&plug);
 }
 
 void snbf_plat_bio_put(plat_bio* bio) {

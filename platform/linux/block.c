@@ -6,8 +6,10 @@
  */
 #include "platform/block.h"
 
+#include <linux/blk-mq.h>
 #include <linux/blkdev.h>
 #include <linux/list.h>
+#include <linux/major.h>
 #include <linux/slab.h>
 #include <linux/spinlock.h>
 
@@ -88,6 +90,24 @@ plat_u32 snbf_plat_bdev_block_bytes(plat_bdev* bdev) {
 plat_devt snbf_plat_bdev_device(plat_bdev* bdev) { return bdev_of(bdev)->bd_dev; }
 
 int snbf_plat_bdev_is_zoned(plat_bdev* bdev) { return bdev_is_zoned(bdev_of(bdev)); }
+
+/* The queue of a bio-based device counts nothing that is under way; of those, the RAM disk is done at once. */
+int snbf_plat_bdev_can_drain(plat_bdev* bdev) {
+  struct block_device* device = bdev_of(bdev);
+
+  return queue_is_mq(bdev_get_queue(device)) || MAJOR(device->bd_dev) == RAMDISK_MAJOR;
+}
+
+int snbf_plat_bdev_drain(plat_bdev* bdev, plat_u32 limit_ms) {
+  struct request_queue* queue = bdev_get_queue(bdev_of(bdev));
+  int left;
+
+  if (!queue_is_mq(queue)) return 0;
+  blk_freeze_queue_start(queue);
+  left = blk_mq_freeze_queue_wait_timeout(queue, msecs_to_jiffies(limit_ms));
+  blk_mq_unfreeze_queue(queue);
+  return left > 0 ? 0 : -ETIMEDOUT;
+}
 
 int snbf_plat_bdev_ioctl(plat_bdev* bdev, int mode, unsigned cmd, unsigned long arg) {
   const struct block_device_operations* ops = bdev_of(bdev)->bd_disk->fops;

@@ -10,6 +10,7 @@
 #include <linux/namei.h>
 #include <linux/sched/task.h>
 #include <linux/slab.h>
+#include <linux/uio.h>
 
 #include "compat.h"
 
@@ -77,6 +78,34 @@ plat_s64 snbf_plat_file_write(plat_file* file, plat_u64 position, const void* fr
   loff_t at = position;
 
   return kernel_write((struct file*)file, from, bytes, &at);
+}
+
+#define PAGES_A_CALL 64
+
+plat_s64 snbf_plat_file_write_pages(plat_file* file, plat_u64 position, void* const* pages,
+                                    plat_size bytes) {
+  struct bio_vec pieces[PAGES_A_CALL];
+  struct iov_iter from;
+  struct file* open = (struct file*)file;
+  loff_t at = position;
+  plat_size taken = 0;
+  unsigned int count = 0;
+  plat_s64 rc;
+
+  while (taken < bytes && count < PAGES_A_CALL) {
+    const unsigned int piece = min_t(plat_size, bytes - taken, PAGE_SIZE);
+
+    pieces[count].bv_page = virt_to_page(pages[count]);
+    pieces[count].bv_offset = 0;
+    pieces[count].bv_len = piece;
+    taken += piece;
+    ++count;
+  }
+  iov_iter_bvec(&from, WRITE, pieces, count, taken);
+  file_start_write(open);
+  rc = vfs_iter_write(open, &from, &at, 0);
+  file_end_write(open);
+  return rc;
 }
 
 int snbf_plat_file_sync(plat_file* file) {

@@ -168,7 +168,11 @@ void snbf_plat_bio_forward(plat_bio* bio, plat_bdev* bdev) {
     --bio->node->outstanding;
     bio->node = nullptr;
   }
+  // Without the task's list it is sent at once, and not when the submit function has returned.
+  BioLists* pending = k.current->bio_lists;
+  if (k.can_drain(*bdev->dev)) k.current->bio_lists = nullptr;
   k.submit(bio, bdev->dev);
+  k.current->bio_lists = pending;
 }
 
 void snbf_plat_bio_complete(plat_bio* bio, int error) {
@@ -185,7 +189,10 @@ plat_bio* snbf_plat_bio_clone(plat_bio* original, plat_alloc_mode mode) {
   Kernel& k = mode == PLAT_ALLOC_ATOMIC ? enter("bio_clone") : enter_sleeping("bio_clone");
   k.reclaim(mode);
   k.check_bio(original, "bio_clone");
-  if (k.fault_memory(Fault::BioClone)) return nullptr;
+  // A clone that may wait for memory gets it, as on a real kernel.
+  const bool fails = mode == PLAT_ALLOC_ATOMIC ? k.fault_memory(Fault::BioClone)
+                                               : k.fault(Fault::BioClone, -ENOMEM) != 0;
+  if (fails) return nullptr;
   plat_bio* bio = k.new_bio(plat_bio::Kind::Clone);
   bio->op = original->op;
   bio->fua = original->fua;
@@ -206,7 +213,7 @@ plat_bio* snbf_plat_bio_alloc(plat_alloc_mode mode) {
   return k.new_bio(plat_bio::Kind::Own);
 }
 
-void snbf_plat_bio_set_page(plat_bio* bio, int write, plat_u64 sector, void* page, plat_u32 bytes) {
+void snbf_plat_bio_set_page(plat_bio* bio, int write, plat_u64 sector, void* data, plat_u32 bytes) {
   Kernel& k = enter("bio_set_page");
   k.check_bio(bio, "bio_set_page");
   if (bio->kind != plat_bio::Kind::Own)
@@ -214,14 +221,14 @@ void snbf_plat_bio_set_page(plat_bio* bio, int write, plat_u64 sector, void* pag
   if (bio->in_flight) k.fatal("bio_set_page() of a request in flight");
   if (bytes == 0 || bytes > 4096 || bytes % kSectorBytes != 0)
     k.fatal("bio_set_page() of %u bytes", bytes);
-  if (reinterpret_cast<std::uintptr_t>(page) % 4096 != 0)
-    k.fatal("bio_set_page() of what is no page");
+  const u32 offset = static_cast<u32>(reinterpret_cast<std::uintptr_t>(data) % 4096);
+  if (offset + bytes > 4096) k.fatal("bio_set_page() of what lies in two pages");
   bio->op = write ? Op::Write : Op::Read;
   bio->sector = sector;
   bio->bytes = bio->left = bytes;
   bio->completed = false;
   bio->status = 0;
-  bio->pieces.assign(1, {static_cast<unsigned char*>(page), 0, bytes});
+  bio->pieces.assign(1, {static_cast<unsigned char*>(data) - offset, offset, bytes});
 }
 
 void snbf_plat_bio_set_hooks(plat_bio* bio, const plat_bio_hooks* hooks, void* context) {
@@ -262,6 +269,10 @@ void snbf_plat_bio_submit(plat_bio* bio, plat_bdev* bdev) {
   if (bio->kind == plat_bio::Kind::Clone && bio->completed)
     k.fatal("bio_submit() of a clone a second time");
   k.submit(bio, bdev->dev);
+}
+
+void snbf_plat_bio_submit_all(plat_bio* const* bios, int count, plat_bdev* bdev) {
+  for (int i = 0; i < count; ++i) snbf_plat_bio_submit(bios[i], bdev);
 }
 
 void snbf_plat_bio_put(plat_bio* bio) {

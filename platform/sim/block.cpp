@@ -64,11 +64,32 @@ void Kernel::dispatch(plat_bio* bio) {
   point();
   if (bio->target->disk != nullptr) {
     node_submit(bio);
-  } else if (current->plug_depth > 0) {
+    return;
+  }
+  BlockDev& dev = *bio->target;
+  bio->entry = dev.next_entry++;
+  dev.entered.insert(bio->entry);
+  if (current->plug_depth > 0) {
     current->plugged.push_back(bio);
   } else {
     device_start(bio);
   }
+}
+
+bool Kernel::can_drain(const BlockDev& dev) const {
+  return dev.disk == nullptr && !dev.options.bio_based;
+}
+
+int Kernel::drain(BlockDev& dev, u32 limit_ms) {
+  const u64 later = dev.next_entry;
+  const u64 deadline = now_us() + u64{1000} * limit_ms;
+  while (!dev.entered.empty() && *dev.entered.begin() < later) {
+    const u64 now = now_us();
+    if (now >= deadline) return -ETIMEDOUT;
+    sleep_in(dev.drain_waiters, "the requests in the queue of", &dev, dev.name.c_str(), nullptr,
+             static_cast<s64>(deadline - now));
+  }
+  return 0;
 }
 
 void Kernel::flush_plug(Task* task) {
@@ -349,6 +370,18 @@ plat_devt snbf_plat_bdev_device(plat_bdev* bdev) {
 
 int snbf_plat_bdev_is_zoned(plat_bdev* bdev) {
   return enter("bdev_is_zoned").check_bdev(bdev, "bdev_is_zoned")->dev->zoned ? 1 : 0;
+}
+
+int snbf_plat_bdev_can_drain(plat_bdev* bdev) {
+  Kernel& k = enter("bdev_can_drain");
+  return k.can_drain(*k.check_bdev(bdev, "bdev_can_drain")->dev) ? 1 : 0;
+}
+
+int snbf_plat_bdev_drain(plat_bdev* bdev, plat_u32 limit_ms) {
+  Kernel& k = enter_sleeping("bdev_drain");
+  BlockDev& dev = *k.check_bdev(bdev, "bdev_drain")->dev;
+  if (!k.can_drain(dev)) k.fatal("bdev_drain() of '%s', which cannot be", dev.name.c_str());
+  return k.drain(dev, limit_ms);
 }
 
 int snbf_plat_bdev_ioctl(plat_bdev* bdev, int mode, unsigned cmd, unsigned long arg) {

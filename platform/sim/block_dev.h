@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <set>
 #include <unordered_map>
 
 #include "kernel.h"
@@ -93,6 +94,10 @@ struct BlockDev {
   std::map<u64, u64> flush_covers;
   WaitList depth_waiters = {};
   std::vector<plat_bio*> flying;
+  // What has entered the queue, plugged or under way, by the order of entering.
+  std::set<u64> entered;
+  u64 next_entry = 1;
+  WaitList drain_waiters = {};
 };
 
 struct BioLists {

@@ -120,6 +120,8 @@ void Kernel::device_complete(plat_bio* bio, u64 seen, int error) {
   mix(bio->id);
   dev.flying.erase(std::find(dev.flying.begin(), dev.flying.end(), bio));
   --dev.counts.in_flight;
+  dev.entered.erase(bio->entry);
+  wake_all(dev.drain_waiters);
   wake_one(dev.depth_waiters);
   end_bio(bio, error);
 }

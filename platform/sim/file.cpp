@@ -91,6 +91,19 @@ plat_s64 snbf_plat_file_write(plat_file* file, plat_u64 position, const void* fr
                   (file->flags & PLAT_O_SYNC) != 0);
 }
 
+plat_s64 snbf_plat_file_write_pages(plat_file* file, plat_u64 position, void* const* pages,
+                                    plat_size bytes) {
+  plat_size done = 0;
+  do {
+    const plat_size piece = bytes - done < 4096 ? bytes - done : 4096;
+    const plat_s64 moved = snbf_plat_file_write(file, position + done, pages[done / 4096], piece);
+    if (moved < 0) return done > 0 ? static_cast<plat_s64>(done) : moved;
+    done += static_cast<plat_size>(moved);
+    if (static_cast<plat_size>(moved) < piece) break;
+  } while (done < bytes);
+  return static_cast<plat_s64>(done);
+}
+
 int snbf_plat_file_sync(plat_file* file) {
   Kernel& k = enter_sleeping("file_sync");
   check_file(k, file, "file_sync");

@@ -129,6 +129,7 @@ struct plat_bio {
   plat_devt sent_to = 0;                  // the number that it was sent to
   snbf::sim::BlockDev* target = nullptr;  // where it is or goes
   plat_disk* node = nullptr;              // the disk whose driver owns it now
+  snbf::sim::u64 entry = 0;               // when it entered its device's queue
   std::vector<Piece> pieces;
 
   int references = 1;
@@ -259,7 +260,7 @@ struct Kernel {
   void wake_all(WaitList& list);
   void remove_waiter(WaitList& list, Task* task);
   void sleep_in(WaitList& list, const char* what, const void* object, const char* name,
-                Task* owner = nullptr);
+                Task* owner = nullptr, s64 limit_us = -1);
   bool in_interrupt() const { return current != nullptr && current->irq; }
   void might_sleep(const char* call);
   void yield();
@@ -323,6 +324,8 @@ struct Kernel {
   plat_bio* check_bio(const plat_bio* bio, const char* call) const;
   void submit(plat_bio* bio, BlockDev* target);
   void dispatch(plat_bio* bio);
+  bool can_drain(const BlockDev& dev) const;
+  int drain(BlockDev& dev, u32 limit_ms);
   void flush_plug(Task* task);
   void device_start(plat_bio* bio);
   void device_complete(plat_bio* bio, u64 seen, int error);

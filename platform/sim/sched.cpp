@@ -442,11 +442,11 @@ void Kernel::wake_all(WaitList& list) {
 }
 
 void Kernel::sleep_in(WaitList& list, const char* what, const void* object, const char* name,
-                      Task* owner) {
+                      Task* owner, s64 limit_us) {
   // The plugged requests go first: sending them may itself sleep.
   flush_plug(current);
   wait_on(list);
-  block(what, object, name, owner);
+  if (!block(what, object, name, owner, limit_us)) remove_waiter(list, current);
 }
 
 void Kernel::might_sleep(const char* call) {

@@ -208,6 +208,7 @@ struct DeviceOptions {
   plat_devt number = 0;  // 0: 8:n
   u32 block_bytes = 512;
   bool zoned = false;
+  bool bio_based = false;   // its queue does not count what is under way: it cannot be drained
   u32 latency_min_us = 20;  // requests complete after a random time between the two, in any order
   u32 latency_max_us = 400;
   u32 queue_depth =

@@ -33,6 +33,15 @@ int snbf_plat_bdev_is_zoned(plat_bdev* bdev);
 int snbf_plat_bdev_ioctl(plat_bdev* bdev, int mode, unsigned cmd, unsigned long arg);
 
 /*
+ * Requests sent on in place carry no mark of ours until they complete. can_drain: 1 when drain can wait for those:
+ * the device counts what has entered its queue, or completes each request before its sender goes on. drain waits
+ * until every request that had entered the queue before the call has completed: 0, or -ETIMEDOUT after `limit_ms`.
+ * New requests may wait meanwhile. May sleep; hold no lock that a request's sender takes.
+ */
+int snbf_plat_bdev_can_drain(plat_bdev* bdev);
+int snbf_plat_bdev_drain(plat_bdev* bdev, plat_u32 limit_ms);
+
+/*
  * Freezes the file system that is mounted on the device: it is then quiet and whole on disk. 0 and thaw when
  * done; a negative error and nothing to thaw (no file system: 0). May sleep long. Used from the task that thaws.
  */
@@ -50,7 +59,8 @@ void snbf_plat_bio_info(const plat_bio* bio, plat_bio_info* info);
 
 /*
  * Sends the caller's own request on to `bdev` in place and gives it up; counted in the statistics of the node
- * that it came through. It may complete before this returns.
+ * that it came through. It may complete before this returns. To a device that can be drained it has entered the queue
+ * when this returns, even from inside a submit function: so call it with no lock held. May sleep.
  */
 void snbf_plat_bio_forward(plat_bio* bio, plat_bdev* bdev);
 /* Ends a request that was sent to a node: 0 or a negative error. The request is gone afterwards. Any context. */
@@ -71,8 +81,8 @@ typedef struct plat_bio_hooks {
 plat_bio* snbf_plat_bio_clone(plat_bio* original, plat_alloc_mode mode);
 /* Empty request for one page, with one reference; null when there is no memory. */
 plat_bio* snbf_plat_bio_alloc(plat_alloc_mode mode);
-/* Makes such a request read or write `bytes` of `page`; it can be used again once it has completed. */
-void snbf_plat_bio_set_page(plat_bio* bio, int write, plat_u64 sector, void* page, plat_u32 bytes);
+/* Makes such a request read or write `bytes` at `data`, within one page; it can be used again once it has completed. */
+void snbf_plat_bio_set_page(plat_bio* bio, int write, plat_u64 sector, void* data, plat_u32 bytes);
 /* `hooks` must outlive the request. Null takes the hooks away. */
 void snbf_plat_bio_set_hooks(plat_bio* bio, const plat_bio_hooks* hooks, void* context);
 const plat_bio_hooks* snbf_plat_bio_hooks(const plat_bio* bio);
@@ -83,6 +93,8 @@ plat_u32 snbf_plat_bio_bytes_left(const plat_bio* bio);
 int snbf_plat_bio_is_uptodate(const plat_bio* bio);
 /* Sends a request of the driver's own to `bdev`. The reference stays with the driver. */
 void snbf_plat_bio_submit(plat_bio* bio, plat_bdev* bdev);
+/* Sends several, which the device may then join where they are neighbours. */
+void snbf_plat_bio_submit_all(plat_bio* const* bios, int count, plat_bdev* bdev);
 /* Drops the reference; the last one calls destroy and frees it. Any context. */
 void snbf_plat_bio_put(plat_bio* bio);
 

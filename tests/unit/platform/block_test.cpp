@@ -215,13 +215,31 @@ SIM_TEST(Node, SeesNothingAbove4MiB) {
 }
 
 SIM_TEST(Node, SendsWhatItsDriverSubmitsOnlyWhenTheDriverHasReturned) {
-  Device* disk = sim.add_device({.name = "sda"});
+  Device* disk = sim.add_device({.name = "sda", .bio_based = true});
   toy_start(sim, disk->number());
   toy.on_request = [&](plat_bio* bio) {
     snbf_plat_bio_forward(bio, toy.below);
     EXPECT_EQ(disk->counts().in_flight, 0u);
   };
   EXPECT_EQ(sim.write(kNode, 8, Bytes(512, 7)), 0);
+  toy_stop();
+}
+
+SIM_TEST(Node, WhatItPassesOnInPlaceIsInTheQueueOfADeviceThatCanBeDrained) {
+  Device* disk = sim.add_device({.name = "sda"});
+  toy_start(sim, disk->number());
+  EXPECT_EQ(snbf_plat_bdev_can_drain(toy.below), 1);
+  disk->hold(true);
+  toy.on_request = [&](plat_bio* bio) {
+    snbf_plat_bio_forward(bio, toy.below);
+    EXPECT_EQ(disk->counts().in_flight, 1u);
+  };
+  Io io = sim.submit(kNode, {.op = Op::Write, .sector = 8, .data = Bytes(512, 7)});
+  EXPECT_EQ(snbf_plat_bdev_drain(toy.below, 100), -ETIMEDOUT);
+  disk->release_all();
+  EXPECT_EQ(snbf_plat_bdev_drain(toy.below, 100), 0);
+  EXPECT_TRUE(io.done());
+  disk->hold(false);
   toy_stop();
 }
 
