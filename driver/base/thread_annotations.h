@@ -21,5 +21,6 @@
 #define RELEASE(...) SNBF_ANNOTATE(release_capability(__VA_ARGS__))
 #define RELEASE_SHARED(...) SNBF_ANNOTATE(release_shared_capability(__VA_ARGS__))
 #define RELEASE_GENERIC(...) SNBF_ANNOTATE(release_generic_capability(__VA_ARGS__))
+#define TRY_ACQUIRE(...) SNBF_ANNOTATE(try_acquire_capability(__VA_ARGS__))
 #define EXCLUDES(...) SNBF_ANNOTATE(locks_excluded(__VA_ARGS__))
 #define NO_THREAD_SAFETY_ANALYSIS SNBF_ANNOTATE(no_thread_safety_analysis)

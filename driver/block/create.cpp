@@ -6,7 +6,7 @@
 #include "base/scope_exit.h"
 #include "base/string.h"
 #include "base/units.h"
-#include "block/node.h"
+#include "block/identity.h"
 #include "control/proc.h"
 #include "core/log.h"
 #include "core/memory.h"
@@ -60,15 +60,6 @@ Result<plat_devt> find_partition(const char* path) {
   snbf_log(2, "%s(): Successfully derived HDD major=%d, minor=%d", kOrigin,
            static_cast<int>(dev_major(info.device)), static_cast<int>(dev_minor(info.device)));
   return info.device;
-}
-
-void make_uuid(char (&uuid)[SNBF_UUID_BYTES]) {
-  u8 b[16];
-  snbf_plat_random_bytes(b, sizeof(b));
-  snbf_plat_snprintf(uuid, sizeof(uuid),
-                     "{%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x}", b[0],
-                     b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12],
-                     b[13], b[14], b[15]);
 }
 
 int refuse_duplicate(plat_devt device) {
@@ -161,29 +152,6 @@ void give_partition_back(FilterNode* node) {
   snbf_plat_heap_free(node);
 }
 
-// The minor asked for, or the lowest free one for a negative wish. Nobody else adds nodes
-// meanwhile.
-Result<u32> choose_minor(int wish) {
-  using Minor = Result<u32>;
-  const int max = snbf_max_blk_minor < kMinorLimit ? snbf_max_blk_minor : kMinorLimit;
-  if (wish > max) {
-    snbf_log(kLogError, "%s(): Minor number %d is too big: max=%d", kOrigin, wish, max);
-    return Minor::failure(-EINVAL);
-  }
-  KsReadGuard table{snbf_blkdev_rwlock};
-  if (wish >= 0) {
-    if (find_node(static_cast<u32>(wish)) == nullptr) return static_cast<u32>(wish);
-    snbf_log(kLogError, "%s(): Device minor number %d is already taken", kOrigin, wish);
-    return Minor::failure(-EINVAL);
-  }
-  for (int minor = 0; minor <= max; ++minor) {
-    if (find_node(static_cast<u32>(minor)) == nullptr) return static_cast<u32>(minor);
-  }
-  snbf_log(kLogError, "%s(): All %d of SNBF minor nodes have already been used up.", kOrigin,
-           max + 1);
-  return Minor::failure(-ENOSPC);
-}
-
 // The record's empty fields are filled on the way: they go back to the caller.
 void name_node(FilterNode& node, snbf_filter_node_cmd& record, u32 minor) {
   node.minor = minor;
@@ -202,6 +170,7 @@ void name_node(FilterNode& node, snbf_filter_node_cmd& record, u32 minor) {
 
 int make_bitmaps(FilterNode& node, u32 extent_size) {
   node.dev_size = snbf_plat_bdev_bytes(node.hdd_bdev);
+  node.can_drain = snbf_plat_bdev_can_drain(node.hdd_bdev) != 0;
   node.extent_size = extent_size;
   node.extent_shift = log2_floor(extent_size);
   const u64 extent_cnt = ((node.dev_size - 1) >> node.extent_shift) + 1;
@@ -252,33 +221,10 @@ void load_bitmaps(FilterNode& node) {
   snbf_block_load_bmp(node, SNBF_BMP_INCR);
 }
 
-plat_disk* allocate_disk(const FilterNode& node) {
-  plat_disk_params params = {};
-  params.name = node.disk_name;
-  params.major = snbf_blk_major;
-  params.minor = static_cast<int>(node.minor);
-  params.sectors = node.dev_size / kSectorBytes;
-  params.limits_from = node.hdd_bdev;
-  plat_disk* disk = snbf_plat_disk_alloc(&params);
-  if (disk == nullptr) {
-    snbf_log(kLogError, "%s(): Failed to allocate new generic disk.", kOrigin);
-  }
-  return disk;
-}
-
-// A node without its file can still be used by number: that does not fail the creation.
-void make_device_file(FilterNode& node) {
-  char path[kDevNameBytes];
-  snbf_plat_snprintf(path, sizeof(path), "/dev/snbf/%s", node.disk_name);
-  snbf_unlink(path);
-  if (snbf_mknod(path, 1, snbf_blk_major, static_cast<int>(node.minor)) != 0) return;
-  text_copy(node.dev_name, sizeof(node.dev_name), path);
-}
-
 // The disk, its directory in /proc and its file. Somebody may open the disk as soon as it is there:
 // he is refused until the node is in the table and started.
 int publish(FilterNode& node) {
-  node.disk = allocate_disk(node);
+  node.disk = allocate_disk(kOrigin, node, node);
   if (node.disk == nullptr) return -ENOMEM;
   ScopeExit put_disk{[&node] { snbf_plat_disk_put(node.disk); }};
   if (int rc = snbf_plat_disk_add(node.disk); rc != 0) {
@@ -290,7 +236,7 @@ int publish(FilterNode& node) {
     return rc;
   }
   snbf_plat_disk_set_read_only(node.disk, 0);
-  make_device_file(node);
+  make_device_file(node, node.disk_name);
   put_disk.dismiss();
   TableWriteGuard table;
   snbf_blkdev_arr[node.minor] = &node;
@@ -298,7 +244,10 @@ int publish(FilterNode& node) {
 }
 
 int build(FilterNode& node, snbf_filter_node_cmd& record) {
-  const Result<u32> minor = choose_minor(record.minor);
+  const Result<u32> minor = [&] {
+    KsReadGuard table{snbf_blkdev_rwlock};
+    return choose_minor(kOrigin, record.minor);
+  }();
   if (!minor.ok()) return minor.error();
   name_node(node, record, minor.value());
   snbf_log(1, "%s(): Attaching %s to %s", kOrigin, node.name, node.hdd_name);

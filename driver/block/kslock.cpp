@@ -8,6 +8,7 @@ namespace snbf {
 namespace {
 
 constexpr u32 kPauseForWriterMs = 10;
+constexpr u64 kNever = ~u64{0};
 
 }  // namespace
 
@@ -74,14 +75,29 @@ void KsRwLock::write_lock() NO_THREAD_SAFETY_ANALYSIS {
     count_.fetch_sub(1);
     return;
   }
-  if (try_write(me)) return;
+  if (!try_write(me)) wait_to_write(me, kNever);
+}
+
+bool KsRwLock::write_lock_within(u32 limit_ms) NO_THREAD_SAFETY_ANALYSIS {
+  plat_task* const me = snbf_plat_task_current();
+  return try_write(me) || wait_to_write(me, snbf_plat_ticks_ms() + limit_ms);
+}
+
+bool KsRwLock::wait_to_write(plat_task* me, u64 deadline_ms) {
   // Behind the stamp, so that nobody who sees a writer sees an old one.
   if (writers_waiting_.load() == 0) writers_wait_since_ms_.store(snbf_plat_ticks_ms());
   writers_waiting_.fetch_add(1);
   waiting_.fetch_add(1);
-  queue_.wait([this, me] { return try_write(me); });
+  const auto try_to_write = [this, me] { return try_write(me); };
+  bool locked = true;
+  if (deadline_ms == kNever) {
+    queue_.wait(try_to_write);
+  } else {
+    locked = queue_.wait_until(try_to_write, deadline_ms);
+  }
   waiting_.fetch_sub(1);
   writers_waiting_.fetch_sub(1);
+  return locked;
 }
 
 void KsRwLock::write_unlock() NO_THREAD_SAFETY_ANALYSIS {
@@ -100,18 +116,11 @@ void KsRwLock::write_unlock() NO_THREAD_SAFETY_ANALYSIS {
   wake_waiters();
 }
 
-void KsRwLock::wait_for_writer() {
-  const u64 deadline = writers_wait_since_ms_.load() + kPauseForWriterMs;
-  if (snbf_plat_ticks_ms() >= deadline) return;
-  plat_wait_entry entry = {};
+void KsRwLock::pause_for_writer() {
+  const u64 deadline_ms = writers_wait_since_ms_.load() + kPauseForWriterMs;
+  if (snbf_plat_ticks_ms() >= deadline_ms) return;
   waiting_.fetch_add(1);
-  for (;;) {
-    snbf_plat_wait_prepare(queue_.raw(), &entry, 0);
-    const u64 now = snbf_plat_ticks_ms();
-    if (writers_waiting_.load() <= 0 || now >= deadline) break;
-    snbf_plat_wait_sleep_ms(static_cast<u32>(deadline - now));
-  }
-  snbf_plat_wait_finish(queue_.raw(), &entry);
+  queue_.wait_until([this] { return writers_waiting_.load() <= 0; }, deadline_ms);
   waiting_.fetch_sub(1);
 }
 

@@ -50,12 +50,13 @@ class CAPABILITY("ks lock") KsRwLock {
   }
   // May sleep.
   void write_lock() ACQUIRE();
+  // False when that did not succeed within the limit.
+  bool write_lock_within(u32 limit_ms) TRY_ACQUIRE(true);
   void write_unlock() RELEASE();
   // Gives a waiting writer a chance: until it has waited for 10 ms, and not beyond, whoever asks. So a caller that holds
   // the lock further up its own stack loses 10 ms at the most.
-  void pause_for_writer() {
-    if (writers_waiting_.load(std::memory_order_relaxed) > 0) wait_for_writer();
-  }
+  void pause_for_writer();
+  bool has_waiting_writer() const { return writers_waiting_.load(std::memory_order_relaxed) > 0; }
   // Above zero: readers. Below: the writer's depth.
   int count() const { return count_.load(); }
 
@@ -75,7 +76,8 @@ class CAPABILITY("ks lock") KsRwLock {
   bool try_write(plat_task* me);
   bool is_writer(plat_task* me) const { return count_.load() < 0 && owner_.load() == me; }
   void wait_to_read();
-  void wait_for_writer();
+  // False after the deadline.
+  bool wait_to_write(plat_task* me, u64 deadline_ms);
   void report_not_read_locked();
 
   Atomic<int> count_;

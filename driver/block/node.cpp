@@ -30,7 +30,7 @@ TableWriteGuard::TableWriteGuard() NO_THREAD_SAFETY_ANALYSIS : noio_state_(snbf_
 }
 
 TableWriteGuard::~TableWriteGuard() NO_THREAD_SAFETY_ANALYSIS {
-  snbf_blkdev_rwlock.write_unlock();
+  if (!is_left_held_) snbf_blkdev_rwlock.write_unlock();
   snbf_plat_noio_end(noio_state_);
 }
 

@@ -27,6 +27,7 @@
 #include "platform/disk.h"
 #include "snap/cowbmp.h"
 #include "snap/cowqueue.h"
+#include "snap/cowthread.h"
 #include "util/file.h"
 
 namespace snbf {
@@ -71,7 +72,8 @@ struct FilterNode : Node {
   char bmp_dir[kPathBytes] = {};
   char incr_bmp_fname[kPathBytes] = {};
   char diff_bmp_fname[kPathBytes] = {};
-  // Oldest first. Changed under the table's write lock.
+  // Oldest image first: in the order of attaching, but that a snap which starts behind newer ones that are started
+  // already goes to the end. Changed under the table's write lock.
   List<SnapNode, BySnapOrder> snaps;
 
   KsMutex bmp_mutex;
@@ -87,9 +89,16 @@ struct FilterNode : Node {
   Atomic<int> holders{1};
 
   CowQueue cowqueue;
+  CowThread cowthread;  // changed under node_mutex
   KsRwLock io_rwlock;
   Atomic<int> io_req_cnt;
   AioTracker aio;
+  // Requests that are passed on in place are seen no more once they have entered the partition's queue. So where
+  // that cannot be waited for, writes go as clones from the beginning; else those still on their way into it are
+  // counted, and the first snap to start waits for them and then for the queue.
+  bool can_drain = false;
+  Atomic<int> entering;
+  Atomic<int> drained;  // nothing that was passed on in place is under way any more; 0 while there are no snaps
 };
 
 struct SnapNode : Node, ListLink<BySnapOrder> {
@@ -108,6 +117,8 @@ struct SnapNode : Node, ListLink<BySnapOrder> {
   Atomic<int> snap_valid;
   Atomic<int> stop_pending;
   Atomic<int> del_pending;
+  SnapNode* stopped_inside = nullptr;  // while a chain of postponed stops is worked off
+  Atomic<int> truncation_due;  // given up by the watchdog, which touches no file
 };
 
 // The node must be of that kind.
@@ -148,8 +159,12 @@ class SCOPED_CAPABILITY TableWriteGuard {
   TableWriteGuard(const TableWriteGuard&) = delete;
   TableWriteGuard& operator=(const TableWriteGuard&) = delete;
 
+  // The lock stays held after the scope.
+  void leave_held() { is_left_held_ = true; }
+
  private:
   unsigned noio_state_;
+  bool is_left_held_ = false;
 };
 
 }  // namespace snbf

@@ -4,6 +4,7 @@
 #include "base/errno.h"
 #include "core/log.h"
 #include "filter/bmpfile.h"
+#include "snap/snapstart.h"
 
 using snbf::kLogError;
 
@@ -13,10 +14,11 @@ namespace {
 
 constexpr const char* kOrigin = "snbf_block_stop_device";
 
+using Snaps = List<SnapNode, BySnapOrder>;
+
 // Oldest first. The first that refuses ends it.
 int stop_snaps(FilterNode& filter) {
-  for (SnapNode* snap = filter.snaps.first(); snap != nullptr;
-       snap = List<SnapNode, BySnapOrder>::next(snap)) {
+  for (SnapNode* snap = filter.snaps.first(); snap != nullptr; snap = Snaps::next(snap)) {
     if (snap->started.load() == 0) continue;
     if (int rc = snbf_block_stop_device(*snap); rc != 0) return rc;
   }
@@ -26,10 +28,103 @@ int stop_snaps(FilterNode& filter) {
 // node_mutex is held, and nobody has the device open: no write comes between the save and the end.
 int stop_filter(FilterNode& filter) {
   if (int rc = stop_snaps(filter); rc != 0) return rc;
+  snbf_cowthread_shutdown(&filter.cowthread);
   // What cannot be saved now stays marked as dirty.
   snbf_block_save_dirty_bmps(filter);
   filter.started.store(0);
   return 0;
+}
+
+bool has_older_started(const SnapNode& snap) {
+  for (const SnapNode* older = Snaps::prev(&snap); older != nullptr; older = Snaps::prev(older)) {
+    if (older->started.load() != 0) return true;
+  }
+  return false;
+}
+
+// Waits until the request that was at the head, if any, is no longer there.
+void wait_for_head(CowQueue& queue) {
+  const auto head = [&queue] {
+    SpinGuard hold{queue.lock};
+    return queue.requests.first();
+  };
+  const CowRequest* const noted = head();
+  while (noted != nullptr && head() == noted) snbf_plat_yield();
+}
+
+// A COW thread that is at work may have found the snap started before it was not: its pass ends.
+void wait_for_pass(const CowThread& thread) {
+  const u32 noted = thread.pass.load();
+  while (noted % 2 != 0 && thread.pass.load() == noted) snbf_plat_yield();
+}
+
+void end_snap(SnapNode& snap) {
+  FilterNode& filter = *snap.filter_node;
+  {
+    // Whoever was routed with the snap in sight has left, and nobody sees it any more.
+    KsWriteGuard drained{filter.io_rwlock};
+    snap.stop_pending.store(0);
+    snap.started.store(0);
+  }
+  wait_for_head(filter.cowqueue);
+  wait_for_pass(filter.cowthread);
+  drop_snap_resources(snap);
+}
+
+// Whether the stop was postponed: an older snap reads this one's copies. node_mutex is held.
+bool stop_or_postpone(SnapNode& snap) {
+  if (has_older_started(snap)) {
+    snap.stop_pending.store(1);
+    // The older one may have been stopped in between, and have seen nothing pending yet.
+    if (has_older_started(snap)) return true;
+  }
+  end_snap(snap);
+  return false;
+}
+
+// Null unless the next started snap is one whose stop was postponed.
+SnapNode* next_pending(SnapNode& snap) {
+  SnapNode* newer = Snaps::next(&snap);
+  while (newer != nullptr && newer->started.load() == 0) newer = Snaps::next(newer);
+  return newer != nullptr && newer->stop_pending.load() != 0 ? newer : nullptr;
+}
+
+void log_stopping(const Node& node) {
+  snbf_log(2, "%s(): Stopping snbf(%d, %d)", kOrigin, snbf_blk_major, static_cast<int>(node.minor));
+}
+
+void log_stopped(const Node& node) {
+  snbf_log(3, "%s(): snbf(%d, %d) has been stopped successfully", kOrigin, snbf_blk_major,
+           static_cast<int>(node.minor));
+}
+
+bool is_in_use(const Node& node) {
+  if (node.use_cnt.load() == 0) return false;
+  snbf_log(kLogError, "%s(): snbf(%d, %d) is still being used.", kOrigin, snbf_blk_major,
+           static_cast<int>(node.minor));
+  return true;
+}
+
+// Of those whose stop was postponed, the next in line, and so on: a loop, for there may be 256 of them
+// and the stack is small. Each ends inside the stop of the one before it, and is reported so.
+void stop_pending_behind(SnapNode& first) {
+  SnapNode* last = nullptr;
+  for (SnapNode* snap = next_pending(first); snap != nullptr; snap = next_pending(*snap)) {
+    log_stopping(*snap);
+    KsMutexGuard life{snap->node_mutex};
+    if (snap->started.load() == 0 || is_in_use(*snap) || stop_or_postpone(*snap)) break;
+    snap->stopped_inside = last;
+    last = snap;
+  }
+  for (; last != nullptr; last = last->stopped_inside) log_stopped(*last);
+}
+
+// Whether the stop was postponed.
+bool stop_snap(SnapNode& snap) {
+  if (snap.filter_node == nullptr) return false;  // Kept: one that is detached stays started.
+  const bool postponed = stop_or_postpone(snap);
+  stop_pending_behind(snap);
+  return postponed;
 }
 
 }  // namespace
@@ -51,19 +146,19 @@ int snbf_ioctl_stop_node(snbf_minor_cmd& record) {
 }
 
 int snbf_block_stop_device(snbf::Node& node) {
-  const int minor = static_cast<int>(node.minor);
-  snbf_log(2, "%s(): Stopping snbf(%d, %d)", snbf::kOrigin, snbf_blk_major, minor);
+  snbf::log_stopping(node);
   snbf::KsMutexGuard life{node.node_mutex};
   if (node.started.load() == 0) return 0;
-  if (node.use_cnt.load() != 0) {
-    snbf_log(kLogError, "%s(): snbf(%d, %d) is still being used.", snbf::kOrigin, snbf_blk_major,
-             minor);
-    return -EBUSY;
-  }
+  if (snbf::is_in_use(node)) return -EBUSY;
   if (node.dev_type == snbf::kFilterNode) {
     if (int rc = snbf::stop_filter(snbf::as_filter(node)); rc != 0) return rc;
   }
-  snbf_log(3, "%s(): snbf(%d, %d) has been stopped successfully", snbf::kOrigin, snbf_blk_major,
-           minor);
+  if (node.dev_type == snbf::kSnapNode && snbf::stop_snap(snbf::as_snap(node))) {
+    snbf_log(1,
+             "%s(): Postponing stop of snbf(%d, %d), since there are other snaps depending on this one.",
+             snbf::kOrigin, snbf_blk_major, static_cast<int>(node.minor));
+    return 0;
+  }
+  snbf::log_stopped(node);
   return 0;
 }

@@ -16,6 +16,8 @@
 #include "filter/bmpfile.h"
 #include "fsread/datablock.h"
 #include "platform/memory.h"
+#include "snap/create.h"
+#include "snap/resume.h"
 #include "snbf/protocol.h"
 
 namespace snbf {
@@ -42,16 +44,11 @@ constexpr Command plain_command(u32 number, const char* name) {
           [](Node*, void* record) { return kHandler(*static_cast<Record*>(record)); }};
 }
 
-// Known to the protocol, with everything checked, but this driver has no such service.
-template <typename Record>
-constexpr Command refused_command(u32 number, const char* name, bool is_node_bound) {
-  return {number, name, sizeof(Record), is_node_bound, [](Node*, void*) { return -EOPNOTSUPP; }};
-}
-
 constexpr Command kCommands[] = {
     plain_command<snbf_filter_node_cmd, snbf_ioctl_add_filter_node>(SNBF_ADD_FILTER_NODE,
                                                                     "SNBF_ADD_FILTER_NODE"),
-    refused_command<snbf_snap_node_cmd>(SNBF_ADD_SNAP_NODE, "SNBF_ADD_SNAP_NODE", false),
+    plain_command<snbf_snap_node_cmd, snbf_ioctl_add_snap_node>(SNBF_ADD_SNAP_NODE,
+                                                                "SNBF_ADD_SNAP_NODE"),
     plain_command<snbf_minor_cmd, snbf_ioctl_del_node>(SNBF_DEL_NODE, "SNBF_DEL_NODE"),
     plain_command<snbf_minor_cmd, snbf_ioctl_start_node>(SNBF_START_NODE, "SNBF_START_NODE"),
     plain_command<snbf_minor_cmd, snbf_ioctl_stop_node>(SNBF_STOP_NODE, "SNBF_STOP_NODE"),
@@ -70,7 +67,7 @@ constexpr Command kCommands[] = {
                                                                    "SNBF_GET_DATABLOCK_BMP"),
     plain_command<snbf_datablock_test, snbf_ioctl_test_datablock>(SNBF_TEST_DATABLOCK,
                                                                   "SNBF_TEST_DATABLOCK"),
-    refused_command<snbf_resume_cmd>(SNBF_RESUME_SNAP, "SNBF_RESUME_SNAP", false),
+    plain_command<snbf_resume_cmd, snbf_ioctl_resume_snap>(SNBF_RESUME_SNAP, "SNBF_RESUME_SNAP"),
 };
 
 constexpr u32 kType = 'C';

@@ -84,6 +84,21 @@ class WaitQueue {
   void wait_idle(Condition condition) {
     wait_in(condition, 1);
   }
+  // The same until a point of snbf_plat_ticks_ms(); false when that came first.
+  template <typename Condition>
+  bool wait_until(Condition condition, u64 deadline_ms) {
+    plat_wait_entry entry = {};
+    bool holds;
+    for (;;) {
+      snbf_plat_wait_prepare(&queue_, &entry, 0);
+      holds = condition();
+      const u64 now = snbf_plat_ticks_ms();
+      if (holds || now >= deadline_ms) break;
+      snbf_plat_wait_sleep_ms(static_cast<u32>(deadline_ms - now));
+    }
+    snbf_plat_wait_finish(&queue_, &entry);
+    return holds;
+  }
   plat_waitq* raw() { return &queue_; }
 
  private:

@@ -61,6 +61,12 @@ SectorRange sectors_of(const plat_bio* bio) {
   return {Sector{info.sector}, info.size_bytes >> 9};
 }
 
+bool is_write(const plat_bio* bio) {
+  plat_bio_info info;
+  snbf_plat_bio_info(bio, &info);
+  return info.is_write != 0;
+}
+
 Bucket& bucket_of(AioTracker& tracker, u64 block) {
   return tracker.buckets[block & (kAioBuckets - 1)];
 }
@@ -120,6 +126,16 @@ void install(AioTracker& tracker, AioItem& item, BlockSpan span, plat_bio* origi
   item.saved_hooks = snbf_plat_bio_hooks(clone);
   snbf_plat_bio_set_hooks(clone, &kCloneHooks, &item);
   tracker.items.push_back(&item);
+  if (is_write(clone)) tracker.writes.fetch_add(1);
+}
+
+// From now on it blocks nobody. Answers the original; null if it had none any more.
+plat_bio* take_original(AioItem& item) REQUIRES(aio_spin) {
+  plat_bio* original = item.original;
+  if (original == nullptr) return nullptr;
+  item.original = nullptr;
+  if (is_write(item.clone)) item.tracker->writes.fetch_sub(1);
+  return original;
 }
 
 bool has_items(const AioTracker& tracker) {
@@ -214,8 +230,7 @@ int snbf_aio_end_io(plat_bio* clone, plat_u32 /*bytes_done*/, int error) {
   plat_bio* original = nullptr;
   {
     IrqSpinGuard hold{aio_spin};
-    original = item->original;
-    item->original = nullptr;
+    original = take_original(*item);
   }
   if (original != nullptr) snbf_plat_bio_complete(original, error);
   snbf_plat_bio_put(clone);
@@ -229,6 +244,7 @@ void snbf_aio_destructor(plat_bio* clone) {
     // Freed in the same holding: once the tracker is seen empty, nothing of it is left with
     // anybody.
     IrqSpinGuard hold{aio_spin};
+    take_original(*item);  // of a clone that was never sent
     item->tracker->items.remove(item);
     for (AioBlock* block = item->blocks; block != nullptr; block = block->next_of_item) {
       bucket_of(*item->tracker, block->number).remove(block);

@@ -11,6 +11,7 @@
 // nothing is allocated, cloned, waited for or completed under it.
 #pragma once
 
+#include "base/atomic.h"
 #include "base/list.h"
 #include "base/types.h"
 #include "platform/block.h"
@@ -25,6 +26,7 @@ struct AioInBucket;
 struct AioTracker {
   List<AioItem, AioInFlight> items;
   List<AioBlock, AioInBucket>* buckets = nullptr;  // kAioBuckets of them, zero-filled memory
+  Atomic<int> writes;  // clones of writes that have been handed out and have not completed
 };
 
 constexpr u32 kAioBuckets = 4096;

@@ -6,6 +6,7 @@
 #include "core/log.h"
 #include "filter/bmp.h"
 #include "io/judge.h"
+#include "snap/chunkset.h"
 
 namespace snbf {
 
@@ -16,18 +17,21 @@ constexpr const char* kOrigin = "snbf_make_request";
 struct Request {
   plat_bio* bio;
   plat_bio_info info;
+  FilterNode* pass_to = nullptr;  // whose partition gets it in place
 
   SectorRange sectors() const { return {Sector{info.sector}, info.size_bytes >> 9}; }
   u32 minor() const { return dev_minor(info.device); }
 };
 
-// A COW thread's own request must not wait for memory that only that thread can give back. Looked
-// up only where something is allocated: the plain way through allocates nothing.
-AllocMode request_alloc_mode() {
+bool is_cow_thread() {
   char name[PLAT_TASK_NAME_BYTES];
   snbf_plat_task_name(name);
-  return text_contains(name, "kcowd") ? PLAT_ALLOC_ATOMIC : PLAT_ALLOC_NOIO;
+  return text_contains(name, "kcowd");
 }
+
+// A COW thread's own request must not wait for memory that only that thread can give back. Looked
+// up only where something is allocated: the plain way through allocates nothing.
+AllocMode request_alloc_mode() { return is_cow_thread() ? PLAT_ALLOC_ATOMIC : PLAT_ALLOC_NOIO; }
 
 // Hands the caller's own request to the COW thread. A clone of it is dropped first: an append may
 // wait for memory that requests in flight hold, and the clone is one of those.
@@ -42,16 +46,30 @@ ChunkCount count_chunks(SnapNode& snap, BlockSpan span) {
   for (u64 n = 0; n < chunks.all; ++n) {
     const u64 chunk = span.first + n;
     if (snbf_blkbmp_is_used(&snap.blkbmp, chunk)) ++chunks.in_use;
-    if (snbf_cowbmp_test_bit(&snap.cow_bmp, static_cast<int>(chunk)) != 0) ++chunks.copied;
+    if (snbf_cowbmp_is_set(&snap.cow_bmp, chunk)) ++chunks.copied;
     if (chunks.in_use > 0 && chunks.copied <= n) break;
   }
   return chunks;
 }
 
-Verdict ask_snap(SnapNode& snap, const SectorRange& sectors) {
-  const bool valid = snap.snap_valid.load() != 0;
+// Whether the bit of a chunk is set, but not yet where a power cut leaves it.
+bool is_unsafe(const FilterNode& filter, BlockSpan span) {
+  const ChunkSet* unsafe = filter.cowthread.unsafe_chunks.load();
+  if (unsafe == nullptr) return false;
+  const u64 count = span.count();
+  for (u64 n = 0; n < count; ++n) {
+    if (unsafe->contains(static_cast<u32>(span.first + n))) return true;
+  }
+  return false;
+}
+
+Verdict ask_snap(const FilterNode& filter, SnapNode& snap, const SectorRange& sectors) {
+  if (snap.snap_valid.load() == 0) return judge_write(false, ChunkCount{});
   const BlockSpan span = BlockGeometry{snap.chunk_shift}.covering(sectors);
-  return judge_write(valid, valid ? count_chunks(snap, span) : ChunkCount{});
+  const ChunkCount chunks = count_chunks(snap, span);
+  // Asked after the bits: whoever sees one that was set just now also sees its chunk in the set.
+  if (chunks.copied > 0 && is_unsafe(filter, span)) return Verdict::Hold;
+  return judge_write(true, chunks);
 }
 
 // Whether a chunk's old contents lie in the COW data file of this snap or of a newer one.
@@ -59,7 +77,7 @@ bool is_copied_from(SnapNode& snap, u64 chunk) {
   for (SnapNode* holder = &snap; holder != nullptr;
        holder = List<SnapNode, BySnapOrder>::next(holder)) {
     if (holder->started.load() == 0 || holder->snap_valid.load() == 0) continue;
-    if (snbf_cowbmp_test_bit(&holder->cow_bmp, static_cast<int>(chunk)) != 0) return true;
+    if (snbf_cowbmp_is_set(&holder->cow_bmp, chunk)) return true;
   }
   return false;
 }
@@ -92,19 +110,28 @@ int route_beside_snaps(FilterNode& filter, const Request& request) {
 }
 
 // These routes answer 0 when the request is passed on or queued, else the error to complete it
-// with.
+// with. What is to be passed on in place is left to the caller, who holds no lock.
 
-int route_filter(FilterNode& filter, const Request& request) {
+int pass_in_place(FilterNode& filter, Request& request) {
+  filter.entering.fetch_add(1);
+  request.pass_to = &filter;
+  return 0;
+}
+
+int route_filter(FilterNode& filter, Request& request) {
+  if (filter.io_rwlock.has_waiting_writer() && !is_cow_thread()) {
+    filter.io_rwlock.pause_for_writer();
+  }
   KsReadGuard io{filter.io_rwlock};
   filter.io_req_cnt.fetch_add(1);
   const bool has_data = request.info.size_bytes >= kSectorBytes;
   if (has_data && request.info.is_write) mark_extents(filter, request.sectors());
-  if (has_data && !filter.snaps.empty()) return route_beside_snaps(filter, request);
-  snbf_plat_bio_forward(request.bio, filter.hdd_bdev);
-  return 0;
+  const bool as_clone = !filter.snaps.empty() || (request.info.is_write && !filter.can_drain);
+  if (has_data && as_clone) return route_beside_snaps(filter, request);
+  return pass_in_place(filter, request);
 }
 
-int route_snap(SnapNode& snap, const Request& request) {
+int route_snap(SnapNode& snap, Request& request) {
   const int minor = static_cast<int>(snap.minor);
   if (snap.filter_node == nullptr || snap.filter_node->dev_type != kFilterNode) {
     snbf_log(kLogError, "%s(): Request for unattached snap device snbf(%d, %d)", kOrigin,
@@ -122,10 +149,7 @@ int route_snap(SnapNode& snap, const Request& request) {
     snbf_log(kLogError, "%s(): Write request to snap snbf(%d, %d)", kOrigin, snbf_blk_major, minor);
     return -EROFS;
   }
-  if (request.info.size_bytes == 0) {
-    snbf_plat_bio_forward(request.bio, filter.hdd_bdev);
-    return 0;
-  }
+  if (request.info.size_bytes == 0) return pass_in_place(filter, request);
   const AllocMode mode = request_alloc_mode();
   // The tracker first and the bitmaps second: a write that arrives in between waits for this read,
   // which may be on its way to the partition for the old contents.
@@ -138,7 +162,7 @@ int route_snap(SnapNode& snap, const Request& request) {
   return 0;
 }
 
-int route(const Request& request) {
+int route(Request& request) {
   Node* node = find_node(request.minor());
   if (node == nullptr) {
     snbf_log(kLogError, "%s(): Nothing is known about SNBF device with minor=%d", kOrigin,
@@ -166,7 +190,7 @@ bool must_hold_write(FilterNode& filter, const SectorRange& sectors) {
   using Snaps = List<SnapNode, BySnapOrder>;
   for (SnapNode* snap = filter.snaps.last(); snap != nullptr; snap = Snaps::prev(snap)) {
     if (snap->started.load() == 0) continue;
-    switch (ask_snap(*snap, sectors)) {
+    switch (ask_snap(filter, *snap, sectors)) {
       case Verdict::Pass:
         return false;
       case Verdict::Hold:
@@ -198,10 +222,18 @@ extern "C" int snbf_make_request(void* /*queue*/, plat_bio* bio) {
              static_cast<int>(request.minor()), static_cast<long long>(request.info.sector),
              static_cast<int>(request.info.size_bytes >> 9), request.info.is_write);
   }
-  snbf_blkdev_rwlock.pause_for_writer();
+  if (snbf_blkdev_rwlock.has_waiting_writer() && !is_cow_thread()) {
+    snbf_blkdev_rwlock.pause_for_writer();
+  }
   snbf_blkdev_rwlock.read_lock();
   const int rc = route(request);
   snbf_blkdev_rwlock.read_unlock();
+  if (request.pass_to != nullptr) {
+    // A device whose queue is full holds its sender here, where he holds up nobody. The count keeps the record.
+    snbf_plat_bio_forward(bio, request.pass_to->hdd_bdev);
+    request.pass_to->entering.fetch_sub(1);
+    return 0;
+  }
   // A request that was passed on or queued is no longer ours to look at; only these errors leave it
   // here.
   if (rc < 0) snbf_plat_bio_complete(bio, rc);

@@ -7,6 +7,7 @@
 #include "base/errno.h"
 #include "base/scope_exit.h"
 #include "core/log.h"
+#include "platform/point.h"
 
 namespace snbf {
 
@@ -171,6 +172,17 @@ int snbf_cowbmp_init(CowBitmap* bitmap, u64 chunk_count) {
   return 0;
 }
 
+bool snbf_cowbmp_is_set(const CowBitmap* bitmap, u64 bit) {
+  // As the locked test answers for a bitmap that is not there.
+  if (bitmap->pages == nullptr) return true;
+  if (bit >= bitmap->nbits) return false;
+  SNBF_PLAT_POINT();
+  const BitPlace place = place_of(static_cast<int>(bit));
+  const u8* page = __atomic_load_n(&bitmap->pages[place.page], __ATOMIC_ACQUIRE);
+  if (page == nullptr) return false;
+  return (__atomic_load_n(&page[place.byte], __ATOMIC_ACQUIRE) & place.mask) != 0;
+}
+
 int snbf_cowbmp_test_bit(CowBitmap* bitmap, int bit) {
   SNBF_ASSERT(bitmap != nullptr);
   if (bitmap->pages == nullptr) {
@@ -215,7 +227,7 @@ int snbf_cowbmp_set_bit(CowBitmap* bitmap, int bit, AllocMode mode, snbf_file* f
   }
   KsWriteGuard hold{bitmap->lock};
   if (*slot == nullptr) {
-    *slot = fresh;
+    __atomic_store_n(slot, fresh, __ATOMIC_RELEASE);
   } else {
     snbf_plat_heap_free(fresh);  // another caller was faster
   }

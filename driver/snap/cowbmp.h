@@ -13,7 +13,9 @@
 namespace snbf {
 
 struct CowBitmap {
-  KsRwLock lock;  // over the table and its pages; bits are set atomically, under the read side too
+  // Over the table and its pages. Bits are set atomically, under the read side too; a page that is there stays
+  // until the bitmap is destroyed or loaded anew, so that a bit can also be looked at without the lock.
+  KsRwLock lock;
   u64 nbits = 0;
   int npages = 0;
   u8** pages = nullptr;  // null: not initialised. A null page: all its bits are 0
@@ -25,6 +27,9 @@ struct CowBitmap {
 int snbf_cowbmp_init(snbf::CowBitmap* bitmap, snbf::u64 chunk_count);
 // 1 or 0, or -EINVAL while uninitialised: any answer but 0 means already copied.
 int snbf_cowbmp_test_bit(snbf::CowBitmap* bitmap, int bit);
+// The same without the lock, for those who must not wait for a file: setting a bit writes one. The bitmap is neither
+// destroyed nor loaded meanwhile. Any context.
+bool snbf_cowbmp_is_set(const snbf::CowBitmap* bitmap, snbf::u64 bit);
 // Sets a bit and, if that changed it, its byte in `file`. 0; -EIO when the file could not be
 // written: the bit then stays set in memory.
 int snbf_cowbmp_set_bit(snbf::CowBitmap* bitmap, int bit, snbf::AllocMode mode, snbf_file* file);

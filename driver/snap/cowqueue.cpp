@@ -66,7 +66,7 @@ void free_blocks(CowRequest& request) {
 void add_block(CowRequest& request, void* record, u64 first_number) {
   auto* block = ::new (record) CowBlock{};
   CowBlock* last = request.last_block;
-  block->bio = request.bio;
+  block->request = &request;
   block->number = last == nullptr ? first_number : last->number + 1;
   (last == nullptr ? request.first_block : last->next_of_request) = block;
   request.last_block = block;
@@ -109,7 +109,7 @@ bool overlaps_queued(CowQueue& queue, const SectorRange& sectors, bool reads, bo
   for (u64 n = 0; n < count; ++n) {
     const Bucket& bucket = bucket_of(queue, span.first + n);
     for (const CowBlock* entry = bucket.first(); entry != nullptr; entry = Bucket::next(entry)) {
-      const Covered queued = covered_by(entry->bio);
+      const Covered queued = covered_by(entry->request->bio);
       if ((queued.is_write ? writes : reads) && queued.sectors.overlaps(sectors)) return true;
     }
   }
@@ -162,6 +162,7 @@ int snbf_cowqueue_append(CowQueue* queue, int minor, plat_bio* bio, AllocMode mo
       bucket_of(*queue, block->number).push_front(block);
     }
     queue->cowqueue_len.fetch_add(1);
+    if (covered.is_write) queue->writes.fetch_add(1);
     if (covered.is_write || queue->requests.empty()) {
       insert_write(*queue, request);
     } else {
@@ -182,9 +183,33 @@ int snbf_cowqueue_find_overlap_req(CowQueue* queue, int match_reads, int match_w
   return overlaps_queued(*queue, sectors, match_reads != 0, match_writes != 0) ? 1 : 0;
 }
 
+int snbf_cowqueue_find_left_overlap(CowQueue* queue, const CowRequest* request, u32 pass) {
+  const Covered covered = covered_by(request->bio);
+  const BlockSpan span = covered.blocks();
+  const u64 count = span.count();
+  for (u64 n = 0; n < count; ++n) {
+    const Bucket& bucket = bucket_of(*queue, span.first + n);
+    for (const CowBlock* entry = bucket.first(); entry != nullptr; entry = Bucket::next(entry)) {
+      const CowRequest* other = entry->request;
+      if (other == request || other->left_by_pass != pass) continue;
+      if (covered_by(other->bio).sectors.overlaps(covered.sectors)) return 1;
+    }
+  }
+  return 0;
+}
+
+void snbf_cowqueue_untag(CowQueue* queue, int minor) {
+  SpinGuard hold{queue->lock};
+  for (CowRequest* request = queue->requests.first(); request != nullptr;
+       request = RequestList::next(request)) {
+    if (request->minor == minor) request->minor = -1;
+  }
+}
+
 int snbf_cowqueue_remove(CowQueue* queue, CowRequest* request) {
   SNBF_ASSERT(queue != nullptr);
   SNBF_ASSERT(request != nullptr);
+  if (covered_by(request->bio).is_write) queue->writes.fetch_sub(1);
   for (CowBlock* block = request->first_block; block != nullptr; block = block->next_of_request) {
     bucket_of(*queue, block->number).remove(block);
   }

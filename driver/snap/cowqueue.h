@@ -16,12 +16,13 @@ namespace snbf {
 
 struct CowInQueue;
 struct CowInBucket;
+struct CowRequest;
 
 // One 4096-byte block that a queued request covers.
 struct CowBlock : ListLink<CowInBucket> {
   CowBlock* next_of_request = nullptr;
   u64 number = 0;
-  plat_bio* bio = nullptr;
+  CowRequest* request = nullptr;
 };
 static_assert(sizeof(CowBlock) == 40);
 
@@ -29,6 +30,7 @@ struct CowRequest : ListLink<CowInQueue> {
   CowBlock* first_block = nullptr;  // ascending
   CowBlock* last_block = nullptr;
   int minor = 0;  // of the snap into whose COW data file a write's chunks go; negative: none
+  u32 left_by_pass = 0;  // the last pass over the queue that came by and left it waiting
   plat_bio* bio = nullptr;
 };
 static_assert(sizeof(CowRequest) == 48);
@@ -40,6 +42,7 @@ struct CowQueue {
   List<CowRequest, CowInQueue> requests GUARDED_BY(lock);
   List<CowBlock, CowInBucket>* buckets PT_GUARDED_BY(lock) = nullptr;  // kCowBuckets of them
   Atomic<int> cowqueue_len;
+  Atomic<int> writes;  // of the requests
   WaitQueue wait;  // the COW thread sleeps here
 
   // Any context, without the lock.
@@ -59,6 +62,11 @@ int snbf_cowqueue_append(snbf::CowQueue* queue, int minor, plat_bio* bio, snbf::
 // least is asked for.
 int snbf_cowqueue_find_overlap_req(snbf::CowQueue* queue, int match_reads, int match_writes,
                                    plat_bio* bio);
+// 1 when a request that this pass has left waiting overlaps `request`.
+int snbf_cowqueue_find_left_overlap(snbf::CowQueue* queue, const snbf::CowRequest* request,
+                                    snbf::u32 pass) REQUIRES(queue->lock);
+// Lets every request that is tagged with this minor be tagged with none.
+void snbf_cowqueue_untag(snbf::CowQueue* queue, int minor);
 // Takes a request out and frees its records. The request itself is the caller's from now on.
 int snbf_cowqueue_remove(snbf::CowQueue* queue, snbf::CowRequest* request) REQUIRES(queue->lock);
 // Fails every queued request with -EIO.

@@ -59,17 +59,19 @@ snbf_file* snbf_fopen(const char* path, int flags, int mode) {
   return file;
 }
 
-int snbf_fwrite(snbf_file* file, u64 position, const void* from, int count) {
+namespace {
+
+// `write_rest(done)` makes one call of the file's own write for what is left.
+template <typename WriteRest>
+int write_whole(const snbf_file* file, int count, WriteRest write_rest) {
   constexpr const char* kOrigin = "snbf_fwrite";
   if (!is_open(file)) {
     snbf_log(kLogError, "%s(): NULL or invalid file pointer passed as input!", kOrigin);
     return -EINVAL;
   }
-  const u8* bytes = static_cast<const u8*>(from);
   int done = 0;
   while (done < count) {
-    const s64 rc = snbf_plat_file_write(file->filp, position + static_cast<u64>(done), bytes + done,
-                                        static_cast<size_t>(count - done));
+    const s64 rc = write_rest(done);
     if (rc < 0) {
       snbf_log(kLogError, "%s(): Failed to write %d bytes into %s: rc=%d", kOrigin, count - done,
                file->name, static_cast<int>(rc));
@@ -83,6 +85,32 @@ int snbf_fwrite(snbf_file* file, u64 position, const void* from, int count) {
     done += static_cast<int>(rc);
   }
   return done;
+}
+
+}  // namespace
+
+int snbf_fwrite(snbf_file* file, u64 position, const void* from, int count) {
+  return write_whole(file, count, [=](int done) {
+    return snbf_plat_file_write(file->filp, position + static_cast<u64>(done),
+                                static_cast<const u8*>(from) + done,
+                                static_cast<size_t>(count - done));
+  });
+}
+
+int snbf_fwrite_pages(snbf_file* file, u64 position, void* const* pages, int count) {
+  return write_whole(file, count, [=](int done) {
+    const u64 at = position + static_cast<u64>(done);
+    const u32 in_page = static_cast<u32>(done) % kPageBytes;
+    void* const* from = pages + static_cast<u32>(done) / kPageBytes;
+    if (in_page == 0) {
+      return snbf_plat_file_write_pages(file->filp, at, from, static_cast<size_t>(count - done));
+    }
+    // A call stopped within a page: the rest of that page by itself.
+    const int rest = static_cast<int>(kPageBytes - in_page);
+    const int bytes = rest < count - done ? rest : count - done;
+    return snbf_plat_file_write(file->filp, at, static_cast<const u8*>(*from) + in_page,
+                                static_cast<size_t>(bytes));
+  });
 }
 
 // Kept: where a write that makes no progress is an error, the end of the file is a short count, for

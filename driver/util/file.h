@@ -21,6 +21,8 @@ snbf_file* snbf_fopen(const char* path, int flags, int mode);
 int snbf_fread(snbf_file* file, snbf::u64 position, void* to, int count);
 // `count`, or a negative error; a write without progress is -EIO.
 int snbf_fwrite(snbf_file* file, snbf::u64 position, const void* from, int count);
+// The same from whole pages of memory: `count` bytes, 4096 of each page but perhaps the last.
+int snbf_fwrite_pages(snbf_file* file, snbf::u64 position, void* const* pages, int count);
 // The kernel's answer; the handle is gone in any case.
 int snbf_fclose(snbf_file* file);
 // Empties a file that exists. Always 0.

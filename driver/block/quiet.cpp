@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "block/quiet.h"
+
+#include "base/errno.h"
+#include "core/log.h"
+
+namespace snbf {
+
+namespace {
+
+constexpr const char* kOrigin = "snbf_block_start_device";
+constexpr u64 kLimitMs = 60000;
+constexpr u64 kRestMs = 20;
+constexpr u32 kAttemptMs = 1000;  // openers of the node wait as long
+
+}  // namespace
+
+QuietPoint::~QuietPoint() NO_THREAD_SAFETY_ANALYSIS {
+  if (is_held_) {
+    filter_.io_rwlock.write_unlock();
+    filter_.node_mutex.unlock();
+  }
+  if (frozen_ != nullptr) snbf_plat_bdev_thaw(frozen_);
+}
+
+bool QuietPoint::is_late() const {
+  return static_cast<s64>(snbf_plat_ticks_ms() - deadline_ms_) >= 0;
+}
+
+u32 QuietPoint::left_ms() const {
+  const s64 left = static_cast<s64>(deadline_ms_ - snbf_plat_ticks_ms());
+  return left > 0 ? static_cast<u32>(left) : 0;
+}
+
+// A held write that goes on is known to the tracker before the queue forgets it: so in this order
+// none is missed.
+bool QuietPoint::has_writes() const {
+  return filter_.cowqueue.writes.load() != 0 || filter_.aio.writes.load() != 0;
+}
+
+void QuietPoint::wait_for_writes(u64 until_ms) const {
+  while (has_writes() && static_cast<s64>(snbf_plat_ticks_ms() - until_ms) < 0) snbf_plat_yield();
+}
+
+// Requests that were passed on in place when the node had no snaps. It has one now, so that there are
+// no new ones. False: the time is up.
+bool QuietPoint::drain() const {
+  if (!filter_.can_drain || filter_.drained.load() != 0) return true;
+  while (filter_.entering.load() != 0) {
+    if (is_late()) return false;
+    snbf_plat_yield();
+  }
+  if (snbf_plat_bdev_drain(filter_.hdd_bdev, left_ms()) != 0) return false;
+  filter_.drained.store(1);
+  return true;
+}
+
+// Holds both locks on success. What is on its way needs no lock of ours to end, so a node that is never
+// idle comes to rest while its newcomers wait; but only for a moment, since a copy that is needed for it
+// may wait for memory that the newcomers hold.
+bool QuietPoint::try_to_hold() NO_THREAD_SAFETY_ANALYSIS {
+  // Held together, so that the node is not stopped at this instant.
+  filter_.node_mutex.lock();
+  filter_.io_req_cnt.store(0);
+  if (!filter_.io_rwlock.write_lock_within(kAttemptMs)) {
+    filter_.node_mutex.unlock();
+    return false;
+  }
+  // Of a device that nobody has open there is no file system to come to rest.
+  const bool is_stable = !is_open_ || filter_.io_req_cnt.load() == 0;
+  if (is_stable) wait_for_writes(snbf_plat_ticks_ms() + kRestMs);
+  if (is_stable && !has_writes()) return true;
+  filter_.io_rwlock.write_unlock();
+  filter_.node_mutex.unlock();
+  return false;
+}
+
+int QuietPoint::reach() {
+  deadline_ms_ = snbf_plat_ticks_ms() + kLimitMs;
+  const int minor = static_cast<int>(filter_.minor);
+  const bool is_drained = drain();
+  freeze();
+  while (is_drained) {
+    // No request is kept out for as long as a copy may take.
+    if (frozen_ != nullptr) wait_for_writes(deadline_ms_);
+    if (try_to_hold()) {
+      is_held_ = true;
+      return 0;
+    }
+    if (is_late()) break;
+    snbf_log(4, "%s(): Waiting for FS on snbf(%d, %d) (%s) to stabilize...", kOrigin,
+             snbf_blk_major, minor, filter_.hdd_name);
+    snbf_plat_yield();
+  }
+  snbf_log(kLogError, "%s(): Timed out waiting for FS on snbf(%d, %d) (%s) to stabilize.", kOrigin,
+           snbf_blk_major, minor, filter_.hdd_name);
+  return -EAGAIN;
+}
+
+void QuietPoint::freeze() {
+  plat_bdev* bdev;
+  {
+    KsMutexGuard life{filter_.node_mutex};
+    bdev = filter_.bdev;
+  }
+  if (bdev == nullptr) return;
+  is_open_ = true;
+  // One that is frozen by hand already is quiet as it is, and not ours to thaw.
+  if (snbf_plat_bdev_freeze(bdev) == 0) frozen_ = bdev;
+}
+
+}  // namespace snbf

@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// The instant of a snap: nothing is under way to the partition, and nothing begins.
+#pragma once
+
+#include "block/node.h"
+
+namespace snbf {
+
+// Brings a filter node to that instant and holds it there. The file system that is mounted on the
+// node is frozen first; the time limit is for all of it.
+class QuietPoint {
+ public:
+  explicit QuietPoint(FilterNode& filter) : filter_(filter) {}
+  // Lets requests in, then thaws.
+  ~QuietPoint();
+  QuietPoint(const QuietPoint&) = delete;
+  QuietPoint& operator=(const QuietPoint&) = delete;
+
+  // 0, and the filter's node_mutex and its io_rwlock, for writing, are held; or -EAGAIN. May sleep
+  // long.
+  int reach();
+
+ private:
+  bool drain() const;
+  bool has_writes() const;
+  void wait_for_writes(u64 until_ms) const;
+  bool try_to_hold();
+  void freeze();
+  bool is_late() const;
+  u32 left_ms() const;
+
+  FilterNode& filter_;
+  u64 deadline_ms_ = 0;
+  plat_bdev* frozen_ = nullptr;
+  bool is_open_ = false;  // somebody has the node's device open
+  bool is_held_ = false;
+};
+
+}  // namespace snbf

@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "snap/cowgroup.h"
+
+#include "core/log.h"
+#include "snap/invalidate.h"
+#include "util/file.h"
+
+namespace snbf {
+
+namespace {
+
+constexpr const char* kOrigin = "kcowd";
+
+class GroupCopy {
+ public:
+  GroupCopy(FilterNode& filter, SnapNode& snap, WorkSet& work)
+      : filter_(filter), snap_(snap), work_(work) {}
+
+  bool run();
+
+ private:
+  bool is_copying() const { return snap_.started.load() != 0 && snap_.snap_valid.load() != 0; }
+  Slice slice_of(u32 chunk, u64 offset) const;
+  bool copy_chunks();
+  bool copy_slices(const Slice* slices, u32 count);
+  bool read_slices(const Slice* slices, u32 count);
+  bool write_slice(const Slice& slice, u32 first_page);
+  bool sync_data();
+  bool mark_copied();
+  bool set_bits();
+
+  // One file operation. The watchdog may act while it lasts.
+  template <typename Operation>
+  auto in_file(Operation operation) {
+    filter_.cowthread.gate.begin_file_operation(snap_.minor);
+    const auto rc = operation();
+    if (filter_.cowthread.gate.end_file_operation()) was_watched_ = true;
+    return rc;
+  }
+
+  FilterNode& filter_;
+  SnapNode& snap_;
+  WorkSet& work_;
+  bool was_watched_ = false;
+};
+
+Slice GroupCopy::slice_of(u32 chunk, u64 offset) const {
+  const u64 first = (static_cast<u64>(chunk) << snap_.chunk_shift) + offset;
+  const u64 wanted = snap_.chunk_size < kGroupBytes ? snap_.chunk_size : kGroupBytes;
+  const u64 left = filter_.dev_size - first;
+  return {first, wanted < left ? wanted : left};
+}
+
+bool GroupCopy::read_slices(const Slice* slices, u32 count) {
+  u32 pages = 0;
+  for (u32 i = 0; i < count; ++i) {
+    for (u64 done = 0; done < slices[i].bytes; done += kPageBytes, ++pages) {
+      const u64 left = slices[i].bytes - done;
+      const u32 bytes = left < kPageBytes ? static_cast<u32>(left) : kPageBytes;
+      snbf_plat_bio_set_page(work_.bios[pages], 0, (slices[i].first + done) / kSectorBytes,
+                             work_.pages[pages], bytes);
+    }
+  }
+  if (work_.read_all(pages, filter_.hdd_bdev)) return true;
+  for (u32 i = 0; i < pages; ++i) {
+    if (snbf_plat_bio_is_uptodate(work_.bios[i])) continue;
+    plat_bio_info info;
+    snbf_plat_bio_info(work_.bios[i], &info);
+    snbf_log(kLogError, "%s(): Failed to read %d-byte block #%d from %s", kOrigin,
+             static_cast<int>(kPageBytes), static_cast<int>(info.sector >> 12), filter_.name);
+  }
+  return false;
+}
+
+// Neighbouring pages go in one call of the file.
+bool GroupCopy::write_slice(const Slice& slice, u32 first_page) {
+  return in_file([&] {
+    return snbf_fwrite_pages(snap_.cow_data_file, slice.first, &work_.pages[first_page],
+                             static_cast<int>(slice.bytes)) == static_cast<int>(slice.bytes);
+  });
+}
+
+// All of them fit into the pages. What can be written is written, whatever fails before it.
+bool GroupCopy::copy_slices(const Slice* slices, u32 count) {
+  if (!read_slices(slices, count)) return false;
+  bool written = true;
+  u32 page = 0;
+  for (u32 i = 0; i < count; ++i) {
+    // Neighbouring chunks become one piece.
+    Slice piece = slices[i];
+    u32 pages = static_cast<u32>((slices[i].bytes + kPageBytes - 1) / kPageBytes);
+    while (i + 1 < count && slices[i + 1].first == piece.first + piece.bytes) {
+      ++i;
+      piece.bytes += slices[i].bytes;
+      pages += static_cast<u32>((slices[i].bytes + kPageBytes - 1) / kPageBytes);
+    }
+    if (!write_slice(piece, page)) written = false;
+    page += pages;
+  }
+  return written;
+}
+
+bool GroupCopy::copy_chunks() {
+  Slice* slices = work_.slices;
+  if (snap_.chunk_size <= kGroupBytes) {
+    for (u32 i = 0; i < work_.chunks.count(); ++i) slices[i] = slice_of(work_.chunks.chunk(i), 0);
+    return copy_slices(slices, work_.chunks.count());
+  }
+  // A chunk that is larger than a group goes piece by piece; its bit follows the last.
+  const u32 chunk = work_.chunks.chunk(0);
+  for (u64 offset = 0; offset < snap_.chunk_size; offset += kGroupBytes) {
+    if ((static_cast<u64>(chunk) << snap_.chunk_shift) + offset >= filter_.dev_size) break;
+    slices[0] = slice_of(chunk, offset);
+    if (!copy_slices(slices, 1) || !is_copying()) return false;
+  }
+  return true;
+}
+
+bool GroupCopy::sync_data() {
+  return in_file([&] { return snbf_fsync(snap_.cow_data_file); }) == 0;
+}
+
+bool GroupCopy::set_bits() {
+  for (u32 i = 0; i < work_.chunks.count(); ++i) {
+    if (!is_copying()) return false;
+    const int bit = static_cast<int>(work_.chunks.chunk(i));
+    const int rc = in_file([&] {
+      return snbf_cowbmp_set_bit(&snap_.cow_bmp, bit, PLAT_ALLOC_NOIO, snap_.cow_bmp_file);
+    });
+    if (rc != 0) return false;
+  }
+  return in_file([&] { return snbf_fsync(snap_.cow_bmp_file); }) == 0;
+}
+
+bool GroupCopy::mark_copied() {
+  filter_.cowthread.unsafe_chunks.store(&work_.chunks);
+  const bool marked = set_bits();
+  // Of a snap that is given up the bits mean nothing: that comes first.
+  if (!marked && is_copying()) invalidate_snaps(snap_);
+  filter_.cowthread.unsafe_chunks.store(nullptr);
+  return marked;
+}
+
+bool GroupCopy::run() {
+  if (!is_copying()) return false;
+  const u32 chunks = work_.chunks.count();
+  snbf_log(1, "%s(): COWing %d chunks (%d pages), snap_minor=%d, queue_cnt=%d", kOrigin,
+           static_cast<int>(chunks),
+           static_cast<int>(static_cast<u64>(chunks) * snap_.chunk_size / kPageBytes),
+           static_cast<int>(snap_.minor), filter_.cowqueue.length());
+  if (!copy_chunks() || !sync_data()) {
+    if (is_copying()) invalidate_snaps(snap_);
+    return was_watched_;
+  }
+  mark_copied();
+  return was_watched_;
+}
+
+}  // namespace
+
+bool copy_group(FilterNode& filter, SnapNode& snap, WorkSet& work) {
+  return GroupCopy{filter, snap, work}.run();
+}
+
+}  // namespace snbf

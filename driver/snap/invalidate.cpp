@@ -1,0 +1,66 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "snap/invalidate.h"
+
+#include "core/log.h"
+
+namespace snbf {
+
+namespace {
+
+using Snaps = List<SnapNode, BySnapOrder>;
+
+void give_up(SnapNode& snap) {
+  snbf_log(1, "%s(): Invalidating snap device snbf(%d, %d)", "snbf_invalidate_snap", snbf_blk_major,
+           static_cast<int>(snap.minor));
+  snap.snap_valid.store(0);
+}
+
+// A file that is empty cannot pass for a whole one after a power cut: so before any write that
+// waited for this snap goes on, its emptiness is on disk, if the store still does that much.
+void truncate_data(SnapNode& snap) {
+  StallGate& gate = snap.filter_node->cowthread.gate;
+  gate.begin_file_operation(snap.minor);
+  snbf_ftruncate(snap.cow_data_fname);
+  if (snap.cow_data_file != nullptr) snbf_fsync(snap.cow_data_file);
+  gate.end_file_operation();
+}
+
+}  // namespace
+
+SnapNode* find_copying_snap(FilterNode& filter, int minor) {
+  if (minor < 0) return nullptr;
+  Node* node = find_node(static_cast<u32>(minor));
+  if (node == nullptr || node->dev_type != kSnapNode) return nullptr;
+  SnapNode& snap = as_snap(*node);
+  if (snap.filter_node != &filter) return nullptr;
+  return snap.started.load() != 0 && snap.snap_valid.load() != 0 ? &snap : nullptr;
+}
+
+void invalidate_snaps(SnapNode& newest) {
+  // All of them first: the files may take their time.
+  for (SnapNode* snap = &newest; snap != nullptr; snap = Snaps::prev(snap)) {
+    if (snap->started.load() != 0) give_up(*snap);
+  }
+  for (SnapNode* snap = &newest; snap != nullptr; snap = Snaps::prev(snap)) {
+    if (snap->started.load() != 0) truncate_data(*snap);
+  }
+}
+
+void invalidate_snaps_without_files(SnapNode& newest) {
+  for (SnapNode* snap = &newest; snap != nullptr; snap = Snaps::prev(snap)) {
+    if (snap->started.load() == 0) continue;
+    give_up(*snap);
+    snap->truncation_due.store(1);
+    newest.filter_node->cowthread.truncations_due.store(1);
+  }
+}
+
+void do_due_truncations(FilterNode& filter) {
+  if (filter.cowthread.truncations_due.load() == 0) return;
+  filter.cowthread.truncations_due.store(0);
+  for (SnapNode* snap = filter.snaps.first(); snap != nullptr; snap = Snaps::next(snap)) {
+    if (snap->truncation_due.exchange(0) != 0 && snap->started.load() != 0) truncate_data(*snap);
+  }
+}
+
+}  // namespace snbf

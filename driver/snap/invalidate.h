@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Giving up snaps whose image cannot be kept any more: the one concerned, and every older one, since
+// those read its copies.
+#pragma once
+
+#include "block/node.h"
+
+namespace snbf {
+
+// The snap of this filter node that is started, valid and has the minor; null if there is none. The
+// table's lock is held.
+SnapNode* find_copying_snap(FilterNode& filter, int minor);
+
+// By the COW thread: empties the COW data files, durably where that goes. May sleep
+// long. The table's lock is held.
+void invalidate_snaps(SnapNode& newest);
+// By anybody else: the watchdog, while the COW thread hangs in a file, or a command. Touches no file; the
+// COW thread empties them as soon as it can.
+void invalidate_snaps_without_files(SnapNode& newest);
+// What the watchdog left to do.
+void do_due_truncations(FilterNode& filter);
+
+}  // namespace snbf

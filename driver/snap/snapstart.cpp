@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "snap/snapstart.h"
+
+#include "base/errno.h"
+#include "base/scope_exit.h"
+#include "block/quiet.h"
+#include "block/start.h"
+#include "core/log.h"
+#include "snap/invalidate.h"
+#include "util/bdev.h"
+
+namespace snbf {
+
+namespace {
+
+constexpr const char* kOrigin = "snbf_block_start_device";
+constexpr int kCreateFlags = PLAT_O_RDWR | PLAT_O_CREAT | PLAT_O_TRUNC | PLAT_O_LARGEFILE;
+constexpr int kFileMode = 0600;
+
+// An empty file of its full length at once, sparse. Its emptiness is on disk before the image begins:
+// what an earlier image left must not come back with a power cut.
+snbf_file* create_sparse(const char* path, u64 last_byte) {
+  snbf_file* file = snbf_fopen(path, kCreateFlags, kFileMode);
+  if (file == nullptr) return nullptr;
+  const u8 zero = 0;
+  snbf_fwrite(file, last_byte, &zero, 1);
+  snbf_fsync(file);
+  return file;
+}
+
+int prepare(SnapNode& snap) {
+  snap.cow_data_file = create_sparse(snap.cow_data_fname, snap.cow_data_size - 1);
+  if (snap.cow_data_file == nullptr) return -EIO;
+  if (int rc = snbf_cowbmp_init(&snap.cow_bmp, snap.chunk_cnt); rc != 0) return rc;
+  snap.cow_bmp_file = create_sparse(snap.cow_bmp_fname, snap.cow_bmp_size - 1);
+  if (snap.cow_bmp_file == nullptr) return -EIO;
+  return snbf_blkbmp_init(&snap.blkbmp);
+}
+
+// The instant itself. Everything that is passed or held from now on sees the snap.
+int take_image(SnapNode& snap) {
+  FilterNode& filter = *snap.filter_node;
+  QuietPoint quiet{filter};
+  if (int rc = quiet.reach(); rc != 0) return rc;
+  if (filter.started.load() == 0 || is_overtaken(snap)) return kStartAgain;
+  // Requests that an earlier snap of this minor left are not charged to this one.
+  snbf_cowqueue_untag(&filter.cowqueue, static_cast<int>(snap.minor));
+  snap.truncation_due.store(0);
+  snap.snap_valid.store(1);
+  snap.started.store(1);
+  // Nobody would ever serve the writes that it holds back: better no image than those.
+  if (filter.cowthread.pid.load() == 0) invalidate_snaps_without_files(snap);
+  return 0;
+}
+
+}  // namespace
+
+bool is_overtaken(const SnapNode& snap) {
+  for (const SnapNode* newer = List<SnapNode, BySnapOrder>::next(&snap); newer != nullptr;
+       newer = List<SnapNode, BySnapOrder>::next(newer)) {
+    if (newer->started.load() != 0) return true;
+  }
+  return false;
+}
+
+void ensure_cow_thread(FilterNode& filter) {
+  KsMutexGuard life{filter.node_mutex};
+  if (filter.cowthread.pid.load() == 0) snbf_cowthread_start(&filter.cowthread, "kcowd", &filter);
+}
+
+void drop_snap_resources(SnapNode& snap) {
+  if (snap.cow_bmp_file != nullptr) snbf_fclose(snap.cow_bmp_file);
+  if (snap.cow_data_file != nullptr) snbf_fclose(snap.cow_data_file);
+  snap.cow_bmp_file = snap.cow_data_file = nullptr;
+  snbf_cowbmp_destroy(&snap.cow_bmp);
+  snbf_blkbmp_destroy(&snap.blkbmp);
+}
+
+int start_snap(SnapNode& snap) {
+  if (snap.stop_pending.load() != 0) {
+    snbf_log(kLogError, "%s(): Cannot restart a DEFUNCT snap device.", kOrigin);
+    return -EINVAL;
+  }
+  FilterNode& filter = *snap.filter_node;
+  if (filter.started.load() == 0) {
+    // Somebody else may have been faster.
+    const int rc = snbf_block_start_device(filter);
+    if (rc != 0 && rc != -EALREADY) return rc;
+  }
+  ensure_cow_thread(filter);
+  int rc = prepare(snap);
+  if (rc == 0) rc = take_image(snap);
+  if (rc != 0) drop_snap_resources(snap);
+  return rc;
+}
+
+void read_block_map(SnapNode& snap) {
+  if (snap.blkbmp.valid != 0) return;
+  const plat_devt device = make_dev(static_cast<u32>(snbf_blk_major), snap.minor);
+  plat_bdev* bdev = snbf_open_bdev(device, PLAT_MODE_READ, PLAT_OPEN_SHARED, nullptr);
+  if (bdev == nullptr) return;
+  snbf_blkbmp_read(&snap.blkbmp, bdev, snap.chunk_size);
+  snbf_close_bdev(bdev, PLAT_OPEN_SHARED, PLAT_MODE_READ, nullptr);
+}
+
+}  // namespace snbf
