@@ -4,6 +4,7 @@
 #include "base/errno.h"
 #include "core/log.h"
 #include "fsread/ext2_reader.h"
+#include "fsread/ext4_reader.h"
 #include "fsread/extfs.h"
 #include "fsread/reiserfs_reader.h"
 #include "fsread/xfs_reader.h"
@@ -12,17 +13,33 @@ namespace snbf {
 
 namespace {
 
+// Asked first, and binding.
+struct Claimant {
+  Claim (*claim)(plat_bdev* bdev);
+  FsReader reader;
+};
+constexpr Claimant kClaimants[] = {
+    {ext4_reader_claim,
+     reader_of<Ext4Reader, ext4_reader_init, ext4_reader_read, ext4_reader_destroy>(false)},
+};
+
 constexpr FsReader kReaders[] = {
     reader_of<Ext2Reader, ext2_reader_init, ext2_reader_read, ext2_reader_destroy>(false),
-    reader_of<ReiserfsReader, reiserfs_reader_init, reiserfs_reader_read, reiserfs_reader_destroy>(
-        false),
+    reader_of<ReiserfsReader, reiserfs_reader_init, reiserfs_reader_read,
+              reiserfs_reader_destroy>(false),
     reader_of<XfsReader, xfs_reader_init, xfs_reader_read, xfs_reader_destroy>(true),
 };
 
 }  // namespace
 
 OpenReader::OpenReader(plat_bdev* bdev, u32* block_size) {
-  if (extfs_is_misread(bdev)) return;
+  for (const Claimant& claimant : kClaimants) {
+    const Claim claim = claimant.claim(bdev);
+    if (claim == Claim::NotMine) continue;
+    reader_ = &claimant.reader;
+    if (claim == Claim::Mine) handle_ = reader_->init(bdev, block_size);
+    return;
+  }
   for (const FsReader& reader : kReaders) {
     reader_ = &reader;
     handle_ = reader.init(bdev, block_size);

@@ -33,11 +33,18 @@ constexpr FsReader reader_of(bool rounds_up) {
           [](void* reader) { return kDestroy(static_cast<Reader*>(reader)); }, rounds_up};
 }
 
+// What a reader says of a device before any is opened.
+enum class Claim {
+  NotMine,  // go on asking
+  Mine,     // only this one may read it
+  Nobodys,  // none may: it would be misread
+};
+
 // A reader at work on a device; destroyed on leaving the scope.
 class OpenReader {
  public:
-  // Asks the readers in turn. One whose file system the others would misread is asked before them;
-  // where it cannot read it, nobody may.
+  // Asks the readers in turn. Those whose file systems the others would misread are asked first;
+  // where such a one cannot read what it claims, nobody may.
   OpenReader(plat_bdev* bdev, u32* block_size);
   ~OpenReader();
   OpenReader(const OpenReader&) = delete;

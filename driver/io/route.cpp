@@ -131,6 +131,13 @@ int route_filter(FilterNode& filter, Request& request) {
   return pass_in_place(filter, request);
 }
 
+int refuse_broken_snap(const SnapNode& snap) {
+  snbf_log(kLogError,
+           "%s(): I/O request for snbf(%d, %d), which is in STOP_PENDING state or INVALID.", kOrigin,
+           snbf_blk_major, static_cast<int>(snap.minor));
+  return -EIO;
+}
+
 int route_snap(SnapNode& snap, Request& request) {
   const int minor = static_cast<int>(snap.minor);
   if (snap.filter_node == nullptr || snap.filter_node->dev_type != kFilterNode) {
@@ -140,10 +147,7 @@ int route_snap(SnapNode& snap, Request& request) {
   }
   FilterNode& filter = *snap.filter_node;
   if (snap.snap_valid.load() == 0 || snap.stop_pending.load() != 0) {
-    snbf_log(kLogError,
-             "%s(): I/O request for snbf(%d, %d), which is in STOP_PENDING state or INVALID.",
-             kOrigin, snbf_blk_major, minor);
-    return -EIO;
+    return refuse_broken_snap(snap);
   }
   if (request.info.is_write) {
     snbf_log(kLogError, "%s(): Write request to snap snbf(%d, %d)", kOrigin, snbf_blk_major, minor);
@@ -157,6 +161,12 @@ int route_snap(SnapNode& snap, Request& request) {
   if (clone == nullptr) return hold_request(filter, request.bio, nullptr, mode);
   if (must_hold_read(snap, filter, request)) {
     return hold_request(filter, request.bio, clone, mode);
+  }
+  // Asked again now that the tracker knows of the read: writes that were held for this snap go on only
+  // after it is given up.
+  if (snap.snap_valid.load() == 0) {
+    snbf_plat_bio_put(clone);
+    return refuse_broken_snap(snap);
   }
   snbf_plat_bio_submit(clone, filter.hdd_bdev);
   return 0;

@@ -9,10 +9,20 @@ namespace {
 
 using Snaps = List<SnapNode, BySnapOrder>;
 
-void give_up(SnapNode& snap) {
-  snbf_log(1, "%s(): Invalidating snap device snbf(%d, %d)", "snbf_invalidate_snap", snbf_blk_major,
-           static_cast<int>(snap.minor));
-  snap.snap_valid.store(0);
+// Oldest first: whoever finds a snap invalid, and reads or writes past it, finds those that relied on it
+// invalid, too.
+void give_up(SnapNode& newest) {
+  SnapNode* oldest = &newest;
+  while (SnapNode* older = Snaps::prev(oldest)) oldest = older;
+  for (SnapNode* snap = oldest; snap != nullptr; snap = Snaps::next(snap)) {
+    if (snap->started.load() != 0) snap->snap_valid.store(0);
+    if (snap == &newest) break;
+  }
+  for (SnapNode* snap = &newest; snap != nullptr; snap = Snaps::prev(snap)) {
+    if (snap->started.load() == 0) continue;
+    snbf_log(1, "%s(): Invalidating snap device snbf(%d, %d)", "snbf_invalidate_snap",
+             snbf_blk_major, static_cast<int>(snap->minor));
+  }
 }
 
 // A file that is empty cannot pass for a whole one after a power cut: so before any write that
@@ -38,18 +48,16 @@ SnapNode* find_copying_snap(FilterNode& filter, int minor) {
 
 void invalidate_snaps(SnapNode& newest) {
   // All of them first: the files may take their time.
-  for (SnapNode* snap = &newest; snap != nullptr; snap = Snaps::prev(snap)) {
-    if (snap->started.load() != 0) give_up(*snap);
-  }
+  give_up(newest);
   for (SnapNode* snap = &newest; snap != nullptr; snap = Snaps::prev(snap)) {
     if (snap->started.load() != 0) truncate_data(*snap);
   }
 }
 
 void invalidate_snaps_without_files(SnapNode& newest) {
+  give_up(newest);
   for (SnapNode* snap = &newest; snap != nullptr; snap = Snaps::prev(snap)) {
     if (snap->started.load() == 0) continue;
-    give_up(*snap);
     snap->truncation_due.store(1);
     newest.filter_node->cowthread.truncations_due.store(1);
   }
