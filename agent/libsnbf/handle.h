@@ -81,7 +81,7 @@ int check_cow_dir(libsnbf* handle, const char* dir, uint32_t filter_minor);
 
 // The snaps' side of what happens to their filter node.
 struct SnapsBefore {
-  std::vector<snbf_info> started;  // and whole, when the stop began
+  std::vector<snbf_info> started;  // when the stop began
 };
 int snaps_before_stop(libsnbf* handle, const snbf_info& filter, SnapsBefore* out);
 int record_snaps_stopped(libsnbf* handle, const snbf_info& filter, const SnapsBefore& before);

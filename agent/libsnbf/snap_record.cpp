@@ -129,7 +129,7 @@ int snaps_before_stop(libsnbf* handle, const snbf_info& filter, SnapsBefore* out
   std::vector<snbf_info> snaps;
   if (int rc = snap_infos(handle, filter, &snaps); rc != 0) return rc;
   for (const snbf_info& snap : snaps) {
-    if (snap.started && snap.snap_valid) out->started.push_back(snap);
+    if (snap.started) out->started.push_back(snap);
   }
   return 0;
 }

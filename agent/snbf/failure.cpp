@@ -5,10 +5,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace snbf {
 
 namespace {
+
+constexpr size_t kHelpWidth = 96;
 
 struct Sentence {
   int error;
@@ -58,6 +61,30 @@ constexpr Sentence kSentences[] = {
 };
 
 }  // namespace
+
+std::string exit_statuses() {
+  static constexpr std::pair<Exit, const char*> kMeanings[] = {
+      {kDone, "done"},
+      {kFailed, "failed"},
+      {kMisused, "misused"},
+      {kWarned, "done with warnings"},
+      {kSnapLost, "a snap was lost on the way"},
+      {kNoDriver, "driver missing or kernel not supported"},
+      {kUnsafe, "refused as unsafe"},
+      {kDiffers, "verify found a difference"},
+      {kBusy, "busy"},
+  };
+  std::string text = "Exit status:";
+  size_t width = text.size();
+  for (const auto& [status, meaning] : kMeanings) {
+    const std::string word =
+        fmt::format("{} {}{}", static_cast<int>(status), meaning, status == kBusy ? "." : ",");
+    const bool fits = width + 1 + word.size() <= kHelpWidth;
+    text += (fits ? " " : "\n") + word;
+    width = fits ? width + 1 + word.size() : word.size();
+  }
+  return text;
+}
 
 Failure failure_of(int rc, const std::string& doing) {
   for (const Sentence& sentence : kSentences) {

@@ -21,6 +21,9 @@ enum Exit : int {
   kBusy = 8,
 };
 
+// All of them with their meanings, as the help shows them.
+std::string exit_statuses();
+
 class Failure : public std::runtime_error {
  public:
   Failure(Exit status, const std::string& what, std::string remedy = "", int error = 0)

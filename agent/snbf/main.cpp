@@ -21,13 +21,6 @@ constexpr Command kCommands[] = {
     {"version", add_version},
 };
 
-constexpr const char* kFooter =
-    "Exit status: 0 done, 1 failed, 2 misused, 3 done with warnings, 4 a snap was lost on the "
-    "way,\n"
-    "5 driver missing or kernel not supported, 6 refused as unsafe, 7 verify found a difference, "
-    "8 busy.\n"
-    "`snbf VERB --help` shows a verb's options and an example.";
-
 void tell(const Failure& failure) {
   fmt::print(stderr, "snbf: {}\n", failure.what());
   if (!failure.remedy().empty()) fmt::print(stderr, "      {}\n", failure.remedy());
@@ -36,7 +29,7 @@ void tell(const Failure& failure) {
 int run_command_line(int argc, char** argv) {
   CLI::App app("Changed-block tracking, snaps and incremental backups of plain partitions", "snbf");
   app.require_subcommand(1);
-  app.footer(kFooter);
+  app.footer(exit_statuses() + "\n`snbf VERB --help` shows a verb's options and an example.");
   app.get_formatter()->column_width(28);
   Chosen chosen;
   for (const Command& command : commands()) command.add(app, chosen);

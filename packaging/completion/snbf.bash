@@ -4,9 +4,13 @@ _snbf_nodes() {
   snbf list -o name --noheadings 2>/dev/null
 }
 
+_snbf_snaps() {
+  snbf snap list --noheadings 2>/dev/null | cut -d' ' -f1
+}
+
 _snbf() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} verb=${COMP_WORDS[1]}
-  local verbs="attach start stop detach list status changes bitmap backup restore verify doctor version"
+  local verbs="attach start stop detach list status changes bitmap snap mount umount backup restore verify doctor version"
   COMPREPLY=()
   if [ "$COMP_CWORD" -eq 1 ]; then
     mapfile -t COMPREPLY < <(compgen -W "$verbs --help" -- "$cur")
@@ -18,11 +22,16 @@ _snbf() {
     --as) mapfile -t COMPREPLY < <(compgen -W "text json nbdinfo qemu svg" -- "$cur"); return ;;
     --units) mapfile -t COMPREPLY < <(compgen -W "h b k m g t" -- "$cur"); return ;;
     --extent) mapfile -t COMPREPLY < <(compgen -W "4K 16K 64K 256K 1M" -- "$cur"); return ;;
-    --bitmaps) mapfile -t COMPREPLY < <(compgen -d -- "$cur"); return ;;
+    --chunk) mapfile -t COMPREPLY < <(compgen -W "4K 16K 64K 256K 1M" -- "$cur"); return ;;
+    --snap) mapfile -t COMPREPLY < <(compgen -W "auto always none" -- "$cur"); return ;;
+    --all) [ "$verb" != snap ] || { mapfile -t COMPREPLY < <(compgen -W "$(_snbf_nodes)" -- "$cur"); return; } ;;
+    --bitmaps | --cow) mapfile -t COMPREPLY < <(compgen -d -- "$cur"); return ;;
   esac
   if [[ $cur == -* ]]; then
     local options
-    options=$(snbf "$verb" --help 2>/dev/null | grep -oE -e '--[a-z-]+' | sort -u)
+    [ "$verb" != snap ] || verb="snap ${COMP_WORDS[2]}"
+    # shellcheck disable=SC2086 -- two words for a verb of snap
+    options=$(snbf $verb --help 2>/dev/null | grep -oE -e '--[a-z-]+' | sort -u)
     mapfile -t COMPREPLY < <(compgen -W "$options" -- "$cur")
     return
   fi
@@ -34,6 +43,20 @@ _snbf() {
         mapfile -t COMPREPLY < <(compgen -W "$(_snbf_nodes)" -- "$cur")
       else
         mapfile -t COMPREPLY < <(compgen -f -- "$cur")
+      fi ;;
+    snap)
+      if [ "$COMP_CWORD" -eq 2 ]; then
+        mapfile -t COMPREPLY < <(compgen -W "create list delete resume" -- "$cur")
+      elif [ "${COMP_WORDS[2]}" = delete ]; then
+        mapfile -t COMPREPLY < <(compgen -W "$(_snbf_snaps)" -- "$cur")
+      else
+        mapfile -t COMPREPLY < <(compgen -W "$(_snbf_nodes)" -- "$cur")
+      fi ;;
+    mount | umount)
+      if [ "$COMP_CWORD" -eq 2 ]; then
+        mapfile -t COMPREPLY < <(compgen -W "$(_snbf_snaps)" -- "$cur")
+      else
+        mapfile -t COMPREPLY < <(compgen -d -- "$cur")
       fi ;;
     start | stop | detach | status | changes)
       mapfile -t COMPREPLY < <(compgen -W "$(_snbf_nodes)" -- "$cur") ;;

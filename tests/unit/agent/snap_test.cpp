@@ -438,6 +438,14 @@ TEST_F(Snaps, ALostSnapDoesNotComeBack) {
   EXPECT_EQ(resume(), 1u) << "the nodes are still there";
 }
 
+TEST_F(Snaps, OneThatWasStoppedBeforeItsNodeIsDead) {
+  ASSERT_EQ(create("monday"), 0);
+  ASSERT_EQ(libsnbf_stop(handle_, made_.minor_used), 0);
+  ASSERT_EQ(libsnbf_stop(handle_, 0), 0);
+  EXPECT_THAT(judged(), ElementsAre("monday=not-stopped-with-its-node"))
+      << "the node went on without it";
+}
+
 TEST_F(Snaps, APendingDeletionComesBackAsThat) {
   ASSERT_EQ(create("older"), 0);
   ASSERT_EQ(create("newer"), 0);
