@@ -11,7 +11,8 @@ class ChunkMarks {
  public:
   // Clears the first (chunk_count + 7) / 8 bytes of `bits`. The chunk size has been checked.
   ChunkMarks(u8* bits, u64 first_chunk, u32 chunk_count, u32 chunk_size, u32 block_size)
-      : bits_(bits), shift_(log2_floor(chunk_size / block_size)),
+      : bits_(bits),
+        shift_(log2_floor(chunk_size / block_size)),
         first_block_(first_chunk << shift_),
         end_block_((first_chunk + chunk_count) << shift_) {
     mem_set(bits, 0, (u64{chunk_count} + 7) / 8);

@@ -6,7 +6,8 @@
 
 namespace snbf {
 
-// The register goes in and comes out as it is: start with ~0, invert at the end where a format does.
+// The register goes in and comes out as it is: start with ~0, invert at the end where a format
+// does.
 u32 crc32c(u32 value, const u8* data, size_t bytes);
 u16 crc16(u16 value, const u8* data, size_t bytes);
 

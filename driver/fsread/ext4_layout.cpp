@@ -44,6 +44,7 @@ bool has_sane_sizes(const ExtSuper& super) {
   }
   const u32 block_size = 1024u << super.log_block_size;
   const u32 cluster_shift = super.log_cluster_size - super.log_block_size;
+  if (super.inodes_per_group > block_size * 8) return false;
   return super.inode_size >= 128 && super.inode_size <= block_size &&
          is_power_of_two(super.inode_size) && super.clusters_per_group % 8 == 0 &&
          super.clusters_per_group <= block_size * 8 &&
@@ -58,17 +59,18 @@ bool make_ext4_layout(const ExtSuper& super, u64 device_bytes, Ext4Layout* layou
   if (super.blocks_count > device_bytes / block_size) return false;
   const u64 groups = (super.blocks_count - super.first_data_block + super.blocks_per_group - 1) /
                      super.blocks_per_group;
-  if (groups > 0xFFFFFFFF || groups * super.desc_size > device_bytes / kDescShareOfDevice + block_size) {
+  if (groups > 0xFFFFFFFF ||
+      groups * super.desc_size > device_bytes / kDescShareOfDevice + block_size) {
     return false;
   }
-  *layout = {.super = super,
-             .block_size = block_size,
-             .cluster_shift = super.log_cluster_size - super.log_block_size,
-             .group_count = static_cast<u32>(groups),
-             .desc_per_block = block_size / super.desc_size,
-             .desc_blocks = divide_up(groups, block_size / super.desc_size),
-             .itable_blocks =
-                 divide_up(u64{super.inodes_per_group} * super.inode_size, block_size)};
+  *layout = {
+      .super = super,
+      .block_size = block_size,
+      .cluster_shift = super.log_cluster_size - super.log_block_size,
+      .group_count = static_cast<u32>(groups),
+      .desc_per_block = block_size / super.desc_size,
+      .desc_blocks = divide_up(groups, block_size / super.desc_size),
+      .itable_blocks = divide_up(u64{super.inodes_per_group} * super.inode_size, block_size)};
   return true;
 }
 
@@ -121,8 +123,7 @@ Ext4Group ext4_group_at(const Ext4Layout& layout, const u8* desc) {
     group.free_clusters |= u32{le16_at(desc + 44)} << 16;
     group.bitmap_checksum |= u32{le16_at(desc + kBitmapChecksumHighAt)} << 16;
   }
-  const bool has_flags =
-      super.has(Super::kGroupChecksums) || super.has(Super::kMetadataChecksums);
+  const bool has_flags = super.has(Super::kGroupChecksums) || super.has(Super::kMetadataChecksums);
   group.has_no_bitmap = has_flags && (le16_at(desc + 18) & kBlockUninit) != 0;
   return group;
 }

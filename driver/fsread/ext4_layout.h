@@ -12,8 +12,8 @@ struct Ext4Layout {
   u32 cluster_shift;  // log2 of the blocks of a cluster, which is what a bit of a bitmap stands for
   u32 group_count;
   u32 desc_per_block;
-  u32 desc_blocks;        // blocks of descriptors
-  u32 itable_blocks;      // of a group's inode table
+  u32 desc_blocks;    // blocks of descriptors
+  u32 itable_blocks;  // of a group's inode table
 
   u64 first_block_of(u32 group) const {
     return super.first_data_block + u64{group} * super.blocks_per_group;

@@ -79,9 +79,8 @@ bool take_superblock(Ext4Reader& reader, u32* block_size) {
   if (!make_ext4_layout(super, snbf_plat_bdev_bytes(reader.bdev), &reader.layout)) {
     return fail_corrupt(reader);
   }
-  if (super.has(ExtSuper::kMetadataChecksums) &&
-      crc32c(~0u, reader.super, ExtSuper::kBytes - 4) !=
-          le32_at(reader.super + ExtSuper::kBytes - 4)) {
+  if (super.has(ExtSuper::kMetadataChecksums) && crc32c(~0u, reader.super, ExtSuper::kBytes - 4) !=
+                                                     le32_at(reader.super + ExtSuper::kBytes - 4)) {
     return fail_corrupt(reader);
   }
   if (block_size != nullptr) *block_size = reader.layout.block_size;
@@ -143,11 +142,14 @@ bool make_window(Ext4Reader& reader) {
   return reader.window != nullptr || fail_memory();
 }
 
-void use_blocks(const Ext4Layout& layout, u32 group, u8* bitmap, u64 first, u64 count) {
+// Sets what of the blocks lies in the group.
+void use_blocks(const Ext4Layout& layout, u32 group, u8* bitmap, u64 first, u32 count) {
   const u64 group_first = layout.first_block_of(group);
   const u64 group_end = layout.end_block_of(group);
-  for (u64 block = first; block < first + count; ++block) {
-    if (block < group_first || block >= group_end) continue;
+  if (first >= group_end || first + count <= group_first) return;
+  const u64 begin = first > group_first ? first : group_first;
+  const u64 end = first + count < group_end ? first + count : group_end;
+  for (u64 block = begin; block < end; ++block) {
     set_bit_of(bitmap, (block - group_first) >> layout.cluster_shift);
   }
 }

@@ -18,8 +18,8 @@ struct Ext4Reader;
 // Null when the device holds no such file system, or one that cannot be read. Given back with
 // ext4_reader_destroy.
 snbf::Ext4Reader* ext4_reader_init(plat_bdev* bdev, snbf::u32* block_size);
-// Bit k of `bits` says whether a block of chunk first + k is in use. 0, or a negative error. Not for
-// two callers at once: the reader keeps the bitmaps that it read last.
+// Bit k of `bits` says whether a block of chunk first + k is in use. 0, or a negative error. Not
+// for two callers at once: the reader keeps the bitmaps that it read last.
 int ext4_reader_read(snbf::Ext4Reader* reader, snbf::u64 first, snbf::u32 chunk_size,
                      snbf::u8* bits, snbf::u32 chunk_count);
 // Always 0; null is allowed.

@@ -16,11 +16,11 @@ using Super = ExtSuper;
 
 // Those that leave group descriptors and block bitmaps as they are, and those that the reader of
 // ext4 knows.
-constexpr u32 kKnownIncompat =
-    Super::kFileType | Super::kMetaBlockGroups | Super::kExtents | Super::k64Bit |
-    Super::kMultiMount | Super::kFlexGroups | Super::kXattrInodes | Super::kDirData |
-    Super::kChecksumSeed | Super::kLargeDir | Super::kInlineData | Super::kEncrypt |
-    Super::kCaseFold;
+constexpr u32 kKnownIncompat = Super::kFileType | Super::kMetaBlockGroups | Super::kExtents |
+                               Super::k64Bit | Super::kMultiMount | Super::kFlexGroups |
+                               Super::kXattrInodes | Super::kDirData | Super::kChecksumSeed |
+                               Super::kLargeDir | Super::kInlineData | Super::kEncrypt |
+                               Super::kCaseFold;
 
 // Large files, directory trees, huge files, many links, extra inode fields, quotas, read-only,
 // projects, shared blocks, verity, the orphan file.

@@ -25,8 +25,8 @@ constexpr Claimant kClaimants[] = {
 
 constexpr FsReader kReaders[] = {
     reader_of<Ext2Reader, ext2_reader_init, ext2_reader_read, ext2_reader_destroy>(false),
-    reader_of<ReiserfsReader, reiserfs_reader_init, reiserfs_reader_read,
-              reiserfs_reader_destroy>(false),
+    reader_of<ReiserfsReader, reiserfs_reader_init, reiserfs_reader_read, reiserfs_reader_destroy>(
+        false),
     reader_of<XfsReader, xfs_reader_init, xfs_reader_read, xfs_reader_destroy>(true),
 };
 

@@ -1,7 +1,6 @@
 // The data-block map as it is built, looked up and exported.
 #include "byte_image.h"
 #include "fsread/blkbmp.h"
-#include "fsread/extfs.h"
 
 namespace snbf::sim {
 namespace {
@@ -251,52 +250,6 @@ TEST(Slots, ZerosComeFirstThenOnesThenTheRest) {
     snbf_plat_virt_free(frag.index);
     snbf_plat_virt_free(frag.slots);
   });
-}
-
-// Of the ext family's layouts, only one may reach the reader of ext2 and ext3.
-TEST(ExtLayout, WhatWouldBeMisreadIsNamed) {
-  const ExtFeatures plain = {
-      .log_block_size = 2, .blocks_per_group = 32768, .incompat = 0x2, .ro_compat = 0x3};
-  EXPECT_EQ(why_ext2_misreads(plain), nullptr);
-  auto why = [&](auto change) {
-    ExtFeatures features = plain;
-    change(features);
-    const char* text = why_ext2_misreads(features);
-    return std::string(text == nullptr ? "" : text);
-  };
-  EXPECT_EQ(why([](auto& f) { f.incompat = 0x82; }), "64-bit group descriptors");
-  EXPECT_EQ(why([](auto& f) { f.ro_compat |= 0x200; }), "bitmaps of clusters");
-  EXPECT_EQ(why([](auto& f) { f.incompat |= 0x4; }), "a journal that is not replayed");
-  EXPECT_EQ(why([](auto& f) { f.blocks_per_group = 16384; }),
-            "groups smaller than their bitmap blocks");
-  EXPECT_EQ(why([](auto& f) { f.blocks_per_group = 65536; }),
-            "groups smaller than their bitmap blocks");
-  EXPECT_EQ(why([](auto& f) { f.log_block_size = 6; }), "blocks larger than a page");
-  for (u32 bit : {0x1u, 0x8u, 0x20u, 0x800u, 0x40000u, 0x80000000u}) {
-    EXPECT_EQ(why([bit](auto& f) { f.incompat |= bit; }), "an unknown incompatible feature");
-  }
-  for (u32 bit : {0x80u, 0x800u, 0x20000u, 0x80000000u}) {
-    EXPECT_EQ(why([bit](auto& f) { f.ro_compat |= bit; }), "an unknown read-only feature");
-  }
-  // Extents, flexible groups, checksums and the like leave the bitmaps as they are.
-  EXPECT_EQ(why([](auto& f) { f.incompat = 0x3F352; }), "");
-  EXPECT_EQ(why([](auto& f) { f.ro_compat = 0x1F57F; }), "");
-}
-
-SIM_TEST(ExtLayout, WhatWouldBeMisreadIsClaimedByNone) {
-  LoggedParts parts;
-  for (const Ext2Image& layout : {Ext2Image{.incompat = 0x80}, Ext2Image{.ro_compat = 0x200},
-                                  Ext2Image{.blocks_per_group = 4096}}) {
-    sim.log().clear();
-    ImageOnDevice image(sim, layout.bytes(), layout.device_bytes(),
-                        "sd" + std::to_string(sim.random()));
-    Map map;
-    EXPECT_EQ(snbf_blkbmp_read(&map, image.bdev(), 1024), -EINVAL);
-    EXPECT_EQ(sim.log().count(": no reader claims it", 6), 1);
-    EXPECT_EQ(sim.log().count("Datablocks will be disabled", 6), 1);
-    EXPECT_FALSE(sim.log().contains("Detected"));
-    EXPECT_TRUE(is_used(map, 5000));
-  }
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -65,13 +66,21 @@ u64 number_behind(const std::string& line, const std::string& label) {
   return strtoull(line.c_str() + line.find(label) + label.size(), nullptr, 10);
 }
 
-void set_free(Truth& truth, u64 first, u64 last) {
-  for (u64 block = first; block <= last && block < truth.used.size(); ++block) {
-    truth.used[block] = false;
-  }
-}
-
 }  // namespace
+
+void Truth::finish() {
+  std::sort(free.begin(), free.end(),
+            [](const Range& a, const Range& b) { return a.first < b.first; });
+  std::vector<Range> merged;
+  for (const Range& range : free) {
+    if (!merged.empty() && merged.back().end >= range.first) {
+      merged.back().end = std::max(merged.back().end, range.end);
+    } else {
+      merged.push_back(range);
+    }
+  }
+  free = merged;
+}
 
 RealImage::RealImage(u64 bytes, const std::string& tool) {
   std::string name = temp_folder() + "/snbf-image-XXXXXX";
@@ -153,16 +162,22 @@ void RealImage::put_on(Device* device) const {
 
 Truth RealImage::ext_truth() const {
   Truth truth;
+  u64 per_cluster = 1;
   std::istringstream lines(output("dumpe2fs @"));
   for (std::string line; std::getline(lines, line);) {
-    if (line.starts_with("Block count:")) truth.used.assign(number_behind(line, ":"), true);
+    if (line.starts_with("Block count:")) truth.blocks = number_behind(line, ":");
     if (line.starts_with("Block size:"))
       truth.block_size = static_cast<u32>(number_behind(line, ":"));
+    if (line.starts_with("Cluster size:"))
+      per_cluster = number_behind(line, ":") / truth.block_size;
     const std::string label = "  Free blocks: ";
     if (!line.starts_with(label) || line.size() == label.size()) continue;
-    each_range(line.substr(label.size()),
-               [&](u64 first, u64 last) { set_free(truth, first, last); });
+    // Of clusters, both ends of a range are named by their first block.
+    each_range(line.substr(label.size()), [&](u64 first, u64 last) {
+      truth.free.push_back({first, std::min(last + per_cluster, truth.blocks)});
+    });
   }
+  truth.finish();
   return truth;
 }
 
@@ -171,7 +186,7 @@ Truth RealImage::xfs_truth() const {
   const std::string geometry =
       output("xfs_db -r -c 'sb 0' -c 'print dblocks' -c 'print blocksize' -c 'print agblocks' @");
   const u64 ag_blocks = number_behind(geometry, "agblocks = ");
-  truth.used.assign(number_behind(geometry, "dblocks = "), true);
+  truth.blocks = number_behind(geometry, "dblocks = ");
   truth.block_size = static_cast<u32>(number_behind(geometry, "blocksize = "));
   std::istringstream lines(output("xfs_db -r -c 'freesp -d' @"));
   for (std::string line; std::getline(lines, line);) {
@@ -179,8 +194,9 @@ Truth RealImage::xfs_truth() const {
     u64 ag = 0, start = 0, length = 0;
     std::string more;
     if (!(fields >> ag >> start >> length) || fields >> more) continue;
-    set_free(truth, ag * ag_blocks + start, ag * ag_blocks + start + length - 1);
+    truth.free.push_back({ag * ag_blocks + start, ag * ag_blocks + start + length});
   }
+  truth.finish();
   return truth;
 }
 
@@ -189,7 +205,7 @@ Truth RealImage::reiserfs_truth() const {
   std::istringstream lines(output("debugreiserfs -m @"));
   for (std::string line; std::getline(lines, line);) {
     if (line.starts_with("Count of blocks on the device:")) {
-      truth.used.assign(number_behind(line, ":"), true);
+      truth.blocks = number_behind(line, ":");
     }
     if (line.starts_with("Blocksize:"))
       truth.block_size = static_cast<u32>(number_behind(line, ":"));
@@ -197,15 +213,16 @@ Truth RealImage::reiserfs_truth() const {
     for (std::size_t at = line.find("Free("); at != std::string::npos;
          at = line.find("Free(", at + 1)) {
       const std::string range = line.substr(at + 5, line.find(')', at) - at - 5);
-      each_range(range, [&](u64 first, u64 last) { set_free(truth, first, last); });
+      each_range(range, [&](u64 first, u64 last) { truth.free.push_back({first, last + 1}); });
     }
   }
+  truth.finish();
   return truth;
 }
 
 Comparison compare_with_truth(const RealImage& image, const Truth& truth, u32 chunk_size) {
   Comparison result;
-  if (truth.used.empty() || truth.block_size == 0) {
+  if (truth.blocks == 0 || truth.block_size == 0) {
     ADD_FAILURE() << "the file system's own tools say nothing about the image";
     return result;
   }
@@ -217,11 +234,11 @@ Comparison compare_with_truth(const RealImage& image, const Truth& truth, u32 ch
     snbf_blkbmp_init(&map);
     result.rc = snbf_blkbmp_read(&map, disk.bdev, chunk_size);
     const u64 per_chunk = chunk_size / truth.block_size;
-    for (u64 first = 0; first < truth.used.size(); first += per_chunk) {
-      const u64 end = std::min<u64>(first + per_chunk, truth.used.size());
-      const bool holds_used = std::find(truth.used.begin() + static_cast<s64>(first),
-                                        truth.used.begin() + static_cast<s64>(end),
-                                        true) != truth.used.begin() + static_cast<s64>(end);
+    auto range = truth.free.begin();
+    for (u64 first = 0; first < truth.blocks; first += per_chunk) {
+      const u64 end = std::min<u64>(first + per_chunk, truth.blocks);
+      while (range != truth.free.end() && range->end <= first) ++range;
+      const bool holds_used = range == truth.free.end() || range->first > first || range->end < end;
       const bool called_used = snbf_blkbmp_is_used(&map, first / per_chunk) != 0;
       result.free_chunks += holds_used ? 0 : 1;
       result.used_called_free += holds_used && !called_used ? 1 : 0;

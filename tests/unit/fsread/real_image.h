@@ -10,8 +10,16 @@ namespace snbf::sim {
 
 // What the file system's own tools say about each of its blocks.
 struct Truth {
+  struct Range {
+    u64 first;
+    u64 end;
+  };
+
   u32 block_size = 0;
-  std::vector<bool> used;
+  u64 blocks = 0;
+  std::vector<Range> free = {};  // once finished: in order, and apart from each other
+
+  void finish();
 };
 
 // A sparse file with a file system in it, gone with this object. Not inside a simulated task: the
