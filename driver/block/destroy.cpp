@@ -91,6 +91,7 @@ void take_apart_node(Node& node) {
   const bool is_filter = node.dev_type == kFilterNode;
   if (is_filter) {
     FilterNode& filter = as_filter(node);
+    while (filter.entering.load() != 0) snbf_plat_yield();
     snbf_cowqueue_destroy(&filter.cowqueue);
     snbf_aio_destroy(&filter.aio);
     if (snbf_yield_to_dirty_requests(filter, kDirtyRequestsSeconds) != 0) {

@@ -92,11 +92,18 @@ bool must_hold_read(SnapNode& snap, FilterNode& filter, const Request& request) 
   return false;
 }
 
+// For lack of memory: the COW thread, which may wait for it, sends the request on. Where there is no such
+// thread nobody would.
+int hold_unclonable(FilterNode& filter, plat_bio* bio, AllocMode mode) {
+  if (filter.cowthread.pid.load() == 0) return -ENOMEM;
+  return hold_request(filter, bio, nullptr, mode);
+}
+
 // A filter node with snaps: through the tracker or into the COW queue.
 int route_beside_snaps(FilterNode& filter, const Request& request) {
   const AllocMode mode = request_alloc_mode();
   plat_bio* clone = snbf_aio_clone(&filter.aio, request.bio, 1, mode);
-  if (clone == nullptr) return hold_request(filter, request.bio, nullptr, mode);
+  if (clone == nullptr) return hold_unclonable(filter, request.bio, mode);
   if (request.info.is_write) {
     // A write that overlaps a held request waits behind it; that keeps writes to the same sectors
     // in order.
@@ -158,7 +165,7 @@ int route_snap(SnapNode& snap, Request& request) {
   // The tracker first and the bitmaps second: a write that arrives in between waits for this read,
   // which may be on its way to the partition for the old contents.
   plat_bio* clone = snbf_aio_clone(&filter.aio, request.bio, 1, mode);
-  if (clone == nullptr) return hold_request(filter, request.bio, nullptr, mode);
+  if (clone == nullptr) return hold_unclonable(filter, request.bio, mode);
   if (must_hold_read(snap, filter, request)) {
     return hold_request(filter, request.bio, clone, mode);
   }

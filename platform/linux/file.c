@@ -111,7 +111,7 @@ plat_s64 snbf_plat_file_write_pages(plat_file* file, plat_u64 position, void* co
 int snbf_plat_file_sync(plat_file* file) {
   struct file* open = (struct file*)file;
 
-  return open->f_op->fsync ? vfs_fsync(open, 0) : 0;
+  return open->f_op->fsync ? vfs_fsync(open, 1) : 0;
 }
 
 plat_u64 snbf_plat_file_size(plat_file* file) {

@@ -27,7 +27,7 @@ plat_s64 snbf_plat_file_read(plat_file* file, plat_u64 position, void* to, plat_
 plat_s64 snbf_plat_file_write(plat_file* file, plat_u64 position, const void* from, plat_size bytes);
 /* One call of the file's own write of whole pages' memory: `bytes` from `pages`, 4096 of each but perhaps the last. */
 plat_s64 snbf_plat_file_write_pages(plat_file* file, plat_u64 position, void* const* pages, plat_size bytes);
-/* 0, a negative error, or 0 for a file that knows no sync. */
+/* Makes the data durable, and what it takes to find it again. 0, also for a file that knows no sync, or a negative error. */
 int snbf_plat_file_sync(plat_file* file);
 /* Length in bytes. */
 plat_u64 snbf_plat_file_size(plat_file* file);

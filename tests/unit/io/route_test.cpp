@@ -23,11 +23,13 @@ class Routes {
     EXPECT_EQ(start_node(sim, kFilter), 0);
     filter = filter_at(kFilter);
     disk = sim.device("sda1");
+    filter->cowthread.pid.store(1);  // as far as routing can tell
     disk->clear_history();
     clear_bitmaps();
     sim.log().clear();
   }
   ~Routes() {
+    filter->cowthread.pid.store(0);
     disk->release_all();
     snbf_cowqueue_purge(&filter->cowqueue);
     sim.join_all();
@@ -360,6 +362,15 @@ SIM_TEST(FilterRoute, WhatCannotBeClonedIsHeld) {
   routes.snaps[0]->started.store(0);
   sim.fail_nth(Fault::BioClone, 1);
   routes.expect_held(Op::Write, 1600, 4096, 0);
+}
+
+SIM_TEST(FilterRoute, WhatCannotBeClonedFailsWhereNoThreadWouldSendItOn) {
+  Routes routes(sim);
+  routes.use_only(routes.add_snap(5), {});
+  routes.filter->cowthread.pid.store(0);
+  sim.fail_nth(Fault::BioClone, 1);
+  EXPECT_EQ(routes.send(Op::Write, 0, 4096).wait(), -ENOMEM);
+  EXPECT_EQ(routes.held(), 0);
 }
 
 SIM_TEST(FilterRoute, AskingForTheCowThreadNeverWaitsForMemory) {
