@@ -23,7 +23,6 @@ class Routes {
     EXPECT_EQ(start_node(sim, kFilter), 0);
     filter = filter_at(kFilter);
     disk = sim.device("sda1");
-    filter->cowthread.pid.store(1);  // as far as routing can tell
     disk->clear_history();
     clear_bitmaps();
     sim.log().clear();
@@ -41,6 +40,9 @@ class Routes {
     EXPECT_EQ(stop_node(sim, kFilter), 0);
     EXPECT_EQ(sim.unload_driver(), 0);
   }
+
+  // As far as routing can tell, the COW thread runs.
+  void pretend_thread() { filter->cowthread.pid.store(1); }
 
   // Behind those that are there; nothing copied, and every chunk in use.
   SnapNode* add_snap(u32 minor) {
@@ -352,6 +354,7 @@ SIM_TEST(FilterRoute, AWriteGoesBehindWhatIsHeld) {
 
 SIM_TEST(FilterRoute, WhatCannotBeClonedIsHeld) {
   Routes routes(sim);
+  routes.pretend_thread();
   routes.use_only(routes.add_snap(5), {});
   SnapNode* stopped = routes.add_snap(6);
   stopped->started.store(0);
@@ -367,7 +370,6 @@ SIM_TEST(FilterRoute, WhatCannotBeClonedIsHeld) {
 SIM_TEST(FilterRoute, WhatCannotBeClonedFailsWhereNoThreadWouldSendItOn) {
   Routes routes(sim);
   routes.use_only(routes.add_snap(5), {});
-  routes.filter->cowthread.pid.store(0);
   sim.fail_nth(Fault::BioClone, 1);
   EXPECT_EQ(routes.send(Op::Write, 0, 4096).wait(), -ENOMEM);
   EXPECT_EQ(routes.held(), 0);
@@ -375,6 +377,7 @@ SIM_TEST(FilterRoute, WhatCannotBeClonedFailsWhereNoThreadWouldSendItOn) {
 
 SIM_TEST(FilterRoute, AskingForTheCowThreadNeverWaitsForMemory) {
   Routes routes(sim);
+  routes.pretend_thread();
   routes.use_only(routes.add_snap(5), {});
   sim.set_memory_pressure(true);
   for (u64 i = 0; i < 4;
@@ -480,6 +483,7 @@ SIM_TEST(SnapRoute, AReadWaitsBehindAHeldWriteOfItsSectors) {
 
 SIM_TEST(SnapRoute, WhatCannotBeClonedIsHeld) {
   Routes routes(sim);
+  routes.pretend_thread();
   routes.add_snap(5);
   sim.fail_nth(Fault::BioClone, 1);
   routes.expect_held(Op::Read, 0, 4096, 5, 5);
