@@ -1,0 +1,235 @@
+// The start of a snap: on a quiet file system, with its files whole, and with an end to every wait.
+#include "snap_bench.h"
+
+namespace snbf::sim {
+namespace {
+
+SIM_TEST(StartSnap, OpensItsFilesAtTheirFullLengthAndIsInForce) {
+  SnapBench bench(sim, {.bytes = (1 << 20) + 512});
+  ASSERT_EQ(bench.write(5, 0x11), 0);
+  ASSERT_EQ(bench.add(7, 8192), 0);
+  ASSERT_EQ(start_node(sim, 7), 0);
+  EXPECT_EQ(sim.log().count("snbf_ioctl_start_node(): Starting snbf(100, 7)"), 1);
+  EXPECT_EQ(sim.log().count("snbf_block_start_device(): Starting snbf(100, 7)"), 1);
+  EXPECT_EQ(sim.log().count("snbf_block_start_device(): snbf(100, 7) has been started successfully"), 1);
+  EXPECT_EQ(sim.log().count("snbf_cowthread_start(): Successfully started COW thread kcowd. pid="), 1);
+  EXPECT_FALSE(sim.log().contains("to stabilize"));
+  EXPECT_EQ(info_of(sim, 7).started, 1u);
+  EXPECT_EQ(info_of(sim, 7).snap_valid, 1u);
+  EXPECT_EQ(bench.file(bench.data_file(7)), Bytes(129 * 8192));
+  EXPECT_EQ(bench.file(bench.bmp_file(7)), Bytes(17));
+  EXPECT_EQ(bench.read(7, 5), 0x11);
+  ASSERT_EQ(bench.write(5, 0x99), 0);
+  EXPECT_EQ(bench.read(7, 5), 0x11);
+  EXPECT_EQ(bench.read(kOrigin, 5), 0x99);
+}
+
+SIM_TEST(StartSnap, AStartedOneIsRefusedAndStaysAsItIs) {
+  SnapBench bench(sim);
+  ASSERT_EQ(bench.write(1, 0x11), 0);
+  bench.add_started(7);
+  ASSERT_EQ(bench.write(1, 0x99), 0);
+  EXPECT_EQ(start_node(sim, 7), -EALREADY);
+  EXPECT_EQ(bench.errors("snbf_block_start_device(): snbf(100, 7) has already been started"), 1);
+  EXPECT_EQ(bench.read(7, 1), 0x11);
+}
+
+SIM_TEST(StartSnap, BeginsAnewEachTime) {
+  SnapBench bench(sim);
+  ASSERT_EQ(bench.write(1, 0x11), 0);
+  bench.add_started(7);
+  ASSERT_EQ(bench.write(1, 0x22), 0);
+  ASSERT_EQ(stop_node(sim, 7), 0);
+  ASSERT_EQ(start_node(sim, 7), 0);
+  EXPECT_EQ(bench.file(bench.bmp_file(7)), Bytes(32));
+  EXPECT_EQ(bench.read(7, 1), 0x22);
+  ASSERT_EQ(bench.write(1, 0x33), 0);
+  EXPECT_EQ(bench.read(7, 1), 0x22);
+}
+
+SIM_TEST(StartSnap, StartsAStoppedFilterThatStaysStartedWhenTheSnapFails) {
+  SnapBench bench(sim, {.started = false});
+  ASSERT_EQ(bench.add(7), 0);
+  sim.fail_nth(Fault::FileOpen, 1);
+  EXPECT_EQ(start_node(sim, 7), -EIO);
+  EXPECT_EQ(info_of(sim, kOrigin).started, 1u);
+  EXPECT_EQ(info_of(sim, 7).started, 0u);
+  EXPECT_EQ(start_node(sim, 7), 0);
+}
+
+// A stop that was postponed makes it DEFUNCT.
+SIM_TEST(StartSnap, ADefunctOneIsRefused) {
+  SnapBench bench(sim);
+  ASSERT_EQ(bench.add(7), 0);
+  bench.snap(7)->stop_pending.store(1);
+  EXPECT_EQ(start_node(sim, 7), -EINVAL);
+  EXPECT_EQ(bench.errors("snbf_block_start_device(): Cannot restart a DEFUNCT snap device."), 1);
+  EXPECT_EQ(info_of(sim, 7).started, 0u);
+  EXPECT_FALSE(sim.exists(bench.data_file(7)));
+  EXPECT_EQ(delete_node(sim, 7), 0);
+}
+
+SIM_TEST_SEEDS(StartSnap, LeavesItStoppedWhicheverStepFails, 2) {
+  SnapBench bench(sim);
+  ASSERT_EQ(bench.write(1, 0x11), 0);
+  ASSERT_EQ(bench.add(7), 0);
+  // The map of used chunks is read behind the start and may fail alone; so may kcowd.
+  for (const Fault fault : {Fault::Heap, Fault::Virt, Fault::FileOpen}) {
+    for (int nth = 1; fails_at(sim, fault, nth, [&] {
+           const int rc = start_node(sim, 7);
+           sim.clear_faults();
+           if (rc == 0) {
+             EXPECT_EQ(bench.read(7, 1), 0x11);
+             EXPECT_EQ(stop_node(sim, 7), 0);
+             return;
+           }
+           EXPECT_EQ(info_of(sim, 7).started, 0u);
+           EXPECT_EQ(bench.snap(7)->cow_data_file, nullptr);
+           EXPECT_EQ(bench.snap(7)->cow_bmp_file, nullptr);
+           EXPECT_EQ(bench.snap(7)->cow_bmp.pages, nullptr);
+           EXPECT_EQ(bench.filter()->io_rwlock.count(), 0);
+           bench.expect_table(0);
+         });
+         ++nth) {
+    }
+  }
+  EXPECT_EQ(start_node(sim, 7), 0);
+}
+
+// kcowd's own start is not checked: without it no write may wait for ever.
+SIM_TEST(StartSnap, WithoutKcowdNoWriteHangs) {
+  SnapBench bench(sim);
+  for (const Fault fault : {Fault::ThreadStart, Fault::Page, Fault::BioAlloc}) {
+    SCOPED_TRACE(static_cast<int>(fault));
+    ASSERT_EQ(bench.add(7), 0);
+    sim.fail_nth(fault, 1);
+    const int rc = start_node(sim, 7);
+    sim.clear_faults();
+    const u64 before = sim.now_us();
+    EXPECT_EQ(bench.write(1, 0x11), 0);
+    EXPECT_LE(sim.now_us() - before, 11'000'000u);
+    if (rc == 0 && info_of(sim, 7).snap_valid != 0) {
+      EXPECT_EQ(bench.read(7, 1), 0);
+    }
+    ASSERT_EQ(delete_node(sim, 7), 0);
+    ASSERT_EQ(stop_node(sim, kOrigin), 0);  // the next start makes another kcowd
+    ASSERT_EQ(start_node(sim, kOrigin), 0);
+  }
+}
+
+// ---- The file system on the node
+
+struct Mounted {
+  explicit Mounted(SnapBench& snaps) : bench(snaps), sim(snaps.sim) {
+    fs = sim.add_fs("data", kNode(kOrigin));
+    EXPECT_EQ(sim.mount(fs, "/data"), 0);
+    EXPECT_EQ(sim.write_file("/data/file", Bytes(4096, 1), true), 0);
+    block = fs->map("/data/file").at(0).first / 8;
+  }
+  ~Mounted() { EXPECT_EQ(sim.unmount(fs), 0); }
+  SnapBench& bench;
+  Sim& sim;
+  FileSystem* fs;
+  u64 block;
+};
+
+SIM_TEST(StartSnap, WhatWasWrittenToAFileBeforeIsInTheImage) {
+  SnapBench bench(sim);
+  Mounted mounted(bench);
+  ASSERT_EQ(bench.add(7), 0);
+  ASSERT_EQ(sim.write_at("/data/file", 0, Bytes(4096, 2)), 0);  // not synced: the freeze does it
+  ASSERT_EQ(start_node(sim, 7), 0);
+  EXPECT_FALSE(mounted.fs->frozen());
+  ASSERT_EQ(sim.write_at("/data/file", 0, Bytes(4096, 3), true), 0);
+  EXPECT_EQ(bench.read(7, mounted.block), 2);
+  EXPECT_EQ(bench.read(kOrigin, mounted.block), 3);
+  ASSERT_EQ(stop_node(sim, 7), 0);
+}
+
+SIM_TEST(StartSnap, AFreezeThatFailsDoesNotStopIt) {
+  SnapBench bench(sim);
+  Mounted mounted(bench);
+  ASSERT_EQ(bench.add(7), 0);
+  sim.fail_nth(Fault::BdevFreeze, 1);
+  EXPECT_EQ(start_node(sim, 7), 0);
+  EXPECT_FALSE(mounted.fs->frozen());
+  ASSERT_EQ(stop_node(sim, 7), 0);
+  ASSERT_EQ(mounted.fs->freeze_by_hand(), 0);
+  EXPECT_EQ(start_node(sim, 7), 0);
+  EXPECT_TRUE(mounted.fs->frozen()) << "who froze it thaws it";
+  EXPECT_EQ(mounted.fs->thaw_by_hand(), 0);
+  ASSERT_EQ(stop_node(sim, 7), 0);
+}
+
+// A load that never pauses ends the start after 60 seconds; the writes go on all the time.
+SIM_TEST_SEEDS(StartSnap, GivesUpWhenTheLoadNeverPauses, 2) {
+  SnapBench bench(sim, {.debug = 4});
+  sim.set_step_limit(400'000'000);
+  OpenNode opening;
+  ASSERT_EQ(sim.open_node(kNode(kOrigin), PLAT_MODE_READ | PLAT_MODE_WRITE, &opening), 0);
+  ASSERT_EQ(bench.add(7), 0);
+  // Requests that take longer than the time limit: something is always in flight.
+  bench.disk->hold(true);
+  bool over = false;
+  Task* task = sim.spawn("writer", [&] { EXPECT_EQ(bench.write(1, 0x11), 0); });
+  sim.sleep_us(1000);
+  const u64 before = sim.now_us();
+  EXPECT_EQ(start_node(sim, 7), -EAGAIN);
+  over = true;
+  EXPECT_GE(sim.now_us() - before, 59'000'000u);
+  EXPECT_LE(sim.now_us() - before, 64'000'000u);
+  EXPECT_EQ(bench.errors("snbf_block_start_device(): Timed out waiting for FS on snbf(100, 3) (/dev/sda1) to stabilize."),
+            1);
+  EXPECT_EQ(info_of(sim, 7).started, 0u);
+  EXPECT_EQ(bench.filter()->io_rwlock.count(), 0);
+  EXPECT_TRUE(over);
+  bench.disk->hold(false);
+  bench.disk->release_all();
+  sim.join(task);
+  EXPECT_EQ(start_node(sim, 7), 0);
+  ASSERT_EQ(sim.close_node(&opening), 0);
+}
+
+// A newer snap holds copies from before this start: it would hand them to the older one's image.
+SIM_TEST(StartSnap, AnOlderSnapNeverShowsWhatANewerOneCopiedBeforeItsStart) {
+  SnapBench bench(sim);
+  ASSERT_EQ(bench.write(1, 0x11), 0);
+  ASSERT_EQ(bench.add(7), 0);
+  ASSERT_EQ(bench.add(8), 0);
+  ASSERT_EQ(start_node(sim, 8), 0);
+  ASSERT_EQ(bench.write(1, 0x22), 0);
+  if (start_node(sim, 7) == 0) {
+    EXPECT_EQ(bench.read(7, 1), 0x22);
+    ASSERT_EQ(bench.write(1, 0x33), 0);
+    ASSERT_EQ(bench.write(2, 0x33), 0);
+    EXPECT_EQ(bench.read(7, 1), 0x22);
+    EXPECT_EQ(bench.read(7, 2), 0);
+  } else {
+    EXPECT_EQ(info_of(sim, 7).started, 0u);
+  }
+  EXPECT_EQ(bench.read(8, 1), 0x11);
+}
+
+// Held for the older snap, cloned and in flight, or passed on in place while there was no snap: each would land
+// behind the start without a copy.
+SIM_TEST_SEEDS(StartSnap, WritesOnTheirWayLandBeforeOrAreCopied, 60) {
+  SnapBench bench(sim, {.debug = 0});
+  const bool older = sim.random(2) == 0;
+  if (older) bench.add_started(7);
+  ASSERT_EQ(bench.add(8), 0);
+  bench.disk->set_latency(20, 4000);
+  for (int i = 0; i < 4; ++i) {
+    sim.spawn("writer", [&, i] {
+      for (int n = 0; n < 6; ++n) EXPECT_EQ(bench.write(static_cast<u64>(i), static_cast<u8>(1 + n)), 0);
+    });
+  }
+  sim.sleep_us(sim.random(8000));
+  ASSERT_EQ(start_node(sim, 8), 0);
+  Bytes first(4);
+  for (int i = 0; i < 4; ++i) first[i] = static_cast<u8>(bench.read(8, static_cast<u64>(i)));
+  sim.join_all();
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(bench.read(8, static_cast<u64>(i)), first[i]);
+}
+
+}  // namespace
+}  // namespace snbf::sim
