@@ -87,9 +87,10 @@ class SnapImage {
   void started() { started_ = partition_->now(); }
   // What a read that succeeded has found. "" or what is wrong.
   std::string check_read(u64 sector, std::span<const u8> data);
+  // Of sectors that the model knows nothing of: only that they stay what they were.
+  std::string check_same(u64 sector, std::span<const u8> data);
   // Everything that was found, as one instant. "" or what is wrong.
   std::string check_instant() const;
-  bool whole() const { return known_ == seen_.size(); }
 
  private:
   using Value = Partition::Value;
@@ -103,7 +104,7 @@ class SnapImage {
   u64 asked_;
   u64 started_ = kNever;
   std::vector<u32> seen_;
-  u64 known_ = 0;
+  std::vector<u64> foreign_;  // sums of the sectors that the model knows nothing of; 0: not seen
 };
 
 }  // namespace snbf::model

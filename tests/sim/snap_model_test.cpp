@@ -98,6 +98,13 @@ TEST_F(SnapModel, AnImageIsOfOneInstant) {
   EXPECT_NE(image.check_instant(), "");
 }
 
+TEST_F(SnapModel, WhatIsUnknownMustStayTheSame) {
+  SnapImage image(partition_);
+  EXPECT_EQ(image.check_same(3, zeroes(2)), "");
+  EXPECT_EQ(image.check_same(4, zeroes(1)), "");
+  EXPECT_NE(image.check_same(4, initial(4)), "");
+}
+
 TEST_F(SnapModel, ALargeRequestIsJudgedByThePieces) {
   Partition large(3 * kPieceSectors);
   const WriteTicket ticket = large.send(1, 2 * kPieceSectors + 1, false);

@@ -1,0 +1,463 @@
+#include "snap_rig.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "block/node.h"
+
+namespace snbf::rig {
+
+namespace {
+
+constexpr int kStoreMinor = 200;
+constexpr u32 kReadPieceSectors = 2048;
+constexpr u64 kFilePages = 24;
+
+}  // namespace
+
+SnapRig::SnapRig(Sim& kernel, const SnapSetup& options, model::Partition* shared)
+    : sim(kernel),
+      setup(options),
+      base(kernel),
+      own_partition_(shared != nullptr ? nullptr : std::make_unique<model::Partition>(options.bytes / 512)),
+      partition(shared != nullptr ? *shared : *own_partition_) {}
+
+void SnapRig::make_devices() {
+  sim::Device* disk = sim.add_device({.name = "sda1", .bytes = setup.bytes});
+  disk->poke(0, partition.initial());
+  sim::Device* store = sim.add_device({.name = "sdb1", .bytes = setup.store_bytes});
+  if (!setup.store_on_node && !setup.store_by_test) sim.add_fs("store", store->number());
+}
+
+void SnapRig::mount_and_load(bool fresh) {
+  if (setup.store_on_node) {
+    base.load({.debug = setup.debug, .max_blk_minor = setup.minor_max});
+    if (fresh) {
+      ASSERT_EQ(sim.make_dir("/bmp"), 0);
+    }
+    ASSERT_EQ(base.add("/dev/sdb1", kStoreMinor, "/bmp"), kStoreMinor);
+    ASSERT_EQ(base.start(kStoreMinor), 0);
+    if (fresh) sim.add_fs("store", node(kStoreMinor));
+    ASSERT_EQ(sim.mount(sim.fs("store"), node(kStoreMinor), "/store"), 0);
+    return;
+  }
+  if (!setup.store_by_test) {
+    ASSERT_EQ(sim.mount(sim.fs("store"), "/store"), 0);
+  }
+  base.load({.debug = setup.debug, .max_blk_minor = setup.minor_max});
+}
+
+void SnapRig::begin() {
+  make_devices();
+  mount_and_load(true);
+  ASSERT_EQ(base.add("/dev/sda1", 0), 0);
+  ASSERT_EQ(base.start(), 0);
+  if (setup.fs_blocks == 0) return;
+  sim::FileSystem* fs = sim.add_fs("data", node(), setup.fs_blocks);
+  ASSERT_EQ(sim.mount(fs, "/data"), 0);
+  // The file gets its blocks once and for all; what it holds is then written in place.
+  ASSERT_EQ(sim.write_file("/data/file", Bytes(kFilePages * 4096), true), 0);
+  file_map_ = fs->map("/data/file");
+  for (const auto& [sector, count] : file_map_) file_pages_ += count / 8;
+  ASSERT_EQ(file_pages_, kFilePages);
+  for (u64 page = 0; page < file_pages_; ++page) ASSERT_EQ(write_file_page(page, false), 0);
+  ASSERT_EQ(sim.sync_all(), 0);
+}
+
+void SnapRig::begin_again() {
+  mount_and_load(false);
+  ASSERT_EQ(base.add("/dev/sda1", 0), 0);
+}
+
+void SnapRig::end(bool delete_nodes) {
+  if (sim::FileSystem* data = sim.fs("data"); data != nullptr && data->mounted()) {
+    ASSERT_EQ(sim.unmount(data), 0);
+  }
+  check_partition();
+  if (delete_nodes) {
+    ASSERT_EQ(base.remove(), 0);
+    for (const auto& snap : snaps) check_files_gone(*snap);
+  } else {
+    ASSERT_EQ(base.stop(), 0);
+  }
+  if (setup.store_on_node) {
+    ASSERT_EQ(sim.unmount(sim.fs("store")), 0);
+    ASSERT_EQ(base.remove(kStoreMinor), 0);
+  }
+  ASSERT_EQ(sim.unload_driver(), 0);
+}
+
+int SnapRig::create(const std::string& files, int minor, u32 chunk_bytes) {
+  snbf_snap_node_cmd record = {};
+  record.snbf_minor = 0;
+  record.snap_minor = minor;
+  record.chunk_size = chunk_bytes != 0 ? chunk_bytes : setup.chunk_bytes;
+  std::strcpy(record.cow_bmp_fname, (files + ".bmp").c_str());
+  std::strcpy(record.cow_data_fname, (files + ".data").c_str());
+  const int rc = sim.ioctl(SNBF_ADD_SNAP_NODE, &record, sizeof(record));
+  // Kept by the driver: without memory for the record this task goes on holding the table.
+  if (rc == kNoMemory && snbf_blkdev_rwlock.count() < 0 &&
+      sim.log().last("snbf_ioctl_add_snap_node()").ends_with("Memory allocation failure")) {
+    snbf_blkdev_rwlock.write_unlock();
+  }
+  return rc != 0 ? rc : record.snap_minor;
+}
+
+int SnapRig::resume(int minor, u32 snap_valid, u32 stop_pending, u32 del_pending) {
+  snbf_resume_cmd record = {static_cast<u32>(minor), snap_valid, stop_pending, del_pending};
+  return sim.ioctl(SNBF_RESUME_SNAP, &record, sizeof(record));
+}
+
+snbf_info SnapRig::info(int minor) {
+  snbf_info info = {};
+  info.minor = static_cast<u32>(minor);
+  if (sim.ioctl(SNBF_GET_INFO, &info, sizeof(info)) != 0) info.dev_type = 0;
+  return info;
+}
+
+// ---- Requests
+
+void SnapRig::judge_write(const model::WriteTicket& ticket, int rc, u64 sent_us) {
+  partition.end(ticket, rc == 0);
+  const u64 waited = sim.now_us() - sent_us;
+  longest_wait_us = std::max(longest_wait_us, waited);
+  if (!partition_may_fail) {
+    EXPECT_EQ(rc, 0) << "a write failed";
+  }
+  if (waits_checked) {
+    EXPECT_LE(waited, kWriteWaitMaxUs) << "a write was held too long";
+  }
+}
+
+int SnapRig::write(u64 sector, u64 sectors) {
+  const u64 sent_us = sim.now_us();
+  const model::WriteTicket ticket = partition.send(sector, sectors, false);
+  const int rc = sim.write(node(), sector, partition.data(ticket), sim.random(8) == 0);
+  judge_write(ticket, rc, sent_us);
+  return rc;
+}
+
+int SnapRig::discard(u64 sector, u64 sectors) {
+  const u64 sent_us = sim.now_us();
+  const model::WriteTicket ticket = partition.send(sector, sectors, true);
+  const u32 bytes = static_cast<u32>(sectors * 512);
+  const int rc = sim.random(2) == 0 ? sim.discard(node(), sector, bytes) : sim.write_zeroes(node(), sector, bytes);
+  judge_write(ticket, rc, sent_us);
+  return rc;
+}
+
+int SnapRig::read_origin(u64 sector, u32 sectors) {
+  const u64 sent = partition.now();
+  Bytes data;
+  const int rc = sim.read(node(), sector, sectors * 512, &data);
+  if (rc == 0) {
+    EXPECT_EQ(partition.check_read(sector, data, sent), "");
+  } else if (!partition_may_fail) {
+    ADD_FAILURE() << "a read of the origin failed: " << rc;
+  }
+  return rc;
+}
+
+bool SnapRig::may_refuse(int minor) {
+  const snbf_info now = info(minor);
+  return now.dev_type != SNBF_DEV_SNAP || now.started == 0 || now.snap_valid == 0 || now.stop_pending != 0;
+}
+
+void SnapRig::judge_refusal(Snap& snap, int rc) {
+  EXPECT_EQ(rc, kIoError) << "the error of a refused read";
+  if (!partition_may_fail && !copies_may_fail) {
+    EXPECT_TRUE(may_refuse(snap.minor)) << "a read of a valid snap was refused: " << snap.minor;
+  }
+}
+
+bool SnapRig::is_foreign(u64 sector) const {
+  if (sector >= setup.fs_blocks * 8) return false;
+  return std::none_of(file_map_.begin(), file_map_.end(), [sector](const auto& piece) {
+    return sector >= piece.first && sector < piece.first + piece.second;
+  });
+}
+
+std::string SnapRig::judge_image(SnapImage& image, u64 sector, const Bytes& data) const {
+  for (u64 at = 0; at < data.size();) {
+    const bool foreign = is_foreign(sector + at / 512);
+    u64 end = at;
+    while (end < data.size() && is_foreign(sector + end / 512) == foreign) end += 512;
+    const std::span<const sim::u8> piece = std::span(data).subspan(at, end - at);
+    const u64 first = sector + at / 512;
+    const std::string wrong = foreign ? image.check_same(first, piece) : image.check_read(first, piece);
+    if (!wrong.empty()) return wrong;
+    at = end;
+  }
+  return "";
+}
+
+int SnapRig::read_snap(Snap& snap, u64 sector, u32 sectors) {
+  const std::shared_ptr<SnapImage> image = snap.image;
+  Bytes data;
+  const int rc = sim.read(node(snap.minor), sector, sectors * 512, &data);
+  if (rc != 0) {
+    judge_refusal(snap, rc);
+  } else if (image != nullptr) {
+    EXPECT_EQ(judge_image(*image, sector, data), "") << "snap " << snap.minor;
+    ++images_checked;
+  }
+  return rc;
+}
+
+void SnapRig::check_snap(Snap& snap) {
+  const snbf_info before = info(snap.minor);
+  if (before.started == 0) return;
+  sim::OpenNode opening;
+  ASSERT_EQ(sim.open_node(node(snap.minor), PLAT_MODE_READ, &opening), 0);
+  const bool good = before.snap_valid != 0 && before.stop_pending == 0;
+  if (!copies_may_fail && !partition_may_fail) {
+    EXPECT_EQ(before.snap_valid, 1u) << "snap " << snap.minor;
+  }
+  for (u64 sector = 0; sector < sectors() && !testing::Test::HasFailure(); sector += kReadPieceSectors) {
+    const u32 count = static_cast<u32>(std::min<u64>(kReadPieceSectors, sectors() - sector));
+    const int rc = read_snap(snap, sector, count);
+    if (!good) {
+      EXPECT_EQ(rc, kIoError) << "snap " << snap.minor << " must refuse reads";
+    } else if (!copies_may_fail && !partition_may_fail) {
+      EXPECT_EQ(rc, 0) << "snap " << snap.minor;
+    }
+    if (rc != 0) break;
+  }
+  if (snap.image != nullptr) {
+    EXPECT_EQ(snap.image->check_instant(), "") << "snap " << snap.minor;
+  }
+  EXPECT_EQ(sim.close_node(&opening), 0);
+}
+
+void SnapRig::check_partition() {
+  if (file_pages_ != 0) return;  // its file system has written there too
+  EXPECT_EQ(partition.check_read(0, sim.device("sda1")->all(), partition.now()), "");
+}
+
+int SnapRig::write_file_page(u64 page, bool sync) {
+  u64 sector = 0, left = page;
+  for (const auto& [first, count] : file_map_) {
+    if (left < count / 8) {
+      sector = first + 8 * left;
+      break;
+    }
+    left -= count / 8;
+  }
+  const u64 sent_us = sim.now_us();
+  const model::WriteTicket ticket = partition.send(sector, 8, false);
+  const int rc = sim.write_at("/data/file", page * 4096, partition.data(ticket), sync);
+  // A file's write also waits for its file system to be thawed.
+  const bool checked = std::exchange(waits_checked, false);
+  judge_write(ticket, rc, sent_us);
+  waits_checked = checked;
+  return rc;
+}
+
+// ---- People
+
+void SnapRig::one_write() {
+  const u64 kind = sim.random(32);
+  if (kind == 0) {
+    discard(0, sectors());
+    return;
+  }
+  const u64 from = setup.fs_blocks * 8;  // what lies below is the file system's
+  const u64 room = sectors() - from;
+  u64 count = 1 + sim.random(std::min<u64>(room, write_sectors_max));
+  if (kind == 1) count = 1 + sim.random(room);
+  u64 sector = from + sim.random(room - count + 1);
+  if (kind >= 24) {  // whole blocks at block borders
+    sector = sector / 8 * 8;
+    count = std::min<u64>((count + 7) / 8 * 8, sectors() - sector);
+  } else if (kind >= 20) {  // over a border of two chunks
+    const u64 chunk = setup.chunk_bytes / 512;
+    const u64 border = from + (1 + sim.random(std::max<u64>(room / chunk, 2) - 1)) * chunk;
+    if (border > from && border + 1 < sectors()) {
+      sector = border - 1;
+      count = 2;
+    }
+  }
+  if (kind < 5 && setup.fs_blocks == 0) {
+    discard(sector, count);
+  } else {
+    write(sector, count);
+  }
+}
+
+void SnapRig::writer(int steps) {
+  for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
+    if (setup.fs_blocks != 0) {
+      const u64 from = setup.fs_blocks * 8;
+      const u64 count = 1 + sim.random(std::min<u64>(sectors() - from, write_sectors_max));
+      write(from + sim.random(sectors() - from - count + 1), count);
+    } else {
+      one_write();
+    }
+    if (sim.random(3) == 0) sim.sleep_us(sim.random(3000));
+  }
+}
+
+void SnapRig::file_writer(int steps) {
+  for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
+    write_file_page(sim.random(file_pages_), sim.random(6) == 0);
+    if (sim.random(4) == 0) sim.sleep_us(sim.random(3000));
+  }
+}
+
+void SnapRig::origin_reader(int steps) {
+  for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
+    const u64 from = setup.fs_blocks * 8;
+    const u32 count = static_cast<u32>(1 + sim.random(std::min<u64>(sectors() - from, 48)));
+    read_origin(from + sim.random(sectors() - from - count + 1), count);
+    if (sim.random(2) == 0) sim.sleep_us(sim.random(3000));
+  }
+}
+
+void SnapRig::snap_reader(int steps) {
+  for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
+    const std::shared_ptr<Snap> snap = snaps.empty() ? nullptr : snaps[sim.random(snaps.size())];
+    sim::OpenNode opening;
+    if (snap != nullptr && snap->started && sim.open_node(node(snap->minor), PLAT_MODE_READ, &opening) == 0) {
+      for (u64 reads = 1 + sim.random(4); reads > 0 && snap->started; --reads) {
+        const u32 count = static_cast<u32>(1 + sim.random(std::min<u64>(sectors(), 96)));
+        read_snap(*snap, sim.random(sectors() - count + 1), count);
+      }
+      EXPECT_EQ(sim.close_node(&opening), 0);
+    }
+    if (snap == nullptr || sim.random(2) == 0) sim.sleep_us(100 + sim.random(3000));
+  }
+}
+
+void SnapRig::admin(int steps) {
+  for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
+    Snap* stopped = any_snap(false);
+    Snap* started = any_snap(true);
+    switch (sim.random(8)) {
+      case 0:
+      case 1:
+      case 2:
+        if (Snap* fresh = add_snap(); fresh != nullptr) start_snap(*fresh);
+        break;
+      case 3:
+        if (stopped != nullptr) start_snap(*stopped);
+        break;
+      case 4:
+        if (started != nullptr) stop_snap(*started);
+        break;
+      case 5:
+        if (!snaps.empty()) delete_snap(*snaps[sim.random(snaps.size())]);
+        break;
+      case 6:
+        if (stopped != nullptr && sim.random(2) == 0) delete_snap(*stopped);
+        break;
+      default:
+        sim.proc("/proc/snbf/snbf0/snaps");
+        sim.proc("/proc/snbf/snbf0/cowqueue_len");
+    }
+    sim.sleep_us(sim.random(8000));
+  }
+}
+
+// ---- Snaps
+
+Snap* SnapRig::add_snap() {
+  if (static_cast<int>(snaps.size()) >= snaps_max) return nullptr;
+  const std::string files = "/store/cow" + std::to_string(files_made_++);
+  const int minor = create(files);
+  if (minor < 0) {
+    if (!copies_may_fail) ADD_FAILURE() << "a snap could not be created: " << minor;
+    return nullptr;
+  }
+  snaps.push_back(std::make_shared<Snap>(Snap{minor, files, false, nullptr}));
+  return snaps.back().get();
+}
+
+int SnapRig::start_snap(Snap& snap) {
+  const u32 was_started = info(snap.minor).started;
+  auto image = std::make_shared<SnapImage>(partition);
+  if (was_started == 0) {
+    snap.image = image;
+    snap.started = true;  // readers may come as soon as it is
+  }
+  const int rc = base.start(snap.minor);
+  if (rc == 0) {
+    image->started();
+  } else if (was_started == 0) {
+    snap.started = false;
+    snap.image = nullptr;
+  }
+  return rc;
+}
+
+// Postponed while an older one is started; the cascade may take newer ones along.
+int SnapRig::stop_snap(Snap& snap) {
+  const int minor = snap.minor;
+  const int rc = base.stop(minor);
+  if (rc != 0 && !memory_may_fail) {
+    EXPECT_EQ(rc, kBusy) << "snap " << minor;
+  }
+  forget_gone();
+  return rc;
+}
+
+int SnapRig::delete_snap(Snap& snap) {
+  const int minor = snap.minor;
+  const int rc = base.remove(minor);
+  if (rc != 0) {
+    const bool no_memory = memory_may_fail && (rc == kNoMemory || rc == kFault);
+    EXPECT_TRUE(rc == kBusy || rc == -22 || no_memory) << "snap " << minor << ": " << rc;
+  }
+  forget_gone();
+  return rc;
+}
+
+void SnapRig::check_files_gone(const Snap& snap) {
+  if (memory_may_fail) return;
+  EXPECT_FALSE(sim.exists(snap.files + ".data")) << snap.files;
+  EXPECT_FALSE(sim.exists(snap.files + ".bmp")) << snap.files;
+}
+
+void SnapRig::forget_gone() {
+  std::vector<std::shared_ptr<Snap>> left;
+  for (const auto& snap : std::vector<std::shared_ptr<Snap>>(snaps)) {
+    const snbf_info now = info(snap->minor);
+    if (now.dev_type != SNBF_DEV_SNAP) {
+      snap->started = false;
+      check_files_gone(*snap);
+      continue;
+    }
+    if (now.started == 0) {
+      snap->started = false;
+      snap->image = nullptr;
+    }
+    left.push_back(snap);
+  }
+  snaps = std::move(left);
+}
+
+Snap* SnapRig::any_snap(bool started) {
+  std::vector<Snap*> found;
+  for (const auto& snap : snaps) {
+    if (snap->started == started) found.push_back(snap.get());
+  }
+  return found.empty() ? nullptr : found[sim.random(found.size())];
+}
+
+// Newest image first, as the driver lists them.
+void SnapRig::check_snaps() {
+  const snbf_info filter = info(0);
+  bool newer_invalid = false;
+  for (u32 i = filter.snap_cnt; i-- > 0 && !testing::Test::HasFailure();) {
+    const snbf_info now = info(static_cast<int>(filter.snap_minors[i]));
+    if (now.started == 0) continue;
+    if (newer_invalid) {
+      EXPECT_EQ(now.snap_valid, 0u) << "snap " << now.minor << " outlives a newer one's end";
+    }
+    newer_invalid = newer_invalid || now.snap_valid == 0;
+    for (const auto& snap : snaps) {
+      if (snap->minor == static_cast<int>(now.minor)) check_snap(*snap);
+    }
+  }
+}
+
+}  // namespace snbf::rig

@@ -1,0 +1,131 @@
+// A tracked partition with snaps, and the people around it: writers, readers of the origin and of the snaps, an
+// administrator who makes, starts, stops, resumes and deletes snaps. What they see is judged by the model.
+//
+//   sda1  the partition, node snbf0
+//   sdb1  the store of bitmap and COW files, mounted at /store
+#pragma once
+
+#include <map>
+#include <memory>
+
+#include "rig.h"
+#include "snap_model.h"
+
+namespace snbf::rig {
+
+using model::SnapImage;
+
+constexpr int kAgain = -11, kBusy = -16, kFault = -14, kIoError = -5, kNoMemory = -12;
+// kcowd may be in one file operation for 10 seconds; after it no write is held for it.
+constexpr u64 kWriteWaitMaxUs = 11'000'000;
+
+struct SnapSetup {
+  u64 bytes = 1 << 20;        // of the partition
+  u32 chunk_bytes = 4096;
+  u64 store_bytes = 24 << 20;
+  bool store_on_node = false;  // the store lies on another node of the driver, snbf200
+  bool store_by_test = false;  // the test mounts /store itself
+  u64 fs_blocks = 0;           // of a file system on the node, mounted at /data; 0: none
+  int debug = 0;
+  int minor_max = 255;
+};
+
+struct Snap {
+  int minor;
+  std::string files;  // path of its COW files without their suffixes
+  bool started = false;
+  std::shared_ptr<SnapImage> image;
+};
+
+class SnapRig {
+ public:
+  // `shared`: what the partition holds since an earlier boot.
+  SnapRig(Sim& kernel, const SnapSetup& setup, model::Partition* shared = nullptr);
+
+  // ---- The machine.
+
+  // In a task, on a fresh kernel: devices, driver, started node.
+  void begin();
+  // In a task, on a kernel with what an earlier one left: the same, without filling anything.
+  void begin_again();
+  // Every node deleted (or left to the unloading), the driver unloaded.
+  void end(bool delete_nodes = true);
+  plat_devt node(int minor = 0) const { return base.node(minor); }
+  u64 sectors() const { return setup.bytes / 512; }
+
+  // ---- Commands; what is expected of them is the caller's business.
+
+  int create(const std::string& files, int minor = -1, u32 chunk_bytes = 0);
+  int resume(int minor, u32 snap_valid = 1, u32 stop_pending = 0, u32 del_pending = 0);
+  snbf_info info(int minor);
+  bool exists(int minor) { return sim.proc_exists("/proc/snbf/snbf" + std::to_string(minor)); }
+
+  // ---- Requests, judged as they end. Answer their error.
+
+  int write(u64 sector, u64 sectors);
+  int discard(u64 sector, u64 sectors);
+  int read_origin(u64 sector, u32 sectors);
+  // Of a snap, through an opening of its own where `open`.
+  int read_snap(Snap& snap, u64 sector, u32 sectors);
+  // All of it, and the instant; or, for an invalid one, the refusal.
+  void check_snap(Snap& snap);
+  // Every acknowledged write is there.
+  void check_partition();
+  // A page of a file on the node's file system.
+  int write_file_page(u64 page, bool sync);
+
+  // ---- People. Each goes on for so many steps.
+
+  void writer(int steps);
+  void file_writer(int steps);
+  void origin_reader(int steps);
+  void snap_reader(int steps);
+  void admin(int steps);
+
+  // ---- Snaps as the model knows them, oldest first.
+
+  Snap* add_snap();            // created, or null
+  int start_snap(Snap& snap);  // as the command answers
+  int stop_snap(Snap& snap);
+  int delete_snap(Snap& snap);
+  Snap* any_snap(bool started);
+  // After an error of a read or a copy: whether the snap may refuse reads.
+  bool may_refuse(int minor);
+  void check_snaps();
+
+  Sim& sim;
+  SnapSetup setup;
+  Rig base;
+
+ private:
+  std::unique_ptr<model::Partition> own_partition_;
+
+ public:
+  model::Partition& partition;
+  std::vector<std::shared_ptr<Snap>> snaps;
+  int snaps_max = 4;
+  u64 write_sectors_max = 64;
+  bool copies_may_fail = false;    // the COW store is broken: snaps may become invalid
+  bool partition_may_fail = false;  // so is the partition: requests to it may fail
+  bool memory_may_fail = false;     // commands may fail for it, and snaps too
+  bool waits_checked = true;
+  u64 longest_wait_us = 0;
+  u64 images_checked = 0;
+
+ private:
+  void make_devices();
+  void mount_and_load(bool fresh);
+  void judge_write(const model::WriteTicket& ticket, int rc, u64 sent_us);
+  void judge_refusal(Snap& snap, int rc);
+  std::string judge_image(SnapImage& image, u64 sector, const Bytes& data) const;
+  bool is_foreign(u64 sector) const;  // what a file system keeps there for itself
+  void one_write();
+  void check_files_gone(const Snap& snap);
+  void forget_gone();
+
+  std::vector<std::pair<u64, u64>> file_map_;
+  u64 file_pages_ = 0;
+  int files_made_ = 0;
+};
+
+}  // namespace snbf::rig

@@ -1,0 +1,100 @@
+// Snaps under any load, by seed: every write that was acknowledged reaches the partition, and every image is what the
+// partition was at its start, for ever.
+#include <cstdio>
+
+#include "snap_rig.h"
+
+namespace snbf::rig {
+namespace {
+
+using sim::Fault;
+using sim::SimBody;
+
+constexpr u32 kChunks[] = {4096, 8192, 65536, 1 << 20};
+
+// Not a whole number of chunks: the last one is cut off by the partition's end.
+SnapSetup setup_for(Sim& sim, u32 chunk_bytes) {
+  SnapSetup setup;
+  setup.chunk_bytes = chunk_bytes;
+  setup.bytes = chunk_bytes <= 65536 ? (512 << 10) + 512 * (1 + sim.random(100)) : 2 * u64{chunk_bytes} + 5 * 4096;
+  setup.store_bytes = 8 * setup.bytes + (4 << 20);
+  return setup;
+}
+
+void crowd(SnapRig& rig, int steps) {
+  for (int i = 0; i < 3; ++i) rig.sim.spawn("writer", [&rig, steps] { rig.writer(steps); });
+  for (int i = 0; i < 2; ++i) rig.sim.spawn("snap reader", [&rig, steps] { rig.snap_reader(steps); });
+  rig.sim.spawn("origin reader", [&rig, steps] { rig.origin_reader(steps / 2); });
+  rig.sim.spawn("admin", [&rig, steps] { rig.admin(steps / 2); });
+  if (rig.setup.fs_blocks != 0) rig.sim.spawn("files", [&rig, steps] { rig.file_writer(steps); });
+  rig.sim.join_all();
+}
+
+void live(SnapRig& rig, int steps) {
+  rig.begin();
+  if (testing::Test::HasFatalFailure()) return;
+  crowd(rig, steps);
+  if (testing::Test::HasFailure()) return;
+  rig.check_partition();
+  rig.check_snaps();
+  if (testing::Test::HasFailure()) return;
+  rig.end(rig.sim.random(2) == 0);
+}
+
+SIM_TEST_SEEDS(Snapshot, ImagesNeverChangeUnderAnyLoad, 100) {
+  SnapRig rig(sim, setup_for(sim, kChunks[sim.random(std::size(kChunks))]));
+  live(rig, 24);
+}
+
+SIM_TEST_SEEDS(Snapshot, ImagesOfAMountedFileSystem, 60) {
+  SnapSetup setup = setup_for(sim, kChunks[sim.random(3)]);
+  setup.fs_blocks = 64;
+  SnapRig rig(sim, setup);
+  live(rig, 20);
+}
+
+SIM_TEST_SEEDS(Snapshot, CowFilesOnAnotherNode, 40) {
+  SnapSetup setup = setup_for(sim, kChunks[sim.random(3)]);
+  setup.store_on_node = true;
+  SnapRig rig(sim, setup);
+  live(rig, 20);
+}
+
+// A chunk is larger than what is copied at once.
+SIM_TEST_SEEDS(Snapshot, ChunksOfEightMiB, 3) {
+  SnapSetup setup;
+  setup.chunk_bytes = 8 << 20;
+  setup.bytes = (20 << 20) + 1536;
+  setup.store_bytes = 100 << 20;
+  SnapRig rig(sim, setup);
+  rig.write_sectors_max = 20'000;
+  rig.snaps_max = 2;
+  live(rig, 5);
+}
+
+// As many as may hang on one node, each with an image of its own.
+SIM_TEST_SEEDS(Snapshot, TwoHundredFiftySixImages, 1) {
+  SnapSetup setup;
+  setup.bytes = 128 << 10;
+  setup.minor_max = 300;
+  SnapRig rig(sim, setup);
+  rig.begin();
+  if (testing::Test::HasFatalFailure()) return;
+  rig.snaps_max = 257;
+  for (int i = 0; i < 256; ++i) {
+    Snap* snap = rig.add_snap();
+    ASSERT_NE(snap, nullptr);
+    ASSERT_EQ(rig.start_snap(*snap), 0);
+    rig.write(8 * sim.random(32), 8);
+  }
+  EXPECT_EQ(rig.create("/store/more"), -28);
+  sim.spawn("writer", [&] { rig.writer(30); });
+  sim.spawn("snap reader", [&] { rig.snap_reader(30); });
+  sim.join_all();
+  rig.check_snaps();
+  if (testing::Test::HasFailure()) return;
+  rig.end();
+}
+
+}  // namespace
+}  // namespace snbf::rig
