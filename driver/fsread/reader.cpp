@@ -7,6 +7,7 @@
 #include "fsread/ext4_reader.h"
 #include "fsread/extfs.h"
 #include "fsread/reiserfs_reader.h"
+#include "fsread/xfs5_reader.h"
 #include "fsread/xfs_reader.h"
 
 namespace snbf {
@@ -21,6 +22,8 @@ struct Claimant {
 constexpr Claimant kClaimants[] = {
     {ext4_reader_claim,
      reader_of<Ext4Reader, ext4_reader_init, ext4_reader_read, ext4_reader_destroy>(false)},
+    {xfs5_reader_claim,
+     reader_of<Xfs5Reader, xfs5_reader_init, xfs5_reader_read, xfs5_reader_destroy>(false)},
 };
 
 constexpr FsReader kReaders[] = {

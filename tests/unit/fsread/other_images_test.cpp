@@ -39,10 +39,28 @@ TEST_P(XfsImages, NoUsedBlockIsCalledFree) {
 }
 
 constexpr const char* kVersion4 = "xfs_reader_init(): Detected XFS";
+constexpr const char* kVersion5 = "xfs5_reader_init(): Detected XFS version ";
 constexpr Made kXfs[] = {
     {"version_4", 320, "mkfs.xfs -q -f -m crc=0,finobt=0,rmapbt=0,reflink=0 @", kVersion4},
     {"version_4_of_512_byte_blocks", 320, "mkfs.xfs -q -f -m crc=0 -b size=512 @", kVersion4},
     {"version_4_of_many_groups", 3000, "mkfs.xfs -q -f -m crc=0 -d agcount=37 @", kVersion4},
+    {"version_4_of_4k_sectors", 320, "mkfs.xfs -q -f -m crc=0 -s size=4096 @", kVersion5},
+    {"version_4_of_16k_blocks", 320, "mkfs.xfs -q -f -m crc=0 -b size=16384 @", kVersion5},
+    {"version_5", 320, "mkfs.xfs -q -f @", kVersion5},
+    {"version_5_with_files", 320, "mkfs.xfs -q -f -p %.proto @", kVersion5},
+    {"version_5_of_everything", 320,
+     "mkfs.xfs -q -f -m finobt=1,rmapbt=1,reflink=1,inobtcount=1,bigtime=1 -i nrext64=1 @",
+     kVersion5},
+    {"version_5_of_nothing", 320,
+     "mkfs.xfs -q -f -m finobt=0,rmapbt=0,reflink=0,inobtcount=0,bigtime=0 -i sparse=0 @",
+     kVersion5},
+    {"version_5_of_1k_blocks", 320, "mkfs.xfs -q -f -b size=1024 @", kVersion5},
+    {"version_5_of_64k_blocks", 500, "mkfs.xfs -q -f -b size=65536 @", kVersion5},
+    {"version_5_of_4k_sectors", 320, "mkfs.xfs -q -f -s size=4096 @", kVersion5},
+    {"version_5_of_many_groups", 8000, "mkfs.xfs -q -f -d agcount=101 @", kVersion5},
+    {"version_5_with_another_uuid", 320,
+     "mkfs.xfs -q -f @ && xfs_admin -U 11111111-2222-3333-4444-555555555555 @", kVersion5},
+    {"version_5_that_ends_oddly", 320, "mkfs.xfs -q -f -d size=80001b @", kVersion5},
 };
 INSTANTIATE_TEST_SUITE_P(Made, XfsImages, ::testing::ValuesIn(kXfs), name_of);
 

@@ -22,21 +22,26 @@ std::string temp_folder() {
   return folder != nullptr ? folder : "/tmp";
 }
 
-// A folder with files of all sizes, made once and removed at the end.
+// A folder with files of all sizes, and beside it the list of them that mkfs.xfs understands. Made
+// once and removed at the end.
 class Tree {
  public:
   Tree() {
-    std::string name = temp_folder() + "/snbf-tree-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) abort();
-    path_ = name;
+    path_ = temp_folder() + "/snbf-tree-XXXXXX";
+    if (mkdtemp(path_.data()) == nullptr) abort();
+    std::ofstream proto(path_ + ".proto");
+    proto << "/\n0 0\nd--755 0 0\n";
     unsigned size = 1;
     for (int n = 0; n < 200; ++n) {
       size = (size * 16807u) % 300'007u + 1;
-      std::ofstream(path_ + "/f" + std::to_string(n)) << std::string(size, 'a');
+      const std::string name = "f" + std::to_string(n);
+      std::ofstream(path_ + "/" + name) << std::string(size, 'a');
+      proto << name << " ---644 0 0 " << path_ << "/" << name << "\n";
     }
+    proto << "$\n";
   }
   ~Tree() {
-    const std::string command = "rm -rf " + path_;
+    const std::string command = "rm -rf " + path_ + " " + path_ + ".proto";
     if (system(command.c_str()) != 0) perror("rm");
   }
   const std::string& path() const { return path_; }
