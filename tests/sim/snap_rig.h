@@ -69,6 +69,7 @@ class SnapRig {
   int read_snap(Snap& snap, u64 sector, u32 sectors);
   // All of it, and the instant; or, for an invalid one, the refusal.
   void check_snap(Snap& snap);
+  bool is_exact(Snap& snap);
   // Every acknowledged write is there.
   void check_partition();
   // A page of a file on the node's file system.
@@ -120,6 +121,8 @@ class SnapRig {
   std::string judge_image(SnapImage& image, u64 sector, const Bytes& data) const;
   bool is_foreign(u64 sector) const;  // what a file system keeps there for itself
   void one_write();
+  u32 piece_offset();
+  int read(plat_devt device, u64 sector, u32 sectors, Bytes* data);
   void check_files_gone(const Snap& snap);
   void forget_gone();
 
