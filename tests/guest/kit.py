@@ -467,3 +467,28 @@ def proc(field, minor=None):
 def crc32_register(data):
     """The checksum of bitmap files: the usual CRC-32 without its final inversion."""
     return ~zlib.crc32(data) & 0xffffffff
+
+
+# --- snaps ------------------------------------------------------------------------------------------
+
+def add_snap(filter_minor, stem, minor=-1, chunk_size=64 * KIB, name="", uuid=""):
+    """(result, record) of ADD_SNAP_NODE; the COW files are STEM.bmp and STEM.data."""
+    record = SnapNode(snbf_minor=filter_minor, snap_minor=minor, chunk_size=chunk_size,
+                      cow_bmp_fname=f"{stem}.bmp".encode(), cow_data_fname=f"{stem}.data".encode(),
+                      name=name.encode(), uuid=uuid.encode())
+    return control("ADD_SNAP_NODE", record), record
+
+
+def resume(minor, snap_valid=1, stop_pending=0, del_pending=0):
+    return control("RESUME_SNAP", bytearray(struct.pack("<IIII", minor & 0xffffffff, snap_valid,
+                                                        stop_pending, del_pending)))
+
+
+def used_chunks(minor):
+    """Numbers of the chunks that the snap's data-block map calls used: all, while it has no map."""
+    at = info(minor)
+    data = bytearray((at.chunk_cnt + 7) // 8)
+    record = DatablockCommand(minor=minor, extent_size=at.chunk_size, size=len(data),
+                              data=address_of(data))
+    done(control("GET_DATABLOCK_BMP", record), f"data-block map of {minor}")
+    return extents(bytes(data), at.chunk_cnt)

@@ -2,22 +2,19 @@
 file systems against the kernel's trace of requests and against the bytes that differ afterwards."""
 
 import contextlib
-import fcntl
 import mmap
 import os
 import random
 import shutil
-import struct
 import threading
 
 import kit
 import trace
+import writers
 from kit import DIFF, INCR, KIB, MIB
 
 GUEST = {"disks": ["raw:64M", "ext4:256M", "xfs:320M", "state:64M", "big:4G"], "limit": 700}
 
-BLKDISCARD = 0x1277
-BLKZEROOUT = 0x127f
 SEED = 20240607
 state = ""
 
@@ -38,71 +35,13 @@ def tracked(name, extent_size=64 * KIB):
         yield "/dev/snbf/snbf0"
 
 
-class RawWriter:
-    """Random writes of every way that user space has, each answering the bytes that it touched."""
-
-    def __init__(self, path, rng):
-        self.rng = rng
-        self.size = kit.size_of(path)
-        self.direct = os.open(path, os.O_RDWR | os.O_DIRECT)
-        self.buffered = os.open(path, os.O_RDWR)
-        self.map = mmap.mmap(self.buffered, self.size)
-        self.page = mmap.mmap(-1, MIB)
-        self.page.write(rng.randbytes(MIB))
-
-    def close(self):
-        self.map.close()
-        os.close(self.direct)
-        os.close(self.buffered)
-
-    def span(self, unit, most):
-        """A random place and length in units."""
-        length = self.rng.randint(1, most // unit) * unit
-        return self.rng.randrange(0, self.size - length + unit, unit), length
-
-    def write_direct(self):
-        at, length = self.span(512, 256 * KIB)
-        with memoryview(self.page) as view:
-            kit.equal(os.pwrite(self.direct, view[:length], at), length, "direct write")
-        return at, length
-
-    def write_buffered(self):
-        at, length = self.span(1, 100 * KIB)
-        os.pwrite(self.buffered, self.rng.randbytes(length), at)
-        os.fsync(self.buffered)
-        return at, length
-
-    def write_mapped(self):
-        at, length = self.span(1, 50 * KIB)
-        self.map[at:at + length] = self.rng.randbytes(length)
-        self.map.flush()
-        os.fsync(self.buffered)
-        return at, length
-
-    def discard(self):
-        at, length = self.span(4 * KIB, 8 * MIB)
-        fcntl.ioctl(self.direct, BLKDISCARD, struct.pack("<QQ", at, length))
-        return at, length
-
-    def zero(self):
-        at, length = self.span(512, 2 * MIB)
-        fcntl.ioctl(self.direct, BLKZEROOUT, struct.pack("<QQ", at, length))
-        return at, length
-
-    def read(self):
-        at, length = self.span(512, 256 * KIB)
-        with memoryview(self.page) as view:
-            os.preadv(self.direct, [view[:length]], at)
-        return at, 0
-
-
 def numbers(mask):
     return sorted(kit.extents(mask.to_bytes((mask.bit_length() + 7) // 8, "little")))
 
 
 def raw_rounds(extent_size, rounds):
     rng = random.Random(SEED + extent_size)
-    with tracked("raw", extent_size) as path, contextlib.closing(RawWriter(path, rng)) as writer:
+    with tracked("raw", extent_size) as path, contextlib.closing(writers.RawWriter(path, rng)) as writer:
         every = [writer.write_direct, writer.write_buffered, writer.write_mapped, writer.discard, writer.zero,
                  writer.read]
         model = {INCR: 0, DIFF: 0}  # bit e is extent e
