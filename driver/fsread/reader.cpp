@@ -6,6 +6,7 @@
 #include "fsread/ext2_reader.h"
 #include "fsread/ext4_reader.h"
 #include "fsread/extfs.h"
+#include "fsread/reiserfs_claim.h"
 #include "fsread/reiserfs_reader.h"
 #include "fsread/xfs5_reader.h"
 #include "fsread/xfs_reader.h"
@@ -17,11 +18,12 @@ namespace {
 // Asked first, and binding.
 struct Claimant {
   Claim (*claim)(plat_bdev* bdev);
-  FsReader reader;
+  FsReader reader;  // of what it claims for itself
 };
 constexpr Claimant kClaimants[] = {
     {ext4_reader_claim,
      reader_of<Ext4Reader, ext4_reader_init, ext4_reader_read, ext4_reader_destroy>(false)},
+    {reiserfs_claim, {}},
     {xfs5_reader_claim,
      reader_of<Xfs5Reader, xfs5_reader_init, xfs5_reader_read, xfs5_reader_destroy>(false)},
 };

@@ -71,6 +71,20 @@ u64 number_behind(const std::string& line, const std::string& label) {
   return strtoull(line.c_str() + line.find(label) + label.size(), nullptr, 10);
 }
 
+void judge_map(const snbf_blkbmp& map, const Truth& truth, u32 chunk_size, Comparison* result) {
+  const u64 per_chunk = chunk_size / truth.block_size;
+  auto range = truth.free.begin();
+  for (u64 first = 0; first < truth.blocks; first += per_chunk) {
+    const u64 end = std::min<u64>(first + per_chunk, truth.blocks);
+    while (range != truth.free.end() && range->end <= first) ++range;
+    const bool holds_used = range == truth.free.end() || range->first > first || range->end < end;
+    const bool called_used = snbf_blkbmp_is_used(&map, first / per_chunk) != 0;
+    result->free_chunks += holds_used ? 0 : 1;
+    result->used_called_free += holds_used && !called_used ? 1 : 0;
+    result->free_called_used += !holds_used && called_used ? 1 : 0;
+  }
+}
+
 }  // namespace
 
 void Truth::finish() {
@@ -145,24 +159,24 @@ u64 RealImage::bytes() const {
   return static_cast<u64>(info.st_size);
 }
 
-void RealImage::put_on(Device* device) const {
+const std::map<u64, Bytes>& RealImage::pages() const {
+  if (!pages_.empty()) return pages_;
   const int fd = open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-  Bytes part(1 << 20);
   off_t data = lseek(fd, 0, SEEK_DATA);
   while (data >= 0) {
     const off_t hole = lseek(fd, data, SEEK_HOLE);
-    while (data < hole) {
-      const std::size_t want =
-          std::min<std::size_t>(part.size(), static_cast<std::size_t>(hole - data));
-      const ssize_t got = pread(fd, part.data(), want, data);
+    for (data &= ~off_t{4095}; data < hole; data += 4096) {
+      Bytes page(4096);
+      const ssize_t got = pread(fd, page.data(), page.size(), data);
       if (got <= 0) abort();
-      device->poke(static_cast<u64>(data) / 512,
-                   std::span(part.data(), static_cast<std::size_t>(got)));
-      data += got;
+      page.resize(static_cast<std::size_t>(got));
+      const bool is_zero = std::all_of(page.begin(), page.end(), [](u8 byte) { return byte == 0; });
+      if (!is_zero) pages_[static_cast<u64>(data)] = page;
     }
     data = lseek(fd, hole, SEEK_DATA);
   }
   close(fd);
+  return pages_;
 }
 
 Truth RealImage::ext_truth() const {
@@ -225,30 +239,26 @@ Truth RealImage::reiserfs_truth() const {
   return truth;
 }
 
-Comparison compare_with_truth(const RealImage& image, const Truth& truth, u32 chunk_size) {
+Comparison compare_with_truth(const RealImage& image, const Truth& truth, u32 chunk_size,
+                              u64 device_bytes, const std::map<u64, Bytes>& damage) {
   Comparison result;
   if (truth.blocks == 0 || truth.block_size == 0) {
     ADD_FAILURE() << "the file system's own tools say nothing about the image";
     return result;
   }
+  const std::map<u64, Bytes>& pages = image.pages();
   run_sim_body(1, [&](Sim& sim) {
     LoggedParts parts(2);
-    OpenDevice disk(sim, {.name = "sda1", .bytes = image.bytes()});
-    image.put_on(disk.device);
+    const u64 bytes = device_bytes != 0 ? device_bytes : image.bytes();
+    OpenDevice disk(sim, {.name = "sda1", .bytes = bytes});
+    for (const auto& [at, page] : pages) {
+      if (at + page.size() <= bytes) disk.device->poke(at / 512, page);
+    }
+    for (const auto& [at, page] : damage) disk.device->poke(at / 512, page);
     snbf_blkbmp map;
     snbf_blkbmp_init(&map);
     result.rc = snbf_blkbmp_read(&map, disk.bdev, chunk_size);
-    const u64 per_chunk = chunk_size / truth.block_size;
-    auto range = truth.free.begin();
-    for (u64 first = 0; first < truth.blocks; first += per_chunk) {
-      const u64 end = std::min<u64>(first + per_chunk, truth.blocks);
-      while (range != truth.free.end() && range->end <= first) ++range;
-      const bool holds_used = range == truth.free.end() || range->first > first || range->end < end;
-      const bool called_used = snbf_blkbmp_is_used(&map, first / per_chunk) != 0;
-      result.free_chunks += holds_used ? 0 : 1;
-      result.used_called_free += holds_used && !called_used ? 1 : 0;
-      result.free_called_used += !holds_used && called_used ? 1 : 0;
-    }
+    judge_map(map, truth, chunk_size, &result);
     result.log = sim.log().dump();
     snbf_blkbmp_destroy(&map);
   });

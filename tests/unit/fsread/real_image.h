@@ -1,6 +1,7 @@
 // Images made by the file systems' own tools, which also tell what is in use.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -43,12 +44,14 @@ class RealImage {
   Truth reiserfs_truth() const;  // by debugreiserfs
 
   u64 bytes() const;
-  void put_on(Device* device) const;
+  // All that is not a hole, in pages that are not zeros.
+  const std::map<u64, Bytes>& pages() const;  // by offset
 
  private:
   std::string expand(const std::string& command) const;
 
   std::string path_;
+  mutable std::map<u64, Bytes> pages_;
 };
 
 // A file system's blocks beside the map of the device that holds it.
@@ -60,6 +63,8 @@ struct Comparison {
   std::string log;
 };
 
-Comparison compare_with_truth(const RealImage& image, const Truth& truth, u32 chunk_size);
+// `device_bytes` 0: as many as the image's. `damage`: other pages over some of the image's.
+Comparison compare_with_truth(const RealImage& image, const Truth& truth, u32 chunk_size,
+                              u64 device_bytes = 0, const std::map<u64, Bytes>& damage = {});
 
 }  // namespace snbf::sim

@@ -1,6 +1,7 @@
 #include "fsread/reiserfs_reader.h"
 
 #include "byte_image.h"
+#include "fsread/reiserfs_claim.h"
 
 namespace snbf::sim {
 namespace {
@@ -234,6 +235,69 @@ SIM_TEST(ReiserfsRead, RefusesChunksThatItCannotAnswerFor) {
   }
   EXPECT_EQ(bits, 0x5A);
   reiserfs_reader_destroy(reader);
+}
+
+// A journal at block 18 with 100 blocks and its header behind them.
+struct Journal {
+  u32 last_flushed;
+  u32 next_at;      // where the header says that the next transaction begins
+  u32 transaction;  // that stands there
+  bool has_desc = true;
+};
+
+Claim claim_with(Sim& sim, u16 state, const Journal& journal, u32 other_device = 0) {
+  sim.log().clear();
+  OnDevice image(sim, {.state = state});
+  Device* device = image.disk.device;
+  Bytes super = device->peek(128, 4096);
+  put_le(super, 12, 18, 4);
+  put_le(super, 16, other_device, 4);
+  put_le(super, 20, 100, 4);
+  device->poke(128, super);
+  Bytes header(4096);
+  put_le(header, 0, journal.last_flushed, 4);
+  put_le(header, 4, journal.next_at, 4);
+  device->poke(118 * 8, header);
+  Bytes desc(4096);
+  put_le(desc, 0, journal.transaction, 4);
+  if (journal.has_desc) std::memcpy(desc.data() + 4096 - 12, "ReIsErLB", 8);
+  const u32 at = journal.last_flushed != 0 && journal.next_at < 100 ? journal.next_at : 0;
+  device->poke((18 + at) * 8, desc);
+  return reiserfs_claim(image.bdev());
+}
+
+SIM_TEST(ReiserfsClaim, AJournalThatIsNotReplayedIsNobodys) {
+  LoggedParts parts;
+  EXPECT_EQ(claim_with(sim, 2, {.last_flushed = 77, .next_at = 30, .transaction = 78}),
+            Claim::Nobodys);
+  EXPECT_EQ(sim.log().count("has a journal that is not replayed: no reader claims it", 6), 1);
+  EXPECT_EQ(claim_with(sim, 2, {.last_flushed = 0, .next_at = 0, .transaction = 1}),
+            Claim::Nobodys);
+  // What is flushed, what an earlier round has left, and what was unmounted.
+  EXPECT_EQ(claim_with(sim, 2, {.last_flushed = 77, .next_at = 30, .transaction = 12}),
+            Claim::NotMine);
+  EXPECT_EQ(
+      claim_with(sim, 2, {.last_flushed = 77, .next_at = 30, .transaction = 78, .has_desc = false}),
+      Claim::NotMine);
+  EXPECT_EQ(claim_with(sim, 1, {.last_flushed = 77, .next_at = 30, .transaction = 78}),
+            Claim::NotMine);
+  EXPECT_FALSE(sim.log().contains("claims it"));
+  // A journal on a device of its own.
+  EXPECT_EQ(claim_with(sim, 2, {.last_flushed = 77, .next_at = 30, .transaction = 12}, 0x801),
+            Claim::Nobodys);
+  EXPECT_EQ(sim.log().count("has a journal that cannot be read: no reader claims it", 6), 1);
+}
+
+SIM_TEST(ReiserfsClaim, OtherDevicesAreNot) {
+  LoggedParts parts;
+  OpenDevice small(sim, {.name = "sda1", .bytes = 65536});
+  EXPECT_EQ(reiserfs_claim(small.bdev), Claim::NotMine);
+  OnDevice odd(sim, {.magic = "ReIsEr3Fs", .state = 2});
+  EXPECT_EQ(reiserfs_claim(odd.bdev()), Claim::NotMine);
+  EXPECT_TRUE(sim.log().lines().empty());
+  odd.disk.device->fail_range(128, 1, Op::Read, -EIO);
+  EXPECT_EQ(reiserfs_claim(odd.bdev()), Claim::Nobodys);
+  EXPECT_EQ(sim.log().count("reiserfs_claim(): Failed to look for ReiserFS on hdd(8, ", 3), 1);
 }
 
 }  // namespace
