@@ -1,4 +1,4 @@
-"""A backup that is cut off loses no change: killed, interrupted, out of room, without power, or overtaken by a writer."""
+"""A backup without a snap that is cut off loses no change: killed, interrupted, out of room, without power, or overtaken by a writer."""
 
 import json
 import os
@@ -9,31 +9,18 @@ import time
 
 import kit
 from kit import KIB, MIB
+from tool import TOOL, good, tool
 
 GUEST = {"disks": ["a:64M", "back:64M", "store:384M", "state:64M"], "limit": 400,
          "boots": ["capture!", "after"]}
 
-TOOL = os.path.join(os.environ.get("SNBF_BUILD", ""), "snbf")
 DEST = "/mnt/store/chain"
 JOURNAL = "/mnt/state/snbf0.capture"
 NODE = "/dev/snbf/snbf0"
 
 
-def tool(*words):
-    found = subprocess.run([TOOL, *words], capture_output=True, text=True, check=False,
-                           stdin=subprocess.DEVNULL)
-    print(f"$ snbf {' '.join(words)}\n{found.stdout}{found.stderr}status {found.returncode}")
-    return found.returncode, found.stdout, found.stderr
-
-
-def good(*words):
-    status, out, err = tool(*words)
-    kit.check(status == 0, f"snbf {' '.join(words)}: status {status}: {err}")
-    return out
-
-
 def backup():
-    return json.loads(good("backup", "data", DEST, "--json"))
+    return json.loads(good("backup", "data", DEST, "--no-snap", "--json"))
 
 
 def changed():
@@ -64,7 +51,7 @@ def has_captured():
 
 def cut_off(sent):
     """Begins a backup, sends the signal once it has taken the bitmap, and answers its status."""
-    with subprocess.Popen([TOOL, "backup", "data", DEST], stdin=subprocess.DEVNULL) as process:
+    with subprocess.Popen([TOOL, "backup", "data", DEST, "--no-snap"], stdin=subprocess.DEVNULL) as process:
         kit.wait_until(has_captured, seconds=60, what="the capture")
         process.send_signal(sent)
         return process.wait()
@@ -117,7 +104,7 @@ def one_without_room_gives_everything_back():
     before = changed()
     os.makedirs("/mnt/small", exist_ok=True)
     kit.run("mount", "-t", "tmpfs", "-o", "size=2m", "tmpfs", "/mnt/small")
-    kit.equal(tool("backup", "data", "/mnt/small/chain")[0], 1, "status")
+    kit.equal(tool("backup", "data", "/mnt/small/chain", "--no-snap")[0], 1, "status")
     kit.run("umount", "/mnt/small")
     kit.equal(changed(), before, "the bitmap")
     kit.equal(backup()["level"], "incr", "the chain goes on")
@@ -140,7 +127,7 @@ def what_a_writer_overtakes_is_in_the_next_point():
 
     writer = threading.Thread(target=keep_writing)
     writer.start()
-    status, out, _ = tool("backup", "data", DEST, "--json")
+    status, out, _ = tool("backup", "data", DEST, "--no-snap", "--json")
     done.set()
     writer.join()
     kit.equal((status, json.loads(out)["exact"]), (3, False), "it says that it is not exact")
@@ -151,7 +138,7 @@ def what_a_writer_overtakes_is_in_the_next_point():
 @kit.case(boot="capture")
 def the_power_fails_in_the_middle_of_one():
     write(8, 24)
-    with subprocess.Popen([TOOL, "backup", "data", DEST], stdin=subprocess.DEVNULL):
+    with subprocess.Popen([TOOL, "backup", "data", DEST, "--no-snap"], stdin=subprocess.DEVNULL):
         kit.wait_until(has_captured, seconds=60, what="the capture")
         kit.crash()
 
