@@ -77,6 +77,26 @@ Json point_json(const Point& point) {
           {"file_bytes", point.file_bytes}};
 }
 
+Table point_table(const char* last) {
+  return Table({{"POINT", true},
+                {"LEVEL"},
+                {"PARENT", true},
+                {"CREATED"},
+                {"COPIED", true},
+                {"FILE SIZE", true},
+                {last}});
+}
+
+std::vector<std::string> point_cells(const Point& point, const std::string& last) {
+  return {std::to_string(point.id),
+          level_name(point.level),
+          point.parent ? std::to_string(*point.parent) : "-",
+          show_time(point.created),
+          show_size(point.bytes),
+          show_size(point.file_bytes),
+          last};
+}
+
 namespace {
 
 constexpr size_t kLookedAtBytes = 1 << 20;

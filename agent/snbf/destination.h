@@ -21,6 +21,10 @@ ChosenPoint choose_point(const std::string& text);
 // As every verb prints a point in JSON.
 Json point_json(const Point& point);
 
+// A table of points, whose last column is the verb's own.
+Table point_table(const char* last);
+std::vector<std::string> point_cells(const Point& point, const std::string& last);
+
 // Probes of what stands on a device or in a file: "ext4, labelled data", or empty.
 std::string contents_of(const std::string& path);
 // The kind of file system for certain, as mount(8) takes it, or empty.

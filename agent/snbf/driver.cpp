@@ -145,6 +145,21 @@ bool Driver::lies_on(const std::string& path, const snbf_info& node) const {
 
 std::string node_path(const snbf_info& node) { return fmt::format("/dev/snbf/snbf{}", node.minor); }
 
+Json node_json(const snbf_info& node) {
+  return {{"name", node.name},
+          {"minor", node.minor},
+          {"device", node_path(node)},
+          {"uuid", node.uuid},
+          {"partition", node.hdd_name},
+          {"started", node.started != 0},
+          {"size", node.dev_size},
+          {"extent_size", node.extent_size},
+          {"extent_count", node.extent_cnt},
+          {"opens", node.use_cnt},
+          {"snaps", node.snap_cnt},
+          {"bitmaps", bmp_dir_of(node)}};
+}
+
 std::string bmp_dir_of(const snbf_info& node) {
   const auto parent = fs::path(node.incr_bmp_fname).parent_path();
   return parent.empty() ? "/" : parent.string();

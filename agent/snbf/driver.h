@@ -10,6 +10,7 @@
 
 #include "extents.h"
 #include "libsnbf.h"
+#include "output.h"
 
 namespace snbf {
 
@@ -44,8 +45,11 @@ class Driver {
 };
 
 std::string node_path(const snbf_info& node);
+// As every verb prints a filter node in JSON; a verb adds its own keys.
+Json node_json(const snbf_info& node);
 std::string bmp_dir_of(const snbf_info& node);
-// Of the partition that the node holds, as the driver has it: its path may name another disk by now. 0 if unknown.
+// Of the partition that the node holds, as the driver has it: its path may name another disk by
+// now. 0 if unknown.
 dev_t partition_of(const snbf_info& node);
 // Of the node's own block device; 0 while it has no device file.
 dev_t device_of(const std::string& path);

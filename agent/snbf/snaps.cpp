@@ -52,7 +52,7 @@ Failure refusal(int rc, const snbf_info& filter, const NewSnap& wanted) {
           "use letters, digits, '_', '-' and '.', not a '.' first, and no name of the driver's own",
           rc};
   }
-  return failure_of(rc, doing);
+  return failure_of(rc, fmt::format("{} with its COW files in {}", doing, wanted.cow_dir));
 }
 
 std::string why_not_there(const Driver& driver, const snbf_info& node, const std::string& dir,
@@ -168,6 +168,13 @@ uint64_t free_bytes_in(const std::string& dir) {
   struct statvfs room {};
   if (::statvfs(dir.c_str(), &room) < 0) return 0;
   return uint64_t{room.f_bavail} * room.f_frsize;
+}
+
+void check_cow_dir(const Driver& driver, const snbf_info& node, const std::string& dir) {
+  NewSnap wanted;
+  wanted.cow_dir = dir;
+  const int rc = libsnbf_cow_dir_check(driver.get(), dir.c_str(), node.minor);
+  if (rc != 0) throw refusal(rc, node, wanted);
 }
 
 std::optional<CowPlace> find_cow_place(const Driver& driver, const snbf_info& node,

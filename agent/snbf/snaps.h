@@ -51,6 +51,8 @@ struct CowPlace {
 // at least 64 MiB; or nothing, and `why` says what is wrong with each.
 std::optional<CowPlace> find_cow_place(const Driver& driver, const snbf_info& node,
                                        const std::vector<std::string>& dirs, std::string* why);
+// Throws if the directory may not hold the COW files of the node's snaps.
+void check_cow_dir(const Driver& driver, const snbf_info& node, const std::string& dir);
 uint64_t free_bytes_in(const std::string& dir);
 
 struct NewSnap {

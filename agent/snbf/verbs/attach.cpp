@@ -88,16 +88,10 @@ int attach(const Options& options) {
   const snbf_info node = driver.info(request.minor_used);
   const std::string why = request.distrust;
   if (options.json) {
-    print_json({{"name", node.name},
-                {"minor", node.minor},
-                {"device", node_path(node)},
-                {"uuid", node.uuid},
-                {"partition", node.hdd_name},
-                {"size", node.dev_size},
-                {"extent_size", node.extent_size},
-                {"started", node.started != 0},
-                {"bitmaps_trusted", why.empty()},
-                {"distrust", why}});
+    Json json = node_json(node);
+    json["bitmaps_trusted"] = why.empty();
+    json["distrust"] = why;
+    print_json(json);
   } else {
     fmt::print("{}\n", node_path(node));
     note(fmt::format("{} lies over {}{}", node.name, node.hdd_name,

@@ -125,6 +125,7 @@ void choose_snap(const Driver& driver, const snbf_info& node, const std::string&
   how->snap_required = asked || options.snap == "always";
   if (asked) {
     how->cow_dir = fs::weakly_canonical(options.cow);
+    check_cow_dir(driver, node, how->cow_dir);
     return;
   }
   std::string why;
@@ -164,20 +165,11 @@ int report(const Point& point, const Options& options) {
 
 int list_points(const Options& options) {
   const ChosenPoint at = choose_point(options.destination);
-  Table table({{"POINT", true},
-               {"LEVEL"},
-               {"PARENT", true},
-               {"CREATED"},
-               {"COPIED", true},
-               {"FILE SIZE", true},
-               {"FULL BECAUSE"}});
+  Table table = point_table("FULL BECAUSE");
   Json points = Json::array();
   for (const Point& point : at.manifest.points) {
     points.push_back(point_json(point));
-    table.add({std::to_string(point.id), level_name(point.level),
-               point.parent ? std::to_string(*point.parent) : "-", show_time(point.created),
-               show_size(point.bytes), show_size(point.file_bytes),
-               point.why.empty() ? "" : reason_text(point.why)});
+    table.add(point_cells(point, point.why.empty() ? "" : reason_text(point.why)));
   }
   if (options.json) {
     print_json({{"destination", at.destination}, {"node", at.manifest.node}, {"points", points}});

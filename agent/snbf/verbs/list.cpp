@@ -85,18 +85,9 @@ int list(const Options& options) {
     std::vector<std::string> cells;
     for (const Field* field : fields) cells.push_back(field->text(row));
     table.add(cells);
-    nodes.push_back({{"name", node.name},
-                     {"minor", node.minor},
-                     {"device", node_path(node)},
-                     {"uuid", node.uuid},
-                     {"partition", node.hdd_name},
-                     {"started", node.started != 0},
-                     {"size", node.dev_size},
-                     {"extent_size", node.extent_size},
-                     {"changed_bytes", row.changed_bytes},
-                     {"opens", node.use_cnt},
-                     {"snaps", node.snap_cnt},
-                     {"bitmaps", bmp_dir_of(node)}});
+    Json json = node_json(node);
+    json["changed_bytes"] = row.changed_bytes;
+    nodes.push_back(json);
   }
   if (options.json) {
     print_json({{"nodes", nodes}});

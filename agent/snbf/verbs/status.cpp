@@ -46,27 +46,18 @@ int status(const Options& options) {
   const bool pending = CaptureJournal(bmp_dir_of(node), node.minor).exists();
   const Json incr = bitmap_json(driver, node, SNBF_BMP_INCR, state.incr_point);
   const Json diff = bitmap_json(driver, node, SNBF_BMP_DIFF, state.diff_point);
-  Json snaps_json = Json::array();
-  for (const Snap& snap : snaps) snaps_json.push_back(snap_json(snap));
   if (options.json) {
-    print_json({{"name", node.name},
-                {"minor", node.minor},
-                {"device", node_path(node)},
-                {"uuid", node.uuid},
-                {"partition", node.hdd_name},
-                {"started", node.started != 0},
-                {"size", node.dev_size},
-                {"extent_size", node.extent_size},
-                {"extent_count", node.extent_cnt},
-                {"opens", node.use_cnt},
-                {"held_by", holders},
-                {"snaps", node.snap_cnt},
-                {"snap_list", snaps_json},
-                {"incremental", incr},
-                {"differential", diff},
-                {"next_backup", why.empty() ? "incremental" : "full"},
-                {"next_backup_full_because", why},
-                {"capture_pending", pending}});
+    Json snaps_json = Json::array();
+    for (const Snap& snap : snaps) snaps_json.push_back(snap_json(snap));
+    Json json = node_json(node);
+    json["held_by"] = holders;
+    json["snap_list"] = snaps_json;
+    json["incremental"] = incr;
+    json["differential"] = diff;
+    json["next_backup"] = why.empty() ? "incremental" : "full";
+    json["next_backup_full_because"] = why;
+    json["capture_pending"] = pending;
+    print_json(json);
     return kDone;
   }
   const auto bytes_of = [](const Json& bitmap) {

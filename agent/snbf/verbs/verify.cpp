@@ -36,13 +36,7 @@ std::string damage_of(const ChosenPoint& at, const Point& point, bool deep) {
 
 int verify(const Options& options) {
   const ChosenPoint at = choose_point(options.destination);
-  Table table({{"POINT", true},
-               {"LEVEL"},
-               {"PARENT", true},
-               {"CREATED"},
-               {"COPIED", true},
-               {"FILE SIZE", true},
-               {"STATE"}});
+  Table table = point_table("STATE");
   Json points = Json::array();
   bool sound = true;
   for (const Point& point : at.manifest.points) {
@@ -51,9 +45,7 @@ int verify(const Options& options) {
     const std::string state = !damage.empty() ? damage
                               : point.exact() ? "good"
                                               : "good, not of one moment";
-    table.add({std::to_string(point.id), level_name(point.level),
-               point.parent ? std::to_string(*point.parent) : "-", show_time(point.created),
-               show_size(point.bytes), show_size(point.file_bytes), state});
+    table.add(point_cells(point, state));
     Json json = point_json(point);
     json["damage"] = damage;
     points.push_back(json);
