@@ -1,0 +1,5 @@
+#include "fsread/ext2_reader.h"
+
+#include "reader_fuzz.h"
+
+SNBF_FUZZ_READER(ext2_reader, 40 << 20, "mke2fs -q -F -t ext2 -b 1024 @", snbf::Ext2Reader)

@@ -1,0 +1,7 @@
+#include "fsread/ext4_reader.h"
+#include "reader_fuzz.h"
+
+SNBF_FUZZ_READER(ext4_reader, 200 << 20,
+                 "mke2fs -q -F -t ext4 -b 1024 -C 8192 -J size=1 "
+                 "-O bigalloc,meta_bg,^resize_inode,^metadata_csum,^uninit_bg @",
+                 snbf::Ext4Reader)
