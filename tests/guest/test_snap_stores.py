@@ -1,0 +1,316 @@
+"""A store that is full, fails or stalls, and a partition that fails: the snaps pay for it, the writers never."""
+
+import contextlib
+import errno
+import os
+import random
+import threading
+import time
+
+import images
+import kit
+import mapper
+from kit import KIB, MIB
+
+GUEST = {"disks": ["raw:24M", "store:64M", "small:12M", "state:64M"], "limit": 300,
+         # What ext4 says when the disk below it is made to fail.
+         "allow": ["Buffer I/O error on dev", r"EXT4-fs error \(device dm-", r"EXT4-fs \(dm-\d+\): error"]}
+
+SEED = 20240713
+STALL_S = 10  # that long kcowd may be in one file operation
+
+
+@kit.case
+@kit.essential
+def the_module_loads():
+    kit.run("modprobe", "dm-mod")
+    kit.state_folder()
+    kit.load(snbf_debug=2)
+
+
+@contextlib.contextmanager
+def mounted(device, folder):
+    kit.run("mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0", device)
+    os.makedirs(folder, exist_ok=True)
+    kit.run("mount", "-o", "errors=continue", device, folder)
+    try:
+        yield folder
+    finally:
+        kit.run("umount", folder)
+
+
+@contextlib.contextmanager
+def volume(device, store):
+    """A node over a device of random bytes; its bitmap files lie elsewhere than the snaps' files."""
+    with open(device, "wb") as out:
+        out.write(random.Random(SEED).randbytes(kit.size_of(device)))
+        os.fsync(out.fileno())
+    with images.snapped(device, "/mnt/state") as (node, snaps):
+        snaps.folder = store
+        yield node, snaps
+
+
+class Writer:
+    """Direct writes, of which a model holds what they must have left."""
+
+    def __init__(self, node, disk):
+        self.disk = disk
+        self.model = images.read_all(disk)
+        self.fd = os.open(node, os.O_RDWR | os.O_DIRECT)
+        self.page = images.aligned(MIB)
+        self.rng = random.Random(SEED)
+        self.longest_s = 0
+
+    def write(self, at, length):
+        data = self.rng.randbytes(length)
+        self.page[:length] = data
+        began = time.monotonic()
+        with memoryview(self.page) as view:
+            kit.equal(os.pwrite(self.fd, view[:length], at), length, f"write at {at}")
+        self.longest_s = max(self.longest_s, time.monotonic() - began)
+        self.model[at:at + length] = data
+
+    def close(self):
+        os.close(self.fd)
+        kit.check(images.read_all(self.disk) == self.model, "a write did not reach the partition whole")
+
+
+@contextlib.contextmanager
+def writing(node, disk):
+    with contextlib.closing(Writer(node, disk)) as writer:
+        yield writer
+
+
+def is_given_up(minor):
+    """It is invalid, and a read says so."""
+    at = kit.info(minor)
+    kit.equal((at.started, at.snap_valid), (1, 0), f"snap {minor}: started, valid")
+    for offset in (0, at.dev_size // 2):
+        try:
+            fd = os.open(f"/dev/snbf/snbf{minor}", os.O_RDONLY | os.O_DIRECT)
+        except OSError as error:
+            kit.equal(error.errno, errno.EIO, f"open of snap {minor}")
+            continue
+        try:
+            with images.aligned(4 * KIB) as page:
+                os.preadv(fd, [page], offset)
+            raise kit.Failed(f"snap {minor} is invalid, and can be read at {offset}")
+        except OSError as error:
+            kit.equal(error.errno, errno.EIO, f"read of snap {minor}")
+        finally:
+            os.close(fd)
+
+
+def all_goes_on(snaps, writer):
+    """A snap that is started now is exact."""
+    image = snaps.start(images.read_all(writer.disk))
+    for at in (0, 5 * MIB, 23 * MIB):
+        writer.write(at, 300 * KIB)
+    image.check("started afterwards")
+    kit.check(image.copied(), "nothing was copied")
+
+
+@kit.case
+def a_full_store_costs_the_snaps_and_no_writer():
+    with mounted(kit.disk("small"), "/mnt/small") as store, volume(kit.disk("raw"), store) as (node, snaps), \
+            writing(node, kit.disk("raw")) as writer:
+        older = snaps.start(images.read_all(writer.disk))
+        writer.write(MIB, 100 * KIB)
+        newer = snaps.start(images.read_all(writer.disk))
+        log = kit.KernelLog()
+        for at in range(0, 24 * MIB, MIB):
+            writer.write(at, MIB)
+        said = log.texts()
+        log.close()
+        for image in (older, newer):
+            line = f"Invalidating snap device snbf({kit.block_major()}, {image.minor})"
+            kit.check(any(line in text for text in said), f"no line has {line!r}")
+            is_given_up(image.minor)
+        kit.equal(os.path.getsize(f"{store}/cow1.data"), 0, "the copies of an invalid snap")
+        image = snaps.start(images.read_all(writer.disk))
+        writer.write(0, MIB)
+        image.check("the next one has their room")
+
+
+@kit.case
+def a_partition_with_a_bad_place():
+    flawed = mapper.Mapped("flawed", kit.disk("raw"))
+    with contextlib.ExitStack() as stack:
+        stack.callback(flawed.remove)
+        stack.enter_context(mounted(kit.disk("store"), "/mnt/store"))
+        node, snaps = stack.enter_context(volume(flawed.path, "/mnt/store"))
+        writer = stack.enter_context(writing(node, kit.disk("raw")))
+        started = [snaps.start(images.read_all(flawed.path)) for _ in range(3)]
+        writer.write(MIB, 64 * KIB)
+        flawed.become(flawed.with_hole(8 * MIB + 4 * KIB, 4 * KIB))
+        writer.write(2 * MIB, 64 * KIB)
+        kit.equal([kit.info(image.minor).snap_valid for image in started], [1, 1, 1], "far from the bad place")
+        writer.write(8 * MIB + 32 * KIB, 4 * KIB)  # in its chunk
+        for image in started:
+            is_given_up(image.minor)
+        flawed.become(flawed.good())
+        all_goes_on(snaps, writer)
+
+
+@kit.case
+def a_partition_that_fails_for_a_while():
+    flaky = mapper.Mapped("flaky", kit.disk("raw"))
+    with contextlib.ExitStack() as stack:
+        stack.callback(flaky.remove)
+        stack.enter_context(mounted(kit.disk("store"), "/mnt/store"))
+        node, snaps = stack.enter_context(volume(flaky.path, "/mnt/store"))
+        writer = stack.enter_context(writing(node, kit.disk("raw")))
+        started = []
+        for at in range(0, 6 * MIB, 2 * MIB):
+            started.append(snaps.start(images.read_all(flaky.path)))
+            writer.write(at, 700 * KIB)
+            writer.write(10 * MIB, 100 * KIB)
+        for image in started:
+            image.check("over a device whose writes go as clones")
+        flaky.become(flaky.failing("error_writes"))
+        for at in (10 * MIB, 15 * MIB):  # copied already, and not
+            try:
+                writer.write(at, 64 * KIB)
+                raise kit.Failed("a write to a device that fails")
+            except OSError as error:
+                kit.equal(error.errno, errno.EIO, "write")
+        flaky.become(flaky.good())
+        for image in started:
+            image.check("the writes failed, the copies did not")
+        flaky.become(flaky.failing())
+        try:
+            writer.write(20 * MIB, 64 * KIB)
+            raise kit.Failed("a write to a device that fails")
+        except OSError as error:
+            kit.equal(error.errno, errno.EIO, "write")
+        flaky.become(flaky.good())
+        for image in started:
+            is_given_up(image.minor)
+        all_goes_on(snaps, writer)
+
+
+def with_a_store_that(stack):
+    """A node whose snaps lie on a store that can be made to fail."""
+    bad = mapper.Mapped("bad", kit.disk("store"))
+    stack.callback(bad.remove)
+    stack.enter_context(mounted(bad.path, "/mnt/store"))
+    node, snaps = stack.enter_context(volume(kit.disk("raw"), "/mnt/store"))
+    writer = stack.enter_context(writing(node, kit.disk("raw")))
+    started = []
+    for at in range(0, 6 * MIB, 2 * MIB):
+        started.append(snaps.start(images.read_all(kit.disk("raw"))))
+        writer.write(at, 700 * KIB)
+    for image in started:
+        image.check("the store is well")
+    return bad, snaps, writer, started
+
+
+def a_failing_store(*features):
+    with contextlib.ExitStack() as stack:
+        bad, snaps, writer, started = with_a_store_that(stack)
+        bad.become(bad.failing(*features))
+        for at in range(8 * MIB, 12 * MIB, MIB):
+            writer.write(at, MIB)
+        for image in started:
+            is_given_up(image.minor)
+        bad.become(bad.good())
+        for image in started:
+            kit.done(kit.stop(image.minor), "stop")
+        kit.run("mount", "-o", "remount", "/mnt/store", ok=False)
+        for at in range(0, 24 * MIB, MIB):
+            writer.write(at, MIB)
+
+
+@kit.case
+def a_store_whose_writes_fail():
+    a_failing_store("error_writes")
+
+
+@kit.case
+def a_store_that_is_dead():
+    a_failing_store()
+
+
+def a_stalling_store(stall, go_on):
+    """One write meets the stall; the others must not even notice."""
+    with contextlib.ExitStack() as stack:
+        bad, snaps, writer, started = with_a_store_that(stack)
+        stall(bad)
+        going = True
+        stack.callback(lambda: going and go_on(bad))
+        others = threading.Thread(target=lambda: [kit.info(number) for number in (0, started[0].minor)])
+        first = threading.Thread(target=writer.write, args=(12 * MIB, 4 * KIB))
+        first.start()
+        time.sleep(0.5)
+        others.start()
+        others.join(STALL_S)
+        kit.check(not others.is_alive(), "the commands wait, too")
+        first.join(2 * STALL_S)
+        kit.check(not first.is_alive(), "the write waits for the store")
+        kit.check(STALL_S - 3 < writer.longest_s < STALL_S + 5, f"it waited {writer.longest_s:.1f} s")
+        for image in started:
+            is_given_up(image.minor)
+        writer.longest_s = 0
+        for at in range(13 * MIB, 20 * MIB, MIB):
+            writer.write(at, 64 * KIB)
+        kit.check(writer.longest_s < 3, f"a write waited {writer.longest_s:.1f} s for snaps that are given up")
+        go_on(bad)
+        going = False
+        for image in started:
+            kit.done(kit.stop(image.minor), "stop")
+        all_goes_on(snaps, writer)
+
+
+@kit.case
+def a_store_that_stalls():
+    a_stalling_store(lambda bad: bad.stall(), lambda bad: bad.go_on())
+
+
+@kit.case
+def a_store_that_is_frozen():
+    a_stalling_store(lambda _: kit.run("fsfreeze", "-f", "/mnt/store"),
+                     lambda _: kit.run("fsfreeze", "-u", "/mnt/store"))
+
+
+@kit.case
+def a_read_of_a_snap_from_a_store_that_stalls_ends():
+    with contextlib.ExitStack() as stack:
+        bad, _, writer, started = with_a_store_that(stack)
+        with open("/proc/sys/vm/drop_caches", "w", encoding="ascii") as knob:
+            knob.write("3")
+        bad.stall()
+        going = True
+        stack.callback(lambda: going and bad.go_on())
+        errors = []
+
+        def read():
+            fd = os.open(started[2].path, os.O_RDONLY | os.O_DIRECT)
+            try:
+                with images.aligned(4 * KIB) as page:
+                    os.preadv(fd, [page], 4 * MIB)
+            except OSError as error:
+                errors.append(error.errno)
+            finally:
+                os.close(fd)
+
+        reader = threading.Thread(target=read)
+        reader.start()
+        time.sleep(0.5)
+        writer.write(20 * MIB, 4 * KIB)
+        kit.check(writer.longest_s < STALL_S + 5, f"a write waited {writer.longest_s:.1f} s")
+        is_given_up(started[2].minor)
+        bad.go_on()
+        going = False
+        reader.join(STALL_S)
+        kit.check(not reader.is_alive(), "the read is still there")
+        print(f"the read ended by {errors or 'its data'}")
+
+
+@kit.case
+def the_module_unloads():
+    kit.unload()
+    kit.equal(kit.slabs(), [], "slab caches")
+
+
+if __name__ == "__main__":
+    kit.main()
