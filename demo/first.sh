@@ -1,4 +1,5 @@
-# The first boot: attach, fill, back up, work, back up again, restore, compare; then the power fails.
+# The first boot: attach, fill, back up under a running writer, work, back up again, fetch a lost file from a
+# snap, restore, compare, hang ten snaps on the node; then the power fails.
 . demo/lib.sh
 
 load
@@ -9,7 +10,7 @@ part=$(readlink -f /dev/guest/part)1
 spare=$(readlink -f /dev/guest/spare)1
 mkfs.ext4 -q -F /dev/guest/store
 mount /dev/guest/store "$store"
-mkdir "$store/bitmaps"
+mkdir "$store/bitmaps" "$cow"
 fact partition "$(blockdev --getsize64 "$part")"
 
 say "A plain partition with ext4, attached: the node is used in its place."
@@ -18,13 +19,18 @@ run $snbf attach "$part" --name data --extent 64K --bitmaps "$store/bitmaps" --s
 run mount /dev/snbf/snbf0 "$work"
 tar -xf /dev/guest/tree -C "$work"
 sqlite3 "$work/shop.db" 'CREATE TABLE orders(id INTEGER PRIMARY KEY, item TEXT, paid INTEGER);
+  CREATE TABLE sales(id INTEGER PRIMARY KEY, item TEXT);
   WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 100000)
   INSERT INTO orders SELECT i, hex(randomblob(24)), 0 FROM n;'
+dd if=/dev/urandom of="$work/ballast" bs=1M count=$ballast_mib status=none
 sync
 fact used "$(df -B1 --output=used "$work" | tail -1 | tr -d ' ')"
 
-say "The first backup is full. The file system is frozen while it is copied."
-seconds full_seconds $snbf backup data "$backups" --freeze
+say "A shop that never closes writes into its database from now on."
+shop_opens
+
+say "The first backup is full, and of one moment: it is taken from a snap."
+seconds full_seconds $snbf backup data "$backups" --cow "$cow"
 fact full "$(json points -1 data_bytes < "$backups/manifest.json")"
 
 say "A day's work: edits, new files, deletions, appends, a database updated in place."
@@ -34,9 +40,8 @@ done
 find "$work" -name '*.gz' | sort | sed -n 1,200p | xargs rm
 cp -r /usr/share/perl "$work/new"
 for day in 1 2 3; do dmesg >> "$work/journal.log"; done
-sqlite3 "$work/shop.db" 'UPDATE orders SET paid = 1 WHERE id % 97 = 0;'
+sqlite3 -cmd '.timeout 60000' "$work/shop.db" 'UPDATE orders SET paid = 1 WHERE id % 97 = 0;'
 sync
-run umount "$work"
 
 run $snbf changes data
 $snbf changes data > /run/guest/changes.txt
@@ -44,17 +49,53 @@ $snbf changes data --as svg > /run/guest/changes.svg
 fact extents "$($snbf changes data --json | json extent_count)"
 fact changed "$($snbf changes data --json | json changed_extents)"
 
-say "The second backup copies what changed."
-seconds incr_seconds $snbf backup data "$backups"
+say "The second backup copies what changed, while the shop goes on selling."
+sold_before=$(sold "$work/shop.db")
+seconds incr_seconds $snbf backup data "$backups" --cow "$cow"
 fact incr "$(json points -1 data_bytes < "$backups/manifest.json")"
+fact sold_meanwhile $(($(sold "$work/shop.db") - sold_before))
 
-say "The chain, restored onto another disk, and compared byte for byte with the partition."
+say "A file is lost. A snap still has it."
+run $snbf snap create data --cow "$cow" --name yesterday
+lost=$(find "$work" -mindepth 2 -type f -size +64k | sort | sed -n 1p)
+sum=$(sha256sum < "$lost")
+run rm "$lost"
+sync
+mkdir -p /mnt/yesterday
+run $snbf mount yesterday /mnt/yesterday
+run cp "/mnt/yesterday${lost#"$work"}" "$lost"
+[ "$(sha256sum < "$lost")" = "$sum" ]
+run $snbf umount yesterday
+run $snbf snap delete yesterday
+fact lost "${lost#"$work"/}"
+fact lost_bytes "$(stat -c %s "$lost")"
+
+say "The second backup, restored onto another disk: a whole file system and a whole database, of one moment."
+run $snbf restore "$backups" "$spare" --yes
+run e2fsck -fn "$spare"
+mkdir -p /mnt/spare
+mount -o ro "$spare" /mnt/spare
+cp /mnt/spare/shop.db* /run/
+umount /mnt/spare
+[ "$(run sqlite3 /run/shop.db 'PRAGMA integrity_check;' | tail -1)" = ok ]
+
+say "The shop closes. A third backup, restored, and compared byte for byte with the partition."
+shop_closes
+run umount "$work"
+run $snbf backup data "$backups" --cow "$cow"
 seconds restore_seconds $snbf restore "$backups" "$spare" --yes
 run cmp /dev/snbf/snbf0 "$spare"
-run e2fsck -fn "$spare"
+
+say "Ten snaps cost what one costs: what is overwritten is copied once."
+run mount /dev/snbf/snbf0 "$work"
+run $snbf snap create data --cow "$cow" --name snap1
+measure one rewrite_ballast
+for number in 2 3 4 5 6 7 8 9 10; do run $snbf snap create data --cow "$cow" --name snap$number; done
+measure ten rewrite_ballast
+run $snbf snap list data
+run $snbf snap delete --all data --yes
 
 say "Work goes on. Then the power fails."
-run mount /dev/snbf/snbf0 "$work"
 cp -r /usr/share/i18n "$work/more"
 sync
 echo crash >&3
