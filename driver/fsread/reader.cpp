@@ -15,40 +15,35 @@ namespace snbf {
 
 namespace {
 
-// Asked first, and binding.
-struct Claimant {
+// One kind of file system: the reader with the documented rules, and in front of it a claim, which
+// is binding, with the reader of what it claims for itself.
+struct Kind {
   Claim (*claim)(plat_bdev* bdev);
-  FsReader reader;  // of what it claims for itself
+  FsReader own;
+  FsReader documented;
 };
-constexpr Claimant kClaimants[] = {
+constexpr Kind kKinds[] = {
     {ext4_reader_claim,
-     reader_of<Ext4Reader, ext4_reader_init, ext4_reader_read, ext4_reader_destroy>(false)},
-    {reiserfs_claim, {}},
+     reader_of<Ext4Reader, ext4_reader_init, ext4_reader_read, ext4_reader_destroy>(false),
+     reader_of<Ext2Reader, ext2_reader_init, ext2_reader_read, ext2_reader_destroy>(false)},
+    {reiserfs_claim,
+     {},
+     reader_of<ReiserfsReader, reiserfs_reader_init, reiserfs_reader_read, reiserfs_reader_destroy>(
+         false)},
     {xfs5_reader_claim,
-     reader_of<Xfs5Reader, xfs5_reader_init, xfs5_reader_read, xfs5_reader_destroy>(false)},
-};
-
-constexpr FsReader kReaders[] = {
-    reader_of<Ext2Reader, ext2_reader_init, ext2_reader_read, ext2_reader_destroy>(false),
-    reader_of<ReiserfsReader, reiserfs_reader_init, reiserfs_reader_read, reiserfs_reader_destroy>(
-        false),
-    reader_of<XfsReader, xfs_reader_init, xfs_reader_read, xfs_reader_destroy>(true),
+     reader_of<Xfs5Reader, xfs5_reader_init, xfs5_reader_read, xfs5_reader_destroy>(false),
+     reader_of<XfsReader, xfs_reader_init, xfs_reader_read, xfs_reader_destroy>(true)},
 };
 
 }  // namespace
 
 OpenReader::OpenReader(plat_bdev* bdev, u32* block_size) {
-  for (const Claimant& claimant : kClaimants) {
-    const Claim claim = claimant.claim(bdev);
-    if (claim == Claim::NotMine) continue;
-    reader_ = &claimant.reader;
-    if (claim == Claim::Mine) handle_ = reader_->init(bdev, block_size);
-    return;
-  }
-  for (const FsReader& reader : kReaders) {
-    reader_ = &reader;
-    handle_ = reader.init(bdev, block_size);
-    if (handle_ != nullptr) return;
+  for (const Kind& kind : kKinds) {
+    const Claim claim = kind.claim(bdev);
+    if (claim == Claim::Nobodys) return;
+    reader_ = claim == Claim::Mine ? &kind.own : &kind.documented;
+    handle_ = reader_->init(bdev, block_size);
+    if (handle_ != nullptr || claim == Claim::Mine) return;
   }
 }
 

@@ -43,8 +43,8 @@ enum class Claim {
 // A reader at work on a device; destroyed on leaving the scope.
 class OpenReader {
  public:
-  // Asks the readers in turn. Those whose file systems the others would misread are asked first;
-  // where such a one cannot read what it claims, nobody may.
+  // Asks the readers in turn: ext2/ext3, ReiserFS, XFS. In front of each stands a claim on what it
+  // would misread; where the claimant cannot read it either, nobody may.
   OpenReader(plat_bdev* bdev, u32* block_size);
   ~OpenReader();
   OpenReader(const OpenReader&) = delete;

@@ -61,12 +61,6 @@ SectorRange sectors_of(const plat_bio* bio) {
   return {Sector{info.sector}, info.size_bytes >> 9};
 }
 
-bool is_write(const plat_bio* bio) {
-  plat_bio_info info;
-  snbf_plat_bio_info(bio, &info);
-  return info.is_write != 0;
-}
-
 Bucket& bucket_of(AioTracker& tracker, u64 block) {
   return tracker.buckets[block & (kAioBuckets - 1)];
 }
@@ -126,7 +120,7 @@ void install(AioTracker& tracker, AioItem& item, BlockSpan span, plat_bio* origi
   item.saved_hooks = snbf_plat_bio_hooks(clone);
   snbf_plat_bio_set_hooks(clone, &kCloneHooks, &item);
   tracker.items.push_back(&item);
-  if (is_write(clone)) tracker.writes.fetch_add(1);
+  if (snbf_plat_bio_is_write(clone)) tracker.writes.fetch_add(1);
 }
 
 // From now on it blocks nobody. Answers the original; null if it had none any more.
@@ -134,7 +128,7 @@ plat_bio* take_original(AioItem& item) REQUIRES(aio_spin) {
   plat_bio* original = item.original;
   if (original == nullptr) return nullptr;
   item.original = nullptr;
-  if (is_write(item.clone)) item.tracker->writes.fetch_sub(1);
+  if (snbf_plat_bio_is_write(item.clone)) item.tracker->writes.fetch_sub(1);
   return original;
 }
 
@@ -146,8 +140,7 @@ bool has_items(const AioTracker& tracker) {
 // Waits until nothing in flight overlaps, and registers the clone in the same holding of the lock.
 // False: there is an overlap, and the caller would not wait.
 bool register_clone(AioTracker& tracker, AioItem& item, plat_bio* original, plat_bio* clone,
-                    bool wait) {
-  const SectorRange sectors = sectors_of(original);
+                    const SectorRange& sectors, bool wait) {
   const BlockSpan span = kBlocks.covering(sectors);
   IrqSpinGuard hold{aio_spin};
   while (overlaps_in_flight(tracker, span, sectors)) {
@@ -204,7 +197,8 @@ plat_bio* snbf_aio_clone(AioTracker* tracker, plat_bio* bio, int wait, AllocMode
   constexpr const char* kOrigin = "snbf_aio_clone";
   SNBF_ASSERT(tracker != nullptr);
   SNBF_ASSERT(bio != nullptr);
-  AioItem* item = alloc_item(kBlocks.covering(sectors_of(bio)).count(), mode);
+  const SectorRange sectors = sectors_of(bio);
+  AioItem* item = alloc_item(kBlocks.covering(sectors).count(), mode);
   if (item == nullptr) {
     snbf_log(kLogError, "%s(): Memory allocation failed.", kOrigin);
     return nullptr;
@@ -215,7 +209,7 @@ plat_bio* snbf_aio_clone(AioTracker* tracker, plat_bio* bio, int wait, AllocMode
     free_item(item);
     return nullptr;
   }
-  if (!register_clone(*tracker, *item, bio, clone, wait != 0)) {
+  if (!register_clone(*tracker, *item, bio, clone, sectors, wait != 0)) {
     snbf_plat_bio_put(clone);
     free_item(item);
     return nullptr;

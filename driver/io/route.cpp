@@ -102,16 +102,16 @@ int hold_unclonable(FilterNode& filter, plat_bio* bio, AllocMode mode) {
 // A filter node with snaps: through the tracker or into the COW queue.
 int route_beside_snaps(FilterNode& filter, const Request& request) {
   const AllocMode mode = request_alloc_mode();
+  // A write that overlaps a held request waits behind it; that keeps writes to the same sectors in order.
+  // Asked before there is a clone, which a held write would only drop: who may pass now, may pass for as
+  // long as io_rwlock is held.
+  if (request.info.is_write &&
+      (snbf_cowqueue_find_overlap_req(&filter.cowqueue, 1, 1, request.bio) != 0 ||
+       must_hold_write(filter, request.sectors()))) {
+    return hold_request(filter, request.bio, nullptr, mode);
+  }
   plat_bio* clone = snbf_aio_clone(&filter.aio, request.bio, 1, mode);
   if (clone == nullptr) return hold_unclonable(filter, request.bio, mode);
-  if (request.info.is_write) {
-    // A write that overlaps a held request waits behind it; that keeps writes to the same sectors
-    // in order.
-    if (snbf_cowqueue_find_overlap_req(&filter.cowqueue, 1, 1, request.bio) != 0 ||
-        must_hold_write(filter, request.sectors())) {
-      return hold_request(filter, request.bio, clone, mode);
-    }
-  }
   snbf_plat_bio_submit(clone, filter.hdd_bdev);
   return 0;
 }

@@ -41,6 +41,7 @@ class ChunkSet {
   }
   u32 count() const { return count_; }
   u32 chunk(u32 index) const { return chunks_[index]; }
+  const u32* chunks() const { return chunks_; }
 
   // Of memory that holds zeros.
   void init() {

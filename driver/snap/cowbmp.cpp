@@ -75,6 +75,47 @@ int set_and_mirror(u8* page, int bit, snbf_file* file) {
   return -EIO;
 }
 
+// The page of a bit, made if need be; null without memory.
+u8* page_for(CowBitmap& bitmap, u32 bit, AllocMode mode) {
+  u8** slot = &bitmap.pages[place_of(static_cast<int>(bit)).page];
+  {
+    KsReadGuard hold{bitmap.lock};
+    if (*slot != nullptr) return *slot;
+  }
+  u8* fresh = static_cast<u8*>(kzalloc(kPageBytes, mode));
+  if (fresh == nullptr) {
+    snbf_log(kLogError, "%s(): Memory allocation failed.", "snbf_cowbmp_set_bits");
+    return nullptr;
+  }
+  KsWriteGuard hold{bitmap.lock};
+  if (*slot == nullptr) {
+    __atomic_store_n(slot, fresh, __ATOMIC_RELEASE);
+  } else {
+    snbf_plat_heap_free(fresh);
+  }
+  return *slot;
+}
+
+// Neighbouring bytes of one page that have changed and are not in the file yet.
+struct ChangedBytes {
+  const u8* page = nullptr;
+  u64 first = 0;  // in the file
+  u64 last = 0;
+
+  bool take(const u8* of_page, u64 byte) {
+    if (page != of_page || (byte != last && byte != last + 1)) return false;
+    last = byte;
+    return true;
+  }
+  int write(snbf_file* file) const {
+    if (page == nullptr) return 0;
+    const int count = static_cast<int>(last - first + 1);
+    if (snbf_fwrite(file, first, page + first % kPageBytes, count) == count) return 0;
+    snbf_log(kLogError, "%s(): Failed to update changed byte in file.", "snbf_cowbmp_set_bits");
+    return -EIO;
+  }
+};
+
 // Reads the slots of an open file. A slot of zeros stays empty and its buffer serves the next.
 int load_slots(CowBitmap& bitmap, snbf_file* file, const char* path, u64 total_bytes)
     REQUIRES(bitmap.lock) {
@@ -234,6 +275,24 @@ int snbf_cowbmp_set_bit(CowBitmap* bitmap, int bit, AllocMode mode, snbf_file* f
   // Kept: on a page's first bit the file is written without asking whether one was given; its
   // writer then says so.
   return set_and_mirror(*slot, bit, file);
+}
+
+int snbf_cowbmp_set_bits(CowBitmap* bitmap, const u32* bits, u32 count, AllocMode mode,
+                         snbf_file* file) {
+  SNBF_ASSERT(bitmap != nullptr);
+  ChangedBytes changed;
+  for (u32 i = 0; i < count; ++i) {
+    if (bitmap->pages == nullptr || bits[i] >= bitmap->nbits) return -EINVAL;
+    u8* page = page_for(*bitmap, bits[i], mode);
+    if (page == nullptr) return -ENOMEM;
+    u8 now = 0;
+    if (!set_in_page(page, place_of(static_cast<int>(bits[i])), &now)) continue;
+    const u64 byte = bits[i] >> 3;
+    if (changed.take(page, byte)) continue;
+    if (int rc = changed.write(file); rc != 0) return rc;
+    changed = {page, byte, byte};
+  }
+  return changed.write(file);
 }
 
 int snbf_cowbmp_save(CowBitmap* bitmap, const char* path) {

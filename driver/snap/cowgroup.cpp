@@ -10,6 +10,7 @@ namespace snbf {
 namespace {
 
 constexpr const char* kOrigin = "kcowd";
+constexpr u32 kBitsAtOnce = 64;
 
 class GroupCopy {
  public:
@@ -121,11 +122,14 @@ bool GroupCopy::sync_data() {
 }
 
 bool GroupCopy::set_bits() {
-  for (u32 i = 0; i < work_.chunks.count(); ++i) {
+  const u32 count = work_.chunks.count();
+  // A file that is written synchronously may take its time for each byte: not too many in one operation.
+  for (u32 done = 0; done < count; done += kBitsAtOnce) {
     if (!is_copying()) return false;
-    const int bit = static_cast<int>(work_.chunks.chunk(i));
+    const u32 bits = count - done < kBitsAtOnce ? count - done : kBitsAtOnce;
     const int rc = in_file([&] {
-      return snbf_cowbmp_set_bit(&snap_.cow_bmp, bit, PLAT_ALLOC_NOIO, snap_.cow_bmp_file);
+      return snbf_cowbmp_set_bits(&snap_.cow_bmp, work_.chunks.chunks() + done, bits, PLAT_ALLOC_NOIO,
+                                  snap_.cow_bmp_file);
     });
     if (rc != 0) return false;
   }

@@ -178,6 +178,8 @@ int snbf_cowqueue_find_overlap_req(CowQueue* queue, int match_reads, int match_w
   SNBF_ASSERT(queue != nullptr);
   SNBF_ASSERT(bio != nullptr);
   SNBF_ASSERT(match_reads != 0 || match_writes != 0);
+  // Whoever asks while a request is being appended may be answered either way.
+  if (queue->length() == 0) return 0;
   const SectorRange sectors = covered_by(bio).sectors;
   SpinGuard hold{queue->lock};
   return overlaps_queued(*queue, sectors, match_reads != 0, match_writes != 0) ? 1 : 0;
@@ -209,7 +211,7 @@ void snbf_cowqueue_untag(CowQueue* queue, int minor) {
 int snbf_cowqueue_remove(CowQueue* queue, CowRequest* request) {
   SNBF_ASSERT(queue != nullptr);
   SNBF_ASSERT(request != nullptr);
-  if (covered_by(request->bio).is_write) queue->writes.fetch_sub(1);
+  if (snbf_plat_bio_is_write(request->bio)) queue->writes.fetch_sub(1);
   for (CowBlock* block = request->first_block; block != nullptr; block = block->next_of_request) {
     bucket_of(*queue, block->number).remove(block);
   }

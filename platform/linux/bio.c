@@ -131,6 +131,8 @@ void snbf_plat_bio_info(const plat_bio* request, plat_bio_info* info) {
   info->is_write = op_is_write(bio_op(bio));
 }
 
+int snbf_plat_bio_is_write(const plat_bio* bio) { return op_is_write(bio_op(bio_of(bio))); }
+
 void snbf_plat_bio_forward(plat_bio* request, plat_bdev* bdev) {
   struct bio* bio = bio_of(request);
 
@@ -166,7 +168,8 @@ static plat_bio* own_bio_begin(struct bio* bio) {
 
 plat_bio* snbf_plat_bio_clone(plat_bio* original, plat_alloc_mode mode) {
   struct bio* from = bio_of(original);
-  struct bio* clone = bio_alloc_clone(from->bi_bdev, from, snbf_gfp(mode), &own_bios);
+  /* Of no device yet: each that it is given is looked up in its control group. */
+  struct bio* clone = bio_alloc_clone(NULL, from, snbf_gfp(mode), &own_bios);
 
   if (!clone) return NULL;
   account_begin(from);

@@ -157,6 +157,10 @@ void snbf_plat_bio_info(const plat_bio* bio, plat_bio_info* info) {
   info->is_write = bio->op != Op::Read ? 1 : 0;
 }
 
+int snbf_plat_bio_is_write(const plat_bio* bio) {
+  return kernel().check_bio(bio, "bio_is_write")->op != Op::Read ? 1 : 0;
+}
+
 void snbf_plat_bio_forward(plat_bio* bio, plat_bdev* bdev) {
   Kernel& k = enter_sleeping("bio_forward");
   k.check_bio(bio, "bio_forward");

@@ -56,6 +56,7 @@ typedef struct plat_bio_info {
   int is_write;        /* discard, write-zeroes and secure erase are writes too */
 } plat_bio_info;
 void snbf_plat_bio_info(const plat_bio* bio, plat_bio_info* info);
+int snbf_plat_bio_is_write(const plat_bio* bio);
 
 /*
  * Sends the caller's own request on to `bdev` in place and gives it up; counted in the statistics of the node
