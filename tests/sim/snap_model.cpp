@@ -30,7 +30,8 @@ Partition::Partition(u64 sectors) : history_(sectors) {
 
 std::vector<u8> Partition::initial() const {
   std::vector<u8> bytes(sectors() * kSectorBytes);
-  for (u64 sector = 0; sector < sectors(); ++sector) stamp(0, sector, &bytes[sector * kSectorBytes]);
+  for (u64 sector = 0; sector < sectors(); ++sector)
+    stamp(0, sector, &bytes[sector * kSectorBytes]);
   return bytes;
 }
 
@@ -53,7 +54,8 @@ std::vector<u8> Partition::data(const WriteTicket& ticket) const {
     const Write& write = writes_[number];
     const u64 from = bytes.size();
     bytes.resize(from + write.sectors * kSectorBytes);
-    for (u64 i = 0; i < write.sectors; ++i) stamp(number, write.sector + i, &bytes[from + i * kSectorBytes]);
+    for (u64 i = 0; i < write.sectors; ++i)
+      stamp(number, write.sector + i, &bytes[from + i * kSectorBytes]);
   }
   return bytes;
 }
@@ -61,7 +63,8 @@ std::vector<u8> Partition::data(const WriteTicket& ticket) const {
 void Partition::end(const WriteTicket& ticket, bool ok) {
   const u64 ended = now();
   if (!ok) return;
-  for (u32 number = ticket.first; number < ticket.first + ticket.count; ++number) writes_[number].ended = ended;
+  for (u32 number = ticket.first; number < ticket.first + ticket.count; ++number)
+    writes_[number].ended = ended;
 }
 
 std::string Partition::decode(u64 sector, const u8* bytes, Value* value) const {
@@ -73,7 +76,8 @@ std::string Partition::decode(u64 sector, const u8* bytes, Value* value) const {
   if (mark != 0) {
     const u64 other = static_cast<u32>(mark ^ kMark);
     if (other < sectors() && other != sector && number < writes_.size()) {
-      return "holds what write " + std::to_string(number) + " put into sector " + std::to_string(other);
+      return "holds what write " + std::to_string(number) + " put into sector " +
+             std::to_string(other);
     }
     stamp(number, sector, expected);
   }
@@ -110,7 +114,8 @@ std::string Partition::describe(u64 sector, const Value& value) const {
   text += "; sent to it:";
   for (const u32 number : history_[sector]) {
     const Write& write = writes_[number];
-    text += " " + std::to_string(number) + (write.zero ? "z" : "") + "[" + std::to_string(write.sent) + "," +
+    text += " " + std::to_string(number) + (write.zero ? "z" : "") + "[" +
+            std::to_string(write.sent) + "," +
             (write.ended == kNever ? "-" : std::to_string(write.ended)) + "]";
   }
   return text;
@@ -122,7 +127,8 @@ std::string Partition::check_read(u64 sector, std::span<const u8> data, u64 sent
     Value value;
     std::string wrong = decode(sector, &data[done], &value);
     if (wrong.empty() && !possible(sector, value, sent, ended)) {
-      wrong = "cannot hold in [" + std::to_string(sent) + "," + std::to_string(ended) + "] " + describe(sector, value);
+      wrong = "cannot hold in [" + std::to_string(sent) + "," + std::to_string(ended) + "] " +
+              describe(sector, value);
     }
     if (!wrong.empty()) return "sector " + std::to_string(sector) + " of the partition " + wrong;
   }
@@ -152,13 +158,13 @@ std::string SnapImage::check_read(u64 sector, std::span<const u8> data) {
     const u32 code = code_of(value);
     if (wrong.empty() && seen_[sector] != kUnknown && seen_[sector] != code) {
       wrong = "has changed: it was " +
-              (seen_[sector] == kZero ? "zero" : "write " + std::to_string(seen_[sector])) + " and is " +
-              partition_->describe(sector, value);
+              (seen_[sector] == kZero ? "zero" : "write " + std::to_string(seen_[sector])) +
+              " and is " + partition_->describe(sector, value);
     }
     if (wrong.empty() && seen_[sector] == kUnknown) {
       if (!partition_->possible(sector, value, asked_, started_)) {
-        wrong = "cannot hold, with its start in [" + std::to_string(asked_) + "," + std::to_string(started_) + "], " +
-                partition_->describe(sector, value);
+        wrong = "cannot hold, with its start in [" + std::to_string(asked_) + "," +
+                std::to_string(started_) + "], " + partition_->describe(sector, value);
       }
       seen_[sector] = code;
     }
@@ -218,9 +224,10 @@ std::string SnapImage::check_instant() const {
     if (!judged.out[number] || write.ended == kNever) continue;
     if (first_out == 0 || write.ended < partition_->writes_[first_out].ended) first_out = number;
   }
-  if (first_out == 0 || partition_->writes_[first_out].ended > partition_->writes_[last_in].sent) return "";
-  return "the image is of no instant: it holds write " + std::to_string(last_in) + ", but not write " +
-         std::to_string(first_out) + ", which had ended before that was sent";
+  if (first_out == 0 || partition_->writes_[first_out].ended > partition_->writes_[last_in].sent)
+    return "";
+  return "the image is of no instant: it holds write " + std::to_string(last_in) +
+         ", but not write " + std::to_string(first_out) + ", which had ended before that was sent";
 }
 
 }  // namespace snbf::model

@@ -1,13 +1,16 @@
 // What a partition and the images of its snaps may hold.
 //
-// Every sector that a test writes carries the number of its write, so that a sector that is read says which write
-// made it. The model keeps when each write was sent and when it ended, and judges what reads find:
+// Every sector that a test writes carries the number of its write, so that a sector that is read
+// says which write made it. The model keeps when each write was sent and when it ended, and judges
+// what reads find:
 //
-//   - a read of the partition finds, for each sector, no write that was sent after the read, and none that another
+//   - a read of the partition finds, for each sector, no write that was sent after the read, and
+//   none that another
 //     one had surely replaced before it;
-//   - an image holds every write that had ended before the start was asked for, and none that was sent after the
-//     start had answered; what a write that ran beside the start left in it is free, but whole, and of one instant:
-//     if the image holds a write, it holds all that ended before that one was sent;
+//   - an image holds every write that had ended before the start was asked for, and none that was
+//   sent after the
+//     start had answered; what a write that ran beside the start left in it is free, but whole, and
+//     of one instant: if the image holds a write, it holds all that ended before that one was sent;
 //   - two reads of a sector of one image find the same.
 #pragma once
 
@@ -75,7 +78,8 @@ class Partition {
   std::string describe(u64 sector, const Value& value) const;
 
   std::vector<Write> writes_;
-  std::vector<std::vector<u32>> history_;  // of each sector: the writes that cover it, as they were sent
+  std::vector<std::vector<u32>>
+      history_;  // of each sector: the writes that cover it, as they were sent
   u64 clock_ = 1;
 };
 

@@ -19,11 +19,16 @@ SnapRig::SnapRig(Sim& kernel, const SnapSetup& options, model::Partition* shared
     : sim(kernel),
       setup(options),
       base(kernel),
-      own_partition_(shared != nullptr ? nullptr : std::make_unique<model::Partition>(options.bytes / 512)),
+      own_partition_(shared != nullptr ? nullptr
+                                       : std::make_unique<model::Partition>(options.bytes / 512)),
       partition(shared != nullptr ? *shared : *own_partition_) {}
 
 void SnapRig::make_devices() {
-  sim::Device* disk = sim.add_device({.name = "sda1", .bytes = setup.bytes});
+  sim::Device* disk = sim.add_device({.name = "sda1",
+                                      .bytes = setup.bytes,
+                                      .bio_based = setup.bio_based,
+                                      .latency_max_us = setup.latency_max_us,
+                                      .queue_depth = setup.queue_depth});
   disk->poke(0, partition.initial());
   sim::Device* store = sim.add_device({.name = "sdb1", .bytes = setup.store_bytes});
   if (!setup.store_on_node && !setup.store_by_test) sim.add_fs("store", store->number());
@@ -130,12 +135,15 @@ void SnapRig::judge_write(const model::WriteTicket& ticket, int rc, u64 sent_us)
 }
 
 // Memory and device need not be aligned alike.
-u32 SnapRig::piece_offset() { return sim.random(2) == 0 ? 0 : static_cast<u32>(512 * sim.random(8)); }
+u32 SnapRig::piece_offset() {
+  return sim.random(2) == 0 ? 0 : static_cast<u32>(512 * sim.random(8));
+}
 
 int SnapRig::read(plat_devt device, u64 sector, u32 sectors, Bytes* data) {
-  const sim::Io io = sim.submit(
-      device,
-      {.op = sim::Op::Read, .sector = sector, .bytes = sectors * 512, .first_piece_offset = piece_offset()});
+  const sim::Io io = sim.submit(device, {.op = sim::Op::Read,
+                                         .sector = sector,
+                                         .bytes = sectors * 512,
+                                         .first_piece_offset = piece_offset()});
   const int rc = io.wait();
   *data = io.data();
   return rc;
@@ -158,7 +166,8 @@ int SnapRig::discard(u64 sector, u64 sectors) {
   const u64 sent_us = sim.now_us();
   const model::WriteTicket ticket = partition.send(sector, sectors, true);
   const u32 bytes = static_cast<u32>(sectors * 512);
-  const int rc = sim.random(2) == 0 ? sim.discard(node(), sector, bytes) : sim.write_zeroes(node(), sector, bytes);
+  const int rc = sim.random(2) == 0 ? sim.discard(node(), sector, bytes)
+                                    : sim.write_zeroes(node(), sector, bytes);
   judge_write(ticket, rc, sent_us);
   return rc;
 }
@@ -177,7 +186,8 @@ int SnapRig::read_origin(u64 sector, u32 sectors) {
 
 bool SnapRig::may_refuse(int minor) {
   const snbf_info now = info(minor);
-  return now.dev_type != SNBF_DEV_SNAP || now.started == 0 || now.snap_valid == 0 || now.stop_pending != 0;
+  return now.dev_type != SNBF_DEV_SNAP || now.started == 0 || now.snap_valid == 0 ||
+         now.stop_pending != 0;
 }
 
 void SnapRig::judge_refusal(Snap& snap, int rc) {
@@ -201,7 +211,8 @@ std::string SnapRig::judge_image(SnapImage& image, u64 sector, const Bytes& data
     while (end < data.size() && is_foreign(sector + end / 512) == foreign) end += 512;
     const std::span<const sim::u8> piece = std::span(data).subspan(at, end - at);
     const u64 first = sector + at / 512;
-    const std::string wrong = foreign ? image.check_same(first, piece) : image.check_read(first, piece);
+    const std::string wrong =
+        foreign ? image.check_same(first, piece) : image.check_read(first, piece);
     if (!wrong.empty()) return wrong;
     at = end;
   }
@@ -237,7 +248,8 @@ void SnapRig::check_snap(Snap& snap) {
   if (!copies_may_fail && !partition_may_fail) {
     EXPECT_EQ(before.snap_valid, 1u) << "snap " << snap.minor;
   }
-  for (u64 sector = 0; sector < sectors() && !testing::Test::HasFailure(); sector += kReadPieceSectors) {
+  for (u64 sector = 0; sector < sectors() && !testing::Test::HasFailure();
+       sector += kReadPieceSectors) {
     const u32 count = static_cast<u32>(std::min<u64>(kReadPieceSectors, sectors() - sector));
     const int rc = read_snap(snap, sector, count);
     if (!good) {
@@ -275,111 +287,6 @@ int SnapRig::write_file_page(u64 page, bool sync) {
   judge_write(ticket, rc, sent_us);
   waits_checked = checked;
   return rc;
-}
-
-// ---- People
-
-void SnapRig::one_write() {
-  const u64 kind = sim.random(32);
-  if (kind == 0) {
-    discard(0, sectors());
-    return;
-  }
-  const u64 from = setup.fs_blocks * 8;  // what lies below is the file system's
-  const u64 room = sectors() - from;
-  u64 count = 1 + sim.random(std::min<u64>(room, write_sectors_max));
-  if (kind == 1) count = 1 + sim.random(room);
-  u64 sector = from + sim.random(room - count + 1);
-  if (kind >= 24) {  // whole blocks at block borders
-    sector = sector / 8 * 8;
-    count = std::min<u64>((count + 7) / 8 * 8, sectors() - sector);
-  } else if (kind >= 20) {  // over a border of two chunks
-    const u64 chunk = setup.chunk_bytes / 512;
-    const u64 border = from + (1 + sim.random(std::max<u64>(room / chunk, 2) - 1)) * chunk;
-    if (border > from && border + 1 < sectors()) {
-      sector = border - 1;
-      count = 2;
-    }
-  }
-  if (kind < 5 && setup.fs_blocks == 0) {
-    discard(sector, count);
-  } else {
-    write(sector, count);
-  }
-}
-
-void SnapRig::writer(int steps) {
-  for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
-    if (setup.fs_blocks != 0) {
-      const u64 from = setup.fs_blocks * 8;
-      const u64 count = 1 + sim.random(std::min<u64>(sectors() - from, write_sectors_max));
-      write(from + sim.random(sectors() - from - count + 1), count);
-    } else {
-      one_write();
-    }
-    if (sim.random(3) == 0) sim.sleep_us(sim.random(3000));
-  }
-}
-
-void SnapRig::file_writer(int steps) {
-  for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
-    write_file_page(sim.random(file_pages_), sim.random(6) == 0);
-    if (sim.random(4) == 0) sim.sleep_us(sim.random(3000));
-  }
-}
-
-void SnapRig::origin_reader(int steps) {
-  for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
-    const u64 from = setup.fs_blocks * 8;
-    const u32 count = static_cast<u32>(1 + sim.random(std::min<u64>(sectors() - from, 48)));
-    read_origin(from + sim.random(sectors() - from - count + 1), count);
-    if (sim.random(2) == 0) sim.sleep_us(sim.random(3000));
-  }
-}
-
-void SnapRig::snap_reader(int steps) {
-  for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
-    const std::shared_ptr<Snap> snap = snaps.empty() ? nullptr : snaps[sim.random(snaps.size())];
-    sim::OpenNode opening;
-    if (snap != nullptr && snap->started && sim.open_node(node(snap->minor), PLAT_MODE_READ, &opening) == 0) {
-      for (u64 reads = 1 + sim.random(4); reads > 0 && snap->started; --reads) {
-        const u32 count = static_cast<u32>(1 + sim.random(std::min<u64>(sectors(), 96)));
-        read_snap(*snap, sim.random(sectors() - count + 1), count);
-      }
-      EXPECT_EQ(sim.close_node(&opening), 0);
-    }
-    if (snap == nullptr || sim.random(2) == 0) sim.sleep_us(100 + sim.random(3000));
-  }
-}
-
-void SnapRig::admin(int steps) {
-  for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
-    Snap* stopped = any_snap(false);
-    Snap* started = any_snap(true);
-    switch (sim.random(8)) {
-      case 0:
-      case 1:
-      case 2:
-        if (Snap* fresh = add_snap(); fresh != nullptr) start_snap(*fresh);
-        break;
-      case 3:
-        if (stopped != nullptr) start_snap(*stopped);
-        break;
-      case 4:
-        if (started != nullptr) stop_snap(*started);
-        break;
-      case 5:
-        if (!snaps.empty()) delete_snap(*snaps[sim.random(snaps.size())]);
-        break;
-      case 6:
-        if (stopped != nullptr && sim.random(2) == 0) delete_snap(*stopped);
-        break;
-      default:
-        sim.proc("/proc/snbf/snbf0/snaps");
-        sim.proc("/proc/snbf/snbf0/cowqueue_len");
-    }
-    sim.sleep_us(sim.random(8000));
-  }
 }
 
 // ---- Snaps
@@ -465,6 +372,38 @@ Snap* SnapRig::any_snap(bool started) {
     if (snap->started == started) found.push_back(snap.get());
   }
   return found.empty() ? nullptr : found[sim.random(found.size())];
+}
+
+void SnapRig::stop_all_and_resume(bool reload) {
+  const snbf_info before = info(0);
+  ASSERT_EQ(base.stop(), 0);
+  if (reload) {
+    ASSERT_EQ(sim.unload_driver(), 0);
+    base.load({.debug = setup.debug, .max_blk_minor = setup.minor_max});
+    ASSERT_EQ(base.add("/dev/sda1", 0), 0);
+  }
+  std::vector<Snap*> order;
+  for (u32 i = 0; i < before.snap_cnt; ++i) {
+    for (const auto& snap : snaps) {
+      if (snap->minor == static_cast<int>(before.snap_minors[i])) order.push_back(snap.get());
+    }
+  }
+  for (Snap* snap : order) {
+    if (reload) {
+      ASSERT_EQ(create(snap->files, snap->minor), snap->minor);
+    }
+  }
+  // None is written to before all are there, so any order will do.
+  while (!order.empty()) {
+    const auto at = order.begin() + static_cast<long>(sim.random(order.size()));
+    if ((*at)->started) {
+      ASSERT_EQ(resume((*at)->minor), 0);
+    }
+    order.erase(at);
+  }
+  if (info(0).started == 0) {
+    ASSERT_EQ(base.start(), 0);
+  }
 }
 
 // Newest image first, as the driver lists them.

@@ -1,5 +1,6 @@
-// A tracked partition with snaps, and the people around it: writers, readers of the origin and of the snaps, an
-// administrator who makes, starts, stops, resumes and deletes snaps. What they see is judged by the model.
+// A tracked partition with snaps, and the people around it: writers, readers of the origin and of
+// the snaps, an administrator who makes, starts, stops, resumes and deletes snaps. What they see is
+// judged by the model.
 //
 //   sda1  the partition, node snbf0
 //   sdb1  the store of bitmap and COW files, mounted at /store
@@ -20,7 +21,7 @@ constexpr int kAgain = -11, kBusy = -16, kFault = -14, kIoError = -5, kNoMemory 
 constexpr u64 kWriteWaitMaxUs = 11'000'000;
 
 struct SnapSetup {
-  u64 bytes = 1 << 20;        // of the partition
+  u64 bytes = 1 << 20;  // of the partition
   u32 chunk_bytes = 4096;
   u64 store_bytes = 24 << 20;
   bool store_on_node = false;  // the store lies on another node of the driver, snbf200
@@ -28,6 +29,9 @@ struct SnapSetup {
   u64 fs_blocks = 0;           // of a file system on the node, mounted at /data; 0: none
   int debug = 0;
   int minor_max = 255;
+  u32 queue_depth = 0;  // of the partition
+  u32 latency_max_us = 400;
+  bool bio_based = false;  // so is the partition: what is passed on in place cannot be waited for
 };
 
 struct Snap {
@@ -93,6 +97,9 @@ class SnapRig {
   // After an error of a read or a copy: whether the snap may refuse reads.
   bool may_refuse(int minor);
   void check_snaps();
+  // With nobody about: the node and its snaps are stopped, the driver perhaps loaded anew, and
+  // those that were started resumed.
+  void stop_all_and_resume(bool reload);
 
   Sim& sim;
   SnapSetup setup;
@@ -106,7 +113,7 @@ class SnapRig {
   std::vector<std::shared_ptr<Snap>> snaps;
   int snaps_max = 4;
   u64 write_sectors_max = 64;
-  bool copies_may_fail = false;    // the COW store is broken: snaps may become invalid
+  bool copies_may_fail = false;     // the COW store is broken: snaps may become invalid
   bool partition_may_fail = false;  // so is the partition: requests to it may fail
   bool memory_may_fail = false;     // commands may fail for it, and snaps too
   bool waits_checked = true;

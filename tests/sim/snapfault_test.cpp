@@ -1,6 +1,7 @@
-// Snaps whose copies cannot be kept, by seed: a store that is full, fails or stalls, a partition that fails, memory
-// that is short. Whole snaps break, the newest that is hit and all older ones; no image shows a wrong byte, no write
-// fails because of a copy, and none waits longer than a stalled store is given.
+// Snaps whose copies cannot be kept, by seed: a store that is full, fails or stalls, a partition
+// that fails, memory that is short. Whole snaps break, the newest that is hit and all older ones;
+// no image shows a wrong byte, no write fails because of a copy, and none waits longer than a
+// stalled store is given.
 #include <cstdio>
 
 #include "snap_rig.h"
@@ -35,7 +36,8 @@ class Trouble {
     }
     std::vector<sim::Task*> people;
     for (int i = 0; i < 3; ++i) people.push_back(sim.spawn("writer", [&] { rig.writer(steps); }));
-    for (int i = 0; i < 2; ++i) people.push_back(sim.spawn("snap reader", [&] { rig.snap_reader(steps); }));
+    for (int i = 0; i < 2; ++i)
+      people.push_back(sim.spawn("snap reader", [&] { rig.snap_reader(steps); }));
     people.push_back(sim.spawn("admin", [&] { rig.admin(steps / 2); }));
     sim::Task* maker = sim.spawn("trouble", trouble);
     for (sim::Task* person : people) sim.join(person);
@@ -66,7 +68,7 @@ class Trouble {
   bool over = false;
 };
 
-SIM_TEST_SEEDS(SnapFaults, TheStoreRunsFull, 40) {
+SIM_TEST_SEEDS(SnapFaults, TheStoreRunsFull, 80) {
   Trouble run(sim, small(sim));
   run.live(16, [&] {
     while (!run.over) {
@@ -78,11 +80,12 @@ SIM_TEST_SEEDS(SnapFaults, TheStoreRunsFull, 40) {
   run.finish();
 }
 
-SIM_TEST_SEEDS(SnapFaults, FilesFailNowAndThen, 60) {
+SIM_TEST_SEEDS(SnapFaults, FilesFailNowAndThen, 120) {
   Trouble run(sim, small(sim));
   run.live(16, [&] {
-    constexpr Fault kKinds[] = {Fault::FileWrite, Fault::FileSync,  Fault::ZeroWrite, Fault::ShortWrite,
-                                Fault::FileRead,  Fault::ShortRead, Fault::FileOpen};
+    constexpr Fault kKinds[] = {Fault::FileWrite,  Fault::FileSync, Fault::ZeroWrite,
+                                Fault::ShortWrite, Fault::FileRead, Fault::ShortRead,
+                                Fault::FileOpen};
     while (!run.over) {
       sim.fail_nth(kKinds[sim.random(std::size(kKinds))], 1 + sim.random(6));
       sim.sleep_us(2000 + sim.random(20'000));
@@ -91,14 +94,15 @@ SIM_TEST_SEEDS(SnapFaults, FilesFailNowAndThen, 60) {
   run.finish();
 }
 
-SIM_TEST_SEEDS(SnapFaults, TheStoresDeviceFails, 40) {
+SIM_TEST_SEEDS(SnapFaults, TheStoresDeviceFails, 80) {
   Trouble run(sim, small(sim));
   run.live(14, [&] {
     while (!run.over) {
       sim.sleep_us(sim.random(20'000));
       const Op ops[] = {Op::Write, Op::Read, Op::Flush};
       const u64 sectors = sim.device("sdb1")->bytes() / 512;
-      sim.device("sdb1")->fail_range(sim.random(sectors), sim.random(sectors / 8), ops[sim.random(3)], kIoError);
+      sim.device("sdb1")->fail_range(sim.random(sectors), sim.random(sectors / 8),
+                                     ops[sim.random(3)], kIoError);
       sim.sleep_us(sim.random(10'000));
       sim.device("sdb1")->clear_failures();
     }
@@ -106,14 +110,15 @@ SIM_TEST_SEEDS(SnapFaults, TheStoresDeviceFails, 40) {
   run.finish();
 }
 
-SIM_TEST_SEEDS(SnapFaults, ThePartitionFails, 40) {
+SIM_TEST_SEEDS(SnapFaults, ThePartitionFails, 80) {
   Trouble run(sim, small(sim));
   run.rig.partition_may_fail = true;
   run.live(14, [&] {
     while (!run.over) {
       sim.sleep_us(sim.random(10'000));
       const u64 first = sim.random(run.rig.sectors());
-      sim.device("sda1")->fail_range(first, 64, sim.random(2) == 0 ? Op::Read : Op::Write, kIoError);
+      sim.device("sda1")->fail_range(first, 64, sim.random(2) == 0 ? Op::Read : Op::Write,
+                                     kIoError);
       sim.sleep_us(sim.random(10'000));
       sim.device("sda1")->clear_failures();
     }
@@ -121,11 +126,12 @@ SIM_TEST_SEEDS(SnapFaults, ThePartitionFails, 40) {
   run.finish();
 }
 
-SIM_TEST_SEEDS(SnapFaults, MemoryIsShort, 60) {
+SIM_TEST_SEEDS(SnapFaults, MemoryIsShort, 100) {
   Trouble run(sim, small(sim));
   run.rig.memory_may_fail = true;
   run.live(14, [&] {
-    constexpr Fault kKinds[] = {Fault::Heap, Fault::Virt, Fault::Page, Fault::BioAlloc, Fault::ThreadStart};
+    constexpr Fault kKinds[] = {Fault::Heap, Fault::Virt, Fault::Page, Fault::BioAlloc,
+                                Fault::ThreadStart};
     while (!run.over) {
       if (sim.random(4) == 0) sim.set_memory_pressure(true);
       sim.fail_nth(kKinds[sim.random(std::size(kKinds))], 1 + sim.random(12));
@@ -182,9 +188,9 @@ void stall(Sim& sim, u64 us) {
   sim.device("sdb1")->release_all();
 }
 
-// A store that does not answer for longer than it is given. Each file operation has its ten seconds, so one stall at a
-// time: what comes before it must be over.
-SIM_TEST_SEEDS(SnapFaults, TheStoreStalls, 30) {
+// A store that does not answer for longer than it is given. Each file operation has its ten
+// seconds, so one stall at a time: what comes before it must be over.
+SIM_TEST_SEEDS(SnapFaults, TheStoreStalls, 60) {
   Trouble run(sim, small(sim));
   run.live(12, [&] {
     sim.sleep_us(sim.random(20'000));
