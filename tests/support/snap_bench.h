@@ -1,4 +1,5 @@
-// The loaded driver with a started filter node and a store for COW files, as an agent that takes snaps finds it.
+// The loaded driver with a started filter node and a store for COW files, as an agent that takes
+// snaps finds it.
 #pragma once
 
 #include "driver_rig.h"
@@ -18,7 +19,8 @@ struct SnapBenchOptions {
   bool started = true;
 };
 
-// sda1 is the partition, node snbf3; sdb1 the store, mounted at /store. What is left is taken down at the end.
+// sda1 is the partition, node snbf3; sdb1 the store, mounted at /store. What is left is taken down
+// at the end.
 class SnapBench {
  public:
   explicit SnapBench(Sim& kernel, const SnapBenchOptions& options = {}) : sim(kernel) {
@@ -50,8 +52,10 @@ class SnapBench {
     command.snbf_minor = kOrigin;
     command.snap_minor = minor;
     command.chunk_size = chunk_size;
-    std::strncpy(command.cow_bmp_fname, (files + ".bmp").c_str(), sizeof(command.cow_bmp_fname) - 1);
-    std::strncpy(command.cow_data_fname, (files + ".data").c_str(), sizeof(command.cow_data_fname) - 1);
+    std::strncpy(command.cow_bmp_fname, (files + ".bmp").c_str(),
+                 sizeof(command.cow_bmp_fname) - 1);
+    std::strncpy(command.cow_data_fname, (files + ".data").c_str(),
+                 sizeof(command.cow_data_fname) - 1);
     return command;
   }
   int add(snbf_snap_node_cmd& command) {

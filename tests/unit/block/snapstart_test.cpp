@@ -11,8 +11,10 @@ SIM_TEST(StartSnap, OpensItsFilesAtTheirFullLengthAndIsInForce) {
   ASSERT_EQ(start_node(sim, 7), 0);
   EXPECT_EQ(sim.log().count("snbf_ioctl_start_node(): Starting snbf(100, 7)"), 1);
   EXPECT_EQ(sim.log().count("snbf_block_start_device(): Starting snbf(100, 7)"), 1);
-  EXPECT_EQ(sim.log().count("snbf_block_start_device(): snbf(100, 7) has been started successfully"), 1);
-  EXPECT_EQ(sim.log().count("snbf_cowthread_start(): Successfully started COW thread kcowd. pid="), 1);
+  EXPECT_EQ(
+      sim.log().count("snbf_block_start_device(): snbf(100, 7) has been started successfully"), 1);
+  EXPECT_EQ(sim.log().count("snbf_cowthread_start(): Successfully started COW thread kcowd. pid="),
+            1);
   EXPECT_FALSE(sim.log().contains("to stabilize"));
   EXPECT_EQ(info_of(sim, 7).started, 1u);
   EXPECT_EQ(info_of(sim, 7).snap_valid, 1u);
@@ -75,21 +77,22 @@ SIM_TEST_SEEDS(StartSnap, LeavesItStoppedWhicheverStepFails, 2) {
   ASSERT_EQ(bench.add(7), 0);
   // The map of used chunks is read behind the start and may fail alone; so may kcowd.
   for (const Fault fault : {Fault::Heap, Fault::Virt, Fault::FileOpen}) {
-    for (int nth = 1; fails_at(sim, fault, nth, [&] {
-           const int rc = start_node(sim, 7);
-           sim.clear_faults();
-           if (rc == 0) {
-             EXPECT_EQ(bench.read(7, 1), 0x11);
-             EXPECT_EQ(stop_node(sim, 7), 0);
-             return;
-           }
-           EXPECT_EQ(info_of(sim, 7).started, 0u);
-           EXPECT_EQ(bench.snap(7)->cow_data_file, nullptr);
-           EXPECT_EQ(bench.snap(7)->cow_bmp_file, nullptr);
-           EXPECT_EQ(bench.snap(7)->cow_bmp.pages, nullptr);
-           EXPECT_EQ(bench.filter()->io_rwlock.count(), 0);
-           bench.expect_table(0);
-         });
+    for (int nth = 1; fails_at(sim, fault, nth,
+                               [&] {
+                                 const int rc = start_node(sim, 7);
+                                 sim.clear_faults();
+                                 if (rc == 0) {
+                                   EXPECT_EQ(bench.read(7, 1), 0x11);
+                                   EXPECT_EQ(stop_node(sim, 7), 0);
+                                   return;
+                                 }
+                                 EXPECT_EQ(info_of(sim, 7).started, 0u);
+                                 EXPECT_EQ(bench.snap(7)->cow_data_file, nullptr);
+                                 EXPECT_EQ(bench.snap(7)->cow_bmp_file, nullptr);
+                                 EXPECT_EQ(bench.snap(7)->cow_bmp.pages, nullptr);
+                                 EXPECT_EQ(bench.filter()->io_rwlock.count(), 0);
+                                 bench.expect_table(0);
+                               });
          ++nth) {
     }
   }
@@ -178,7 +181,8 @@ SIM_TEST_SEEDS(StartSnap, GivesUpWhenTheLoadNeverPauses, 2) {
   over = true;
   EXPECT_GE(sim.now_us() - before, 59'000'000u);
   EXPECT_LE(sim.now_us() - before, 64'000'000u);
-  EXPECT_EQ(bench.errors("snbf_block_start_device(): Timed out waiting for FS on snbf(100, 3) (/dev/sda1) to stabilize."),
+  EXPECT_EQ(bench.errors("snbf_block_start_device(): Timed out waiting for FS on snbf(100, 3) "
+                         "(/dev/sda1) to stabilize."),
             1);
   EXPECT_EQ(info_of(sim, 7).started, 0u);
   EXPECT_EQ(bench.filter()->io_rwlock.count(), 0);
@@ -210,8 +214,8 @@ SIM_TEST(StartSnap, AnOlderSnapNeverShowsWhatANewerOneCopiedBeforeItsStart) {
   EXPECT_EQ(bench.read(8, 1), 0x11);
 }
 
-// Held for the older snap, cloned and in flight, or passed on in place while there was no snap: each would land
-// behind the start without a copy.
+// Held for the older snap, cloned and in flight, or passed on in place while there was no snap:
+// each would land behind the start without a copy.
 SIM_TEST_SEEDS(StartSnap, WritesOnTheirWayLandBeforeOrAreCopied, 60) {
   SnapBench bench(sim, {.debug = 0});
   const bool older = sim.random(2) == 0;
@@ -220,7 +224,8 @@ SIM_TEST_SEEDS(StartSnap, WritesOnTheirWayLandBeforeOrAreCopied, 60) {
   bench.disk->set_latency(20, 4000);
   for (int i = 0; i < 4; ++i) {
     sim.spawn("writer", [&, i] {
-      for (int n = 0; n < 6; ++n) EXPECT_EQ(bench.write(static_cast<u64>(i), static_cast<u8>(1 + n)), 0);
+      for (int n = 0; n < 6; ++n)
+        EXPECT_EQ(bench.write(static_cast<u64>(i), static_cast<u8>(1 + n)), 0);
     });
   }
   sim.sleep_us(sim.random(8000));

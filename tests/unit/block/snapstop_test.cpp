@@ -11,7 +11,8 @@ SIM_TEST(StopSnap, ClosesItsFilesAndFreesItsBitmaps) {
   sim.log().clear();
   ASSERT_EQ(stop_node(sim, 7), 0);
   EXPECT_EQ(sim.log().count("snbf_ioctl_stop_node(): Stopping snbf(100, 7)"), 1);
-  EXPECT_EQ(sim.log().count("snbf_block_stop_device(): snbf(100, 7) has been stopped successfully"), 1);
+  EXPECT_EQ(sim.log().count("snbf_block_stop_device(): snbf(100, 7) has been stopped successfully"),
+            1);
   EXPECT_EQ(info_of(sim, 7).started, 0u);
   EXPECT_EQ(info_of(sim, 7).snap_valid, 1u);
   EXPECT_EQ(bench.snap(7)->cow_data_file, nullptr);
@@ -31,15 +32,18 @@ SIM_TEST(StopSnap, OutOfTurnItIsPostponedAndCarriedOutByTheCascade) {
   bench.add_started(8);
   sim.log().clear();
   EXPECT_EQ(stop_node(sim, 8), 0);
-  EXPECT_EQ(sim.log().count("snbf_block_stop_device(): Postponing stop of snbf(100, 8), since there are other snaps "
-                            "depending on this one."),
-            1);
+  EXPECT_EQ(
+      sim.log().count(
+          "snbf_block_stop_device(): Postponing stop of snbf(100, 8), since there are other snaps "
+          "depending on this one."),
+      1);
   EXPECT_FALSE(sim.log().contains("has been stopped successfully"));
   EXPECT_EQ(info_of(sim, 8).started, 1u);
   EXPECT_EQ(info_of(sim, 8).stop_pending, 1u);
   EXPECT_EQ(bench.proc(8, "stop_pending"), "1\n");
   EXPECT_EQ(bench.read(8, 1), -EIO);
-  EXPECT_EQ(bench.errors("snbf_make_request(): I/O request for snbf(100, 8), which is in STOP_PENDING state or INVALID."),
+  EXPECT_EQ(bench.errors("snbf_make_request(): I/O request for snbf(100, 8), which is in "
+                         "STOP_PENDING state or INVALID."),
             1);
   // It still keeps the older one's image.
   ASSERT_EQ(bench.write(1, 0x99), 0);
@@ -52,8 +56,10 @@ SIM_TEST(StopSnap, OutOfTurnItIsPostponedAndCarriedOutByTheCascade) {
   EXPECT_EQ(info_of(sim, 7).started, 0u);
   EXPECT_EQ(info_of(sim, 8).started, 0u);
   EXPECT_EQ(info_of(sim, 8).stop_pending, 0u);
-  EXPECT_EQ(sim.log().count("snbf_block_stop_device(): snbf(100, 7) has been stopped successfully"), 1);
-  EXPECT_EQ(sim.log().count("snbf_block_stop_device(): snbf(100, 8) has been stopped successfully"), 1);
+  EXPECT_EQ(sim.log().count("snbf_block_stop_device(): snbf(100, 7) has been stopped successfully"),
+            1);
+  EXPECT_EQ(sim.log().count("snbf_block_stop_device(): snbf(100, 8) has been stopped successfully"),
+            1);
 }
 
 SIM_TEST(StopSnap, TheCascadeEndsAtOneThatNobodyStopped) {
@@ -118,7 +124,9 @@ SIM_TEST(DeleteSnap, TakesItsFilesAndItsNamesWithIt) {
   ASSERT_EQ(bench.write(1, 0x11), 0);
   ASSERT_EQ(delete_node(sim, 7), 0);
   EXPECT_EQ(sim.log().count("snbf_ioctl_del_node(): Removing snbf(100, 7)"), 1);
-  EXPECT_EQ(sim.log().count("snbf_block_destroy_device(): snbf(100, 7) has been destroyed successfully"), 1);
+  EXPECT_EQ(
+      sim.log().count("snbf_block_destroy_device(): snbf(100, 7) has been destroyed successfully"),
+      1);
   EXPECT_FALSE(sim.exists(bench.data_file(7)));
   EXPECT_FALSE(sim.exists(bench.bmp_file(7)));
   EXPECT_FALSE(sim.exists("/dev/snbf/snbf7"));
@@ -146,7 +154,8 @@ SIM_TEST(DeleteSnap, OutOfTurnItIsPostponedUntilTheOlderOneGoes) {
   bench.add_started(8);
   bench.add_started(9);
   EXPECT_EQ(delete_node(sim, 8), 0);
-  EXPECT_EQ(sim.log().count("snbf_block_destroy_device(): STOP is pending for snbf(100, 8). Postponing delete as well."),
+  EXPECT_EQ(sim.log().count("snbf_block_destroy_device(): STOP is pending for snbf(100, 8). "
+                            "Postponing delete as well."),
             1);
   EXPECT_EQ(bench.proc(8, "del_pending"), "1\n");
   EXPECT_TRUE(sim.exists(bench.data_file(8)));
@@ -166,8 +175,10 @@ SIM_TEST(DeleteFilter, TakesItsSnapsTheirFilesAndKcowdWithIt) {
   ASSERT_EQ(bench.add(8), 0);
   ASSERT_EQ(bench.write(1, 0x11), 0);
   ASSERT_EQ(delete_node(sim, kOrigin), 0);
-  EXPECT_EQ(sim.log().count("snbf_block_destroy_device(): Deleting associated snap snbf(100, 7)"), 1);
-  EXPECT_EQ(sim.log().count("snbf_block_destroy_device(): Deleting associated snap snbf(100, 8)"), 1);
+  EXPECT_EQ(sim.log().count("snbf_block_destroy_device(): Deleting associated snap snbf(100, 7)"),
+            1);
+  EXPECT_EQ(sim.log().count("snbf_block_destroy_device(): Deleting associated snap snbf(100, 8)"),
+            1);
   for (const u32 minor : {kOrigin, 7u, 8u}) {
     EXPECT_FALSE(sim.proc_exists("/proc/snbf/snbf" + std::to_string(minor)));
     EXPECT_FALSE(sim.exists("/dev/snbf/snbf" + std::to_string(minor)));

@@ -10,10 +10,13 @@ SIM_TEST(AddSnapNode, MakesAStoppedReadOnlyNodeAndFillsTheRecord) {
   SnapBench bench(sim, {.bytes = (1 << 20) + 512});
   snbf_snap_node_cmd record = bench.record("/store/one", 7, 8192);
   ASSERT_EQ(bench.add(record), 0);
-  EXPECT_EQ(sim.log().count("snbf_ioctl_add_snap_node(): Creating new snap node: snap_minor=7, snbf_minor=3, "
-                            "chunk_size=8192, cow_bmp_fname=/store/one.bmp, cow_data_fname=/store/one.data"),
+  EXPECT_EQ(sim.log().count(
+                "snbf_ioctl_add_snap_node(): Creating new snap node: snap_minor=7, snbf_minor=3, "
+                "chunk_size=8192, cow_bmp_fname=/store/one.bmp, cow_data_fname=/store/one.data"),
             1);
-  EXPECT_EQ(sim.log().count("snbf_ioctl_add_snap_node(): Attaching snap snbf(100, 7) to filter snbf(100, 3)"), 1);
+  EXPECT_EQ(sim.log().count(
+                "snbf_ioctl_add_snap_node(): Attaching snap snbf(100, 7) to filter snbf(100, 3)"),
+            1);
   EXPECT_EQ(record.snap_minor, 7);
   EXPECT_EQ(record.chunk_size, 8192u);
   EXPECT_STREQ(record.name, "snbf7");
@@ -101,8 +104,11 @@ SIM_TEST(AddSnapNode, RefusesFilesOfNoDevice) {
       std::strcpy(data ? record.cow_data_fname : record.cow_bmp_fname, path);
       sim.log().clear();
       EXPECT_EQ(bench.add(record), -EINVAL);
-      EXPECT_EQ(bench.errors(std::string("snbf_ioctl_add_snap_node(): Failed to get ID of the device with ") + path),
-                1);
+      EXPECT_EQ(
+          bench.errors(
+              std::string("snbf_ioctl_add_snap_node(): Failed to get ID of the device with ") +
+              path),
+          1);
     }
   }
   EXPECT_EQ(find_node(7), nullptr);
@@ -119,7 +125,9 @@ SIM_TEST(AddSnapNode, RefusesFilesOnTheNodeItself) {
     sim.log().clear();
     EXPECT_EQ(bench.add(record), -EINVAL);
     EXPECT_EQ(
-        bench.errors("snbf_ioctl_add_snap_node(): File /own/file can't be on the partition being snapped!"), 1);
+        bench.errors(
+            "snbf_ioctl_add_snap_node(): File /own/file can't be on the partition being snapped!"),
+        1);
   }
   ASSERT_EQ(sim.unmount(own), 0);
   EXPECT_EQ(bench.add(7), 0);
@@ -152,7 +160,9 @@ SIM_TEST(AddSnapNode, RefusesChunkSizesThatDoNotFit) {
     snbf_snap_node_cmd record = bench.record("/store/one", 7, size);
     sim.log().clear();
     EXPECT_EQ(bench.add(record), -EINVAL);
-    EXPECT_EQ(bench.errors("snbf_ioctl_add_snap_node(): Chunk size must be a multiple of page size (4096B)"), 1);
+    EXPECT_EQ(bench.errors(
+                  "snbf_ioctl_add_snap_node(): Chunk size must be a multiple of page size (4096B)"),
+              1);
   }
   EXPECT_EQ(snbf_blkdev_rwlock.count(), 0);
   EXPECT_EQ(find_node(7), nullptr);
@@ -175,7 +185,10 @@ SIM_TEST(AddSnapNode, RefusesAMinorThatIsTakenOrTooBig) {
   }
   record = bench.record("/store/more");
   EXPECT_EQ(bench.add(record), -ENOSPC);
-  EXPECT_EQ(bench.errors("snbf_ioctl_add_snap_node(): All 10 of SNBF minor nodes have already been used up."), 1);
+  EXPECT_EQ(
+      bench.errors(
+          "snbf_ioctl_add_snap_node(): All 10 of SNBF minor nodes have already been used up."),
+      1);
   EXPECT_EQ(record.snap_minor, -1);
   EXPECT_EQ(snbf_blkdev_rwlock.count(), 0);
 }
@@ -188,7 +201,9 @@ SIM_TEST_SEEDS(AddSnapNode, TheTwoHundredFiftySeventhIsRefused, 1) {
   }
   snbf_snap_node_cmd record = bench.record("/store/more");
   EXPECT_EQ(bench.add(record), -ENOSPC);
-  EXPECT_EQ(bench.errors("snbf_ioctl_add_snap_node(): Too many snaps already associated with snbf(100, 3)."), 1);
+  EXPECT_EQ(bench.errors(
+                "snbf_ioctl_add_snap_node(): Too many snaps already associated with snbf(100, 3)."),
+            1);
   EXPECT_EQ(info_of(sim, kOrigin).snap_cnt, 256u);
   EXPECT_EQ(snbf_blkdev_rwlock.count(), 0);
   ASSERT_EQ(delete_node(sim, 0), 0);
@@ -213,18 +228,22 @@ SIM_TEST_SEEDS(AddSnapNode, EnlargesTheChunksOfALargeVolume, 2) {
   EXPECT_EQ(record.chunk_size, 8192u);
   EXPECT_EQ(info_of(sim, 8).chunk_size, 8192u);
   EXPECT_EQ(info_of(sim, 8).chunk_cnt, (1u << 29) + 1);
-  EXPECT_EQ(bench.errors("snbf_ioctl_add_snap_node(): Chunk size 4096 is too small for such a large volume 4398046511616"),
+  EXPECT_EQ(bench.errors("snbf_ioctl_add_snap_node(): Chunk size 4096 is too small for such a "
+                         "large volume 4398046511616"),
             1);
-  EXPECT_EQ(bench.errors("snbf_ioctl_add_snap_node(): We have automatically increased it to 8192"), 1);
+  EXPECT_EQ(bench.errors("snbf_ioctl_add_snap_node(): We have automatically increased it to 8192"),
+            1);
 
   // Compared with the enlarged size, before any enlargement of its own; and the lock stays held.
   sim.log().clear();
   record = bench.record("/store/three", 9, 4096);
   record.snbf_minor = 4;
   EXPECT_EQ(bench.add(record), -EINVAL);
-  EXPECT_EQ(bench.errors("snbf_ioctl_add_snap_node(): snbf(100, 4) already has one snap with chunk size 8192. All "
-                         "snaps must have identical chunk sizes."),
-            1);
+  EXPECT_EQ(
+      bench.errors(
+          "snbf_ioctl_add_snap_node(): snbf(100, 4) already has one snap with chunk size 8192. All "
+          "snaps must have identical chunk sizes."),
+      1);
   snbf_blkdev_rwlock.write_unlock();
   ASSERT_EQ(delete_node(sim, 4), 0);
 }
@@ -236,9 +255,11 @@ SIM_TEST(AddSnapNode, UnequalChunkSizesLeaveTheTableLocked) {
   ASSERT_EQ(snbf_blkdev_rwlock.count(), 0);
   snbf_snap_node_cmd record = bench.record("/store/two", 8, 8192);
   EXPECT_EQ(bench.add(record), -EINVAL);
-  EXPECT_EQ(bench.errors("snbf_ioctl_add_snap_node(): snbf(100, 3) already has one snap with chunk size 4096. All "
-                         "snaps must have identical chunk sizes."),
-            1);
+  EXPECT_EQ(
+      bench.errors(
+          "snbf_ioctl_add_snap_node(): snbf(100, 3) already has one snap with chunk size 4096. All "
+          "snaps must have identical chunk sizes."),
+      1);
   EXPECT_EQ(snbf_blkdev_rwlock.count(), -1);
   snbf_blkdev_rwlock.write_unlock();
   EXPECT_EQ(snbf_blkdev_rwlock.count(), 0);
@@ -270,7 +291,8 @@ SIM_TEST_SEEDS(AddSnapNode, WithoutMemoryForTheRecordTheTableStaysLocked, 2) {
   EXPECT_EQ(held, 1);
 }
 
-// Kept: without a disk the record is freed, but its entries in the table and in the filter's list stay.
+// Kept: without a disk the record is freed, but its entries in the table and in the filter's list
+// stay.
 SIM_TEST(AddSnapNode, WithoutADiskTheFreedRecordStaysInTheTable) {
   SnapBench bench(sim);
   sim.fail_nth(Fault::DiskAlloc, 1);
@@ -290,18 +312,19 @@ SIM_TEST(AddSnapNode, WithoutADiskTheFreedRecordStaysInTheTable) {
 SIM_TEST(AddSnapNode, FailuresBehindTheDiskAreUndone) {
   SnapBench bench(sim);
   for (const Fault fault : {Fault::DiskAdd, Fault::ProcCreate}) {
-    for (int nth = 1; fails_at(sim, fault, nth, [&] {
-           if (bench.add(7) != 0) {
-             EXPECT_EQ(find_node(7), nullptr);
-             EXPECT_FALSE(sim.disk_exists(kNode(7)));
-             EXPECT_FALSE(sim.proc_exists("/proc/snbf/snbf7"));
-             EXPECT_EQ(info_of(sim, kOrigin).snap_cnt, 0u);
-           }
-           EXPECT_EQ(snbf_blkdev_rwlock.count(), 0);
-           if (find_node(7) != nullptr) {
-             EXPECT_EQ(delete_node(sim, 7), 0);
-           }
-         });
+    for (int nth = 1; fails_at(sim, fault, nth,
+                               [&] {
+                                 if (bench.add(7) != 0) {
+                                   EXPECT_EQ(find_node(7), nullptr);
+                                   EXPECT_FALSE(sim.disk_exists(kNode(7)));
+                                   EXPECT_FALSE(sim.proc_exists("/proc/snbf/snbf7"));
+                                   EXPECT_EQ(info_of(sim, kOrigin).snap_cnt, 0u);
+                                 }
+                                 EXPECT_EQ(snbf_blkdev_rwlock.count(), 0);
+                                 if (find_node(7) != nullptr) {
+                                   EXPECT_EQ(delete_node(sim, 7), 0);
+                                 }
+                               });
          ++nth) {
     }
   }

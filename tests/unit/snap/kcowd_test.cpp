@@ -15,7 +15,8 @@ SIM_TEST(CowThread, SaysWhatItHasAtItsStart) {
   sim.sleep_us(1000);
   EXPECT_EQ(sim.log().count("COW will be done in groups of 4194304 bytes"), 1);
   EXPECT_EQ(sim.log().count("Preallocated 1024 pages and 1024 bio for 1024 chunks"), 1);
-  EXPECT_EQ(sim.log().count("snbf_cowthread_start(): Successfully started COW thread kcowd. pid="), 1);
+  EXPECT_EQ(sim.log().count("snbf_cowthread_start(): Successfully started COW thread kcowd. pid="),
+            1);
   bench.add_started(8);
   EXPECT_EQ(sim.log().count("Successfully started COW thread"), 1);
 }
@@ -76,7 +77,8 @@ SIM_TEST(CowThread, DataBeforeBitBeforeWrite) {
     if (seen.op == Op::Write && seen.sector == 8) landed = seen.sent_us;
   }
   ASSERT_NE(landed, 0u);
-  // Two commits or flushes of the store at least end before the write is sent: the data's, then the bitmap's.
+  // Two commits or flushes of the store at least end before the write is sent: the data's, then the
+  // bitmap's.
   int syncs = 0;
   for (const Device::Seen& seen : bench.store_disk->history()) {
     if (seen.preflush && seen.completed && seen.done_us <= landed) ++syncs;
@@ -90,8 +92,10 @@ SIM_TEST(CowThread, AGroupHoldsFourMiB) {
     u32 chunk_size;
     const char* line;
   };
-  for (const Case& one : {Case{4096, "COWing 1024 chunks (1024 pages)"}, Case{8192, "COWing 512 chunks (1024 pages)"},
-                          Case{4194304, "COWing 1 chunks (1024 pages)"}, Case{8388608, "COWing 1 chunks (2048 pages)"}}) {
+  for (const Case& one :
+       {Case{4096, "COWing 1024 chunks (1024 pages)"}, Case{8192, "COWing 512 chunks (1024 pages)"},
+        Case{4194304, "COWing 1 chunks (1024 pages)"},
+        Case{8388608, "COWing 1 chunks (2048 pages)"}}) {
     SCOPED_TRACE(one.line);
     bench.add_started(7, one.chunk_size);
     sim.log().clear();
@@ -122,7 +126,8 @@ SIM_TEST(CowThread, TwoQueuedWritesToAChunkMakeOneCopy) {
   sim.log().clear();
   bench.disk->hold(true);  // the copy's read waits, so both are queued
   for (int i = 0; i < 2; ++i) {
-    sim.spawn("writer", [&, i] { EXPECT_EQ(sim.write(kNode(kOrigin), 8 + 4 * i, Bytes(2048, 0x99)), 0); });
+    sim.spawn("writer",
+              [&, i] { EXPECT_EQ(sim.write(kNode(kOrigin), 8 + 4 * i, Bytes(2048, 0x99)), 0); });
   }
   sim.wait_until([&] { return bench.filter()->cowqueue.length() == 2; });
   bench.disk->hold(false);
@@ -147,14 +152,16 @@ SIM_TEST(CowThread, AReadOfNothingCopiedGoesToThePartition) {
 
 SIM_TEST(CowThread, AReadIsPutTogetherFromEverySourceItNeeds) {
   SnapBench bench(sim);
-  for (u64 block = 0; block < 6; ++block) ASSERT_EQ(bench.write(block, static_cast<u8>(0x10 + block)), 0);
+  for (u64 block = 0; block < 6; ++block)
+    ASSERT_EQ(bench.write(block, static_cast<u8>(0x10 + block)), 0);
   bench.add_started(7);
   ASSERT_EQ(bench.write(1, 0x91), 0);
   bench.add_started(8);
   ASSERT_EQ(bench.write(3, 0x93), 0);
   ASSERT_EQ(bench.write(1, 0xA1), 0);
   Bytes data;
-  ASSERT_EQ(sim.read(kNode(7), 4, 5 * 4096, &data), 0);  // from the middle of block 0 to that of block 5
+  ASSERT_EQ(sim.read(kNode(7), 4, 5 * 4096, &data),
+            0);  // from the middle of block 0 to that of block 5
   for (u64 i = 0; i < data.size(); ++i) ASSERT_EQ(data[i], 0x10 + (i + 2048) / 4096) << i;
   ASSERT_EQ(sim.read(kNode(8), 4, 5 * 4096, &data), 0);
   for (u64 i = 0; i < data.size(); ++i) {
@@ -168,7 +175,9 @@ SIM_TEST(CowThread, AReadIsPutTogetherFromEverySourceItNeeds) {
 void expect_broken(SnapBench& bench, std::initializer_list<u32> broken, u32 sound) {
   Sim& sim = bench.sim;
   for (const u32 minor : broken) {
-    EXPECT_EQ(sim.log().count("Invalidating snap device snbf(100, " + std::to_string(minor) + ")"), 1) << minor;
+    EXPECT_EQ(sim.log().count("Invalidating snap device snbf(100, " + std::to_string(minor) + ")"),
+              1)
+        << minor;
     EXPECT_EQ(info_of(sim, minor).snap_valid, 0u) << minor;
     EXPECT_EQ(info_of(sim, minor).started, 1u) << minor;
     EXPECT_EQ(bench.read(minor, 1), -EIO) << minor;
@@ -201,7 +210,8 @@ SIM_TEST(CowThread, AFailureOfAnyFileOperationBreaksTheSnapAndNoWrite) {
   u32 minor = 7;
   for (const Fault fault : {Fault::FileWrite, Fault::FileSync, Fault::ZeroWrite}) {
     for (u64 nth = 1; nth <= 4; ++nth) {
-      SCOPED_TRACE("fault " + std::to_string(static_cast<int>(fault)) + " at call " + std::to_string(nth));
+      SCOPED_TRACE("fault " + std::to_string(static_cast<int>(fault)) + " at call " +
+                   std::to_string(nth));
       ASSERT_EQ(bench.write(1, 0x11), 0);
       bench.add_started(minor);
       sim.log().clear();
@@ -232,7 +242,8 @@ SIM_TEST(CowThread, AFullStoreBreaksTheSnapAndNoWrite) {
   bench.store->set_free_blocks(~0ull);
 }
 
-// The store does not answer: after ten seconds the snap is given up and the writes go on; kcowd finds that later.
+// The store does not answer: after ten seconds the snap is given up and the writes go on; kcowd
+// finds that later.
 SIM_TEST(CowThread, AStoreThatStallsHoldsNoWriteLongerThanTenSeconds) {
   SnapBench bench(sim);
   bench.add_started(7);

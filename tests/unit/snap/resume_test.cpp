@@ -19,7 +19,8 @@ SIM_TEST(ResumeSnap, GoesOnWithTheImage) {
   stopped_snap(bench);
   ASSERT_EQ(bench.resume(7), 0);
   EXPECT_EQ(sim.log().count("snbf_ioctl_resume_snap(): Resuming snap snbf(100, 7)"), 1);
-  EXPECT_EQ(sim.log().count("snbf_ioctl_resume_snap(): snbf(100, 7) has been resumed successfully"), 1);
+  EXPECT_EQ(sim.log().count("snbf_ioctl_resume_snap(): snbf(100, 7) has been resumed successfully"),
+            1);
   EXPECT_EQ(info_of(sim, 7).started, 1u);
   EXPECT_EQ(info_of(sim, 7).snap_valid, 1u);
   EXPECT_EQ(bench.read(7, 1), 0x11);
@@ -40,7 +41,8 @@ SIM_TEST(ResumeSnap, GoesOnAfterARestartOfTheDriver) {
   ASSERT_EQ(bench.add(7), 0);
   ASSERT_EQ(bench.resume(7), 0);
   EXPECT_EQ(info_of(sim, kOrigin).started, 1u) << "the filter is started with its snap";
-  EXPECT_EQ(sim.log().count("snbf_cowthread_start(): Successfully started COW thread kcowd. pid="), 1);
+  EXPECT_EQ(sim.log().count("snbf_cowthread_start(): Successfully started COW thread kcowd. pid="),
+            1);
   ASSERT_EQ(bench.write(2, 0x88), 0);
   EXPECT_EQ(bench.read(7, 1), 0x11);
   EXPECT_EQ(bench.read(7, 2), 0x22);
@@ -67,7 +69,10 @@ SIM_TEST(ResumeSnap, RefusalsLeaveTheTableLocked) {
   snbf_blkdev_rwlock.read_unlock();
 
   EXPECT_EQ(bench.resume(7), -EALREADY);
-  EXPECT_EQ(bench.errors("snbf_ioctl_resume_snap(): Can't resume snap snbf(100, 7): it's been started already."), 1);
+  EXPECT_EQ(
+      bench.errors(
+          "snbf_ioctl_resume_snap(): Can't resume snap snbf(100, 7): it's been started already."),
+      1);
   bench.expect_table(1);
   snbf_blkdev_rwlock.read_unlock();
   EXPECT_EQ(info_of(sim, 7).snap_valid, 1u);
@@ -81,7 +86,8 @@ SIM_TEST(ResumeSnap, AnInvalidOneIsStartedButRefusesReadsAndIsNotCopiedFor) {
   EXPECT_EQ(info_of(sim, 7).snap_valid, 0u);
   sim.log().clear();
   EXPECT_EQ(bench.read(7, 2), -EIO);
-  EXPECT_EQ(bench.errors("snbf_make_request(): I/O request for snbf(100, 7), which is in STOP_PENDING state or INVALID."),
+  EXPECT_EQ(bench.errors("snbf_make_request(): I/O request for snbf(100, 7), which is in "
+                         "STOP_PENDING state or INVALID."),
             1);
   ASSERT_EQ(bench.write(2, 0x88), 0);
   EXPECT_FALSE(sim.log().contains("COWing"));
@@ -142,19 +148,20 @@ SIM_TEST_SEEDS(ResumeSnap, LeavesNothingWhicheverStepFails, 2) {
   SnapBench bench(sim);
   stopped_snap(bench);
   for (const Fault fault : {Fault::Heap, Fault::Virt, Fault::FileOpen, Fault::FileRead}) {
-    for (int nth = 1; fails_at(sim, fault, nth, [&] {
-           const int rc = bench.resume(7);
-           sim.clear_faults();
-           if (rc == 0) {
-             EXPECT_EQ(bench.read(7, 1), 0x11);
-             EXPECT_EQ(stop_node(sim, 7), 0);
-             return;
-           }
-           EXPECT_EQ(info_of(sim, 7).started, 0u);
-           EXPECT_EQ(bench.snap(7)->cow_data_file, nullptr);
-           EXPECT_EQ(bench.snap(7)->cow_bmp_file, nullptr);
-           bench.expect_table(0);
-         });
+    for (int nth = 1; fails_at(sim, fault, nth,
+                               [&] {
+                                 const int rc = bench.resume(7);
+                                 sim.clear_faults();
+                                 if (rc == 0) {
+                                   EXPECT_EQ(bench.read(7, 1), 0x11);
+                                   EXPECT_EQ(stop_node(sim, 7), 0);
+                                   return;
+                                 }
+                                 EXPECT_EQ(info_of(sim, 7).started, 0u);
+                                 EXPECT_EQ(bench.snap(7)->cow_data_file, nullptr);
+                                 EXPECT_EQ(bench.snap(7)->cow_bmp_file, nullptr);
+                                 bench.expect_table(0);
+                               });
          ++nth) {
     }
   }
