@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "failure.h"
 #include "reasons.h"
@@ -22,6 +24,8 @@ constexpr uint64_t kBlockBytes = 512;  // of st_blocks
 constexpr uint64_t kRoomMin = 64 << 20;
 constexpr uint64_t kRoomShare = 10;  // of the partition
 constexpr int kNameTries = 100;
+constexpr auto kLookersGoWithin = std::chrono::seconds(2);
+constexpr auto kLookAgain = std::chrono::milliseconds(50);
 
 Failure refusal(int rc, const snbf_info& filter, const NewSnap& wanted) {
   const std::string doing = fmt::format("making a snap of {}", filter.name);
@@ -209,12 +213,24 @@ MadeSnap make_snap(const Driver& driver, const snbf_info& filter, const NewSnap&
   return {driver.info(request.minor_used), request.start_us};
 }
 
+int delete_snap(const Driver& driver, const snbf_info& snap, int* postponed) {
+  const auto give_up = std::chrono::steady_clock::now() + kLookersGoWithin;
+  int rc;
+  // A new block device is opened by programs that look what is on it; a mount stays.
+  while ((rc = libsnbf_snap_delete(driver.get(), snap.minor, postponed)) == -EBUSY &&
+         std::chrono::steady_clock::now() < give_up &&
+         mounts_of(device_of(snap_path(snap))).empty()) {
+    std::this_thread::sleep_for(kLookAgain);
+  }
+  return rc;
+}
+
 size_t remove_temporary_snaps(const Driver& driver, const snbf_info& filter) {
   size_t removed = 0;
   for (const Snap& snap : snaps_of(driver, filter)) {
     if (!snap.record.temporary || (snap.node && snap.node->del_pending)) continue;
     int postponed = 0;
-    const int rc = snap.node ? libsnbf_snap_delete(driver.get(), snap.node->minor, &postponed)
+    const int rc = snap.node ? delete_snap(driver, *snap.node, &postponed)
                              : libsnbf_snap_discard(driver.get(), filter.minor, snap.record.name);
     if (rc == 0) {
       ++removed;

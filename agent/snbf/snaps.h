@@ -69,6 +69,9 @@ struct MadeSnap {
 };
 MadeSnap make_snap(const Driver& driver, const snbf_info& filter, const NewSnap& wanted);
 
+// Deletes the node, or waits a moment for whoever just looks at it: 0 or a negated error number.
+int delete_snap(const Driver& driver, const snbf_info& snap, int* postponed);
+
 // What backups that were cut off left behind. Answers how many; those that cannot go yet stay.
 size_t remove_temporary_snaps(const Driver& driver, const snbf_info& filter);
 

@@ -92,7 +92,7 @@ void SnapSource::drop() {
   if (!there_) return;
   fd_.reset();
   int postponed = 0;
-  must(libsnbf_snap_delete(driver_.get(), made_.node.minor, &postponed),
+  must(delete_snap(driver_, made_.node, &postponed),
        fmt::format("deleting the snap {}", made_.node.name));
   there_ = false;
   if (postponed) {

@@ -16,7 +16,8 @@ namespace {
 int resume_snaps(const Driver& driver, const snbf_info& node) {
   int status = kDone;
   for (const Snap& snap : snaps_of(driver, node)) {
-    if (snap.state() == "resumable") continue;
+    // That of a backup that was cut off is nobody's loss.
+    if (snap.state() == "resumable" || snap.record.temporary) continue;
     warn(fmt::format("the snap {} is not resumed: {}", snap.name(), describe_state(snap)));
     status = kWarned;
   }

@@ -176,7 +176,7 @@ void delete_one(const Driver& driver, const Snap& snap, const DeleteOptions& opt
   warn_or_refuse(snap, older, options.yes);
   int postponed = 0;
   const int rc = snap.node
-                     ? libsnbf_snap_delete(driver.get(), snap.node->minor, &postponed)
+                     ? delete_snap(driver, *snap.node, &postponed)
                      : libsnbf_snap_discard(driver.get(), snap.filter.minor, snap.record.name);
   if (rc == -EBUSY && snap.node) throw busy(snap);
   must(rc, fmt::format("deleting {}", snap.name()));
