@@ -1,0 +1,213 @@
+"""Snaps of file systems at work: whole for fsck, with every byte that was synced before their start."""
+
+import contextlib
+import fcntl
+import hashlib
+import multiprocessing
+import os
+import random
+import subprocess
+import time
+
+import images
+import kit
+import writers
+from kit import KIB, MIB
+
+GUEST = {"disks": ["both:400M", "ext4:160M", "xfs:320M", "scratch:320M", "store:900M"], "limit": 500, "memory": 2048}
+
+SEED = 20240717
+FIFREEZE, FITHAW = 0xc0045877, 0xc0045878
+KINDS = {
+    "ext3": (["mkfs.ext3", "-q", "-F"], "noload"),
+    "ext4": (["mkfs.ext4", "-q", "-F"], "noload"),
+    "xfs": (["mkfs.xfs", "-q", "-f"], "norecovery,nouuid"),
+}
+
+
+@kit.case
+@kit.essential
+def the_module_loads():
+    kit.state_folder("store")
+    os.makedirs("/mnt/look")
+    kit.load(snbf_debug=1)
+
+
+@contextlib.contextmanager
+def at_work(folder):
+    """Two exercisers, and fio that verifies; each is to have met its own bytes when it ends."""
+    stop_file = f"/tmp/stop-{os.path.basename(folder)}"
+    with contextlib.suppress(FileNotFoundError):
+        os.unlink(stop_file)
+    exercisers = [multiprocessing.get_context("fork").Process(
+        target=writers.exercise, args=(f"{folder}/exercised{number}", SEED + number, stop_file))
+        for number in range(2)]
+    for process in exercisers:
+        process.start()
+    fio = subprocess.Popen(
+        ["fio", "--name=work", f"--directory={folder}", "--size=8M", "--rw=randwrite", "--bsrange=512-32k",
+         "--direct=1", "--ioengine=libaio", "--iodepth=8", "--verify=crc32c", "--verify_fatal=1",
+         "--verify_backlog=64", "--verify_dump=0", "--loops=1000", "--randseed=3", "--rate_iops=300"],
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, cwd="/tmp")
+    try:
+        yield
+    finally:
+        with open(stop_file, "w", encoding="ascii"):
+            pass
+        early = fio.poll()
+        fio.terminate()
+        said = fio.communicate()[0]
+        for process in exercisers:
+            process.join(60)
+        os.unlink(stop_file)
+    kit.check(early is None and "verify:" not in said, f"fio ended early: {early}: {said[-1500:]}")
+    kit.equal([process.exitcode for process in exercisers], [0, 0], "exercisers")
+
+
+class Witnesses:
+    """Files that are synced before a start, and spoilt behind it."""
+
+    def __init__(self, folder, rng):
+        self.folder = folder
+        self.rng = rng
+        self.names = [f"witness{number}" for number in range(12)]
+
+    def write(self):
+        """Their hashes, once they are on the disk."""
+        hashes = {}
+        for name in self.names:
+            data = self.rng.randbytes(self.rng.randint(1, 300 * KIB))
+            with open(f"{self.folder}/{name}", "r+b" if os.path.exists(f"{self.folder}/{name}") else "wb") as out:
+                out.write(data)
+                out.truncate()
+                out.flush()
+                os.fsync(out.fileno())
+            hashes[name] = hashlib.md5(data).hexdigest()
+        folder = os.open(self.folder, os.O_RDONLY)
+        os.fsync(folder)
+        os.close(folder)
+        return hashes
+
+    def spoil(self):
+        for name in self.rng.sample(self.names, 8):
+            with open(f"{self.folder}/{name}", "r+b") as out:
+                out.write(self.rng.randbytes(os.path.getsize(out.name)))
+                os.fsync(out.fileno())
+        for name in self.rng.sample(self.names, 2):
+            os.unlink(f"{self.folder}/{name}")
+
+
+def check_witnesses(path, options, hashes, when):
+    look = "/mnt/look"
+    kit.run("mount", "-o", f"ro,{options}", path, look)
+    try:
+        for name, wanted in hashes.items():
+            with open(f"{look}/{name}", "rb") as text:
+                kit.equal(hashlib.md5(text.read()).hexdigest(), wanted, f"{when}: {name}")
+    finally:
+        kit.run("umount", look)
+
+
+def frozen_start(folder, device, snaps, chunk_size):
+    """Frozen by hand, so that what the partition holds can be read before the start, and after it."""
+    fd = os.open(folder, os.O_RDONLY)
+    fcntl.ioctl(fd, FIFREEZE, 0)
+    try:
+        wanted = images.hashes(device, chunk_size)
+        image = snaps.start(wanted, mapped=True, chunk_size=chunk_size)
+    finally:
+        fcntl.ioctl(fd, FITHAW, 0)
+        os.close(fd)
+    return image
+
+
+def free_start(snaps, chunk_size):
+    """In the midst of writes: what the image is, only itself can tell."""
+    minor = snaps.add(chunk_size=chunk_size)
+    kit.done(kit.start(minor), "start while the file system is at work")
+    image = images.Image(minor, None, mapped=True)
+    image.wanted = images.hashes(image.path, chunk_size)
+    return image
+
+
+def is_whole(path, kind):
+    """Whole as it is; but XFS counts its free blocks anew only when it is mounted: a copy of it then."""
+    if kind != "xfs":
+        kit.run("e2fsck", "-fn", path)
+        return
+    scratch, look = kit.disk("scratch"), "/mnt/look"
+    kit.run("dd", f"if={path}", f"of={scratch}", "bs=4M", "iflag=direct", "oflag=direct")
+    kit.run("mount", "-o", "nouuid", scratch, look)
+    kit.run("umount", look)
+    kit.run("xfs_repair", "-n", scratch)
+
+
+def check_snap(image, hashes, kind, when):
+    image.check(when)
+    is_whole(image.path, kind)
+    check_witnesses(image.path, KINDS[kind][1], hashes, when)
+
+
+def starts_at_work(kind, device, folder, snaps, chunk_size):
+    rng = random.Random(SEED)
+    witnesses = Witnesses(folder, rng)
+    started = []
+    with at_work(folder):
+        for number in range(4):
+            hashes = witnesses.write()
+            time.sleep(rng.uniform(0.1, 0.6))
+            image = free_start(snaps, chunk_size) if number % 2 else frozen_start(folder, device, snaps, chunk_size)
+            started.append((image, hashes))
+            witnesses.spoil()
+        for image, hashes in started[:1]:
+            check_snap(image, hashes, kind, f"{kind} at work: snap {image.minor}")
+    for image, hashes in started:
+        check_snap(image, hashes, kind, f"{kind}: snap {image.minor}")
+    return [image for image, _ in started]
+
+
+def file_system(kind, device, chunk_size):
+    make = KINDS[kind][0]
+    folder = f"/mnt/{kind}"
+    os.makedirs(folder, exist_ok=True)
+    kit.run(*make, device)
+    with images.snapped(device, "/mnt/store") as (node, snaps):
+        kit.run("mount", node, folder)
+        try:
+            started = starts_at_work(kind, device, folder, snaps, chunk_size)
+        finally:
+            kit.run("umount", folder)
+        copied = sum(len(image.copied()) for image in started)
+        kit.check(copied > 20, f"only {copied} chunks were copied: nothing was tested")
+        print(f"{kind}: {copied} chunks of {chunk_size} copied, {len(started[0].used)} of "
+              f"{len(started[0].wanted)} used")
+    is_whole(device, kind)
+
+
+@kit.case
+def ext4_with_chunks_of_4_kib():
+    file_system("ext4", kit.disk("ext4"), 4 * KIB)
+
+
+@kit.case
+def xfs_with_chunks_of_64_kib():
+    file_system("xfs", kit.disk("xfs"), 64 * KIB)
+
+
+@kit.case
+def ext3_whose_snaps_lie_on_the_same_disk():
+    volume, store = kit.partitions(kit.disk("both"), 2, 190)
+    kit.run("umount", "/mnt/store")
+    kit.run("mkfs.ext4", "-q", "-F", store)
+    kit.run("mount", store, "/mnt/store")
+    file_system("ext3", volume, 16 * KIB)
+
+
+@kit.case
+def the_module_unloads():
+    kit.unload()
+    kit.equal(kit.slabs(), [], "slab caches")
+
+
+if __name__ == "__main__":
+    kit.main()
