@@ -7,6 +7,10 @@
 
 namespace snbf {
 
+constexpr u64 blocks_covering(u64 bytes, u32 block_size) {
+  return (bytes + block_size - 1) / block_size;
+}
+
 class ChunkMarks {
  public:
   // Clears the first (chunk_count + 7) / 8 bytes of `bits`. The chunk size has been checked.

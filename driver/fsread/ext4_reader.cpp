@@ -300,7 +300,8 @@ int ext4_reader_read(Ext4Reader* reader, u64 first, u32 chunk_size, u8* bits, u3
   if (int rc = check_reader_chunks(kRead, chunk_size, layout.block_size); rc != 0) return rc;
   ChunkMarks marks{bits, first, chunk_count, chunk_size, layout.block_size};
   marks.mark(0, layout.super.first_data_block);
-  marks.mark(layout.super.blocks_count, ~u64{0});
+  marks.mark(layout.super.blocks_count,
+             blocks_covering(snbf_plat_bdev_bytes(reader->bdev), layout.block_size));
   const u64 front = layout.super.first_data_block;
   u64 block = marks.first_block() > front ? marks.first_block() : front;
   for (; block < marks.end_block() && block < layout.super.blocks_count;) {

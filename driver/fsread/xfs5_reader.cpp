@@ -267,7 +267,7 @@ int xfs5_reader_read(Xfs5Reader* reader, u64 first, u32 chunk_size, u8* bits, u3
   const XfsSuper& super = reader->super;
   if (int rc = check_reader_chunks(kRead, chunk_size, super.block_size); rc != 0) return rc;
   ChunkMarks marks{bits, first, chunk_count, chunk_size, super.block_size};
-  marks.mark(super.blocks, ~u64{0});
+  marks.mark(super.blocks, blocks_covering(snbf_plat_bdev_bytes(reader->bdev), super.block_size));
   u64 block = marks.first_block();
   while (block < marks.end_block() && block < super.blocks) {
     const u32 ag = static_cast<u32>(block / super.ag_blocks);

@@ -117,5 +117,40 @@ SIM_TEST(ExtClaim, NeedsTheSuperblock) {
   EXPECT_GE(nth, 4);
 }
 
+// The documented reader reads less than such a device's blocks, and would be refused.
+SIM_TEST(ExtClaim, ADeviceOfLargeBlocksIsRead) {
+  LoggedParts parts;
+  const Ext2Image layout = {
+      .block_size = 4096, .blocks_count = 5000, .first_data_block = 0, .used = {1, 2, 3, 77}};
+  OpenDevice disk(sim, {.name = "sda1", .bytes = layout.device_bytes(), .block_bytes = 4096});
+  Bytes head = layout.bytes();
+  put_le(head, 1024 + 88, 128, 2);  // the size of an inode
+  put_le(head, 1024 + 76, 1, 4);
+  disk.device->poke(0, head);
+  EXPECT_EQ(ext4_reader_claim(disk.bdev), Claim::Mine);
+  snbf_blkbmp map;
+  snbf_blkbmp_init(&map);
+  EXPECT_EQ(snbf_blkbmp_read(&map, disk.bdev, 4096), 0);
+  EXPECT_EQ(snbf_blkbmp_is_used(&map, 77), 1);
+  EXPECT_EQ(snbf_blkbmp_is_used(&map, 78), 0);
+  EXPECT_FALSE(sim.log().has_errors());
+  snbf_blkbmp_destroy(&map);
+}
+
+// What an earlier file system has left on the disk is not asked about once a reader has been found.
+SIM_TEST(ExtClaim, AnOldReiserfsBehindItDoesNotMatter) {
+  LoggedParts parts;
+  ImageOnDevice image(sim, Ext2Image{});
+  Bytes stale(4096);
+  put_le(stale, 44, 4096, 2);
+  put_le(stale, 16, 0x801, 4);
+  std::memcpy(stale.data() + 52, "ReIsEr2Fs", 9);
+  image.disk.device->poke(128, stale);
+  snbf_blkbmp map;
+  snbf_blkbmp_init(&map);
+  EXPECT_EQ(snbf_blkbmp_read(&map, image.bdev(), 1024), 0);
+  snbf_blkbmp_destroy(&map);
+}
+
 }  // namespace
 }  // namespace snbf::sim

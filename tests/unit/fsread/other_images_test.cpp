@@ -17,6 +17,7 @@ std::string name_of(const ::testing::TestParamInfo<Made>& info) { return info.pa
 
 void expect_safe(const Made& made, const RealImage& image, const Truth& truth) {
   ASSERT_GT(truth.block_size, 0u);
+  EXPECT_EQ(self_test(image), 0);
   for (u32 chunk_size : {truth.block_size, 4096u, 65536u, 1u << 20}) {
     if (chunk_size < truth.block_size) continue;
     const Comparison found = compare_with_truth(image, truth, chunk_size);

@@ -12,6 +12,7 @@
 
 #include "fsread/blkbmp.h"
 #include "fsread/reader.h"
+#include "fsread/selftest.h"
 
 namespace snbf::sim {
 
@@ -263,6 +264,20 @@ Comparison compare_with_truth(const RealImage& image, const Truth& truth, u32 ch
     snbf_blkbmp_destroy(&map);
   });
   return result;
+}
+
+int self_test(const RealImage& image) {
+  int rc = -1;
+  const std::map<u64, Bytes>& pages = image.pages();
+  run_sim_body(1, [&](Sim& sim) {
+    LoggedParts parts(1);
+    OpenDevice disk(sim, {.name = "sda1", .bytes = image.bytes()});
+    for (const auto& [at, page] : pages) disk.device->poke(at / 512, page);
+    sim.fail_always(Fault::FileOpen);
+    rc = snbf_blkbmp_test(disk.bdev);
+    EXPECT_TRUE(rc == 0) << sim.log().dump();
+  });
+  return rc;
 }
 
 }  // namespace snbf::sim

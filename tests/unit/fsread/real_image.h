@@ -67,4 +67,7 @@ struct Comparison {
 Comparison compare_with_truth(const RealImage& image, const Truth& truth, u32 chunk_size,
                               u64 device_bytes = 0, const std::map<u64, Bytes>& damage = {});
 
+// What the driver's own self-test says of it.
+int self_test(const RealImage& image);
+
 }  // namespace snbf::sim
