@@ -24,6 +24,7 @@ struct SnapSetup {
   u64 bytes = 1 << 20;  // of the partition
   u32 chunk_bytes = 4096;
   u64 store_bytes = 24 << 20;
+  u32 store_latency_max_us = 400;
   bool store_on_node = false;  // the store lies on another node of the driver, snbf200
   bool store_by_test = false;  // the test mounts /store itself
   u64 fs_blocks = 0;           // of a file system on the node, mounted at /data; 0: none

@@ -104,9 +104,16 @@ void live(SnapRig& rig, Life& life, Scene scene) {
         },
         static_cast<u32>(rig.sim.random(20'000)));
   }
-  write_some(rig, 2, 5);
+  if (rig.write_sectors_max > 4) {
+    write_some(rig, 2, 5);
+  } else {
+    write_some(rig, 6, 3);
+  }
   rig.sim.sleep_us(20'000);
 }
+
+// Small writes, many to a chunk.
+bool is_crowded(u64 seed) { return seed % 2 == 0; }
 
 SnapSetup setup_of(u64 seed) {
   constexpr u32 kChunks[] = {4096, 8192, 65536};
@@ -114,6 +121,11 @@ SnapSetup setup_of(u64 seed) {
   setup.chunk_bytes = kChunks[seed % 3];
   setup.bytes = (192 << 10) + 1536;
   setup.store_bytes = 4 << 20;
+  // Long between the bit and its sync: other writes of the chunk come by meanwhile.
+  if (is_crowded(seed)) {
+    setup.chunk_bytes = 65536;
+    setup.store_latency_max_us = 4000;
+  }
   return setup;
 }
 
@@ -121,7 +133,7 @@ SnapSetup setup_of(u64 seed) {
 sim::Images run_until(u64 seed, u64 moment, Scene scene, Life& life) {
   Sim sim({.seed = seed});
   SnapRig rig(sim, life.setup, &life.partition);
-  rig.write_sectors_max = 48;
+  rig.write_sectors_max = is_crowded(seed) ? 4 : 48;
   if (moment != 0) sim.power_cut_at_us(moment);
   const sim::RunEnd end = sim.run([&] {
     live(rig, life, scene);

@@ -56,7 +56,7 @@ void live(SnapRig& rig, int steps) {
   rig.end(rig.sim.random(2) == 0);
 }
 
-SIM_TEST_SEEDS(Snapshot, ImagesNeverChangeUnderAnyLoad, 300) {
+SIM_TEST_SEEDS(Snapshot, ImagesNeverChangeUnderAnyLoad, 200) {
   SnapRig rig(sim, setup_for(sim, kChunks[sim.random(std::size(kChunks))]));
   live(rig, 24);
 }
@@ -88,6 +88,68 @@ SIM_TEST_SEEDS(Snapshot, ResumedSnapsGoOnWithTheirImages, 100) {
   rig.writer(6);
   rig.check_snaps();
   if (testing::Test::HasFailure()) return;
+  rig.end();
+}
+
+// Few chunks, everybody at them at once, and again with the next snap: a read that overlaps
+// several, some copied and some not, waits for one while another is overwritten.
+SIM_TEST_SEEDS(Snapshot, ReadsAndWritesRaceForFewChunks, 150) {
+  SnapSetup setup;
+  setup.bytes = 64 << 10;
+  setup.latency_max_us = sim.random(2) == 0 ? 400 : 30'000;
+  SnapRig rig(sim, setup);
+  rig.begin();
+  if (testing::Test::HasFatalFailure()) return;
+  rig.snaps_max = 5;
+  for (int round = 0; round < 4 && !testing::Test::HasFailure(); ++round) {
+    Snap* fresh = rig.add_snap();
+    ASSERT_NE(fresh, nullptr);
+    ASSERT_EQ(rig.start_snap(*fresh), 0);
+    for (int i = 0; i < 3; ++i) {
+      sim.spawn("writer", [&] {
+        for (int n = 0; n < 10; ++n) {
+          const u64 count = 1 + sim.random(12);
+          rig.write(sim.random(rig.sectors() - count), count);
+        }
+      });
+      sim.spawn("snap reader", [&] {
+        for (int n = 0; n < 10; ++n) {
+          const u32 count = static_cast<u32>(1 + sim.random(64));
+          rig.read_snap(*rig.snaps[sim.random(rig.snaps.size())], sim.random(rig.sectors() - count),
+                        count);
+        }
+      });
+    }
+    sim.join_all();
+  }
+  if (testing::Test::HasFailure()) return;
+  rig.check_snaps();
+  rig.end();
+}
+
+// The first snap of a node starts among writes that are passed on in place, one upon the other.
+SIM_TEST_SEEDS(Snapshot, TheFirstStartsAmongWritesPassedOnInPlace, 40) {
+  SnapSetup setup;
+  setup.bytes = 32 << 10;
+  setup.latency_max_us = 20 + static_cast<u32>(sim.random(40));
+  SnapRig rig(sim, setup);
+  rig.begin();
+  if (testing::Test::HasFatalFailure()) return;
+  Snap* snap = nullptr;
+  bool over = false;
+  for (int i = 0; i < 5; ++i) {
+    sim.spawn("writer", [&] {
+      while (!over && !testing::Test::HasFailure()) rig.write(sim.random(64), 1);
+    });
+  }
+  sim.sleep_us(sim.random(300));
+  snap = rig.add_snap();
+  ASSERT_NE(snap, nullptr);
+  EXPECT_EQ(rig.start_snap(*snap), 0);
+  rig.read_snap(*snap, 0, 64);
+  over = true;
+  sim.join_all();
+  rig.check_snap(*snap);
   rig.end();
 }
 
