@@ -225,26 +225,39 @@ class Writer:
         self.thread.join()
 
 
-def begin_backup(*words):
-    return subprocess.Popen([TOOL, "backup", *words, "--json"], stdin=subprocess.DEVNULL,
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+class Held:
+    """A backup that stops itself in the moment in which it opens its snap, until it is told to go on."""
 
+    def __init__(self, node, *words):
+        device = kit.node_path(f"{node}-backup")
+        self.process = subprocess.Popen(
+            ["strace", "-o", "/dev/null", "-e", "trace=openat", "-P", device, "-e",
+             "inject=openat:signal=STOP:when=1", TOOL, "backup", node, *words, "--json"],
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.device = device
+        self.pid = None
+        kit.wait_until(lambda: self.opened() or self.process.poll() is not None, seconds=120, what=device)
+        kit.check(self.process.poll() is None, "it still runs")
 
-def opens(process, device):
-    """Whether the process has the device open."""
-    folder = f"/proc/{process.pid}/fd"
-    try:
-        return any(os.readlink(f"{folder}/{number}") == device for number in os.listdir(folder))
-    except FileNotFoundError:
+    def opened(self):
+        """Whether the tool has its snap open. It does not get further than that."""
+        folder = f"/proc/{self.process.pid}"
+        try:
+            with open(f"{folder}/task/{self.process.pid}/children", encoding="ascii") as children:
+                for self.pid in map(int, children.read().split()):
+                    files = f"/proc/{self.pid}/fd"
+                    if any(os.readlink(f"{files}/{number}") == self.device for number in os.listdir(files)):
+                        return True
+        except FileNotFoundError:
+            pass
         return False
 
-
-def held_at_its_snap(process, name):
-    """Stops the tool as soon as it reads its snap: not before, when it still has the host's lock."""
-    device = kit.node_path(name)
-    kit.wait_until(lambda: opens(process, device) or process.poll() is not None, seconds=120, what=device)
-    kit.check(process.poll() is None, "it still runs")
-    process.send_signal(signal.SIGSTOP)
+    def end(self, *signals):
+        """Goes on, after these signals: (status, output, what it said)."""
+        for number in (*signals, signal.SIGCONT):
+            os.kill(self.pid, number)
+        out, err = self.process.communicate()
+        return self.process.returncode, out, err
 
 
 def compare_trees(one, other):
@@ -255,14 +268,12 @@ def backup_under_a_writer(level):
     """The point, and what is mounted at LOOK: the snap that it was copied from."""
     with Writer(DATA) as writer:
         kit.wait_until(lambda: writer.rounds > 30, seconds=60, what="the writer")
-        process = begin_backup("data", DEST)
-        held_at_its_snap(process, "data-backup")
+        held = Held("data", DEST)
         good("mount", "data-backup", LOOK)
-        process.send_signal(signal.SIGCONT)
-        out, err = process.communicate()
+        status, out, err = held.end()
         before = writer.rounds
         kit.wait_until(lambda: writer.rounds > before + 10, seconds=60, what="the writer goes on")
-    kit.check(process.returncode == 0, f"status {process.returncode}: {err}")
+    kit.equal(status, 0, f"status ({err})")
     point = json.loads(out)
     kit.equal((point["level"], point["source"], point["exact"]), (level, "snap", True), "the point")
     return point
@@ -310,6 +321,29 @@ def a_differential_one_leads_from_the_full_one():
 
 
 @kit.case(boot="main")
+def beside_an_older_snap_the_backups_own_stays_until_that_goes():
+    good("snap", "create", "data", "--name", "older")
+    status, out, err = tool("backup", "data", DEST, "--json")
+    kit.equal((status, json.loads(out)["source"]), (0, "snap"), "the backup")
+    kit.check("data-backup" in err and "older" in err, err)
+    kit.equal(states("data"), {"older": "started", "data-backup": "going"}, "behind it")
+    good("backup", "data", DEST)
+    good("snap", "delete", "older")
+    kit.equal(states("data"), {}, "all of them")
+    nothing_is_left()
+
+
+@kit.case(boot="main")
+def one_that_is_interrupted_gives_everything_back_itself():
+    write(kit.node_path("snbf3"), 0, 4)
+    status, _, err = Held("raw", "/mnt/store/raw").end(signal.SIGINT)
+    kit.equal(status, 1, f"status ({err})")
+    kit.check(set(range(4)) <= kit.marked(3, kit.INCR), "every change is still marked")
+    kit.check(not os.path.exists(f"{STATE}/snbf3.capture"), "the journal is gone")
+    nothing_is_left()
+
+
+@kit.case(boot="main")
 def a_snap_that_is_lost_on_the_way_costs_no_change():
     write(kit.node_path("snbf3"), 0, 8)
     good("backup", "raw", "/mnt/store/raw")
@@ -318,14 +352,12 @@ def a_snap_that_is_lost_on_the_way_costs_no_change():
     with open("/mnt/small/filler", "wb") as out:
         out.write(bytes(os.statvfs("/mnt/small").f_bavail * 1024 - 4 * MIB))
         os.fsync(out.fileno())
-    process = begin_backup("raw", "/mnt/store/raw", "--cow", "/mnt/small")
-    held_at_its_snap(process, "raw-backup")
+    held = Held("raw", "/mnt/store/raw", "--cow", "/mnt/small")
     write(kit.node_path("snbf3"), 0, 256)
     minor = kit.minors(2)[0]
     kit.wait_until(lambda: not kit.info(minor).snap_valid, seconds=60, what="the snap is lost")
-    process.send_signal(signal.SIGCONT)
-    _, err = process.communicate()
-    kit.equal(process.returncode, 4, f"status ({err})")
+    status, _, err = held.end()
+    kit.equal(status, 4, f"status ({err})")
     kit.check("lost" in err and "/mnt/small" in err, err)
     kit.check(before <= kit.marked(3, kit.INCR), "every change is still marked")
     kit.check(not os.path.exists(f"{STATE}/snbf3.capture"), "the journal is gone")
@@ -352,17 +384,33 @@ def without_a_place_for_cow_files_it_copies_without_a_snap_and_says_so():
 
 # --- killed at every step ---------------------------------------------------------------------------
 
+TRACE = "/tmp/strace.log"
+ADD_SNAP = 0x02
 MUTATING = {0x02, 0x03, 0x04, 0x05, 0x08, 0x09, 0x0a, 0x0b, 0x0c, 0x0e, 0x11}
 
 
+def begin_traced(*inject):
+    """One backup of the node "kill" under strace."""
+    return subprocess.Popen(["strace", "-o", TRACE, "-e", "trace=ioctl,rename,unlink", *inject, TOOL, "backup",
+                             "kill", "/mnt/store/kill"], stdin=subprocess.DEVNULL,
+                            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+
+
+def end_traced(process):
+    """(status, strace's log, what it said)."""
+    _, err = process.communicate()
+    with open(TRACE, encoding="utf-8", errors="replace") as lines:
+        return process.returncode, lines.read().splitlines(), err
+
+
 def traced(*inject):
-    """Runs one backup of the node "kill" under strace; (status, its log)."""
-    log = "/tmp/strace.log"
-    found = subprocess.run(["strace", "-o", log, "-e", "trace=ioctl,rename,unlink", *inject, TOOL, "backup",
-                            "kill", "/mnt/store/kill"], stdin=subprocess.DEVNULL, check=False,
-                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-    with open(log, encoding="utf-8", errors="replace") as lines:
-        return found.returncode, lines.read().splitlines(), found.stderr
+    return end_traced(begin_traced(*inject))
+
+
+def command_of(line):
+    """The number of the driver's command, or None."""
+    found = re.match(r"ioctl\(.*0x43, 0x([0-9a-f]+),", line)
+    return int(found.group(1), 16) if found else None
 
 
 def steps(lines):
@@ -375,8 +423,7 @@ def steps(lines):
         if call not in counts:
             continue
         counts[call] += 1
-        number = re.search(r"0x43, 0x([0-9a-f]+),", line)
-        changes = call != "ioctl" or (number is not None and int(number.group(1), 16) in MUTATING)
+        changes = call != "ioctl" or command_of(line) in MUTATING
         if changes or previous:
             found.append((call, counts[call]))
         previous = changes
@@ -425,13 +472,37 @@ def killed_at_every_step_no_change_is_lost():
     nothing_is_left()
 
 
+def has_captured():
+    try:
+        with open(JOURNAL, "rb") as journal:
+            return json.loads(journal.readline().decode("ascii", "replace"))["captured"]
+    except (FileNotFoundError, ValueError):
+        return False
+
+
+@kit.case(boot="main")
+def what_is_written_between_the_taking_and_the_snap_is_copied():
+    kills = Kills()
+    kills.change()
+    _, lines, _ = traced()
+    ioctls = [line for line in lines if line.startswith("ioctl(")]
+    at = [command_of(line) for line in ioctls].index(ADD_SNAP) + 1
+    kills.change()
+    process = begin_traced("-e", f"inject=ioctl:delay_enter=6000000:when={at}")
+    kit.wait_until(has_captured, seconds=60, what="the capture")
+    kit.equal(kit.minors(2), [], "there is no snap yet")
+    write(kit.node_path("snbf2"), 121, 3)
+    status, lines, err = end_traced(process)
+    kit.equal(status, 0, f"the backup ({err})")
+    kit.check({121, 122, 123} <= kit.marked(2, kit.INCR), "it is marked for the next one too")
+    good("restore", "/mnt/store/kill", "/tmp/kill.img", "--yes", "--no-verify")
+    kit.run("cmp", "/tmp/kill.img", kit.node_path("snbf2"))
+
+
 @kit.case(boot="main")
 def another_nodes_journal_is_refused():
     Kills().change()
-    process = begin_backup("kill", "/mnt/store/kill")
-    held_at_its_snap(process, "kill-backup")
-    process.kill()
-    process.communicate()
+    kit.check(Held("kill", "/mnt/store/kill").end(signal.SIGKILL)[0] != 0, "it was killed")
     shutil.copy(JOURNAL, f"{STATE}/snbf0.capture")
     kit.check("another node" in refused(6, "backup", "data", DEST), "it says whose it is not")
     os.unlink(f"{STATE}/snbf0.capture")
@@ -497,20 +568,27 @@ def what_ran_without_them_made_them_worthless():
 
 
 @kit.case(boot="again")
-def the_power_fails_with_a_snap_started():
+def the_power_fails_with_a_snap_started_and_a_backup_under_way():
     good("start", "kill")
     good("snap", "create", "kill", "--name", "third")
     write(kit.node_path("snbf2"), 0, 10)
+    Held("kill", "/mnt/store/kill")
     kit.crash()
 
 
 @kit.case(boot="after")
 def a_snap_without_a_clean_stop_is_not_believed():
     kit.state_folder()
+    kit.state_folder("store")
     kit.load()
     status, _, err = tool("attach", kit.disk("k"), "--name", "kill", "--bitmaps", STATE, "--start")
     kit.check(status == 3 and "third" in err, f"status {status}: {err}")
-    kit.equal(states("kill"), {"third": "dead"}, "states")
+    kit.check("kill-backup" not in err, "nobody misses a backup's own")
+    kit.equal(states("kill"), {"third": "dead", "kill-backup": "dead"}, "states")
+    kit.equal(answer("backup", "kill", "/mnt/store/kill")["level"], "full", "nothing is trusted")
+    kit.equal(states("kill"), {"third": "dead"}, "it took the other's snap away")
+    good("restore", "/mnt/store/kill", "/tmp/kill.img")
+    kit.run("cmp", "/tmp/kill.img", kit.node_path("snbf2"))
     good("snap", "delete", "third")
     nothing_is_left()
     good("snap", "create", "kill", "--name", "fourth")
