@@ -161,6 +161,7 @@ int snbf_plat_bdev_open(plat_devt, int, plat_open_kind, void*, plat_bdev**) { re
 int snbf_plat_bdev_close(plat_bdev*, plat_open_kind, int, void*) { return 0; }
 int snbf_plat_bdev_is_mounted(plat_bdev*) { return 0; }
 plat_u64 snbf_plat_bdev_bytes(plat_bdev*) { return device.bytes; }
+plat_u32 snbf_plat_bdev_block_bytes(plat_bdev*) { return 512; }
 plat_devt snbf_plat_bdev_device(plat_bdev*) { return 8 << 20 | 1; }
 
 plat_bio* snbf_plat_bio_alloc(plat_alloc_mode) {

@@ -1,0 +1,285 @@
+// The readers of ext4 and of XFS 5 over real images with one thing changed.
+#include "fsread/ext4_layout.h"
+#include "fsread/ext4_reader.h"
+#include "fsread/xfs5_reader.h"
+#include "real_image.h"
+
+namespace snbf::sim {
+namespace {
+
+// An image with changes of its own, on a device.
+class Changed {
+ public:
+  explicit Changed(const RealImage& image) : image_(image), pages_(image.pages()) {}
+
+  u8 byte(u64 at) { return page(at)[at % 4096]; }
+  Changed& set(u64 at, u64 value, int width = 1) {
+    for (int n = 0; n < width; ++n)
+      page(at + static_cast<u64>(n))[(at + static_cast<u64>(n)) % 4096] =
+          static_cast<u8>(value >> n * 8);
+    return *this;
+  }
+  // `fn` runs as a task over the device that holds it.
+  void with_device(const std::function<void(Sim&, OpenDevice&)>& fn) const {
+    run_sim_body(1, [&](Sim& sim) {
+      LoggedParts parts(2);
+      OpenDevice disk(sim, {.name = "sda1", .bytes = image_.bytes()});
+      for (const auto& [at, page] : pages_) disk.device->poke(at / 512, page);
+      fn(sim, disk);
+    });
+  }
+
+ private:
+  Bytes& page(u64 at) {
+    Bytes& bytes = pages_[at / 4096 * 4096];
+    bytes.resize(4096);
+    return bytes;
+  }
+
+  const RealImage& image_;
+  std::map<u64, Bytes> pages_;
+};
+
+constexpr u32 kBlock = 1024;
+constexpr u64 kSuper = 1024;
+
+class Ext4 : public ::testing::Test {
+ protected:
+  // Groups of 8192 blocks; the inode tables of all stand in the first one.
+  static const RealImage& image() {
+    static const RealImage made(60 << 20, "mke2fs -q -F -t ext4 -b 1024 -J size=1 @");
+    return made;
+  }
+  static u64 bitmap_of_group_0() {
+    Changed changed(image());
+    u64 block = 0;
+    for (u64 n = 0; n < 4; ++n) block |= u64{changed.byte(2 * kBlock + n)} << n * 8;
+    return block * kBlock;
+  }
+  static std::set<u64> free_blocks(plat_bdev* bdev, u32 count) {
+    Ext4Reader* reader = ext4_reader_init(bdev, nullptr);
+    EXPECT_NE(reader, nullptr);
+    Bytes bits((count + 7) / 8);
+    EXPECT_EQ(ext4_reader_read(reader, 0, kBlock, bits.data(), count), 0);
+    ext4_reader_destroy(reader);
+    for (u8& byte : bits) byte = static_cast<u8>(~byte);
+    return set_bits_of(bits, count);
+  }
+  static std::set<u64> set_bits_of(const Bytes& bits, u64 count) {
+    std::set<u64> all;
+    for (u64 bit = 0; bit < count; ++bit) {
+      if (bit_of(bits.data(), bit)) all.insert(bit);
+    }
+    return all;
+  }
+};
+
+TEST_F(Ext4, ABitmapThatDisagreesWithItsCountSaysNothing) {
+  const u64 bitmap = bitmap_of_group_0();
+  Changed changed(image());
+  ASSERT_EQ(changed.byte(bitmap), 0xFF);
+  changed.set(bitmap, 0);
+  changed.with_device([](Sim& sim, OpenDevice& disk) {
+    EXPECT_EQ(free_blocks(disk.bdev, 8193), std::set<u64>{});
+    EXPECT_EQ(sim.log().count("ext4_reader_read(): Number of free blocks (", 3), 1);
+    EXPECT_TRUE(sim.log().contains(") in block group 0 is inconsistent with the bitmap ("));
+  });
+}
+
+TEST_F(Ext4, ABitmapThatDisagreesWithItsChecksumSaysNothing) {
+  const u64 bitmap = bitmap_of_group_0();
+  Changed changed(image());
+  ASSERT_EQ(changed.byte(bitmap), 0xFF);
+  ASSERT_EQ(changed.byte(bitmap + 1023), 0);
+  changed.set(bitmap, 0).set(bitmap + 1023, 0xFF);
+  changed.with_device([](Sim& sim, OpenDevice& disk) {
+    EXPECT_EQ(free_blocks(disk.bdev, 8193), std::set<u64>{});
+    EXPECT_EQ(sim.log().count("ext4_reader_read(): Data Bitmap of Block Group 0 is corrupt.", 3),
+              1);
+  });
+}
+
+TEST_F(Ext4, AsItIsSomeOfItIsFree) {
+  Changed(image()).with_device([](Sim& sim, OpenDevice& disk) {
+    EXPECT_GT(free_blocks(disk.bdev, 8193).size(), 1000u);
+    EXPECT_FALSE(sim.log().has_errors());
+  });
+}
+
+TEST_F(Ext4, DescriptorsAndSuperblockAreChecked) {
+  auto refuses = [](Changed changed, const char* line) {
+    changed.with_device([&](Sim& sim, OpenDevice& disk) {
+      EXPECT_EQ(ext4_reader_init(disk.bdev, nullptr), nullptr);
+      EXPECT_EQ(sim.log().count(line, 3), 1) << sim.log().dump();
+    });
+  };
+  refuses(Changed(image()).set(2 * kBlock + 64 * 3 + 12, 1, 2),
+          "ext4_reader_init(): Descriptor of Block Group 3 of hdd(8, ");
+  refuses(Changed(image()).set(kSuper + 120, 'x'), "ext4_reader_init(): Superblock of hdd(8, ");
+  const RealImage old(60 << 20,
+                      "mke2fs -q -F -t ext4 -b 1024 -J size=1 -O ^metadata_csum,uninit_bg @");
+  refuses(Changed(old).set(2 * kBlock + 64 * 3 + 12, 1, 2),
+          "ext4_reader_init(): Descriptor of Block Group 3 of hdd(8, ");
+}
+
+TEST_F(Ext4, RefusesWhatCannotBe) {
+  const RealImage plain(60 << 20,
+                        "mke2fs -q -F -t ext4 -b 1024 -J size=1 -O ^metadata_csum,^uninit_bg @");
+  struct Field {
+    u64 at;
+    u64 value;
+    int width;
+  };
+  for (const Field& field :
+       {Field{4, 0, 4}, Field{4, 61441, 4}, Field{4, 0xFFFFFFFF, 4}, Field{336, 1, 4},
+        Field{20, 2, 4}, Field{24, 7, 4}, Field{24, 0xFFFFFFFF, 4}, Field{32, 0, 4},
+        Field{32, 8193, 4}, Field{32, 16384, 4}, Field{32, 0xFFFFFFF8, 4}, Field{40, 0, 4},
+        Field{40, 0xFFFFFFFF, 4}, Field{88, 0, 2}, Field{88, 129, 2}, Field{254, 32, 2},
+        Field{254, 65, 2}, Field{254, 2048, 2}}) {
+    Changed(plain)
+        .set(kSuper + field.at, field.value, field.width)
+        .with_device([&](Sim& sim, OpenDevice& disk) {
+          EXPECT_EQ(ext4_reader_init(disk.bdev, nullptr), nullptr) << field.at;
+          EXPECT_EQ(sim.log().count("ext4_reader_init(): Superblock of hdd(8, ", 3), 1)
+              << field.at << ": " << field.value;
+        });
+  }
+  // Where a bitmap lies, when it cannot lie there.
+  Changed(plain).set(2 * kBlock, 0xFFFFFFFF, 4).with_device([](Sim& sim, OpenDevice& disk) {
+    Ext4Reader* reader = ext4_reader_init(disk.bdev, nullptr);
+    ASSERT_NE(reader, nullptr);
+    u8 bits = 0;
+    EXPECT_EQ(ext4_reader_read(reader, 0, kBlock, &bits, 8), -EINVAL);
+    EXPECT_TRUE(sim.log().contains(
+        "ext4_reader_read(): Data Bitmap of Block Group 0 lies behind the file system"));
+    ext4_reader_destroy(reader);
+  });
+}
+
+TEST_F(Ext4, EveryReadAndAllocationMayFail) {
+  Changed(image()).with_device([](Sim& sim, OpenDevice& disk) {
+    Ext4Reader* reader = ext4_reader_init(disk.bdev, nullptr);
+    ASSERT_NE(reader, nullptr);
+    u8 bits = 0;
+    EXPECT_EQ(ext4_reader_read(nullptr, 0, kBlock, &bits, 8), -EINVAL);
+    EXPECT_EQ(ext4_reader_read(reader, 0, 512, &bits, 8), -EINVAL);
+    EXPECT_EQ(ext4_reader_read(reader, 0, 3000, &bits, 8), -EINVAL);
+    disk.device->fail_range(bitmap_of_group_0() / 512, 2, Op::Read, -EIO);
+    EXPECT_EQ(ext4_reader_read(reader, 0, kBlock, &bits, 8), -EIO);
+    EXPECT_EQ(sim.log().count(
+                  "ext4_reader_read(): Failed to read Data Bitmap of Block Group 0: rc=-5", 3),
+              1);
+    disk.device->clear_failures();
+    EXPECT_EQ(ext4_reader_destroy(reader), 0);
+    EXPECT_EQ(ext4_reader_destroy(nullptr), 0);
+    disk.device->fail_range(4, 2, Op::Read, -EIO);
+    EXPECT_EQ(ext4_reader_init(disk.bdev, nullptr), nullptr);
+    EXPECT_TRUE(sim.log().contains("ext4_reader_init(): Failed to read "));
+    disk.device->clear_failures();
+    int nth = 1;
+    for (; fails_at(sim, Fault::AnyAllocation, nth,
+                    [&] {
+                      Ext4Reader* made = ext4_reader_init(disk.bdev, nullptr);
+                      EXPECT_EQ(made == nullptr, sim.fault_reached(Fault::AnyAllocation));
+                      ext4_reader_destroy(made);
+                    });
+         ++nth) {
+    }
+    EXPECT_GE(nth, 8);
+  });
+}
+
+class Xfs5 : public ::testing::Test {
+ protected:
+  static const RealImage& image() {
+    static const RealImage made(320 << 20, "mkfs.xfs -q -f @");
+    return made;
+  }
+  static void refuses(const Changed& changed, const std::string& line) {
+    changed.with_device([&](Sim& sim, OpenDevice& disk) {
+      Xfs5Reader* reader = xfs5_reader_init(disk.bdev, nullptr);
+      if (reader != nullptr) {
+        Bytes bits(80000 / 8);
+        EXPECT_EQ(xfs5_reader_read(reader, 0, 4096, bits.data(), 80000), -EINVAL);
+      }
+      EXPECT_EQ(sim.log().count(line, 3), 1) << sim.log().dump();
+      xfs5_reader_destroy(reader);
+    });
+  }
+};
+
+TEST_F(Xfs5, WhatItReadsIsChecked) {
+  refuses(Changed(image()).set(108, 'x'), "xfs5_reader_init(): Superblock of hdd(8, ");
+  refuses(Changed(image()).set(512 + 55, 1), ") is corrupt: its checksum is wrong");
+  refuses(Changed(image()).set(512, 'Y'), ") is corrupt: its magic number is wrong");
+  // The root of the first tree is block 1 of its group.
+  refuses(Changed(image()).set(4096 + 60, 7), "in the free space tree is corrupt: its checksum is");
+  refuses(Changed(image()).set(4096, 'B'), "in the free space tree is corrupt: its magic number");
+}
+
+TEST_F(Xfs5, FeaturesThatNobodyKnowsAreNobodys) {
+  // A repair that is needed, and two bits of tomorrow.
+  for (u64 at : {219u, 216u, 212u}) {
+    Changed changed(image());
+    changed.set(at, at == 219 ? 0x10 | changed.byte(at) : 0x80);
+    changed.with_device([](Sim& sim, OpenDevice& disk) {
+      EXPECT_EQ(xfs5_reader_claim(disk.bdev), Claim::Nobodys);
+      EXPECT_EQ(sim.log().count("xfs5_reader_claim(): XFS on hdd(8, ", 6), 1);
+      EXPECT_TRUE(sim.log().contains(": no reader claims it"));
+      EXPECT_EQ(xfs5_reader_init(disk.bdev, nullptr), nullptr);
+    });
+  }
+}
+
+// Version 4 with large sectors has no checksums: the structure itself must hold.
+TEST_F(Xfs5, TreesWithoutChecksumsMustBeInOrder) {
+  const RealImage old(320 << 20, "mkfs.xfs -q -f -m crc=0 -s size=4096 @");
+  Changed plain(old);
+  const u64 root_at = 4096 + 16;
+  const u64 root = u64{plain.byte(root_at + 3)} * 4096;
+  ASSERT_EQ(plain.byte(root), 'A');
+  auto with = [&](u64 at, u8 value) { return Changed(old).set(root + at, value); };
+  refuses(with(7, 0xFF).set(root + 6, 0xFF), "is corrupt: its number of records is wrong");
+  refuses(with(5, 1), "is corrupt: its level is wrong");
+  refuses(with(16 + 4, 0x7F), "is corrupt: the order of its records is wrong");
+  refuses(Changed(old).set(root_at, 0x7F), "is corrupt: the root of its tree is wrong");
+  refuses(Changed(old).set(4096 + 28 + 3, 0), "is corrupt: the height of its tree is wrong");
+  // A leaf that follows itself, with one record that is short.
+  Changed ring(old);
+  for (u64 at = 12; at < 15; ++at) ring.set(root + at, 0);
+  ring.set(root + 15, plain.byte(root_at + 3)).set(root + 6, 0).set(root + 7, 1);
+  ring.set(root + 20, 0).set(root + 21, 0).set(root + 22, 0).set(root + 23, 4);
+  refuses(ring, "is corrupt: the order of its records is wrong");
+}
+
+TEST_F(Xfs5, EveryReadAndAllocationMayFail) {
+  Changed(image()).with_device([](Sim& sim, OpenDevice& disk) {
+    Xfs5Reader* reader = xfs5_reader_init(disk.bdev, nullptr);
+    ASSERT_NE(reader, nullptr);
+    u8 bits = 0;
+    EXPECT_EQ(xfs5_reader_read(nullptr, 0, 4096, &bits, 8), -EINVAL);
+    EXPECT_EQ(xfs5_reader_read(reader, 0, 2048, &bits, 8), -EINVAL);
+    disk.device->fail_range(8, 8, Op::Read, -EIO);
+    EXPECT_EQ(xfs5_reader_read(reader, 0, 4096, &bits, 8), -EIO);
+    EXPECT_EQ(sim.log().count("xfs5_reader_read(): Failed to read AGF node from block 1: rc=-5", 3),
+              1);
+    disk.device->clear_failures();
+    EXPECT_EQ(xfs5_reader_destroy(reader), 0);
+    EXPECT_EQ(xfs5_reader_destroy(nullptr), 0);
+    int nth = 1;
+    for (; fails_at(sim, Fault::AnyAllocation, nth,
+                    [&] {
+                      Xfs5Reader* made = xfs5_reader_init(disk.bdev, nullptr);
+                      EXPECT_EQ(made == nullptr, sim.fault_reached(Fault::AnyAllocation));
+                      xfs5_reader_destroy(made);
+                    });
+         ++nth) {
+    }
+    EXPECT_GE(nth, 10);
+    disk.device->fail_range(0, 1, Op::Read, -EIO);
+    EXPECT_EQ(xfs5_reader_claim(disk.bdev), Claim::Nobodys);
+  });
+}
+
+}  // namespace
+}  // namespace snbf::sim
