@@ -47,10 +47,13 @@ void start_quietly(SnapRig& rig, Life& life) {
   life.snaps.emplace_back(snap->files, snap->image);
 }
 
-void write_some(SnapRig& rig, int writers, int writes) {
+void write_some(SnapRig& rig, int writers, int writes, u64 spread_us = 0) {
   std::vector<sim::Task*> tasks;
   for (int i = 0; i < writers; ++i) {
-    tasks.push_back(rig.sim.spawn("writer", [&rig, writes] { rig.writer(writes); }));
+    tasks.push_back(rig.sim.spawn("writer", [&rig, writes, spread_us] {
+      if (spread_us != 0) rig.sim.sleep_us(rig.sim.random(spread_us));
+      rig.writer(writes);
+    }));
   }
   for (sim::Task* task : tasks) rig.sim.join(task);
 }
@@ -107,7 +110,7 @@ void live(SnapRig& rig, Life& life, Scene scene) {
   if (rig.write_sectors_max > 4) {
     write_some(rig, 2, 5);
   } else {
-    write_some(rig, 6, 3);
+    write_some(rig, 8, 2, 40'000);
   }
   rig.sim.sleep_us(20'000);
 }
