@@ -239,7 +239,7 @@ int snbf_blkbmp_destroy(snbf_blkbmp* map) {
 
 int snbf_blkbmp_export(const snbf_blkbmp* map, u32 chunks_per_bit, u8* buffer, int buffer_size) {
   constexpr const char* kOrigin = "snbf_blkbmp_export";
-  if (__atomic_load_n(&map->valid, __ATOMIC_ACQUIRE) == 0) {
+  if (__atomic_load_n(&map->valid, __ATOMIC_ACQUIRE) == 0 && buffer != nullptr) {
     mem_set(buffer, 0xFF, static_cast<size_t>(buffer_size));
     return 0;
   }

@@ -11,6 +11,11 @@ constexpr u64 blocks_covering(u64 bytes, u32 block_size) {
   return (bytes + block_size - 1) / block_size;
 }
 
+// An answer begins with every chunk free.
+inline void clear_chunks(u8* bits, u32 chunk_count) {
+  if (chunk_count != 0) mem_set(bits, 0, (u64{chunk_count} + 7) / 8);
+}
+
 class ChunkMarks {
  public:
   // Clears the first (chunk_count + 7) / 8 bytes of `bits`. The chunk size has been checked.
@@ -19,7 +24,7 @@ class ChunkMarks {
         shift_(log2_floor(chunk_size / block_size)),
         first_block_(first_chunk << shift_),
         end_block_((first_chunk + chunk_count) << shift_) {
-    mem_set(bits, 0, (u64{chunk_count} + 7) / 8);
+    clear_chunks(bits, chunk_count);
   }
 
   u64 first_block() const { return first_block_; }

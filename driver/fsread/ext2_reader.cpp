@@ -6,6 +6,7 @@
 #include "base/string.h"
 #include "core/log.h"
 #include "core/memory.h"
+#include "fsread/chunkmarks.h"
 #include "fsread/reader.h"
 #include "util/bdev.h"
 
@@ -275,7 +276,7 @@ int ext2_reader_read(Ext2Reader* reader, u64 first, u32 chunk_size, u8* bits, u3
                .bit = 0,
                .chunk = 0,
                .left = 0};
-  mem_set(bits, 0, (u64{chunk_count} + 7) / 8);
+  clear_chunks(bits, chunk_count);
   mark_front(*reader, first, scan);
   seek(*reader, first, scan);
   int rc = 0;

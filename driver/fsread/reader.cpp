@@ -15,12 +15,12 @@ namespace snbf {
 
 namespace {
 
-// One kind of file system: the reader with the documented rules, and in front of it a claim, which
+// One kind of file system: its plain reader, and in front of it a claim, which
 // is binding, with the reader of what it claims for itself.
 struct Kind {
   Claim (*claim)(plat_bdev* bdev);
   FsReader own;
-  FsReader documented;
+  FsReader plain;
 };
 constexpr Kind kKinds[] = {
     {ext4_reader_claim,
@@ -41,7 +41,7 @@ OpenReader::OpenReader(plat_bdev* bdev, u32* block_size) {
   for (const Kind& kind : kKinds) {
     const Claim claim = kind.claim(bdev);
     if (claim == Claim::Nobodys) return;
-    reader_ = claim == Claim::Mine ? &kind.own : &kind.documented;
+    reader_ = claim == Claim::Mine ? &kind.own : &kind.plain;
     handle_ = reader_->init(bdev, block_size);
     if (handle_ != nullptr || claim == Claim::Mine) return;
   }

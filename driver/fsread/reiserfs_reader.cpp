@@ -6,6 +6,7 @@
 #include "base/string.h"
 #include "core/log.h"
 #include "core/memory.h"
+#include "fsread/chunkmarks.h"
 #include "fsread/reader.h"
 #include "util/bdev.h"
 
@@ -247,7 +248,7 @@ int reiserfs_reader_read(ReiserfsReader* reader, u64 first, u32 chunk_size, u8* 
                .bit = first_block % reader->bits_per_bitmap,
                .chunk = 0,
                .left = blocks_per_chunk};
-  mem_set(bits, 0, (u64{chunk_count} + 7) / 8);
+  clear_chunks(bits, chunk_count);
   int rc = 0;
   for (; scan.bitmap < reader->bitmap_count; ++scan.bitmap) {
     rc = load_bitmap(*reader, static_cast<u32>(scan.bitmap));

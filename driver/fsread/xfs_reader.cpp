@@ -6,6 +6,7 @@
 #include "base/string.h"
 #include "core/log.h"
 #include "core/memory.h"
+#include "fsread/chunkmarks.h"
 #include "fsread/reader.h"
 #include "util/bdev.h"
 
@@ -329,7 +330,7 @@ int xfs_reader_read(XfsReader* reader, u64 first, u32 chunk_size, u8* bits, u32 
   }
   if (int rc = check_reader_chunks(kRead, chunk_size, reader->block_size); rc != 0) return rc;
   const u64 blocks_per_chunk = chunk_size / reader->block_size;
-  mem_set(bits, 0, (u64{chunk_count} + 7) / 8);
+  clear_chunks(bits, chunk_count);
   Cursor cursor = {};
   u64 p = 0;  // the chunk's first block within the AG
   for (u64 k = 0; k < chunk_count; ++k, p += blocks_per_chunk) {

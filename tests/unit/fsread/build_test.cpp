@@ -114,6 +114,7 @@ SIM_TEST(BuildMap, AnUnknownFileSystemDisablesIt) {
   Bytes bits(100, 0);
   EXPECT_EQ(snbf_blkbmp_export(&map, 16, bits.data(), 100), 0);
   EXPECT_EQ(bits, Bytes(100, 0xFF));
+  EXPECT_EQ(snbf_blkbmp_export(&map, 16, nullptr, 100), -EINVAL);
 }
 
 SIM_TEST(BuildMap, ChunksAreAPowerOfTwo) {

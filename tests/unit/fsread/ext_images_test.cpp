@@ -17,8 +17,8 @@ void PrintTo(const Made& made, std::ostream* out) { *out << made.name; }
 
 class ExtImages : public ::testing::TestWithParam<Made> {};
 
-constexpr const char* kOurs = "ext4_reader_init(): Detected ext4 FS";
-constexpr const char* kDocumented = "ext2_reader_init(): Detected ext2/ext3 FS";
+constexpr const char* kExt4 = "ext4_reader_init(): Detected ext4 FS";
+constexpr const char* kExt2 = "ext2_reader_init(): Detected ext2/ext3 FS";
 
 TEST_P(ExtImages, NoUsedBlockIsCalledFree) {
   const Made& made = GetParam();
@@ -45,52 +45,52 @@ TEST_P(ExtImages, NoUsedBlockIsCalledFree) {
 }
 
 constexpr Made kMade[] = {
-    {"ext2_of_1k_blocks", 40, "mke2fs -q -F -t ext2 -b 1024 -d % @", kDocumented},
-    {"ext2_of_2k_blocks", 40, "mke2fs -q -F -t ext2 -b 2048 -d % @", kDocumented},
-    {"ext2_of_4k_blocks", 300, "mke2fs -q -F -t ext2 -b 4096 -d % @", kDocumented},
-    {"ext3", 300, "mke2fs -q -F -t ext3 -d % @", kDocumented},
-    {"ext3_nearly_full", 48, "mke2fs -q -F -t ext3 -b 1024 -m 0 -J size=4 -d % @", kDocumented},
-    {"ext3_with_a_short_last_group", 139, "mke2fs -q -F -t ext3 -b 4096 -d % @ 35000", kDocumented},
+    {"ext2_of_1k_blocks", 40, "mke2fs -q -F -t ext2 -b 1024 -d % @", kExt2},
+    {"ext2_of_2k_blocks", 40, "mke2fs -q -F -t ext2 -b 2048 -d % @", kExt2},
+    {"ext2_of_4k_blocks", 300, "mke2fs -q -F -t ext2 -b 4096 -d % @", kExt2},
+    {"ext3", 300, "mke2fs -q -F -t ext3 -d % @", kExt2},
+    {"ext3_nearly_full", 48, "mke2fs -q -F -t ext3 -b 1024 -m 0 -J size=4 -d % @", kExt2},
+    {"ext3_with_a_short_last_group", 139, "mke2fs -q -F -t ext3 -b 4096 -d % @ 35000", kExt2},
     {"ext3_aged", 100,
      "mke2fs -q -F -t ext3 -b 1024 -d % @ && "
      "for n in 3 5 7 11 13 17 19 23 29 100 101 102 150; do echo rm f$n; done | debugfs -w -f - @",
-     kDocumented},
-    {"ext2_revision_0", 40, "mke2fs -q -F -r 0 -d % @", kDocumented},
+     kExt2},
+    {"ext2_revision_0", 40, "mke2fs -q -F -r 0 -d % @", kExt2},
     {"ext4_without_64_bits", 300, "mke2fs -q -F -t ext4 -O ^64bit,^metadata_csum,^uninit_bg -d % @",
-     kDocumented},
-    {"ext4", 600, "mke2fs -q -F -t ext4 -d % @", kOurs},
-    {"ext4_of_1k_blocks", 100, "mke2fs -q -F -t ext4 -b 1024 -d % @", kOurs},
-    {"ext4_of_2k_blocks", 300, "mke2fs -q -F -t ext4 -b 2048 -d % @", kOurs},
-    {"ext4_of_64k_blocks", 600, "mke2fs -q -F -F -t ext4 -b 65536 -d % @", kOurs},
-    {"ext4_of_32_bit_descriptors", 600, "mke2fs -q -F -t ext4 -O ^64bit -d % @", kOurs},
-    {"ext4_of_128_byte_descriptors", 600, "mke2fs -q -F -t ext4 -E desc_size=128 -d % @", kOurs},
+     kExt2},
+    {"ext4", 600, "mke2fs -q -F -t ext4 -d % @", kExt4},
+    {"ext4_of_1k_blocks", 100, "mke2fs -q -F -t ext4 -b 1024 -d % @", kExt4},
+    {"ext4_of_2k_blocks", 300, "mke2fs -q -F -t ext4 -b 2048 -d % @", kExt4},
+    {"ext4_of_64k_blocks", 600, "mke2fs -q -F -F -t ext4 -b 65536 -d % @", kExt4},
+    {"ext4_of_32_bit_descriptors", 600, "mke2fs -q -F -t ext4 -O ^64bit -d % @", kExt4},
+    {"ext4_of_128_byte_descriptors", 600, "mke2fs -q -F -t ext4 -E desc_size=128 -d % @", kExt4},
     {"ext4_without_checksums", 600, "mke2fs -q -F -t ext4 -O ^metadata_csum,^uninit_bg -d % @",
-     kOurs},
+     kExt4},
     {"ext4_with_group_checksums", 600, "mke2fs -q -F -t ext4 -O ^metadata_csum,uninit_bg -d % @",
-     kOurs},
+     kExt4},
     {"ext4_with_group_checksums_of_32_bits", 600,
-     "mke2fs -q -F -t ext4 -O ^64bit,^metadata_csum,uninit_bg -d % @", kOurs},
-    {"ext4_without_flexible_groups", 600, "mke2fs -q -F -t ext4 -O ^flex_bg -d % @", kOurs},
-    {"ext4_of_large_flexible_groups", 1500, "mke2fs -q -F -t ext4 -G 256 -b 1024 -d % @", kOurs},
-    {"ext4_of_small_groups", 300, "mke2fs -q -F -t ext4 -b 1024 -g 256 -N 20000 -d % @", kOurs},
-    {"ext4_of_odd_groups", 600, "mke2fs -q -F -t ext4 -b 4096 -g 4104 -d % @", kOurs},
-    {"ext3_of_small_groups", 300, "mke2fs -q -F -t ext3 -b 1024 -g 1000 -d % @", kOurs},
-    {"ext4_with_a_short_last_group", 600, "mke2fs -q -F -t ext4 -d % @ 131100", kOurs},
-    {"bigalloc_of_16k", 600, "mke2fs -q -F -t ext4 -O bigalloc -C 16384 -d % @", kOurs},
+     "mke2fs -q -F -t ext4 -O ^64bit,^metadata_csum,uninit_bg -d % @", kExt4},
+    {"ext4_without_flexible_groups", 600, "mke2fs -q -F -t ext4 -O ^flex_bg -d % @", kExt4},
+    {"ext4_of_large_flexible_groups", 1500, "mke2fs -q -F -t ext4 -G 256 -b 1024 -d % @", kExt4},
+    {"ext4_of_small_groups", 300, "mke2fs -q -F -t ext4 -b 1024 -g 256 -N 20000 -d % @", kExt4},
+    {"ext4_of_odd_groups", 600, "mke2fs -q -F -t ext4 -b 4096 -g 4104 -d % @", kExt4},
+    {"ext3_of_small_groups", 300, "mke2fs -q -F -t ext3 -b 1024 -g 1000 -d % @", kExt4},
+    {"ext4_with_a_short_last_group", 600, "mke2fs -q -F -t ext4 -d % @ 131100", kExt4},
+    {"bigalloc_of_16k", 600, "mke2fs -q -F -t ext4 -O bigalloc -C 16384 -d % @", kExt4},
     {"bigalloc_of_64k_over_1k_blocks", 600,
-     "mke2fs -q -F -t ext4 -O bigalloc -b 1024 -C 65536 -d % @", kOurs},
+     "mke2fs -q -F -t ext4 -O bigalloc -b 1024 -C 65536 -d % @", kExt4},
     {"bigalloc_that_ends_within_a_cluster", 600,
-     "mke2fs -q -F -t ext4 -O bigalloc -b 4096 -C 65536 -d % @ 150003", kOurs},
-    {"meta_bg", 600, "mke2fs -q -F -t ext4 -O meta_bg,^resize_inode -b 1024 -d % @", kOurs},
-    {"meta_bg_of_4k_blocks", 9000, "mke2fs -q -F -t ext4 -O meta_bg,^resize_inode -d % @", kOurs},
-    {"ext2_meta_bg", 300, "mke2fs -q -F -t ext2 -O meta_bg,^resize_inode -b 1024 -d % @", kOurs},
-    {"sparse_super2", 600, "mke2fs -q -F -t ext4 -O sparse_super2 -b 1024 -d % @", kOurs},
-    {"ext4_nearly_full", 56, "mke2fs -q -F -t ext4 -b 1024 -m 0 -J size=4 -d % @", kOurs},
+     "mke2fs -q -F -t ext4 -O bigalloc -b 4096 -C 65536 -d % @ 150003", kExt4},
+    {"meta_bg", 600, "mke2fs -q -F -t ext4 -O meta_bg,^resize_inode -b 1024 -d % @", kExt4},
+    {"meta_bg_of_4k_blocks", 9000, "mke2fs -q -F -t ext4 -O meta_bg,^resize_inode -d % @", kExt4},
+    {"ext2_meta_bg", 300, "mke2fs -q -F -t ext2 -O meta_bg,^resize_inode -b 1024 -d % @", kExt4},
+    {"sparse_super2", 600, "mke2fs -q -F -t ext4 -O sparse_super2 -b 1024 -d % @", kExt4},
+    {"ext4_nearly_full", 56, "mke2fs -q -F -t ext4 -b 1024 -m 0 -J size=4 -d % @", kExt4},
     {"ext4_aged", 200,
      "mke2fs -q -F -t ext4 -b 1024 -d % @ && "
      "for n in 3 5 7 11 13 17 19 23 29 100 101 102 150; do echo rm f$n; done | debugfs -w -f - @",
-     kOurs},
-    {"ext4_grown", 400, "mke2fs -q -F -t ext4 -b 1024 -d % @ 100000 && resize2fs @ 390000", kOurs},
+     kExt4},
+    {"ext4_grown", 400, "mke2fs -q -F -t ext4 -b 1024 -d % @ 100000 && resize2fs @ 390000", kExt4},
 };
 
 // More blocks than 32 bits count: in groups of 8 GiB, so that there are few of them. The copy of

@@ -34,7 +34,7 @@ ExtVerdict judge_with(F change) {
 }
 
 // Of the ext family's layouts, only one may reach the reader of ext2 and ext3.
-TEST(ExtVerdict, WhatTheDocumentedRulesFitIsTheirs) {
+TEST(ExtVerdict, WhatTheRulesOfExt2FitIsTheirs) {
   EXPECT_EQ(judge_ext(kPlain).reader, Ext2);
   // Extents, flexible groups and the like leave descriptors and bitmaps as they are.
   EXPECT_EQ(judge_with([](ExtSuper& s) { s.incompat = 0x3F342; }).reader, Ext2);
@@ -117,7 +117,7 @@ SIM_TEST(ExtClaim, NeedsTheSuperblock) {
   EXPECT_GE(nth, 4);
 }
 
-// The documented reader reads less than such a device's blocks, and would be refused.
+// The reader of ext2 and ext3 reads less than such a device's blocks, and would be refused.
 SIM_TEST(ExtClaim, ADeviceOfLargeBlocksIsRead) {
   LoggedParts parts;
   const Ext2Image layout = {
