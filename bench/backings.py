@@ -4,6 +4,7 @@
 it, each request completed 100 us after it came, any number at once: it shows what waits for what.
 """
 
+import contextlib
 import os
 import subprocess
 import time
@@ -55,6 +56,22 @@ class Backing:
             subprocess.run(["delpart", disk, "2"], check=False, capture_output=True)
         if not self.slow:
             run("rmmod", "brd")
+
+    @contextlib.contextmanager
+    def count_written(self):
+        """Answers a function: bytes that went to both disks meanwhile. RAM disks do not count."""
+        os.sync()
+        before = self.written()
+        yield lambda: after - before
+        os.sync()
+        after = self.written()
+
+    def written(self):
+        total = 0
+        for disk in self.disks:
+            with open(f"/sys/class/block/{os.path.basename(disk)}/stat", encoding="ascii") as line:
+                total += int(line.read().split()[6]) * 512
+        return total
 
     def slices(self, count, mib):
         """Tables of `count` parts of the store, as a volume manager lays them."""

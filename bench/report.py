@@ -3,15 +3,26 @@
 import collections
 import json
 import os
+import statistics
 
-TITLES = {
+import goals_of_snaps
+
+WRITES = {
     "write-4k-qd1": "4K rewrite QD1", "write-4k-qd32": "4K rewrite QD32",
     "first-4k-qd1": "4K first QD1", "first-4k-qd32": "4K first QD32",
-    "read-4k-qd1": "4K read QD1", "read-4k-qd32": "4K read QD32",
     "first-128k-seq": "128K seq first", "write-128k-seq": "128K seq rewrite",
-    "read-1m-seq": "1M seq read",
 }
-REQUEST_BYTES = {"write-128k-seq": 128 << 10, "first-128k-seq": 128 << 10, "read-1m-seq": 1 << 20}
+READS = {
+    "read-4k-qd1": "4K read QD1", "read-4k-qd32": "4K read QD32", "read-1m-seq": "1M seq read",
+    "snap-4k-qd1": "snapshot 4K QD1", "snap-4k-qd32": "snapshot 4K QD32",
+    "snap-1m-seq": "snapshot 1M seq",
+}
+TITLES = {**WRITES, **READS}
+# A snapshot's reads are set against the same reads of the bare device.
+YARDSTICK = {"snap-4k-qd1": "read-4k-qd1", "snap-4k-qd32": "read-4k-qd32",
+             "snap-1m-seq": "read-1m-seq"}
+REQUEST_BYTES = {"write-128k-seq": 128 << 10, "first-128k-seq": 128 << 10, "read-1m-seq": 1 << 20,
+                 "snap-1m-seq": 1 << 20}
 BACKINGS = {"brd": "RAM disks (brd)", "lat": "100 us per request (lat)"}
 
 
@@ -19,10 +30,20 @@ def summarize(figures):
     """Per backing, subject and workload: ns a request over all rounds, how far the rounds differ,
     the ratio to the bare device and the nanoseconds (on a RAM disk: instructions) over it."""
     rounds = collections.defaultdict(list)
+    traffic = collections.defaultdict(list)
+    created = collections.defaultdict(list)
+    memory = {}
     for figure in figures:
+        if figure["workload"] == "memory-per-tib":
+            memory[figure["subject"]] = figure["bytes"]
+            continue
+        key = figure["backing"], figure["subject"], figure["workload"]
         if "ms" in figure:
-            key = figure["backing"], figure["subject"], figure["workload"]
             rounds[key].append((figure["requests"], figure["ms"]))
+        if figure.get("written"):  # RAM disks do not count
+            traffic[key].append(figure["written"] / figure["bytes"])
+        if "created_ms" in figure:
+            created[key[:2]].append(figure["created_ms"])
     cells = {}
     for key, runs in rounds.items():
         each = [ms * 1e6 / count for count, ms in runs]
@@ -31,16 +52,19 @@ def summarize(figures):
             "ns": sum(ms for _, ms in runs) * 1e6 / sum(count for count, _ in runs),
             "spread": (max(each) - min(each)) / min(each) if min(each) else None,
         }
+        if key in traffic:
+            cells[key]["written_per_byte"] = statistics.median(traffic[key])
     for (backing, _, workload), cell in cells.items():
-        raw = cells.get((backing, "raw", workload))
+        raw = cells.get((backing, "raw", YARDSTICK.get(workload, workload)))
         if raw:
             cell["ratio"] = raw["ns"] / cell["ns"]
             cell["added"] = cell["ns"] - raw["ns"]
-    memory = {figure["subject"]: figure["bytes"] for figure in figures if "bytes" in figure}
     table = {}
     for (backing, subject, workload), cell in cells.items():
         table.setdefault(backing, {}).setdefault(subject, {})[workload] = cell
-    return {"cells": table, "memory_per_tib": memory, "goals": judge(table, memory)}
+    creation = {"/".join(key): statistics.median(each) for key, each in created.items()}
+    goals = judge(table, memory) + goals_of_snaps.judge(table, memory, creation)
+    return {"cells": table, "memory_per_tib": memory, "creation_ms": creation, "goals": goals}
 
 
 def judge(table, memory):
@@ -51,12 +75,8 @@ def judge(table, memory):
     if not node:
         return goals
 
-    def goal(text, value, must, aim, lower_is_better=False):
-        sign = -1 if lower_is_better else 1
-        met = "no"
-        if value * sign >= must * sign:
-            met = "aim" if value * sign >= aim * sign else "must"
-        goals.append({"goal": text, "value": value, "must": must, "aim": aim, "met": met})
+    def goal(*words):
+        goals.append(goals_of_snaps.verdict(*words))
 
     def over_era(workload):
         return era[workload]["ns"] / node[workload]["ns"]
@@ -96,22 +116,28 @@ def markdown_table(header, rows):
     return "\n".join(lines + ["| " + " | ".join(row) + " |" for row in rows]) + "\n"
 
 
-def speed_table(subjects):
-    rows = []
-    for subject, cells in subjects.items():
-        shown = [f"{speed(name, cells[name]['ns'])} {ratio(cells[name]['ratio'])}"
-                 if name in cells else "" for name in TITLES]
-        rows.append([subject] + shown)
-    return markdown_table(["subject"] + list(TITLES.values()), rows)
+def table_of(subjects, titles, show):
+    """A row for each subject that has any of the figures."""
+    rows = [[subject] + [show(name, cells[name]) if name in cells else "" for name in titles]
+            for subject, cells in subjects.items()]
+    return markdown_table(["subject", *titles.values()], [row for row in rows if any(row[1:])])
+
+
+def speed_table(subjects, titles):
+    return table_of(subjects, titles,
+                    lambda name, cell: f"{speed(name, cell['ns'])} {ratio(cell['ratio'])}")
 
 
 def added_table(subjects):
-    names = [name for name in TITLES if name not in REQUEST_BYTES]
-    rows = []
-    for subject, cells in subjects.items():
-        rows.append([subject] + [f"{cells[name]['added']:.0f}" if name in cells else ""
-                                 for name in names])
-    return markdown_table(["subject"] + [TITLES[name] for name in names], rows)
+    titles = {name: title for name, title in TITLES.items() if name not in REQUEST_BYTES}
+    return table_of(subjects, titles, lambda _, cell: f"{cell['added']:.0f}")
+
+
+def traffic_table(subjects):
+    written = {subject: {name: cell for name, cell in cells.items() if "written_per_byte" in cell}
+               for subject, cells in subjects.items()}
+    titles = {name: title for name, title in TITLES.items() if name.startswith("first")}
+    return table_of(written, titles, lambda _, cell: f"{cell['written_per_byte']:.2f}")
 
 
 def number(value):
@@ -119,11 +145,16 @@ def number(value):
 
 
 def markdown(summary):
-    parts = ["# Speed of the filter node beside device-mapper\n",
+    parts = ["# Speed of filter nodes and their snaps beside device-mapper\n",
              "IOPS, or MB/s for the sequential ones, and the ratio to the bare device; one "
              "nanosecond is one instruction.\n"]
     for backing, subjects in summary["cells"].items():
-        parts += [f"## {BACKINGS[backing]}\n", speed_table(subjects)]
+        parts += [f"## {BACKINGS[backing]}\n", speed_table(subjects, WRITES),
+                  "Reads of the node, and of the oldest snapshot, half of it changed:\n",
+                  speed_table(subjects, READS)]
+        if backing == "lat":
+            parts += ["Bytes written to both disks for each byte first written:\n",
+                      traffic_table(subjects)]
         if backing == "brd":
             parts += ["Instructions added per request over the bare device (A):\n",
                       added_table(subjects)]
@@ -142,12 +173,17 @@ def markdown(summary):
                      "than 1 %.\n")
     if summary["memory_per_tib"]:
         parts += ["## Memory that grows with the volume\n",
-                  markdown_table(["subject", "MiB per TiB, 64 KiB granularity"],
+                  markdown_table(["subject", "MiB per TiB"],
                                  [[subject, f"{held / (1 << 20):.2f}"]
                                   for subject, held in summary["memory_per_tib"].items()])]
+    if summary["creation_ms"]:
+        parts += ["## Creating and starting a snapshot\n",
+                  markdown_table(["backing/subject", "ms"],
+                                 [[subject, f"{ms:.1f}"]
+                                  for subject, ms in summary["creation_ms"].items()])]
     if summary["goals"]:
         parts += ["## Bounds\n",
-                  markdown_table(["filter node", "measured", "must", "aim", "met"],
+                  markdown_table(["bound", "measured", "must", "aim", "met"],
                                  [[goal["goal"], number(goal["value"]), str(goal["must"]),
                                    str(goal["aim"]), goal["met"]] for goal in summary["goals"]])]
     return "\n".join(parts)

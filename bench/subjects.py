@@ -6,6 +6,7 @@ A subject is created with nothing marked, copied or mapped apart; `renew()` brin
 import fcntl
 import os
 import struct
+import time
 
 import workloads
 from backings import null_disk, remove_null_disk, run
@@ -19,11 +20,14 @@ class Subject:
     name = "raw"
     tracks = False  # a first touch does something that a rewrite does not
     touches = workloads.FIRST_TOUCHES
+    touch_unit = workloads.EXTENT_BYTES  # what is copied or marked at once
     sequence_mib = workloads.REGION_MIB
+    oldest = None  # device file of the oldest snapshot
 
     def __init__(self, backing):
         self.backing = backing
         self.device = backing.volume
+        self.created_ms = []  # how long each snapshot took
 
     def renew(self):
         pass
@@ -90,6 +94,7 @@ class Snapshots(Mapped):
     def __init__(self, backing, chunk_kib, count):
         self.name = f"dm-snap-{chunk_kib}k-{count}"
         self.chunk_kib = chunk_kib
+        self.touch_unit = chunk_kib << 10
         self.count = count
         # N copies of everything: less of it, for the store to hold it.
         self.touches = {1: 3200, 4: 1600, 16: 800}[count]
@@ -103,10 +108,15 @@ class Snapshots(Mapped):
         for number, table in enumerate(tables):
             part = self.create(f"slice{number}", table)
             workloads.wipe_front(part)
+            began = time.monotonic_ns()
             run("dmsetup", "suspend", "--noudevsync", "origin")
-            self.create(f"snap{number}", f"0 {VOLUME_SECTORS} snapshot {self.backing.volume} "
-                                         f"{part} P {self.chunk_kib * 2}")
+            snapshot = self.create(f"snap{number}",
+                                   f"0 {VOLUME_SECTORS} snapshot {self.backing.volume} "
+                                   f"{part} P {self.chunk_kib * 2}")
             run("dmsetup", "resume", "--noudevsync", "origin")
+            self.created_ms.append((time.monotonic_ns() - began) / 1e6)
+            if number == 0:
+                self.oldest = snapshot
         return origin
 
 
@@ -136,6 +146,12 @@ class Thin(Mapped):
         return thin
 
 
+def mount_new_ext4(device, folder, *size):
+    """Lazy initialisation is off: it would go on while something is measured."""
+    run("mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0", device, *size)
+    run("mount", device, folder)
+
+
 class Filter(Subject):
     """A filter node over the volume; its bitmap files lie on an ext4 file system on the store."""
 
@@ -144,15 +160,15 @@ class Filter(Subject):
     FOLDER = "/mnt/store"
     ADD_FILTER_NODE, DEL_NODE = 0xc8b04301, 0x40044303
     START_NODE, STOP_NODE, CLR_BMP = 0x40044304, 0x40044305, 0x4008430a
+    ADD_SNAP_NODE, RESUME_SNAP = 0xc8b44302, 0x40104311
     BITMAPS = (0, 1)
 
     def __init__(self, backing, module, name="snbf", parameters=("snbf_debug=0",), volume=None):
         super().__init__(backing)
         self.name = name
         run("insmod", module, *parameters)
-        run("mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0", backing.meta)
         os.makedirs(self.FOLDER, exist_ok=True)
-        run("mount", backing.meta, self.FOLDER)
+        self.mount_folder()
         self.control = os.open(self.CONTROL, os.O_RDWR)
         volume = volume or backing.volume
         record = bytearray(struct.pack("<1024sii1024s39s128sx", volume.encode(), -1,
@@ -166,8 +182,20 @@ class Filter(Subject):
         self.opened = os.open(self.device, os.O_RDONLY)
         self.renew()
 
-    def command(self, number, *words):
-        fcntl.ioctl(self.control, number, struct.pack(f"<{1 + len(words)}I", self.minor, *words))
+    def mount_folder(self):
+        mount_new_ext4(self.backing.meta, self.FOLDER)
+
+    def command(self, number, *words, minor=None):
+        fcntl.ioctl(self.control, number, struct.pack(
+            f"<{1 + len(words)}I", self.minor if minor is None else minor, *words))
+
+    def add_snap(self, number, chunk_size):
+        """A snap that is not started: its minor."""
+        record = bytearray(struct.pack("<IiI1024s1024s39s128sx", self.minor, -1, chunk_size,
+                                       f"{self.FOLDER}/cow{number}.bmp".encode(),
+                                       f"{self.FOLDER}/cow{number}.data".encode(), b"", b""))
+        fcntl.ioctl(self.control, self.ADD_SNAP_NODE, record)
+        return struct.unpack_from("<i", record, 4)[0]
 
     def renew(self):
         for bitmap in self.BITMAPS:
@@ -180,6 +208,108 @@ class Filter(Subject):
         os.close(self.control)
         run("umount", self.FOLDER)
         run("rmmod", "snbf")
+
+
+class Snaps(Filter):
+    """A filter node with N started snaps; its files and theirs lie on ext4 on the store."""
+
+    STORE_MIB = 900
+    sequence_mib = 160
+
+    def __init__(self, backing, module, chunk_kib, count):
+        self.touch_unit = chunk_kib << 10
+        self.count = count
+        self.snaps = []
+        super().__init__(backing, module, name=f"snbf-snap-{chunk_kib}k-{count}")
+
+    def mount_folder(self):
+        self.backing.slices(1, self.STORE_MIB)  # gives memory to it
+        mount_new_ext4(self.backing.store, self.FOLDER, f"{self.STORE_MIB}M")
+
+    def create(self, number):
+        began = time.monotonic_ns()
+        minor = self.add_snap(number, self.touch_unit)
+        self.command(self.START_NODE, minor=minor)
+        self.created_ms.append((time.monotonic_ns() - began) / 1e6)
+        return minor
+
+    def delete_snaps(self):
+        for minor in self.snaps:  # the oldest first: the others would wait for it
+            self.command(self.STOP_NODE, minor=minor)
+            self.command(self.DEL_NODE, minor=minor)
+        self.snaps = []
+
+    def renew(self):
+        super().renew()
+        self.delete_snaps()
+        self.snaps = [self.create(number) for number in range(self.count)]
+        self.oldest = f"/dev/snbf/snbf{self.snaps[0]}"
+        os.sync()
+
+    def remove(self):
+        self.delete_snaps()
+        super().remove()
+
+
+class Floor:
+    """The file work of copies alone, on ext4 on the store as snaps have it."""
+
+    FOLDER = Filter.FOLDER
+
+    def __init__(self, backing, program, chunk_kib):
+        self.name = f"floor-file-{chunk_kib}k"
+        self.backing = backing
+        self.program = program
+        self.chunk = chunk_kib << 10
+        backing.slices(1, Snaps.STORE_MIB)
+        os.makedirs(self.FOLDER, exist_ok=True)
+        mount_new_ext4(backing.store, self.FOLDER, f"{Snaps.STORE_MIB}M")
+
+    def measure(self, workload):
+        """((requests, ms), bytes that a user would have written)."""
+        if workload == workloads.FIRST_SEQ:
+            size = Snaps.sequence_mib * workloads.MIB
+            units = size // self.chunk
+            requests, group, count = size // (128 << 10), max(1, (128 << 10) // self.chunk), units
+        else:
+            units, count = 2 * workloads.FIRST_TOUCHES, workloads.FIRST_TOUCHES
+            requests, group = count, int(workload.rpartition("qd")[2])
+            size = 4096 * count
+        took = run(self.program, self.FOLDER, *map(str, (self.chunk, group, count, units)))
+        return (requests, int(took) / 1e6), size
+
+    def remove(self):
+        run("umount", self.FOLDER)
+
+
+class CopiedSnap(Filter):
+    """A filter node with a snap of 4 KiB chunks, resumed from files that call them all copied."""
+
+    def __init__(self, backing, module, volume, sectors):
+        super().__init__(backing, module, volume=volume)
+        chunks = sectors // 8
+        with open(f"{self.FOLDER}/cow0.bmp", "wb") as bitmap:
+            for _ in range(0, chunks // 8, workloads.MIB):
+                bitmap.write(b"\xff" * min(chunks // 8, workloads.MIB))
+            os.fsync(bitmap.fileno())
+        with open(f"{self.FOLDER}/cow0.data", "wb") as copies:
+            copies.truncate(sectors * 512)
+        self.snap = self.add_snap(0, 4096)
+        self.command(self.RESUME_SNAP, 1, 0, 0, minor=self.snap)
+
+    def remove(self):
+        self.command(self.STOP_NODE, minor=self.snap)
+        self.command(self.DEL_NODE, minor=self.snap)
+        super().remove()
+
+
+def used_bytes():
+    """All memory that is neither free nor a cache of files: for those who take whole pages."""
+    with open("/proc/sys/vm/drop_caches", "w", encoding="ascii") as knob:
+        knob.write("3")
+    with open("/proc/meminfo", encoding="ascii") as lines:
+        kib = {line.split(":")[0]: int(line.split()[1]) for line in lines}
+    return (kib["MemTotal"] - kib["MemFree"] - kib["Cached"] - kib["Buffers"]) << 10
 
 
 def held_bytes():
@@ -195,7 +325,7 @@ def held_bytes():
     return total
 
 
-def bytes_per_tib(make):
+def bytes_per_tib(make, held_by=held_bytes):
     """What grows with the volume: make(disk, sectors) over 1 TiB less the same over 1 GiB.
 
     The first round only fills the kernel's caches, so that the others find them alike.
@@ -203,9 +333,9 @@ def bytes_per_tib(make):
     held = {}
     for gib in (1, 1, 1024):
         disk = null_disk("nullb9", size=gib << 10)
-        before = held_bytes()
+        before = held_by()
         subject = make(disk, gib << 21)
-        held[gib] = held_bytes() - before
+        held[gib] = held_by() - before
         subject.remove()
         remove_null_disk(disk)
     return (held[1024] - held[1]) * 1024 // 1023

@@ -26,6 +26,12 @@ STEADY = {
     "write-128k-seq": (("--rw=write", "--bs=128k", "--iodepth=1", *AREA), 128 << 10, 8192, 2048),
     "read-1m-seq": (("--rw=read", "--bs=1m", "--iodepth=1", *REGION), 1 << 20, 800, 400),
 }
+# Of the oldest snapshot, over the part of the region of which the first touches changed one half.
+SNAP_READS = {
+    "snap-4k-qd1": (("--rw=randread", "--bs=4k", "--iodepth=1"), 4096, 32768, 8192),
+    "snap-4k-qd32": (("--rw=randread", "--bs=4k", "--iodepth=32"), 4096, 32768, 32768),
+    "snap-1m-seq": (("--rw=read", "--bs=1m", "--iodepth=1"), 1 << 20, 400, 100),
+}
 FIRST = ("first-4k-qd1", "first-4k-qd32")
 FIRST_SEQ = "first-128k-seq"
 FIRST_TOUCHES = REGION_MIB * MIB // EXTENT_BYTES // 2
@@ -57,21 +63,27 @@ def steady(device, name, slow, number=0):
     return fio(device, (*options, f"--io_size={size * count}"))
 
 
-def touch_list(device, count):
-    """A replay log of 4 KiB writes, one in each of `count` extents of the region, at random."""
-    path = f"/tmp/touches-{os.path.basename(device)}-{count}"
-    extents = random.Random(20).sample(range(REGION_MIB * MIB // EXTENT_BYTES), count)
+def snap_read(device, name, slow, unit):
+    options, size, count, slow_count = SNAP_READS[name]
+    return fio(device, (*options, f"--offset={REWRITE_MIB}m", f"--size={2 * FIRST_TOUCHES * unit}",
+                        "--readonly", f"--io_size={size * (slow_count if slow else count)}"))
+
+
+def touch_list(device, count, unit):
+    """A replay log of 4 KiB writes, one in each of `count` units of the region, at random."""
+    path = f"/tmp/touches-{os.path.basename(device)}-{count}-{unit}"
+    units = random.Random(20).sample(range(2 * FIRST_TOUCHES), count)
     with open(path, "w", encoding="ascii") as log:
         log.write(f"fio version 2 iolog\n{device} add\n{device} open\n")
-        for extent in extents:
-            log.write(f"{device} write {REWRITE_MIB * MIB + extent * EXTENT_BYTES} 4096\n")
+        for number in units:
+            log.write(f"{device} write {REWRITE_MIB * MIB + number * unit} 4096\n")
         log.write(f"{device} close\n")
     return path
 
 
-def first_touches(device, name, count):
+def first_touches(device, name, count, unit=EXTENT_BYTES):
     depth = name.rpartition("qd")[2]
-    return fio(device, (f"--read_iolog={touch_list(device, count)}", f"--iodepth={depth}"))
+    return fio(device, (f"--read_iolog={touch_list(device, count, unit)}", f"--iodepth={depth}"))
 
 
 def first_sequence(device, mib):
