@@ -438,23 +438,26 @@ class Kills:
         write(kit.node_path("snbf2"), self.turn * 5 % 120, 3)
         self.turn += 1
 
-    def check_all(self, what):
+    def check_all(self, what, restore=True):
         """The next backup finds everything, and leaves nothing behind."""
         status, _, err = tool("backup", "kill", "/mnt/store/kill")
         kit.equal(status, 0, f"the backup after {what} ({err})")
         kit.check(not os.path.exists(JOURNAL), f"the journal is gone after {what}")
         kit.equal(kit.minors(2), [], f"snaps after {what}")
+        if not restore:
+            return
         good("restore", "/mnt/store/kill", "/tmp/kill.img", "--yes", "--no-verify")
         kit.run("cmp", "/tmp/kill.img", kit.node_path("snbf2"))
 
     def all_steps(self, plan):
-        for call, number in plan:
+        """A change that is lost is not written again for many steps: not each of them needs a restore."""
+        for turn, (call, number) in enumerate(plan, 1):
             what = f"a kill at {call} {number}"
             self.change()
             status, lines, err = traced("-e", f"inject={call}:signal=KILL:when={number}")
             kit.check(status != 0 and lines[-1].startswith("+++ killed"), f"{what}: {status} {err} {lines[-1:]}")
             self.change()
-            self.check_all(what)
+            self.check_all(what, restore=turn % 4 == 0 or turn == len(plan))
 
 
 @kit.case(boot="main")
