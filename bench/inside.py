@@ -128,10 +128,8 @@ def measure_memory(backing, module, recorder, only):
             recorder.put(subject=name, workload="memory-per-tib",
                          bytes=subjects.bytes_per_tib(make))
     if module and is_wanted("snbf-snap-4k", only):
-        held = subjects.bytes_per_tib(
-            lambda disk, sectors: subjects.CopiedSnap(backing, module, disk, sectors),
-            subjects.used_bytes)
-        recorder.put(subject="snbf-snap-4k", workload="memory-per-tib", bytes=held)
+        recorder.put(subject="snbf-snap-4k", workload="memory-per-tib",
+                     bytes=subjects.copied_snap_per_tib(backing, module))
 
 
 def is_wanted(name, only):

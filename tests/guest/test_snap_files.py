@@ -14,7 +14,8 @@ import kit
 import writers
 from kit import KIB, MIB
 
-GUEST = {"disks": ["both:400M", "ext4:160M", "xfs:320M", "scratch:320M", "store:900M"], "limit": 500, "memory": 2048}
+GUEST = {"disks": ["both:400M", "ext4:160M", "xfs:320M", "scratch:320M", "store:900M"], "limit": 500,
+         "memory": 2048}
 
 SEED = 20240717
 FIFREEZE, FITHAW = 0xc0045877, 0xc0045878
@@ -156,7 +157,10 @@ def starts_at_work(kind, device, folder, snaps, chunk_size):
         for number in range(4):
             hashes = witnesses.write()
             time.sleep(rng.uniform(0.1, 0.6))
-            image = free_start(snaps, chunk_size) if number % 2 else frozen_start(folder, device, snaps, chunk_size)
+            if number % 2 == 0:
+                image = frozen_start(folder, device, snaps, chunk_size)
+            else:
+                image = free_start(snaps, chunk_size)
             started.append((image, hashes))
             witnesses.spoil()
         for image, hashes in started[:1]:
