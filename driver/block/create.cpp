@@ -235,6 +235,7 @@ int publish(FilterNode& node) {
     snbf_plat_disk_del(node.disk);
     return rc;
   }
+  snbf_plat_disk_link(node.disk);
   snbf_plat_disk_set_read_only(node.disk, 0);
   make_device_file(node, node.disk_name);
   put_disk.dismiss();

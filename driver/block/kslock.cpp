@@ -8,6 +8,7 @@ namespace snbf {
 namespace {
 
 constexpr u32 kPauseForWriterMs = 10;
+constexpr u32 kPauseEveryMs = 100;
 constexpr u64 kNever = ~u64{0};
 
 }  // namespace
@@ -84,17 +85,20 @@ bool KsRwLock::write_lock_within(u32 limit_ms) NO_THREAD_SAFETY_ANALYSIS {
 }
 
 bool KsRwLock::wait_to_write(plat_task* me, u64 deadline_ms) {
+  const auto try_to_write = [this, me] { return try_write(me); };
+  u64 now_ms = snbf_plat_ticks_ms();
   // Behind the stamp, so that nobody who sees a writer sees an old one.
-  if (writers_waiting_.load() == 0) writers_wait_since_ms_.store(snbf_plat_ticks_ms());
+  if (writers_waiting_.load() == 0) writers_wait_since_ms_.store(now_ms);
   writers_waiting_.fetch_add(1);
   waiting_.fetch_add(1);
-  const auto try_to_write = [this, me] { return try_write(me); };
-  bool locked = true;
-  if (deadline_ms == kNever) {
-    queue_.wait(try_to_write);
-  } else {
-    locked = queue_.wait_until(try_to_write, deadline_ms);
-  }
+  // One pause may not be enough: a reader that holds the lock may itself wait for longer.
+  bool locked;
+  do {
+    const u64 next_ms = now_ms + kPauseEveryMs;
+    locked = queue_.wait_until(try_to_write, next_ms < deadline_ms ? next_ms : deadline_ms);
+    now_ms = snbf_plat_ticks_ms();
+    if (!locked) writers_wait_since_ms_.store(now_ms);
+  } while (!locked && now_ms < deadline_ms);
   waiting_.fetch_sub(1);
   writers_waiting_.fetch_sub(1);
   return locked;

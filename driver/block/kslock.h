@@ -53,8 +53,8 @@ class CAPABILITY("ks lock") KsRwLock {
   // False when that did not succeed within the limit.
   bool write_lock_within(u32 limit_ms) TRY_ACQUIRE(true);
   void write_unlock() RELEASE();
-  // Gives a waiting writer a chance: until it has waited for 10 ms, and not beyond, whoever asks. So a caller that holds
-  // the lock further up its own stack loses 10 ms at the most.
+  // Gives a waiting writer a chance: for at most the first 10 ms of each 100 that it waits. So a caller that
+  // holds the lock further up its own stack loses little.
   void pause_for_writer();
   bool has_waiting_writer() const { return writers_waiting_.load(std::memory_order_relaxed) > 0; }
   // Above zero: readers. Below: the writer's depth.

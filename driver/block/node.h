@@ -111,13 +111,13 @@ struct SnapNode : Node, ListLink<BySnapOrder> {
   snbf_file* cow_data_file = nullptr;
   snbf_file* cow_bmp_file = nullptr;
   snbf_blkbmp blkbmp;
+  KsMutex map_mutex;  // building blkbmp; before every other lock
   u64 chunk_cnt = 0;
   u64 cow_data_size = 0;
   u32 cow_bmp_size = 0;
   Atomic<int> snap_valid;
   Atomic<int> stop_pending;
   Atomic<int> del_pending;
-  SnapNode* stopped_inside = nullptr;  // while a chain of postponed stops is worked off
   Atomic<int> truncation_due;  // given up by the watchdog, which touches no file
 };
 

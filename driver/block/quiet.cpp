@@ -11,6 +11,7 @@ namespace {
 constexpr const char* kOrigin = "snbf_block_start_device";
 constexpr u64 kLimitMs = 60000;
 constexpr u64 kRestMs = 20;
+constexpr u32 kDrainMs = 200;
 constexpr u32 kAttemptMs = 1000;  // openers of the node wait as long
 
 }  // namespace
@@ -35,7 +36,7 @@ u32 QuietPoint::left_ms() const {
 // A held write that goes on is known to the tracker before the queue forgets it: so in this order
 // none is missed.
 bool QuietPoint::has_writes() const {
-  return filter_.cowqueue.writes.load() != 0 || filter_.aio.writes.load() != 0;
+  return filter_.cowqueue.writes.load() != 0 || snbf_aio_has_writes(&filter_.aio);
 }
 
 void QuietPoint::wait_for_writes(u64 until_ms) const {
@@ -50,7 +51,12 @@ bool QuietPoint::drain() const {
     if (is_late()) return false;
     snbf_plat_yield();
   }
-  if (snbf_plat_bdev_drain(filter_.hdd_bdev, left_ms()) != 0) return false;
+  // Nobody can send to the partition's disk meanwhile, so not for long at a time. The table's lock, which
+  // the caller holds, is no lock that a sender could wait for: it is held for reading.
+  while (snbf_plat_bdev_drain(filter_.hdd_bdev, kDrainMs) != 0) {
+    if (is_late()) return false;
+    snbf_plat_sleep_ms(kDrainMs);
+  }
   filter_.drained.store(1);
   return true;
 }
@@ -79,7 +85,10 @@ int QuietPoint::reach() {
   deadline_ms_ = snbf_plat_ticks_ms() + kLimitMs;
   const int minor = static_cast<int>(filter_.minor);
   const bool is_drained = drain();
-  freeze();
+  if (is_drained) {
+    freeze();
+    deadline_ms_ = snbf_plat_ticks_ms() + kLimitMs;
+  }
   while (is_drained) {
     // No request is kept out for as long as a copy may take.
     if (frozen_ != nullptr) wait_for_writes(deadline_ms_);

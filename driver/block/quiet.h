@@ -7,7 +7,7 @@
 namespace snbf {
 
 // Brings a filter node to that instant and holds it there. The file system that is mounted on the
-// node is frozen first; the time limit is for all of it.
+// node is frozen first; from then on there is a limit.
 class QuietPoint {
  public:
   explicit QuietPoint(FilterNode& filter) : filter_(filter) {}

@@ -16,6 +16,8 @@ constexpr const char* kOrigin = "snbf_block_stop_device";
 
 using Snaps = List<SnapNode, BySnapOrder>;
 
+constexpr u32 kTwoPasses = 6;  // each raises the count twice; the first may have been under way
+
 // Oldest first. The first that refuses ends it.
 int stop_snaps(FilterNode& filter) {
   for (SnapNode* snap = filter.snaps.first(); snap != nullptr; snap = Snaps::next(snap)) {
@@ -42,14 +44,19 @@ bool has_older_started(const SnapNode& snap) {
   return false;
 }
 
-// Waits until the request that was at the head, if any, is no longer there.
-void wait_for_head(CowQueue& queue) {
+// Waits until the request that was at the head, if any, is no longer there. Its record may have come back
+// there with another request; two whole passes later it is another one for certain.
+void wait_for_head(FilterNode& filter) {
+  CowQueue& queue = filter.cowqueue;
   const auto head = [&queue] {
     SpinGuard hold{queue.lock};
     return queue.requests.first();
   };
+  const u32 pass = filter.cowthread.pass.load();
   const CowRequest* const noted = head();
-  while (noted != nullptr && head() == noted) snbf_plat_yield();
+  while (noted != nullptr && head() == noted && filter.cowthread.pass.load() - pass < kTwoPasses) {
+    snbf_plat_yield();
+  }
 }
 
 // A COW thread that is at work may have found the snap started before it was not: its pass ends.
@@ -66,7 +73,7 @@ void end_snap(SnapNode& snap) {
     snap.stop_pending.store(0);
     snap.started.store(0);
   }
-  wait_for_head(filter.cowqueue);
+  wait_for_head(filter);
   wait_for_pass(filter.cowthread);
   drop_snap_resources(snap);
 }
@@ -98,6 +105,16 @@ void log_stopped(const Node& node) {
            static_cast<int>(node.minor));
 }
 
+void log_postponed(const Node& node) {
+  snbf_log(1,
+           "%s(): Postponing stop of snbf(%d, %d), since there are other snaps depending on this one.",
+           kOrigin, snbf_blk_major, static_cast<int>(node.minor));
+}
+
+void log_outcome(const Node& node, bool postponed) {
+  postponed ? log_postponed(node) : log_stopped(node);
+}
+
 bool is_in_use(const Node& node) {
   if (node.use_cnt.load() == 0) return false;
   snbf_log(kLogError, "%s(): snbf(%d, %d) is still being used.", kOrigin, snbf_blk_major,
@@ -105,18 +122,16 @@ bool is_in_use(const Node& node) {
   return true;
 }
 
-// Of those whose stop was postponed, the next in line, and so on: a loop, for there may be 256 of them
-// and the stack is small. Each ends inside the stop of the one before it, and is reported so.
+// Of those whose stop was postponed, the next in line, and so on, each inside the stop of the one before
+// it. A loop, for there may be 256 of them and the stack is small.
 void stop_pending_behind(SnapNode& first) {
-  SnapNode* last = nullptr;
   for (SnapNode* snap = next_pending(first); snap != nullptr; snap = next_pending(*snap)) {
     log_stopping(*snap);
     KsMutexGuard life{snap->node_mutex};
-    if (snap->started.load() == 0 || is_in_use(*snap) || stop_or_postpone(*snap)) break;
-    snap->stopped_inside = last;
-    last = snap;
+    if (snap->started.load() == 0) continue;
+    if (is_in_use(*snap)) return;
+    log_outcome(*snap, stop_or_postpone(*snap));
   }
-  for (; last != nullptr; last = last->stopped_inside) log_stopped(*last);
 }
 
 // Whether the stop was postponed.
@@ -153,12 +168,7 @@ int snbf_block_stop_device(snbf::Node& node) {
   if (node.dev_type == snbf::kFilterNode) {
     if (int rc = snbf::stop_filter(snbf::as_filter(node)); rc != 0) return rc;
   }
-  if (node.dev_type == snbf::kSnapNode && snbf::stop_snap(snbf::as_snap(node))) {
-    snbf_log(1,
-             "%s(): Postponing stop of snbf(%d, %d), since there are other snaps depending on this one.",
-             snbf::kOrigin, snbf_blk_major, static_cast<int>(node.minor));
-    return 0;
-  }
-  snbf::log_stopped(node);
+  const bool is_snap = node.dev_type == snbf::kSnapNode;
+  snbf::log_outcome(node, is_snap && snbf::stop_snap(snbf::as_snap(node)));
   return 0;
 }

@@ -120,16 +120,6 @@ void install(AioTracker& tracker, AioItem& item, BlockSpan span, plat_bio* origi
   item.saved_hooks = snbf_plat_bio_hooks(clone);
   snbf_plat_bio_set_hooks(clone, &kCloneHooks, &item);
   tracker.items.push_back(&item);
-  if (snbf_plat_bio_is_write(clone)) tracker.writes.fetch_add(1);
-}
-
-// From now on it blocks nobody. Answers the original; null if it had none any more.
-plat_bio* take_original(AioItem& item) REQUIRES(aio_spin) {
-  plat_bio* original = item.original;
-  if (original == nullptr) return nullptr;
-  item.original = nullptr;
-  if (snbf_plat_bio_is_write(item.clone)) item.tracker->writes.fetch_sub(1);
-  return original;
 }
 
 bool has_items(const AioTracker& tracker) {
@@ -193,6 +183,15 @@ void snbf_aio_destroy(AioTracker* tracker) {
   destroy_pools();
 }
 
+bool snbf_aio_has_writes(const AioTracker* tracker) {
+  IrqSpinGuard hold{aio_spin};
+  for (const AioItem* item = tracker->items.first(); item != nullptr;
+       item = List<AioItem, AioInFlight>::next(item)) {
+    if (item->original != nullptr && snbf_plat_bio_is_write(item->clone)) return true;
+  }
+  return false;
+}
+
 plat_bio* snbf_aio_clone(AioTracker* tracker, plat_bio* bio, int wait, AllocMode mode) {
   constexpr const char* kOrigin = "snbf_aio_clone";
   SNBF_ASSERT(tracker != nullptr);
@@ -224,7 +223,8 @@ int snbf_aio_end_io(plat_bio* clone, plat_u32 /*bytes_done*/, int error) {
   plat_bio* original = nullptr;
   {
     IrqSpinGuard hold{aio_spin};
-    original = take_original(*item);
+    original = item->original;
+    item->original = nullptr;
   }
   if (original != nullptr) snbf_plat_bio_complete(original, error);
   snbf_plat_bio_put(clone);
@@ -238,7 +238,6 @@ void snbf_aio_destructor(plat_bio* clone) {
     // Freed in the same holding: once the tracker is seen empty, nothing of it is left with
     // anybody.
     IrqSpinGuard hold{aio_spin};
-    take_original(*item);  // of a clone that was never sent
     item->tracker->items.remove(item);
     for (AioBlock* block = item->blocks; block != nullptr; block = block->next_of_item) {
       bucket_of(*item->tracker, block->number).remove(block);

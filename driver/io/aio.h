@@ -11,7 +11,6 @@
 // nothing is allocated, cloned, waited for or completed under it.
 #pragma once
 
-#include "base/atomic.h"
 #include "base/list.h"
 #include "base/types.h"
 #include "platform/block.h"
@@ -26,7 +25,6 @@ struct AioInBucket;
 struct AioTracker {
   List<AioItem, AioInFlight> items;
   List<AioBlock, AioInBucket>* buckets = nullptr;  // kAioBuckets of them, zero-filled memory
-  Atomic<int> writes;  // clones of writes that have been handed out and have not completed
 };
 
 constexpr u32 kAioBuckets = 4096;
@@ -38,6 +36,8 @@ constexpr u32 kAioBuckets = 4096;
 int snbf_aio_init(snbf::AioTracker* tracker);
 // Every request has completed, or will without the caller's help. May sleep.
 void snbf_aio_destroy(snbf::AioTracker* tracker);
+// Whether the clone of a write has been handed out and has not completed. Any context.
+bool snbf_aio_has_writes(const snbf::AioTracker* tracker);
 // A clone to point at the partition and submit, whose completion completes `bio`; null without
 // memory. With `wait` it sleeps until nothing in flight overlaps; without, an overlap is answered
 // with null. Sleeps for memory unless the mode is Atomic.

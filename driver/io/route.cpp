@@ -7,6 +7,7 @@
 #include "filter/bmp.h"
 #include "io/judge.h"
 #include "snap/chunkset.h"
+#include "snap/snapread.h"
 
 namespace snbf {
 
@@ -64,7 +65,9 @@ bool is_unsafe(const FilterNode& filter, BlockSpan span) {
 }
 
 Verdict ask_snap(const FilterNode& filter, SnapNode& snap, const SectorRange& sectors) {
-  if (snap.snap_valid.load() == 0) return judge_write(false, ChunkCount{});
+  if (snap.snap_valid.load() == 0) {
+    return filter.cowthread.giving_up.load() != 0 ? Verdict::Hold : judge_write(false, ChunkCount{});
+  }
   const BlockSpan span = BlockGeometry{snap.chunk_shift}.covering(sectors);
   const ChunkCount chunks = count_chunks(snap, span);
   // Asked after the bits: whoever sees one that was set just now also sees its chunk in the set.
@@ -72,24 +75,9 @@ Verdict ask_snap(const FilterNode& filter, SnapNode& snap, const SectorRange& se
   return judge_write(true, chunks);
 }
 
-// Whether a chunk's old contents lie in the COW data file of this snap or of a newer one.
-bool is_copied_from(SnapNode& snap, u64 chunk) {
-  for (SnapNode* holder = &snap; holder != nullptr;
-       holder = List<SnapNode, BySnapOrder>::next(holder)) {
-    if (holder->started.load() == 0 || holder->snap_valid.load() == 0) continue;
-    if (snbf_cowbmp_is_set(&holder->cow_bmp, chunk)) return true;
-  }
-  return false;
-}
-
 bool must_hold_read(SnapNode& snap, FilterNode& filter, const Request& request) {
   if (snbf_cowqueue_find_overlap_req(&filter.cowqueue, 0, 1, request.bio) != 0) return true;
-  const BlockSpan span = BlockGeometry{snap.chunk_shift}.covering(request.sectors());
-  const u64 count = span.count();
-  for (u64 n = 0; n < count; ++n) {
-    if (is_copied_from(snap, span.first + n)) return true;
-  }
-  return false;
+  return is_any_chunk_copied(snap, request.sectors());
 }
 
 // For lack of memory: the COW thread, which may wait for it, sends the request on. Where there is no such
@@ -133,7 +121,9 @@ int route_filter(FilterNode& filter, Request& request) {
   filter.io_req_cnt.fetch_add(1);
   const bool has_data = request.info.size_bytes >= kSectorBytes;
   if (has_data && request.info.is_write) mark_extents(filter, request.sectors());
-  const bool as_clone = !filter.snaps.empty() || (request.info.is_write && !filter.can_drain);
+  // A write that nobody could wait for must be known to the tracker, should a snap start meanwhile.
+  const bool is_traceless = !filter.can_drain || snbf_plat_bio_may_be_parked(request.bio) != 0;
+  const bool as_clone = !filter.snaps.empty() || (request.info.is_write && is_traceless);
   if (has_data && as_clone) return route_beside_snaps(filter, request);
   return pass_in_place(filter, request);
 }

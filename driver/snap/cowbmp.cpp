@@ -84,7 +84,7 @@ u8* page_for(CowBitmap& bitmap, u32 bit, AllocMode mode) {
   }
   u8* fresh = static_cast<u8*>(kzalloc(kPageBytes, mode));
   if (fresh == nullptr) {
-    snbf_log(kLogError, "%s(): Memory allocation failed.", "snbf_cowbmp_set_bits");
+    snbf_log(kLogError, "%s(): Memory allocation failed.", "snbf_cowbmp_set_bit");
     return nullptr;
   }
   KsWriteGuard hold{bitmap.lock};
@@ -111,7 +111,7 @@ struct ChangedBytes {
     if (page == nullptr) return 0;
     const int count = static_cast<int>(last - first + 1);
     if (snbf_fwrite(file, first, page + first % kPageBytes, count) == count) return 0;
-    snbf_log(kLogError, "%s(): Failed to update changed byte in file.", "snbf_cowbmp_set_bits");
+    snbf_log(kLogError, "%s(): Failed to update changed byte in file.", "snbf_cowbmp_set_bit");
     return -EIO;
   }
 };
@@ -189,6 +189,18 @@ bool is_inside(const CowBitmap& bitmap, int bit) {
   return bit >= 0 && static_cast<u64>(bit) < bitmap.nbits;
 }
 
+bool is_settable(const CowBitmap& bitmap, int bit) {
+  constexpr const char* kOrigin = "snbf_cowbmp_set_bit";
+  if (bitmap.pages == nullptr) {
+    snbf_log(kLogError, "%s(): Uninitialized COW bitmap.", kOrigin);
+    return false;
+  }
+  if (is_inside(bitmap, bit)) return true;
+  snbf_log(kLogError, "%s(): Bit %d lies outside the COW bitmap of %lld bits.", kOrigin, bit,
+           static_cast<long long>(bitmap.nbits));
+  return false;
+}
+
 }  // namespace
 
 }  // namespace snbf
@@ -242,15 +254,7 @@ int snbf_cowbmp_test_bit(CowBitmap* bitmap, int bit) {
 int snbf_cowbmp_set_bit(CowBitmap* bitmap, int bit, AllocMode mode, snbf_file* file) {
   constexpr const char* kOrigin = "snbf_cowbmp_set_bit";
   SNBF_ASSERT(bitmap != nullptr);
-  if (bitmap->pages == nullptr) {
-    snbf_log(kLogError, "%s(): Uninitialized COW bitmap.", kOrigin);
-    return -EINVAL;
-  }
-  if (!is_inside(*bitmap, bit)) {
-    snbf_log(kLogError, "%s(): Bit %d lies outside the COW bitmap of %lld bits.", kOrigin, bit,
-             static_cast<long long>(bitmap->nbits));
-    return -EINVAL;
-  }
+  if (!is_settable(*bitmap, bit)) return -EINVAL;
   u8** slot = &bitmap->pages[place_of(bit).page];
   {
     KsReadGuard hold{bitmap->lock};
@@ -282,7 +286,7 @@ int snbf_cowbmp_set_bits(CowBitmap* bitmap, const u32* bits, u32 count, AllocMod
   SNBF_ASSERT(bitmap != nullptr);
   ChangedBytes changed;
   for (u32 i = 0; i < count; ++i) {
-    if (bitmap->pages == nullptr || bits[i] >= bitmap->nbits) return -EINVAL;
+    if (!is_settable(*bitmap, static_cast<int>(bits[i]))) return -EINVAL;
     u8* page = page_for(*bitmap, bits[i], mode);
     if (page == nullptr) return -ENOMEM;
     u8 now = 0;

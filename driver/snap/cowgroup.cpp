@@ -10,14 +10,14 @@ namespace snbf {
 namespace {
 
 constexpr const char* kOrigin = "kcowd";
-constexpr u32 kBitsAtOnce = 64;
+constexpr u32 kBitsAtOnce = 16;
 
 class GroupCopy {
  public:
   GroupCopy(FilterNode& filter, SnapNode& snap, WorkSet& work)
       : filter_(filter), snap_(snap), work_(work) {}
 
-  bool run();
+  void run();
 
  private:
   bool is_copying() const { return snap_.started.load() != 0 && snap_.snap_valid.load() != 0; }
@@ -25,9 +25,10 @@ class GroupCopy {
   bool copy_chunks();
   bool copy_slices(const Slice* slices, u32 count);
   bool read_slices(const Slice* slices, u32 count);
+  void report_failures(const Slice* slices, u32 count) const;
   bool write_slice(const Slice& slice, u32 first_page);
   bool sync_data();
-  bool mark_copied();
+  void mark_copied();
   bool set_bits();
 
   // One file operation. The watchdog may act while it lasts.
@@ -35,14 +36,13 @@ class GroupCopy {
   auto in_file(Operation operation) {
     filter_.cowthread.gate.begin_file_operation(snap_.minor);
     const auto rc = operation();
-    if (filter_.cowthread.gate.end_file_operation()) was_watched_ = true;
+    filter_.cowthread.gate.end_file_operation();
     return rc;
   }
 
   FilterNode& filter_;
   SnapNode& snap_;
   WorkSet& work_;
-  bool was_watched_ = false;
 };
 
 Slice GroupCopy::slice_of(u32 chunk, u64 offset) const {
@@ -63,14 +63,21 @@ bool GroupCopy::read_slices(const Slice* slices, u32 count) {
     }
   }
   if (work_.read_all(pages, filter_.hdd_bdev)) return true;
-  for (u32 i = 0; i < pages; ++i) {
-    if (snbf_plat_bio_is_uptodate(work_.bios[i])) continue;
-    plat_bio_info info;
-    snbf_plat_bio_info(work_.bios[i], &info);
-    snbf_log(kLogError, "%s(): Failed to read %d-byte block #%d from %s", kOrigin,
-             static_cast<int>(kPageBytes), static_cast<int>(info.sector >> 12), filter_.name);
-  }
+  report_failures(slices, count);
   return false;
+}
+
+// Of each request the place that it was sent to: one that has run has moved on.
+void GroupCopy::report_failures(const Slice* slices, u32 count) const {
+  u32 page = 0;
+  for (u32 i = 0; i < count; ++i) {
+    for (u64 done = 0; done < slices[i].bytes; done += kPageBytes, ++page) {
+      if (snbf_plat_bio_is_uptodate(work_.bios[page])) continue;
+      const u64 sector = (slices[i].first + done) / kSectorBytes;
+      snbf_log(kLogError, "%s(): Failed to read %d-byte block #%d from %s", kOrigin,
+               static_cast<int>(kPageBytes), static_cast<int>(sector >> 12), filter_.name);
+    }
+  }
 }
 
 // Neighbouring pages go in one call of the file.
@@ -136,17 +143,16 @@ bool GroupCopy::set_bits() {
   return in_file([&] { return snbf_fsync(snap_.cow_bmp_file); }) == 0;
 }
 
-bool GroupCopy::mark_copied() {
+void GroupCopy::mark_copied() {
   filter_.cowthread.unsafe_chunks.store(&work_.chunks);
   const bool marked = set_bits();
   // Of a snap that is given up the bits mean nothing: that comes first.
   if (!marked && is_copying()) invalidate_snaps(snap_);
   filter_.cowthread.unsafe_chunks.store(nullptr);
-  return marked;
 }
 
-bool GroupCopy::run() {
-  if (!is_copying()) return false;
+void GroupCopy::run() {
+  if (!is_copying()) return;
   const u32 chunks = work_.chunks.count();
   snbf_log(1, "%s(): COWing %d chunks (%d pages), snap_minor=%d, queue_cnt=%d", kOrigin,
            static_cast<int>(chunks),
@@ -154,16 +160,15 @@ bool GroupCopy::run() {
            static_cast<int>(snap_.minor), filter_.cowqueue.length());
   if (!copy_chunks() || !sync_data()) {
     if (is_copying()) invalidate_snaps(snap_);
-    return was_watched_;
+    return;
   }
   mark_copied();
-  return was_watched_;
 }
 
 }  // namespace
 
-bool copy_group(FilterNode& filter, SnapNode& snap, WorkSet& work) {
-  return GroupCopy{filter, snap, work}.run();
+void copy_group(FilterNode& filter, SnapNode& snap, WorkSet& work) {
+  GroupCopy{filter, snap, work}.run();
 }
 
 }  // namespace snbf

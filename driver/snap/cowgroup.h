@@ -16,7 +16,7 @@ constexpr u32 group_capacity(u32 chunk_shift) {
 }
 
 // Copies the chunks of work.chunks for the snap; whatever fails invalidates it. By the COW thread,
-// with the table's lock held and no other. May sleep long. True when the watchdog acted meanwhile.
-bool copy_group(FilterNode& filter, SnapNode& snap, WorkSet& work);
+// with the table's lock held and no other. May sleep long.
+void copy_group(FilterNode& filter, SnapNode& snap, WorkSet& work);
 
 }  // namespace snbf

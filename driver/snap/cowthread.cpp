@@ -23,8 +23,12 @@ int refuse_null(const char* origin) {
 void serve_until_stopped(CowThread& thread, WorkSet& work) {
   CowQueue& queue = thread.filter->cowqueue;
   while (thread.stop.load() == 0) {
-    queue.wait.wait_idle([&] { return thread.stop.load() != 0 || queue.length() != 0; });
+    queue.wait.wait_idle([&] {
+      return thread.stop.load() != 0 || queue.length() != 0 || thread.truncations_due.load() != 0;
+    });
     if (log_enabled(4)) snbf_log(4, "%s(): mark: wait_event() is over.", kDefaultName);
+    // Pass upon pass it would hardly ever leave the table to whoever wants to change it.
+    snbf_blkdev_rwlock.pause_for_writer();
     serve_cow_queue(*thread.filter, work);
   }
 }

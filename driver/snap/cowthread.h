@@ -34,6 +34,9 @@ struct CowThread {
   // While bits are set that their file does not hold durably yet: the chunks they stand for. A write
   // to one of them may not pass, whatever its bit says. Null otherwise.
   Atomic<const ChunkSet*> unsafe_chunks;
+  // Snaps have just been given up, and their data files are not empty durably yet: until then a write that
+  // passes could be found, after a power cut, in what looks like a whole image.
+  Atomic<int> giving_up;
   Atomic<int> truncations_due;  // some snap's COW data file is to be emptied
   // The request that the thread reads for; the watchdog leaves it alone.
   Atomic<CowRequest*> in_service;

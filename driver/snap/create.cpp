@@ -95,10 +95,16 @@ int judge_likeness(const FilterNode& filter, u32 chunk_size) {
 }
 
 // At most 2^30 chunks.
+// 0: there is no such chunk size.
 u32 enlarge(u32 chunk_size, u64 dev_size) {
   u32 enlarged = chunk_size;
   while (enlarged != 0 && dev_size > (static_cast<u64>(enlarged) << kMaxChunksShift)) enlarged *= 2;
   if (enlarged == chunk_size) return chunk_size;
+  if (enlarged == 0) {
+    snbf_log(kLogError, "%s(): No chunk size is large enough for a volume of %lld bytes", kOrigin,
+             static_cast<long long>(dev_size));
+    return 0;
+  }
   snbf_log(kLogError, "%s(): Chunk size %d is too small for such a large volume %lld", kOrigin,
            static_cast<int>(chunk_size), static_cast<long long>(dev_size));
   snbf_log(kLogError, "%s(): We have automatically increased it to %d", kOrigin,
@@ -111,6 +117,7 @@ void fill_node(SnapNode& snap, snbf_snap_node_cmd& record, FilterNode& filter, u
   snap.dev_type = kSnapNode;
   snap.minor = minor;
   snap.node_mutex.init();
+  snap.map_mutex.init();
   record.snap_minor = static_cast<int>(minor);
   snbf_plat_snprintf(snap.disk_name, sizeof(snap.disk_name), "snbf%d", record.snap_minor);
   if (record.name[0] == '\0') text_copy(record.name, sizeof(record.name), snap.disk_name);
@@ -212,12 +219,17 @@ int add_to_filter(snbf_snap_node_cmd& record) REQUIRES(lifecycle_mutex) {
       return error;
     }
     record.chunk_size = enlarge(record.chunk_size, filter->dev_size);
+    if (record.chunk_size == 0) return -EINVAL;
     const Result<SnapNode*> built = build(record, *filter, table);
     if (!built.ok()) return built.error();
     snap = built.value();
     rc = publish(*snap, disk_to_delete);
-    if (rc == 0) return 0;
-    detach(*snap);
+    if (rc != 0) detach(*snap);
+  }
+  if (rc == 0) {
+    // Nobody deletes it meanwhile: lifecycle_mutex is held.
+    snbf_plat_disk_link(snap->disk);
+    return 0;
   }
   return drop(snap, disk_to_delete, rc);
 }

@@ -47,11 +47,14 @@ SnapNode* find_copying_snap(FilterNode& filter, int minor) {
 }
 
 void invalidate_snaps(SnapNode& newest) {
+  Atomic<int>& giving_up = newest.filter_node->cowthread.giving_up;
+  giving_up.store(1);
   // All of them first: the files may take their time.
   give_up(newest);
   for (SnapNode* snap = &newest; snap != nullptr; snap = Snaps::prev(snap)) {
     if (snap->started.load() != 0) truncate_data(*snap);
   }
+  giving_up.store(0);
 }
 
 void invalidate_snaps_without_files(SnapNode& newest) {
@@ -61,6 +64,7 @@ void invalidate_snaps_without_files(SnapNode& newest) {
     snap->truncation_due.store(1);
     newest.filter_node->cowthread.truncations_due.store(1);
   }
+  newest.filter_node->cowqueue.wait.wake();
 }
 
 void do_due_truncations(FilterNode& filter) {

@@ -234,6 +234,7 @@ void release_cow_queue(FilterNode& filter) {
   const auto give_up = [&](int minor) {
     if (SnapNode* snap = find_copying_snap(filter, minor)) invalidate_snaps_without_files(*snap);
   };
+  filter.cowthread.giving_up.store(0);  // it may be this that stalls
   give_up(static_cast<int>(filter.cowthread.gate.snap_minor()));
   {
     SpinGuard hold{queue.lock};

@@ -23,9 +23,11 @@ snbf_file* create_sparse(const char* path, u64 last_byte) {
   snbf_file* file = snbf_fopen(path, kCreateFlags, kFileMode);
   if (file == nullptr) return nullptr;
   const u8 zero = 0;
-  snbf_fwrite(file, last_byte, &zero, 1);
-  snbf_fsync(file);
-  return file;
+  snbf_fwrite(file, last_byte, &zero, 1);  // Kept: whatever it answers.
+  if (snbf_fsync(file) == 0) return file;
+  snbf_log(kLogError, "%s(): Failed to sync %s", kOrigin, path);
+  snbf_fclose(file);
+  return nullptr;
 }
 
 int prepare(SnapNode& snap) {
@@ -37,19 +39,22 @@ int prepare(SnapNode& snap) {
   return snbf_blkbmp_init(&snap.blkbmp);
 }
 
-// The instant itself. Everything that is passed or held from now on sees the snap.
-int take_image(SnapNode& snap) {
+// The instant itself. Everything that is passed or held from now on sees the snap. `has_thread`: the COW
+// thread was found running, or could be started.
+int take_image(SnapNode& snap, bool has_thread) {
   FilterNode& filter = *snap.filter_node;
   QuietPoint quiet{filter};
   if (int rc = quiet.reach(); rc != 0) return rc;
   if (filter.started.load() == 0 || is_overtaken(snap)) return kStartAgain;
+  const bool is_served = filter.cowthread.pid.load() != 0;
+  if (has_thread && !is_served) return kStartAgain;
   // Requests that an earlier snap of this minor left are not charged to this one.
   snbf_cowqueue_untag(&filter.cowqueue, static_cast<int>(snap.minor));
   snap.truncation_due.store(0);
   snap.snap_valid.store(1);
   snap.started.store(1);
   // Nobody would ever serve the writes that it holds back: better no image than those.
-  if (filter.cowthread.pid.load() == 0) invalidate_snaps_without_files(snap);
+  if (!is_served) invalidate_snaps_without_files(snap);
   return 0;
 }
 
@@ -63,12 +68,15 @@ bool is_overtaken(const SnapNode& snap) {
   return false;
 }
 
-void ensure_cow_thread(FilterNode& filter) {
+bool ensure_cow_thread(FilterNode& filter) {
   KsMutexGuard life{filter.node_mutex};
-  if (filter.cowthread.pid.load() == 0) snbf_cowthread_start(&filter.cowthread, "kcowd", &filter);
+  if (filter.cowthread.pid.load() != 0) return true;
+  return snbf_cowthread_start(&filter.cowthread, "kcowd", &filter) == 0;
 }
 
 void drop_snap_resources(SnapNode& snap) {
+  // Given up, and the COW thread has not come to it.
+  if (snap.truncation_due.exchange(0) != 0) snbf_ftruncate(snap.cow_data_fname);
   if (snap.cow_bmp_file != nullptr) snbf_fclose(snap.cow_bmp_file);
   if (snap.cow_data_file != nullptr) snbf_fclose(snap.cow_data_file);
   snap.cow_bmp_file = snap.cow_data_file = nullptr;
@@ -87,19 +95,21 @@ int start_snap(SnapNode& snap) {
     const int rc = snbf_block_start_device(filter);
     if (rc != 0 && rc != -EALREADY) return rc;
   }
-  ensure_cow_thread(filter);
+  const bool has_thread = ensure_cow_thread(filter);
   int rc = prepare(snap);
-  if (rc == 0) rc = take_image(snap);
+  if (rc == 0) rc = take_image(snap, has_thread);
   if (rc != 0) drop_snap_resources(snap);
   return rc;
 }
 
 void read_block_map(SnapNode& snap) {
-  if (snap.blkbmp.valid != 0) return;
+  // One builder at a time: behind a stop and another start there may be two. Whoever builds has the device
+  // open, which keeps the snap from being stopped.
+  KsMutexGuard building{snap.map_mutex};
   const plat_devt device = make_dev(static_cast<u32>(snbf_blk_major), snap.minor);
   plat_bdev* bdev = snbf_open_bdev(device, PLAT_MODE_READ, PLAT_OPEN_SHARED, nullptr);
   if (bdev == nullptr) return;
-  snbf_blkbmp_read(&snap.blkbmp, bdev, snap.chunk_size);
+  if (snap.blkbmp.valid == 0) snbf_blkbmp_read(&snap.blkbmp, bdev, snap.chunk_size);
   snbf_close_bdev(bdev, PLAT_OPEN_SHARED, PLAT_MODE_READ, nullptr);
 }
 

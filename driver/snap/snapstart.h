@@ -19,8 +19,8 @@ void read_block_map(SnapNode& snap);
 // Whether a snap that is newer in the list is started. The table's lock is held.
 bool is_overtaken(const SnapNode& snap);
 
-// Starts the COW thread if it does not run; a failure is logged by it.
-void ensure_cow_thread(FilterNode& filter);
+// Starts the COW thread if it does not run. False: it could not be, which is logged. May sleep.
+bool ensure_cow_thread(FilterNode& filter);
 // Closes the COW files and frees the maps. No request and no COW thread uses them any more.
 void drop_snap_resources(SnapNode& snap);
 

@@ -11,6 +11,7 @@
 #include "bio.h"
 
 #include <linux/bio.h>
+#include <linux/blk-cgroup.h>
 #include <linux/blkdev.h>
 #include <linux/delay.h>
 #include <linux/jiffies.h>
@@ -132,6 +133,17 @@ void snbf_plat_bio_info(const plat_bio* request, plat_bio_info* info) {
 }
 
 int snbf_plat_bio_is_write(const plat_bio* bio) { return op_is_write(bio_op(bio_of(bio))); }
+
+/* Limits of the root group, which the old hierarchy has, are not seen. */
+int snbf_plat_bio_may_be_parked(const plat_bio* bio) {
+#ifdef CONFIG_BLK_CGROUP
+  const struct cgroup_subsys_state* group = bio_blkcg_css(bio_of(bio));
+
+  return group && group != blkcg_root_css;
+#else
+  return 0;
+#endif
+}
 
 void snbf_plat_bio_forward(plat_bio* request, plat_bdev* bdev) {
   struct bio* bio = bio_of(request);

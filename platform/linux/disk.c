@@ -93,9 +93,11 @@ int snbf_plat_disk_add(plat_disk* disk) {
 
   if (rc != 0) return rc;
   disk->added = true;
-  /* For those who look at how devices lie on one another (lsblk): nothing depends on it. */
-  if (disk->below->bd_holder) disk->linked = bd_link_disk_holder(disk->below, disk->gendisk) == 0;
   return 0;
+}
+
+void snbf_plat_disk_link(plat_disk* disk) {
+  if (disk->below->bd_holder) disk->linked = bd_link_disk_holder(disk->below, disk->gendisk) == 0;
 }
 
 void snbf_plat_disk_set_read_only(plat_disk* disk, int read_only) {

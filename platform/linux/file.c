@@ -80,17 +80,15 @@ plat_s64 snbf_plat_file_write(plat_file* file, plat_u64 position, const void* fr
   return kernel_write((struct file*)file, from, bytes, &at);
 }
 
-#define PAGES_A_CALL 64
+#define PAGES_A_CALL 16
 
 plat_s64 snbf_plat_file_write_pages(plat_file* file, plat_u64 position, void* const* pages,
                                     plat_size bytes) {
   struct bio_vec pieces[PAGES_A_CALL];
   struct iov_iter from;
-  struct file* open = (struct file*)file;
   loff_t at = position;
   plat_size taken = 0;
   unsigned int count = 0;
-  plat_s64 rc;
 
   while (taken < bytes && count < PAGES_A_CALL) {
     const unsigned int piece = min_t(plat_size, bytes - taken, PAGE_SIZE);
@@ -102,10 +100,7 @@ plat_s64 snbf_plat_file_write_pages(plat_file* file, plat_u64 position, void* co
     ++count;
   }
   iov_iter_bvec(&from, WRITE, pieces, count, taken);
-  file_start_write(open);
-  rc = vfs_iter_write(open, &from, &at, 0);
-  file_end_write(open);
-  return rc;
+  return snbf_iter_write((struct file*)file, &from, &at);
 }
 
 int snbf_plat_file_sync(plat_file* file) {

@@ -161,6 +161,11 @@ int snbf_plat_bio_is_write(const plat_bio* bio) {
   return kernel().check_bio(bio, "bio_is_write")->op != Op::Read ? 1 : 0;
 }
 
+int snbf_plat_bio_may_be_parked(const plat_bio* bio) {
+  kernel().check_bio(bio, "bio_may_be_parked");
+  return 0;
+}
+
 void snbf_plat_bio_forward(plat_bio* bio, plat_bdev* bdev) {
   Kernel& k = enter_sleeping("bio_forward");
   k.check_bio(bio, "bio_forward");

@@ -78,14 +78,21 @@ int snbf_plat_disk_add(plat_disk* disk) {
     k.fatal("disk_add() of '%s': its major %d is not registered", disk->dev.name.c_str(),
             disk->major);
   }
-  k.lock(disk->open_mutex);
   k.point();
   const bool taken = !k.block_state->by_number.emplace(disk->dev.number, &disk->dev).second;
-  k.unlock(disk->open_mutex);
   if (taken) return -EEXIST;
   disk->added = true;
   if (k.udev) start_udev(k, disk->dev.number, disk->dev.name);
+  k.point();
   return 0;
+}
+
+void snbf_plat_disk_link(plat_disk* disk) {
+  Kernel& k = enter_sleeping("disk_link");
+  if (disk->freed || !disk->added) k.fatal("disk_link() of a disk that is not there");
+  k.lock(disk->open_mutex);
+  k.point();
+  k.unlock(disk->open_mutex);
 }
 
 void snbf_plat_disk_set_read_only(plat_disk* disk, int read_only) {

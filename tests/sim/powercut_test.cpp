@@ -9,7 +9,7 @@
 namespace snbf::rig {
 namespace {
 
-constexpr u64 kFlagWindowUs = 200'000;
+constexpr u64 kFlagWindowUs = 400'000;
 
 struct TimedWrite {
   u64 sent_us;

@@ -57,6 +57,8 @@ typedef struct plat_bio_info {
 } plat_bio_info;
 void snbf_plat_bio_info(const plat_bio* bio, plat_bio_info* info);
 int snbf_plat_bio_is_write(const plat_bio* bio);
+/* 1 when a limit of its sender's control group may hold it back on its way into a queue, where nobody sees it. */
+int snbf_plat_bio_may_be_parked(const plat_bio* bio);
 
 /*
  * Sends the caller's own request on to `bdev` in place and gives it up; counted in the statistics of the node

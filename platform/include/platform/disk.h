@@ -21,8 +21,13 @@ typedef struct plat_disk_params {
 
 /* Disk with one minor and its request queue, not visible yet; null on failure. Requests go to snbf_make_request. */
 plat_disk* snbf_plat_disk_alloc(const plat_disk_params* params);
-/* Makes it visible. 0 or a negative error: it was never visible then. Holds the disk's open mutex on the way. */
+/* Makes it visible; somebody may open it before this returns. 0 or a negative error: it was never visible then. */
 int snbf_plat_disk_add(plat_disk* disk);
+/*
+ * Shows those who ask how devices lie on one another (lsblk) what it lies on; nothing depends on it. Waits for the
+ * disk's open mutex, whose holder may be inside snbf_block_open: hold no lock that it takes.
+ */
+void snbf_plat_disk_link(plat_disk* disk);
 void snbf_plat_disk_set_read_only(plat_disk* disk, int read_only);
 /*
  * Takes it away: no open and no request begins any more, and those inside the driver have left when this

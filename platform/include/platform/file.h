@@ -25,7 +25,8 @@ int snbf_plat_file_close(plat_file* file);
 /* One call of the file's own read or write at byte `position`: bytes moved (perhaps fewer), 0 at the end, or a negative error. */
 plat_s64 snbf_plat_file_read(plat_file* file, plat_u64 position, void* to, plat_size bytes);
 plat_s64 snbf_plat_file_write(plat_file* file, plat_u64 position, const void* from, plat_size bytes);
-/* One call of the file's own write of whole pages' memory: `bytes` from `pages`, 4096 of each but perhaps the last. */
+/* One call of the file's own write of whole pages' memory: `bytes` from `pages`, 4096 of each but perhaps the last.
+ * Bytes written, perhaps those of the first few pages only, or a negative error. */
 plat_s64 snbf_plat_file_write_pages(plat_file* file, plat_u64 position, void* const* pages, plat_size bytes);
 /* Makes the data durable, and what it takes to find it again. 0, also for a file that knows no sync, or a negative error. */
 int snbf_plat_file_sync(plat_file* file);
