@@ -31,7 +31,8 @@ void put_in_order(u32 minor) {
   snap.filter_node->snaps.push_back(&snap);
 }
 
-int start_node(Node& node) REQUIRES(node.node_mutex) {
+// node_mutex is held.
+int start_node(Node& node) {
   // The bitmaps of a filter node are in memory since its creation: there is nothing to prepare.
   if (node.dev_type == kFilterNode) node.started.store(1);
   return node.dev_type == kSnapNode ? start_snap(as_snap(node)) : 0;

@@ -12,7 +12,7 @@ constexpr int kStartAgain = 1;
 
 // From stopped to an image of this instant. 0, kStartAgain or a negative error, and it is as before.
 // The table's lock is held for reading, and the snap's node_mutex. May sleep long.
-int start_snap(SnapNode& snap) REQUIRES(snap.node_mutex);
+int start_snap(SnapNode& snap);
 // Behind the start, with no mutex held: builds the data-block map through the snap's own device. A
 // failure leaves the map unknown.
 void read_block_map(SnapNode& snap);
