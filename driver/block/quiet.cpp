@@ -10,7 +10,7 @@ namespace {
 
 constexpr const char* kOrigin = "snbf_block_start_device";
 constexpr u64 kLimitMs = 60000;
-constexpr u64 kRestMs = 20;
+constexpr u64 kRestMs = 100;
 constexpr u32 kDrainMs = 200;
 constexpr u32 kAttemptMs = 1000;  // openers of the node wait as long
 
@@ -90,8 +90,9 @@ int QuietPoint::reach() {
     deadline_ms_ = snbf_plat_ticks_ms() + kLimitMs;
   }
   while (is_drained) {
-    // No request is kept out for as long as a copy may take.
-    if (frozen_ != nullptr) wait_for_writes(deadline_ms_);
+    // At first no request is kept out, for a copy may take long. Of a node without a file system, or with one
+    // that cannot be frozen, newcomers never end: so that is not waited for.
+    wait_for_writes(snbf_plat_ticks_ms() + kRestMs);
     if (try_to_hold()) {
       is_held_ = true;
       return 0;
