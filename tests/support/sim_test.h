@@ -14,7 +14,7 @@
 
 namespace snbf::sim {
 
-// Calls fn(seed) for seeds 1 to n (times SNBF_SEEDS, or only SNBF_SEED); stops at the first that
+// Calls fn(seed) for seeds 1 to n (times SNBF_SEEDS, or only SNBF_SEED, or a share of them: SNBF_SEED_SHARE); stops at the first that
 // fails.
 void for_seeds(int n, const std::function<void(u64 seed)>& fn);
 
