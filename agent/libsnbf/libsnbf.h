@@ -224,9 +224,10 @@ int libsnbf_snap_create(struct libsnbf* handle, struct libsnbf_snap_request* req
 
 /*
  * Delete a snap and its files. `postponed`: an older snap needs what it holds; it can no longer be
- * read, and the driver takes it away with the last of those.
+ * read, and the driver takes it away with the last of those. `uuid`: -ENOENT unless the snap has it; null
+ * for whichever has the minor.
  */
-int libsnbf_snap_delete(struct libsnbf* handle, uint32_t minor, int* postponed);
+int libsnbf_snap_delete(struct libsnbf* handle, uint32_t minor, const char* uuid, int* postponed);
 /* The record and the files of a snap that is no node. -EBUSY: it is one. */
 int libsnbf_snap_discard(struct libsnbf* handle, uint32_t filter_minor, const char* name);
 /*

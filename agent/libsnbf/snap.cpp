@@ -181,12 +181,14 @@ int distrust_older(const snbf_info& filter, const libsnbf_snap_record& gone) {
   return 0;
 }
 
-int delete_locked(libsnbf* handle, uint32_t minor, int* postponed) {
+int delete_locked(libsnbf* handle, uint32_t minor, const char* uuid, int* postponed) {
   snbf_info snap;
   snbf_info filter;
   *postponed = 0;
   if (int rc = libsnbf_get_info(handle, minor, &snap); rc != 0) return rc;
   if (snap.dev_type != SNBF_DEV_SNAP) return -EINVAL;
+  // Minors are given out again at once: by now this one may be another's.
+  if (uuid != nullptr && std::strcmp(snap.uuid, uuid) != 0) return -ENOENT;
   if (int rc = snbf::lib::filter_of(handle, minor, &filter); rc != 0) return rc;
   const std::string dir = bmp_dir_of(filter);
   libsnbf_snap_record record;
@@ -247,10 +249,10 @@ int libsnbf_snap_create(libsnbf* handle, libsnbf_snap_request* request) {
   });
 }
 
-int libsnbf_snap_delete(libsnbf* handle, uint32_t minor, int* postponed) {
+int libsnbf_snap_delete(libsnbf* handle, uint32_t minor, const char* uuid, int* postponed) {
   return snbf::lib::at_border([&] {
     HostLock lock(*handle);
-    return lock.error() ? lock.error() : delete_locked(handle, minor, postponed);
+    return lock.error() ? lock.error() : delete_locked(handle, minor, uuid, postponed);
   });
 }
 

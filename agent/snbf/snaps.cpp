@@ -217,7 +217,8 @@ int delete_snap(const Driver& driver, const snbf_info& snap, int* postponed) {
   const auto give_up = std::chrono::steady_clock::now() + kLookersGoWithin;
   int rc;
   // A new block device is opened by programs that look what is on it; a mount stays.
-  while ((rc = libsnbf_snap_delete(driver.get(), snap.minor, postponed)) == -EBUSY &&
+  while ((rc = libsnbf_snap_delete(driver.get(), snap.minor, snap.uuid, postponed)) ==
+             -EBUSY &&
          std::chrono::steady_clock::now() < give_up &&
          mounts_of(device_of(snap_path(snap))).empty()) {
     std::this_thread::sleep_for(kLookAgain);

@@ -238,7 +238,8 @@ class Snaps : public testing::Test {
   }
   int remove(const std::string& name, int* postponed = nullptr) {
     int ignored = 0;
-    return libsnbf_snap_delete(handle_, driver_->minor_of(name), postponed ? postponed : &ignored);
+    return libsnbf_snap_delete(handle_, driver_->minor_of(name), nullptr,
+                               postponed ? postponed : &ignored);
   }
   bool there(const std::string& file) const { return std::filesystem::exists(dir_ + "/" + file); }
   // NAME=why of each record, oldest first.
@@ -345,6 +346,15 @@ TEST_F(Snaps, ADeletedSnapLeavesNothing) {
   EXPECT_EQ(remove("monday"), 0);
   EXPECT_FALSE(there("cow/monday.cow"));
   EXPECT_FALSE(there("monday.snap"));
+}
+
+TEST_F(Snaps, AnotherSnapOfTheSameMinorIsNotDeleted) {
+  ASSERT_EQ(create("monday"), 0);
+  int postponed = 0;
+  const uint32_t minor = driver_->minor_of("monday");
+  EXPECT_EQ(libsnbf_snap_delete(handle_, minor, "{gone}", &postponed), -ENOENT);
+  EXPECT_TRUE(there("monday.snap"));
+  EXPECT_EQ(remove("monday"), 0);
 }
 
 TEST_F(Snaps, ARefusedDeletionChangesNothing) {
