@@ -54,6 +54,9 @@ XfsSuper xfs_super_at(const u8* bytes) {
                     .blocks = be64_at(bytes + 8),
                     .ag_blocks = be32_at(bytes + 84),
                     .ag_count = be32_at(bytes + 88),
+                    .log_start = be64_at(bytes + 48),
+                    .log_blocks = be32_at(bytes + 96),
+                    .ag_block_log = bytes[124],
                     .ro_compat = 0,
                     .incompat = 0,
                     .uuid = {}};

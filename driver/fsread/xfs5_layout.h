@@ -16,6 +16,9 @@ struct XfsSuper {
   u64 blocks;  // of the data device
   u32 ag_blocks;
   u32 ag_count;
+  u64 log_start;  // AG << ag_block_log | block in it; 0: not on this device
+  u32 log_blocks;
+  u32 ag_block_log;
   u32 ro_compat;  // of version 5, as the next
   u32 incompat;
   u8 uuid[16];  // that the metadata carry
@@ -23,6 +26,9 @@ struct XfsSuper {
   bool is_xfs() const { return magic == 0x58465342; }
   bool has_checksums() const { return version >= 5; }
   u64 ag_start(u32 ag) const { return u64{ag} * ag_blocks; }
+  u64 log_start_block() const {
+    return (log_start >> ag_block_log) * ag_blocks + (log_start & ((u64{1} << ag_block_log) - 1));
+  }
   // The last one may be short.
   u32 ag_length(u32 ag) const {
     const u64 left = blocks - ag_start(ag);

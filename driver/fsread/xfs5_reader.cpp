@@ -8,6 +8,7 @@
 #include "fsread/chunkmarks.h"
 #include "fsread/metaread.h"
 #include "fsread/xfs5_layout.h"
+#include "fsread/xfs_log.h"
 
 namespace snbf {
 
@@ -222,9 +223,11 @@ Claim xfs5_reader_claim(plat_bdev* bdev) {
   XfsSuper super = {};
   if (!read_super(kClaim, bdev, &super)) return Claim::Nobodys;
   if (!super.is_xfs()) return Claim::NotMine;
-  if (const char* unknown = xfs_unknown_feature(super); unknown != nullptr) {
+  const char* obstacle = xfs_unknown_feature(super);
+  if (obstacle == nullptr) obstacle = judge_xfs_log(bdev, super);
+  if (obstacle != nullptr) {
     snbf_log(1, "%s(): XFS on hdd(%d, %d) has %s (features 0x%x, 0x%x): no reader claims it",
-             kClaim, device_major(bdev), device_minor(bdev), unknown, super.incompat,
+             kClaim, device_major(bdev), device_minor(bdev), obstacle, super.incompat,
              super.ro_compat);
     return Claim::Nobodys;
   }

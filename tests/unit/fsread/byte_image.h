@@ -5,17 +5,9 @@
 
 #include "fsread/reader.h"
 #include "parts_rig.h"
+#include "put_bytes.h"
 
 namespace snbf::sim {
-
-inline void put_le(Bytes& bytes, u64 at, u64 value, int width) {
-  for (int n = 0; n < width; ++n) bytes[at + static_cast<u64>(n)] = static_cast<u8>(value >> n * 8);
-}
-inline void put_be(Bytes& bytes, u64 at, u64 value, int width) {
-  for (int n = 0; n < width; ++n) {
-    bytes[at + static_cast<u64>(n)] = static_cast<u8>(value >> (width - 1 - n) * 8);
-  }
-}
 
 // Bits that are set among the first `count`.
 inline std::set<u64> set_bits(const Bytes& bits, u64 count) {
