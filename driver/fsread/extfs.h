@@ -5,6 +5,11 @@
 // look free, and a snap loses them in silence. So the reader of ext2 and ext3 sees only what its
 // rules fit; the reader of ext4 sees what it understands of the rest; whatever has a feature that
 // nobody here knows is left alone, and every chunk then counts as used.
+//
+// What a crash has left is told by the journal's own flag. Without a journal nothing tells: bitmaps that
+// never came to the disk look like any others, and the state in the superblock says "not unmounted" also of a
+// file system that is mounted and frozen, whose bitmaps are whole. Such a one is believed in both cases; after
+// a crash it is to be checked before it is snapped.
 #pragma once
 
 #include "fsread/reader.h"

@@ -16,7 +16,6 @@ constexpr u32 kSuperOffset = 65536;
 constexpr u32 kSuperBytes = 80;
 constexpr char kMagic[10] = "ReIsEr2Fs";
 constexpr char kDescMagic[8] = {'R', 'e', 'I', 's', 'E', 'r', 'L', 'B'};
-constexpr u16 kUnmounted = 1;
 constexpr u32 kBlockSizeMin = 512;
 constexpr u32 kBlockSizeMax = 8192;
 
@@ -60,8 +59,9 @@ Claim reiserfs_claim(plat_bdev* bdev) {
   const u32 block_size = le16_at(super + 44);
   const bool is_sane =
       is_power_of_two(block_size) && block_size >= kBlockSizeMin && block_size <= kBlockSizeMax;
-  // A superblock that cannot be is the reader's to refuse.
-  if (!is_sane || le16_at(super + 50) == kUnmounted) return Claim::NotMine;
+  if (!is_sane) return Claim::NotMine;  // the reader's to refuse
+  // Its state is not asked: that it is mounted, too, stands in the journal long before it stands
+  // here.
   switch (look_at_journal(bdev, super, buffer.data(), block_size)) {
     case Journal::Empty:
       return Claim::NotMine;
