@@ -112,9 +112,19 @@ static inline int snbf_bdev_freeze(struct block_device* bdev) {
 #endif
 }
 
+/*
+ * Since 6.8 freezes nest: one by hand and one of the device. But taking back one of several is answered with
+ * -EINVAL, and the device then goes on counting it: no later freeze of it would freeze anything.
+ */
 static inline int snbf_bdev_thaw(struct block_device* bdev) {
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 8, 0)
-  return bdev_thaw(bdev);
+  const int rc = bdev_thaw(bdev);
+
+  if (rc != -EINVAL) return rc;
+  mutex_lock(&bdev->bd_fsfreeze_mutex);
+  atomic_dec_if_positive(&bdev->bd_fsfreeze_count);
+  mutex_unlock(&bdev->bd_fsfreeze_mutex);
+  return 0;
 #else
   return thaw_bdev(bdev);
 #endif
