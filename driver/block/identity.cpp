@@ -46,6 +46,8 @@ plat_disk* allocate_disk(const char* origin, const Node& node, const FilterNode&
   params.minor = static_cast<int>(node.minor);
   params.sectors = filter.dev_size / kSectorBytes;
   params.limits_from = filter.hdd_bdev;
+  // A snap's read is served piece by piece of its memory, and the partition reads whole blocks alone.
+  params.whole_blocks = node.dev_type == kSnapNode;
   plat_disk* disk = snbf_plat_disk_alloc(&params);
   if (disk == nullptr) snbf_log(kLogError, "%s(): Failed to allocate new generic disk.", origin);
   return disk;

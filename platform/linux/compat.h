@@ -132,10 +132,11 @@ static inline int snbf_bdev_thaw(struct block_device* bdev) {
 
 /*
  * Disk whose limits are those of `below`, and which always has a write cache and FUA: what the
- * device below does not need, its own queue drops. No NOWAIT, no polling. Null on failure.
+ * device below does not need, its own queue drops. No NOWAIT, no polling. With `whole_blocks`, no
+ * memory of a request begins or ends within a logical block. Null on failure.
  */
 #if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 11, 0)
-static inline struct gendisk* snbf_disk_create(struct block_device* below) {
+static inline struct gendisk* snbf_disk_create(struct block_device* below, bool whole_blocks) {
   struct queue_limits limits;
   struct gendisk* disk;
 
@@ -143,16 +144,18 @@ static inline struct gendisk* snbf_disk_create(struct block_device* below) {
   queue_limits_stack_bdev(&limits, below, 0, "snbf");
   limits.features &= ~(BLK_FEAT_NOWAIT | BLK_FEAT_POLL | BLK_FEAT_DAX);
   limits.features |= BLK_FEAT_WRITE_CACHE | BLK_FEAT_FUA | BLK_FEAT_IO_STAT;
+  if (whole_blocks) limits.dma_alignment = max(limits.dma_alignment, limits.logical_block_size - 1);
   disk = blk_alloc_disk(&limits, NUMA_NO_NODE);
   return IS_ERR(disk) ? NULL : disk;
 }
 #else
-static inline struct gendisk* snbf_disk_create(struct block_device* below) {
+static inline struct gendisk* snbf_disk_create(struct block_device* below, bool whole_blocks) {
   struct gendisk* disk = blk_alloc_disk(NUMA_NO_NODE);
 
   if (!disk) return NULL;
   blk_set_stacking_limits(&disk->queue->limits);
   disk_stack_limits(disk, below, 0);
+  if (whole_blocks) blk_queue_update_dma_alignment(disk->queue, bdev_logical_block_size(below) - 1);
   blk_queue_write_cache(disk->queue, true, true);
   blk_queue_flag_set(QUEUE_FLAG_IO_STAT, disk->queue);
   if (bdev_nonrot(below)) blk_queue_flag_set(QUEUE_FLAG_NONROT, disk->queue);

@@ -69,7 +69,7 @@ plat_disk* snbf_plat_disk_alloc(const plat_disk_params* params) {
 
   if (!disk) return NULL;
   disk->below = (struct block_device*)params->limits_from;
-  gendisk = snbf_disk_create(disk->below);
+  gendisk = snbf_disk_create(disk->below, params->whole_blocks);
   if (!gendisk) {
     kfree(disk);
     return NULL;

@@ -17,6 +17,7 @@ typedef struct plat_disk_params {
   int minor;
   plat_u64 sectors;
   plat_bdev* limits_from; /* whose queue limits the disk takes over */
+  int whole_blocks;       /* non-zero: the memory of a request comes in whole logical blocks of the disk */
 } plat_disk_params;
 
 /* Disk with one minor and its request queue, not visible yet; null on failure. Requests go to snbf_make_request. */

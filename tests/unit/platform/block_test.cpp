@@ -54,7 +54,7 @@ void toy_start(Sim& sim, plat_devt below) {
   ASSERT_EQ(snbf_plat_bdev_open(below, kMode, PLAT_OPEN_EXCLUSIVE, &toy, &toy.below), 0);
   ASSERT_EQ(snbf_plat_blkdev_register(100, "toy"), 0);
   const plat_disk_params params = {"toy3", 100, 3, snbf_plat_bdev_bytes(toy.below) / 512,
-                                   toy.below};
+                                   toy.below, 0};
   toy.disk = snbf_plat_disk_alloc(&params);
   ASSERT_EQ(snbf_plat_disk_add(toy.disk), 0);
 }
