@@ -27,6 +27,20 @@ void KsMutex::lock() NO_THREAD_SAFETY_ANALYSIS {
     return;
   }
   snbf_plat_sem_down(&semaphore_);
+  take();
+}
+
+bool KsMutex::try_lock() NO_THREAD_SAFETY_ANALYSIS {
+  if (is_mine()) {
+    ++depth_;
+    return true;
+  }
+  if (!snbf_plat_sem_try_down(&semaphore_)) return false;
+  take();
+  return true;
+}
+
+void KsMutex::take() {
   plat_task* const me = snbf_plat_task_current();
   snbf_plat_task_get(me);
   owner_.store(me);

@@ -19,11 +19,15 @@ class CAPABILITY("ks mutex") KsMutex {
   void init();
   // May sleep.
   void lock() ACQUIRE();
+  // False while another task holds it. Does not sleep.
+  bool try_lock() TRY_ACQUIRE(true);
   void unlock() RELEASE();
   // By the calling task.
   bool is_mine() const;
 
  private:
+  void take();
+
   plat_semaphore semaphore_ = {};
   // Keeps a reference on the task, so that a lock left held cannot be inherited by a new task at
   // the same address.

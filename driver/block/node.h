@@ -1,21 +1,21 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // The node record and the node table.
 //
-// Every node of the driver, filter or snap, is one record in one table indexed by minor. Lock
-// order, outermost first:
+// Every node of the driver, filter or snap, is one record in one table indexed by minor. Lock order,
+// outermost first:
 //
 //   lifecycle_mutex      adding, deleting, unloading; nobody else
 //   snbf_blkdev_rwlock   the table: for reading while a node is used, for writing to add and remove
-//   node_mutex           start and stop of one node; a snap's before its filter's on start, a
-//   filter's before
-//                        its snaps' on stop
+//   node_mutex           start, stop, open and release of one node. A start takes the snap's, then its
+//                        filter's; a stop takes the filter's, then those of its snaps, but never waits for
+//                        one that is not started
 //   io_rwlock            of a filter: for reading while a request is routed, for writing to drain
 //   bmp_mutex            file work on the bitmaps of a filter
-//   spin locks           bmp_spin, the COW queue's, the dirty requests', the tracker's; no file
-//   work under any
+//   spin locks           bmp_spin, the COW queue's, the dirty requests', the tracker's; no file work
+//                        under any
 //
-// Never under snbf_blkdev_rwlock: removing a disk or a /proc entry, which wait for callers that
-// wait for the table.
+// Never under snbf_blkdev_rwlock: adding or removing a disk or a /proc entry. A removal waits for callers
+// that wait for the table; an addition waits for a helper of the kernel that may wait for a write.
 #pragma once
 
 #include "base/atomic.h"

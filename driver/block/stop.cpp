@@ -18,11 +18,28 @@ using Snaps = List<SnapNode, BySnapOrder>;
 
 constexpr u32 kTwoPasses = 6;  // each raises the count twice; the first may have been under way
 
+// Takes the node_mutex of a snap that is started; false: it is not. A start holds that mutex while it waits
+// for the filter's, which may be held here, so the holder is not waited for: the snap that he starts cannot
+// become started meanwhile.
+bool lock_if_started(SnapNode& snap) TRY_ACQUIRE(true, snap.node_mutex) {
+  while (snap.started.load() != 0) {
+    if (!snap.node_mutex.try_lock()) {
+      snbf_plat_yield();
+      continue;
+    }
+    if (snap.started.load() != 0) return true;
+    snap.node_mutex.unlock();
+  }
+  return false;
+}
+
 // Oldest first. The first that refuses ends it.
 int stop_snaps(FilterNode& filter) {
   for (SnapNode* snap = filter.snaps.first(); snap != nullptr; snap = Snaps::next(snap)) {
-    if (snap->started.load() == 0) continue;
-    if (int rc = snbf_block_stop_device(*snap); rc != 0) return rc;
+    if (!lock_if_started(*snap)) continue;
+    const int rc = snbf_block_stop_device(*snap);
+    snap->node_mutex.unlock();
+    if (rc != 0) return rc;
   }
   return 0;
 }
@@ -127,10 +144,11 @@ bool is_in_use(const Node& node) {
 void stop_pending_behind(SnapNode& first) {
   for (SnapNode* snap = next_pending(first); snap != nullptr; snap = next_pending(*snap)) {
     log_stopping(*snap);
-    KsMutexGuard life{snap->node_mutex};
-    if (snap->started.load() == 0) continue;
-    if (is_in_use(*snap)) return;
-    log_outcome(*snap, stop_or_postpone(*snap));
+    if (!lock_if_started(*snap)) continue;
+    const bool is_busy = is_in_use(*snap);
+    if (!is_busy) log_outcome(*snap, stop_or_postpone(*snap));
+    snap->node_mutex.unlock();
+    if (is_busy) return;
   }
 }
 

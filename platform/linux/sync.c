@@ -51,6 +51,8 @@ void snbf_plat_sem_init(plat_semaphore* sem, int count) {
 
 void snbf_plat_sem_down(plat_semaphore* sem) { down((struct semaphore*)sem); }
 
+int snbf_plat_sem_try_down(plat_semaphore* sem) { return down_trylock((struct semaphore*)sem) == 0; }
+
 void snbf_plat_sem_up(plat_semaphore* sem) { up((struct semaphore*)sem); }
 
 void snbf_plat_waitq_init(plat_waitq* queue) { init_waitqueue_head(queue_of(queue)); }

@@ -144,6 +144,15 @@ void snbf_plat_sem_down(plat_semaphore* sem) {
   state.last = k.current;
 }
 
+int snbf_plat_sem_try_down(plat_semaphore* sem) {
+  Kernel& k = enter("sem_try_down");
+  auto& state = state_of<SemState>(sem, kSemMagic, "sem_try_down");
+  if (state.count <= 0) return 0;
+  --state.count;
+  state.last = k.current;
+  return 1;
+}
+
 void snbf_plat_sem_up(plat_semaphore* sem) {
   Kernel& k = enter("sem_up");
   auto& state = state_of<SemState>(sem, kSemMagic, "sem_up");

@@ -15,9 +15,11 @@ void snbf_plat_spin_unlock(plat_spin* lock);
 unsigned long snbf_plat_spin_lock_irqsave(plat_spin* lock);
 void snbf_plat_spin_unlock_irqrestore(plat_spin* lock, unsigned long state);
 
-/* Counting semaphore. down sleeps uninterruptibly; up may be called from any context. */
+/* Counting semaphore. down sleeps uninterruptibly; try_down answers 0 where down would sleep; up may be called from
+ * any context. */
 void snbf_plat_sem_init(plat_semaphore* sem, int count);
 void snbf_plat_sem_down(plat_semaphore* sem);
+int snbf_plat_sem_try_down(plat_semaphore* sem);
 void snbf_plat_sem_up(plat_semaphore* sem);
 
 /*

@@ -253,5 +253,25 @@ SIM_TEST_SEEDS(SnapLife, CommandsRaceWithoutHanging, 40) {
   sim.join_all();
 }
 
+// One that another task has stopped and begins to start again, once the filter's mutex is to be had.
+SIM_TEST(StopSnap, AStopOfTheFilterDoesNotWaitForASnapThatIsBeingStarted) {
+  SnapBench bench(sim);
+  bench.add_started(7);
+  SnapNode& snap = *bench.snap(7);
+  snap.node_mutex.lock();
+  bool stopped = false;
+  Task* stopper = sim.spawn("stopper", [&] { stopped = stop_node(sim, snap.filter_node->minor) == 0; });
+  sim.sleep_us(50'000);
+  EXPECT_FALSE(stopped);
+  snap.started.store(0);
+  snap.filter_node->node_mutex.lock();
+  EXPECT_EQ(snap.filter_node->started.load(), 0);
+  snap.filter_node->node_mutex.unlock();
+  snap.started.store(1);
+  snap.node_mutex.unlock();
+  sim.join(stopper);
+  EXPECT_EQ(stop_node(sim, 7), 0);
+}
+
 }  // namespace
 }  // namespace snbf::sim
