@@ -94,8 +94,7 @@ int judge_likeness(const FilterNode& filter, u32 chunk_size) {
   return 0;
 }
 
-// At most 2^30 chunks.
-// 0: there is no such chunk size.
+// The chunk size with which the volume has at most 2^30 chunks; 0: there is none.
 u32 enlarge(u32 chunk_size, u64 dev_size) {
   u32 enlarged = chunk_size;
   while (enlarged != 0 && dev_size > (static_cast<u64>(enlarged) << kMaxChunksShift)) enlarged *= 2;
@@ -136,16 +135,9 @@ void fill_node(SnapNode& snap, snbf_snap_node_cmd& record, FilterNode& filter, u
 
 void attach(SnapNode& snap) REQUIRES(snbf_blkdev_rwlock) {
   FilterNode& filter = *snap.filter_node;
-  snbf_log(1, "%s(): Attaching snap snbf(%d, %d) to filter snbf(%d, %d)", kOrigin, snbf_blk_major,
-           static_cast<int>(snap.minor), snbf_blk_major, static_cast<int>(filter.minor));
   if (filter.snaps.empty()) filter.drained.store(0);  // what was passed on in place may be under way
   snbf_blkdev_arr[snap.minor] = &snap;
   filter.snaps.push_back(&snap);
-}
-
-void detach(SnapNode& snap) REQUIRES(snbf_blkdev_rwlock) {
-  snap.filter_node->snaps.remove(&snap);
-  snbf_blkdev_arr[snap.minor] = nullptr;
 }
 
 // A name that would leave the folder, or take the place of the control device, gets no file.
@@ -153,21 +145,24 @@ bool may_name_file(const char* name) {
   return !text_contains(name, "/") && !text_contains(name, "..") && !text_equal(name, "control");
 }
 
-// The disk and its directory in /proc. 0, or a negative error: the disk is then neither, or, with
-// `disk_to_delete` set, still visible; who deletes a disk holds no lock.
-int publish(SnapNode& snap, bool& disk_to_delete) {
-  disk_to_delete = false;
+// The disk, its directory in /proc and its file. Whoever opens the disk before the snap is in the table is
+// refused.
+int publish(SnapNode& snap) {
   if (int rc = snbf_plat_disk_add(snap.disk); rc != 0) {
     snbf_log(kLogError, "%s(): Failed to add generic disk %s: rc=%d", kOrigin, snap.disk_name, rc);
     return rc;
   }
-  disk_to_delete = true;
-  if (int rc = snbf_proc_add_device(snap); rc != 0) return rc;
+  if (int rc = snbf_proc_add_device(snap); rc != 0) {
+    snbf_plat_disk_del(snap.disk);
+    return rc;
+  }
+  snbf_plat_disk_link(snap.disk);
   snbf_plat_disk_set_read_only(snap.disk, 1);
   if (may_name_file(snap.name)) make_device_file(snap, snap.name);
   return 0;
 }
 
+// The record with its disk, in no list yet.
 Result<SnapNode*> build(snbf_snap_node_cmd& record, FilterNode& filter, TableWriteGuard& table)
     REQUIRES(snbf_blkdev_rwlock) {
   using Snap = Result<SnapNode*>;
@@ -183,55 +178,52 @@ Result<SnapNode*> build(snbf_snap_node_cmd& record, FilterNode& filter, TableWri
     return Snap::failure(minor.error());
   }
   fill_node(*snap, record, filter, minor.value());
-  attach(*snap);
+  snbf_log(1, "%s(): Attaching snap snbf(%d, %d) to filter snbf(%d, %d)", kOrigin, snbf_blk_major,
+           static_cast<int>(snap->minor), snbf_blk_major, static_cast<int>(filter.minor));
   snap->disk = allocate_disk(kOrigin, *snap, filter);
   if (snap->disk == nullptr) {
+    attach(*snap);
     snbf_plat_heap_free(snap);  // Kept: the table and the filter's list still name the record.
     return Snap::failure(-ENOMEM);
   }
   return snap;
 }
 
-// A snap that is not to be, and is in no list any more. No lock is held.
-int drop(SnapNode* snap, bool disk_to_delete, int error) {
-  if (disk_to_delete) snbf_plat_disk_del(snap->disk);
-  snbf_plat_disk_put(snap->disk);
-  snbf_plat_heap_free(snap);
-  return error;
+Result<SnapNode*> judge_and_build(snbf_snap_node_cmd& record) REQUIRES(lifecycle_mutex) {
+  using Snap = Result<SnapNode*>;
+  TableWriteGuard table;
+  FilterNode* filter = find_filter(record.snbf_minor);
+  if (filter == nullptr) return Snap::failure(-EINVAL);
+  if (int error = judge_count(*filter); error != 0) return Snap::failure(error);
+  if (int error = judge_chunk_size(record.chunk_size); error != 0) return Snap::failure(error);
+  if (record.chunk_size < kPageBytes) {  // Kept: the tests before let nothing come here.
+    table.leave_held();  // Kept: this return would leave the table locked.
+    return Snap::failure(refuse_small_chunks());
+  }
+  if (int error = judge_likeness(*filter, record.chunk_size); error != 0) {
+    table.leave_held();  // Kept: this return leaves the table locked.
+    return Snap::failure(error);
+  }
+  record.chunk_size = enlarge(record.chunk_size, filter->dev_size);
+  if (record.chunk_size == 0) return Snap::failure(-EINVAL);
+  return build(record, *filter, table);
 }
 
+// A disk becomes visible through helpers of the kernel that may allocate with I/O, and the write that they
+// then wait for may need the table: so it does with the table unlocked. What was judged still holds
+// when the snap enters the table, since nobody else adds or deletes under lifecycle_mutex.
 int add_to_filter(snbf_snap_node_cmd& record) REQUIRES(lifecycle_mutex) {
-  SnapNode* snap;
-  bool disk_to_delete;
-  int rc;
-  {
-    TableWriteGuard table;
-    FilterNode* filter = find_filter(record.snbf_minor);
-    if (filter == nullptr) return -EINVAL;
-    if (int error = judge_count(*filter); error != 0) return error;
-    if (int error = judge_chunk_size(record.chunk_size); error != 0) return error;
-    if (record.chunk_size < kPageBytes) {  // Kept: the tests before let nothing come here.
-      table.leave_held();  // Kept: this return would leave the table locked.
-      return refuse_small_chunks();
-    }
-    if (int error = judge_likeness(*filter, record.chunk_size); error != 0) {
-      table.leave_held();  // Kept: this return leaves the table locked.
-      return error;
-    }
-    record.chunk_size = enlarge(record.chunk_size, filter->dev_size);
-    if (record.chunk_size == 0) return -EINVAL;
-    const Result<SnapNode*> built = build(record, *filter, table);
-    if (!built.ok()) return built.error();
-    snap = built.value();
-    rc = publish(*snap, disk_to_delete);
-    if (rc != 0) detach(*snap);
+  const Result<SnapNode*> built = judge_and_build(record);
+  if (!built.ok()) return built.error();
+  SnapNode* snap = built.value();
+  if (int rc = publish(*snap); rc != 0) {
+    snbf_plat_disk_put(snap->disk);
+    snbf_plat_heap_free(snap);
+    return rc;
   }
-  if (rc == 0) {
-    // Nobody deletes it meanwhile: lifecycle_mutex is held.
-    snbf_plat_disk_link(snap->disk);
-    return 0;
-  }
-  return drop(snap, disk_to_delete, rc);
+  TableWriteGuard table;
+  attach(*snap);
+  return 0;
 }
 
 }  // namespace

@@ -79,6 +79,7 @@ int snbf_plat_disk_add(plat_disk* disk) {
             disk->major);
   }
   k.point();
+  k.reclaim_in_helper("kdevtmpfs");
   const bool taken = !k.block_state->by_number.emplace(disk->dev.number, &disk->dev).second;
   if (taken) return -EEXIST;
   disk->added = true;

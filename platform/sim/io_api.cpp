@@ -183,9 +183,22 @@ void Kernel::reclaim(plat_alloc_mode mode) {
     current->in_reclaim = false;
     return;
   }
+  reclaim_in("kswapd", request);
+}
+
+// A helper's allocations heed nothing that the task which waits for it has said of its own.
+void Kernel::reclaim_in_helper(const char* helper) {
+  if (reclaim_percent == 0 || current->in_reclaim || find_dev(reclaim_device) == nullptr) return;
+  if (io_rng.below(100) >= reclaim_percent) return;
+  Request request{.op = Op::Write, .sector = reclaim_sector};
+  request.data.assign(4096, 0x3C);
+  reclaim_in(helper, request);
+}
+
+void Kernel::reclaim_in(const char* helper, const Request& request) {
   auto state = std::make_shared<Io::State>();
-  Task* flusher = new_task(
-      "kswapd",
+  new_task(
+      helper,
       [this, state, request] {
         current->in_reclaim = true;
         submit_and_wait(reclaim_device, request, nullptr);
@@ -193,9 +206,8 @@ void Kernel::reclaim(plat_alloc_mode mode) {
         wake_all(state->waiters);
       },
       0);
-  (void)flusher;
   while (!state->done)
-    sleep_in(state->waiters, "memory, which a write must free", state.get(), "kswapd");
+    sleep_in(state->waiters, "memory, which a write must free", state.get(), helper);
 }
 
 }  // namespace snbf::sim

@@ -290,6 +290,9 @@ struct Kernel {
   std::unique_ptr<MemoryState> memory;
   bool memory_pressure = false;
   void reclaim(plat_alloc_mode mode);
+  // The same by a helper of the kernel that the current task waits for.
+  void reclaim_in_helper(const char* helper);
+  void reclaim_in(const char* helper, const Request& request);
   plat_devt reclaim_device = 0;
   u64 reclaim_sector = 0;
   u32 reclaim_percent = 0;

@@ -1,6 +1,7 @@
 // Nodes come and go while everybody looks at them. A run that cannot go on ends with "deadlock" and says who
 // waits for whom.
 #include "rig.h"
+#include "snap_rig.h"
 
 namespace snbf::rig {
 namespace {
@@ -234,6 +235,45 @@ SIM_TEST_SEEDS(LifeCycle, CommandsForOneMinorRace, 60) {
   }
   sim.join_all();
   ASSERT_EQ(sim.unload_driver(), 0);
+}
+
+// A stop of the node stops its snaps on the way, while others stop and start the same snaps.
+SIM_TEST_SEEDS(LifeCycle, ANodeStopsWhileItsSnapsStopAndStart, 20) {
+  SnapSetup setup;
+  setup.bytes = 128 << 10;
+  SnapRig rig(sim, setup);
+  rig.begin();
+  constexpr u32 kSnaps = 2;
+  for (int i = 1; i <= static_cast<int>(kSnaps); ++i) {
+    ASSERT_EQ(rig.create("/store/s" + std::to_string(i), i), i);
+  }
+  const auto commands = [&](unsigned int command, u32 first, u32 count) {
+    for (int i = 0; i < 12; ++i) {
+      snbf_minor_cmd record = {first + static_cast<u32>(sim.random(count))};
+      sim.ioctl(command, &record, sizeof(record));  // whatever it answers: that it does is what counts
+    }
+  };
+  sim.spawn("stops the node", [&] { commands(SNBF_STOP_NODE, 0, 1); });
+  sim.spawn("stops snaps", [&] { commands(SNBF_STOP_NODE, 1, kSnaps); });
+  for (int i = 0; i < 2; ++i) sim.spawn("starts snaps", [&] { commands(SNBF_START_NODE, 1, kSnaps); });
+  sim.join_all();
+  rig.end();
+}
+
+// A disk becomes visible through a helper of the kernel, which may allocate with I/O through the node.
+SIM_TEST_SEEDS(LifeCycle, ReclaimThroughTheNodeWhileSnapsAreMade, 20) {
+  SnapSetup setup;
+  setup.bytes = 128 << 10;
+  SnapRig rig(sim, setup);
+  rig.begin();
+  sim.set_reclaim(rig.node(), 64, 50);
+  for (int i = 0; i < 4; ++i) {
+    ASSERT_EQ(rig.create("/store/s" + std::to_string(i), 1 + i), 1 + i);
+    ASSERT_EQ(rig.base.start(1 + i), 0);
+  }
+  sim.clear_reclaim();
+  rig.write(64, 8);  // where the model knows nothing of what was reclaimed
+  rig.end();
 }
 
 }  // namespace
