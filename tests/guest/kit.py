@@ -4,7 +4,8 @@ A test is a file test_*.py beside this one. Its GUEST says what the runner gives
 
     disks   as for tests/guest/run: "name:SIZE"
     boots   the lives of the guest, in order, on the same disks; "name!" is one that ends in a power cut
-    limit   seconds for each boot
+    limit   seconds for each boot on an idle machine
+    minutes about how many all of it takes: the longest begin
     allow   patterns of kernel log lines that it provokes
     words   for the kernel's command line, beside slub_nomerge
 """

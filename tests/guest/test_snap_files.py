@@ -14,7 +14,7 @@ import kit
 import writers
 from kit import KIB, MIB
 
-GUEST = {"disks": ["both:400M", "ext4:160M", "xfs:320M", "scratch:320M", "store:900M"], "limit": 500,
+GUEST = {"minutes": 6, "disks": ["both:400M", "ext4:160M", "xfs:320M", "scratch:320M", "store:900M"], "limit": 500,
          "memory": 2048}
 
 SEED = 20240717

@@ -13,7 +13,7 @@ import trace
 import writers
 from kit import DIFF, INCR, KIB, MIB
 
-GUEST = {"disks": ["raw:64M", "ext4:256M", "xfs:320M", "state:64M", "big:4G"], "limit": 700}
+GUEST = {"minutes": 4, "disks": ["raw:64M", "ext4:256M", "xfs:320M", "state:64M", "big:4G"], "limit": 700}
 
 SEED = 20240607
 state = ""
