@@ -113,6 +113,30 @@ int snbf_fwrite_pages(snbf_file* file, u64 position, void* const* pages, int cou
   });
 }
 
+int snbf_fwrite_direct(snbf_file* file, plat_direct_batch* batch, plat_file_piece* pieces,
+                       int count) {
+  snbf_plat_file_write_direct(file->filp, batch, pieces, count);
+  int failed = 0;
+  bool refused = false;
+  for (int i = 0; i < count; ++i) {
+    const int bytes = static_cast<int>(pieces[i].bytes);
+    int rc = static_cast<int>(pieces[i].result);
+    if (rc == bytes) continue;
+    if (rc == -EINVAL) {
+      refused = true;
+      continue;
+    }
+    if (rc > 0) {
+      rc = snbf_fwrite_pages(file, pieces[i].position, pieces[i].pages, bytes);
+    } else {
+      rc = write_whole(file, bytes, [rc](int) { return rc; });
+    }
+    if (rc < 0) failed = rc;
+  }
+  if (failed != 0) return failed;
+  return refused ? -EINVAL : 0;
+}
+
 // Kept: where a write that makes no progress is an error, the end of the file is a short count, for
 // the caller to judge.
 int snbf_fread(snbf_file* file, u64 position, void* to, int count) {

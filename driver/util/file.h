@@ -23,6 +23,12 @@ int snbf_fread(snbf_file* file, snbf::u64 position, void* to, int count);
 int snbf_fwrite(snbf_file* file, snbf::u64 position, const void* from, int count);
 // The same from whole pages of memory: `count` bytes, 4096 of each page but perhaps the last.
 int snbf_fwrite_pages(snbf_file* file, snbf::u64 position, void* const* pages, int count);
+// Writes the pieces past the page cache, all in flight together; one that comes back short is
+// finished through it. 0; or the error of one that failed, the others are written all the same; or,
+// when none failed, -EINVAL: those with that result are not written, and the file hardly takes any
+// this way.
+int snbf_fwrite_direct(snbf_file* file, plat_direct_batch* batch, plat_file_piece* pieces,
+                       int count);
 // The kernel's answer; the handle is gone in any case.
 int snbf_fclose(snbf_file* file);
 // Empties a file that exists. Always 0.

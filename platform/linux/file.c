@@ -2,6 +2,8 @@
 /* Files and paths, from the root of the init task. */
 #include "platform/file.h"
 
+#include <linux/blkdev.h>
+#include <linux/completion.h>
 #include <linux/dcache.h>
 #include <linux/file.h>
 #include <linux/fs.h>
@@ -101,6 +103,102 @@ plat_s64 snbf_plat_file_write_pages(plat_file* file, plat_u64 position, void* co
   }
   iov_iter_bvec(&from, WRITE, pieces, count, taken);
   return snbf_iter_write((struct file*)file, &from, &at);
+}
+
+struct direct_write {
+  struct kiocb iocb;
+  struct plat_direct_batch* batch;
+  plat_s64* result;
+};
+
+struct plat_direct_batch {
+  struct completion all_done;
+  atomic_t outstanding;
+  struct bio_vec* pages; /* requests refer to them until they are done */
+  struct direct_write writes[];
+};
+
+plat_direct_batch* snbf_plat_direct_batch_make(int pieces_max, int pages_max) {
+  struct plat_direct_batch* batch = NULL;
+  struct bio_vec* pages = kvcalloc(pages_max, sizeof(*pages), GFP_NOIO);
+
+  if (pages) batch = kvzalloc(struct_size(batch, writes, pieces_max), GFP_NOIO);
+  if (!batch) {
+    kvfree(pages);
+    return NULL;
+  }
+  batch->pages = pages;
+  return batch;
+}
+
+void snbf_plat_direct_batch_free(plat_direct_batch* batch) {
+  if (!batch) return;
+  kvfree(batch->pages);
+  kvfree(batch);
+}
+
+static void end_direct_write(struct kiocb* iocb, long result) {
+  struct direct_write* write = container_of(iocb, struct direct_write, iocb);
+  struct plat_direct_batch* batch = write->batch;
+
+  *write->result = result;
+  if (atomic_dec_and_test(&batch->outstanding)) complete(&batch->all_done);
+}
+
+static void begin_direct_write(struct file* open, struct direct_write* write, struct bio_vec* pages,
+                               plat_file_piece* piece) {
+  const unsigned int count = piece->bytes / PAGE_SIZE;
+  struct iov_iter from;
+  ssize_t rc;
+  unsigned int i;
+
+  for (i = 0; i < count; ++i) {
+    pages[i].bv_page = virt_to_page(piece->pages[i]);
+    pages[i].bv_offset = 0;
+    pages[i].bv_len = PAGE_SIZE;
+  }
+  iov_iter_bvec(&from, WRITE, pages, count, piece->bytes);
+  init_sync_kiocb(&write->iocb, open);
+  write->iocb.ki_pos = piece->position;
+  /* Not the flags of the handle: a sync follows. */
+  write->iocb.ki_flags = IOCB_DIRECT;
+  write->iocb.ki_complete = end_direct_write;
+  write->result = &piece->result;
+  rc = open->f_op->write_iter(&write->iocb, &from);
+  if (rc != -EIOCBQUEUED) end_direct_write(&write->iocb, rc);
+}
+
+/*
+ * What runs elsewhere. The end of such a write may need the file system's journal (ext4 and XFS
+ * turn unwritten blocks into written ones), and then runs in a worker of theirs, without the
+ * caller's flags. Its allocations keep to GFP_NOFS, as those of the journal's own thread do, which
+ * every sync waits for as well: so a write of this kind waits for nothing that the sync behind it
+ * would not. The writer is counted as such until all are done: no freeze comes in between, and no
+ * worker waits for a thaw.
+ */
+void snbf_plat_file_write_direct(plat_file* file, plat_direct_batch* batch, plat_file_piece* pieces,
+                                 int count) {
+  struct file* open = (struct file*)file;
+  struct bio_vec* pages = batch->pages;
+  struct blk_plug plug;
+  int i;
+
+  if (!(open->f_mode & FMODE_CAN_ODIRECT) || !open->f_op->write_iter) {
+    for (i = 0; i < count; ++i) pieces[i].result = -EINVAL;
+    return;
+  }
+  init_completion(&batch->all_done);
+  atomic_set(&batch->outstanding, count + 1);
+  file_start_write(open);
+  blk_start_plug(&plug);
+  for (i = 0; i < count; ++i) {
+    batch->writes[i].batch = batch;
+    begin_direct_write(open, &batch->writes[i], pages, &pieces[i]);
+    pages += pieces[i].bytes / PAGE_SIZE;
+  }
+  blk_finish_plug(&plug);
+  if (!atomic_dec_and_test(&batch->outstanding)) wait_for_completion_io(&batch->all_done);
+  file_end_write(open);
 }
 
 int snbf_plat_file_sync(plat_file* file) {

@@ -2,11 +2,17 @@
 #include "platform/file.h"
 
 #include "files.h"
+#include "platform/memory.h"
 
 struct plat_file {
   snbf::sim::Inode* inode;
   int flags;
   std::string path;
+};
+
+struct plat_direct_batch {
+  int pieces_max, pages_max;
+  bool busy;
 };
 
 struct plat_path {
@@ -36,6 +42,32 @@ namespace {
 plat_file* check_file(Kernel& k, plat_file* file, const char* call) {
   if (k.files->open_files.count(file) == 0) k.fatal("%s() of a file that is not open", call);
   return file;
+}
+
+void check_pieces(Kernel& k, const plat_direct_batch& batch, const plat_file_piece* pieces,
+                  int count) {
+  u64 pages = 0;
+  for (int i = 0; i < count; ++i) {
+    const plat_file_piece& piece = pieces[i];
+    if (piece.bytes == 0 || piece.bytes % kBlockBytes != 0 || piece.position % kBlockBytes != 0)
+      k.fatal("file_write_direct() of a piece that is not whole pages");
+    for (int other = 0; other < i; ++other) {
+      if (piece.position < pieces[other].position + pieces[other].bytes &&
+          pieces[other].position < piece.position + piece.bytes)
+        k.fatal("file_write_direct() of pieces that overlap");
+    }
+    pages += piece.bytes / kBlockBytes;
+  }
+  if (batch.busy || count > batch.pieces_max || pages > static_cast<u64>(batch.pages_max))
+    k.fatal("file_write_direct() of more than its batch is made for");
+}
+
+// 1: it may begin; else its result.
+int begin_refused(Kernel& k, const FsState& fs) {
+  if (!fs.takes_direct || fs.device == 0) return -EINVAL;
+  if (const int error = k.fault(Fault::DirectWrite, -EINVAL); error != 0) return error;
+  if (const int error = k.fault(Fault::FileWrite, -EIO); error != 0) return error;
+  return k.fault(Fault::ZeroWrite, 1) != 0 ? 0 : 1;
 }
 
 plat_parent* check_parent(Kernel& k, plat_parent* parent, const char* call) {
@@ -102,6 +134,45 @@ plat_s64 snbf_plat_file_write_pages(plat_file* file, plat_u64 position, void* co
     if (static_cast<plat_size>(moved) < piece) break;
   } while (done < bytes);
   return static_cast<plat_s64>(done);
+}
+
+plat_direct_batch* snbf_plat_direct_batch_make(int pieces_max, int pages_max) {
+  auto* batch = static_cast<plat_direct_batch*>(snbf_plat_virt_alloc(sizeof(plat_direct_batch)));
+  if (batch != nullptr) *batch = {pieces_max, pages_max, false};
+  return batch;
+}
+
+void snbf_plat_direct_batch_free(plat_direct_batch* batch) { snbf_plat_virt_free(batch); }
+
+void snbf_plat_file_write_direct(plat_file* file, plat_direct_batch* batch, plat_file_piece* pieces,
+                                 int count) {
+  Kernel& k = enter_sleeping("file_write_direct");
+  check_file(k, file, "file_write_direct");
+  check_pieces(k, *batch, pieces, count);
+  Inode& inode = *file->inode;
+  FsState& fs = *inode.fs;
+  std::vector<DirectWrite> writes(static_cast<std::size_t>(count));
+  batch->busy = true;
+  // One change to the file system from the first to the last: a freeze waits for all of it.
+  journal_start(k, fs);
+  for (int i = 0; i < count; ++i) {
+    plat_file_piece& piece = pieces[i];
+    piece.result = begin_refused(k, fs);
+    if (piece.result != 1) continue;
+    u64 bytes = piece.bytes;
+    if (bytes > kBlockBytes && k.fault(Fault::ShortWrite, 1) != 0)
+      bytes = bytes / 2 / kBlockBytes * kBlockBytes;
+    fs_begin_direct(k, inode, piece.position, piece.pages, bytes,
+                    writes[static_cast<std::size_t>(i)]);
+  }
+  for (int i = 0; i < count; ++i) {
+    DirectWrite& write = writes[static_cast<std::size_t>(i)];
+    if (pieces[i].result != 1) continue;
+    fs_end_direct(k, inode, pieces[i].position, pieces[i].bytes, write);
+    pieces[i].result = write.result;
+  }
+  journal_stop(k, fs);
+  batch->busy = false;
 }
 
 int snbf_plat_file_sync(plat_file* file) {

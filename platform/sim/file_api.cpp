@@ -9,6 +9,7 @@ namespace snbf::sim {
 const std::string& FileSystem::name() const { return state_->name; }
 bool FileSystem::mounted() const { return state_->mounted; }
 void FileSystem::set_free_blocks(u64 blocks) { state_->free_limit = blocks; }
+void FileSystem::set_takes_direct(bool takes) { state_->takes_direct = takes; }
 u64 FileSystem::free_blocks() const { return fs_free_blocks(*state_); }
 bool FileSystem::frozen() const { return state_->frozen > 0; }
 bool FileSystem::dirty() const { return fs_dirty(*state_); }

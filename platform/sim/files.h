@@ -50,7 +50,11 @@ struct Inode {
   std::map<u64, FilePage> pages;
   int opens = 0;
   int writing_back = 0;
-  int error = 0;  // of a write-back, told to the next sync
+  int direct = 0;         // direct writes in flight
+  u64 direct_writes = 0;  // begun so far
+  int error = 0;          // of a write-back, told to the next sync
+
+  bool busy() const { return writing_back > 0 || direct > 0; }
 };
 
 struct FsState {
@@ -58,7 +62,8 @@ struct FsState {
   plat_devt device = 0;  // 0: none below it
   u64 first_data = 1 + kJournalBlocks;
   u64 blocks = 0;
-  u64 free_limit = ~0ull;  // set by a test
+  u64 free_limit = ~0ull;    // set by a test
+  bool takes_direct = true;  // set by a test
   Meta meta;
   Meta committed;
   std::deque<MetaOp> journal;  // not committed
@@ -114,6 +119,15 @@ struct Place {
 
 // May sleep. 0, bytes or a negative error.
 s64 fs_write(Kernel& k, Inode& inode, u64 position, const u8* from, u64 bytes, bool sync);
+// A direct write on its way: whole pages. Begun one after another, within journal_start of the
+// file's system; waited for together.
+struct DirectWrite {
+  s64 result = 0;
+  int outstanding = 0;
+};
+void fs_begin_direct(Kernel& k, Inode& inode, u64 position, void* const* pages, u64 bytes,
+                     DirectWrite& write);
+void fs_end_direct(Kernel& k, Inode& inode, u64 position, u64 bytes, DirectWrite& write);
 s64 fs_read(Kernel& k, Inode& inode, u64 position, u8* to, u64 bytes);
 int fs_truncate(Kernel& k, Inode& inode);
 int fs_create(Kernel& k, FsState& fs, const std::string& rel, InodeMeta fresh, u64* number);

@@ -86,8 +86,11 @@ FilePage* get_page(Kernel& k, Inode& inode, u64 index, bool whole, int* error) {
   auto mapped = meta.blocks.find(index);
   if (!whole && mapped != meta.blocks.end() && inode.fs->device != 0) {
     const u64 block = mapped->second;
+    const u64 direct_writes = inode.direct_writes;
     *error = read_block(k, *inode.fs, block, *page);
     if (*error != 0) return nullptr;
+    // What may have been read too early must not stay.
+    if (inode.direct_writes != direct_writes) return get_page(k, inode, index, whole, error);
     // Cut off or deleted meanwhile: what was read is not the file's any more.
     auto file = inode.fs->meta.inodes.find(inode.number);
     if (file == inode.fs->meta.inodes.end()) return *error = -EIO, nullptr;
@@ -147,6 +150,69 @@ s64 fs_write(Kernel& k, Inode& inode, u64 position, const u8* from, u64 bytes, b
   return done;
 }
 
+// A crash may find the blocks mapped and not written: then they hold what they held before, as
+// nothing promises.
+void fs_begin_direct(Kernel& k, Inode& inode, u64 position, void* const* pages, u64 bytes,
+                     DirectWrite& write) {
+  constexpr u64 kBlocksAtOnce = 16;
+  FsState& fs = *inode.fs;
+  const u64 first = position / kBlockBytes, count = bytes / kBlockBytes;
+  k.lock(inode.lock);
+  journal_start(k, fs);
+  // What is in memory goes first, and is forgotten.
+  write_back(k, inode);
+  while (inode.writing_back > 0) {
+    k.sleep_in(fs.writeback_done, "the write-back of a file of", &fs, fs.name.c_str());
+  }
+  inode.pages.erase(inode.pages.lower_bound(first), inode.pages.lower_bound(first + count));
+  ++inode.direct_writes;
+  u64 mapped = 0;
+  int error = 0;
+  while (mapped < count && (error = map_page(k, inode, first + mapped)) == 0) ++mapped;
+  if (u64& size = fs.meta.inodes[inode.number].size; position + mapped * kBlockBytes > size) {
+    journal_log(
+        k, fs,
+        {.kind = MetaOp::SetSize, .inode = inode.number, .a = position + mapped * kBlockBytes});
+  }
+  write.result = error != 0 ? error : static_cast<s64>(bytes);
+  const auto block_of = [&](u64 page) { return fs.meta.inodes[inode.number].blocks[first + page]; };
+  for (u64 page = 0; page < mapped;) {
+    Request request{.op = Op::Write, .sector = block_of(page) * 8};
+    u64 run = 0;
+    do {
+      const u8* from = static_cast<const u8*>(pages[page + run]);
+      request.data.insert(request.data.end(), from, from + kBlockBytes);
+      ++run;
+    } while (run < kBlocksAtOnce && page + run < mapped &&
+             block_of(page + run) == block_of(page) + run);
+    page += run;
+    plat_bio* bio = k.make_caller_bio(request, fs.device);
+    ++inode.direct;
+    ++write.outstanding;
+    bio->on_end = [&k, &inode, &write](plat_bio*, int rc) {
+      if (rc != 0) write.result = -EIO;
+      --write.outstanding;
+      --inode.direct;
+      k.wake_all(inode.fs->writeback_done);
+    };
+    k.submit(bio, k.find_dev(fs.device));
+  }
+  journal_stop(k, fs);
+  k.unlock(inode.lock);
+}
+
+void fs_end_direct(Kernel& k, Inode& inode, u64 position, u64 bytes, DirectWrite& write) {
+  FsState& fs = *inode.fs;
+  while (write.outstanding > 0) {
+    k.sleep_in(fs.writeback_done, "a direct write to a file of", &fs, fs.name.c_str());
+  }
+  // Pages that were read meanwhile may be older.
+  const u64 first = position / kBlockBytes;
+  inode.pages.erase(inode.pages.lower_bound(first),
+                    inode.pages.lower_bound(first + bytes / kBlockBytes));
+  ++inode.direct_writes;
+}
+
 s64 fs_read(Kernel& k, Inode& inode, u64 position, u8* to, u64 bytes) {
   u64 done = 0;
   while (done < bytes) {
@@ -168,7 +234,7 @@ int fs_truncate(Kernel& k, Inode& inode) {
   FsState& fs = *inode.fs;
   k.lock(inode.lock);
   journal_start(k, fs);
-  while (inode.writing_back > 0) {
+  while (inode.busy()) {
     k.sleep_in(fs.writeback_done, "the write-back of a file of", &fs, fs.name.c_str());
   }
   free_blocks(fs, fs.meta.inodes[inode.number]);
@@ -209,7 +275,7 @@ namespace {
 void wait_written(Kernel& k, FsState& fs, const std::string& rel) {
   for (;;) {
     auto at = fs.meta.names.find(rel);
-    if (at == fs.meta.names.end() || fs.inode(at->second)->writing_back == 0) return;
+    if (at == fs.meta.names.end() || !fs.inode(at->second)->busy()) return;
     k.sleep_in(fs.writeback_done, "the write-back of a file of", &fs, fs.name.c_str());
   }
 }
@@ -229,7 +295,7 @@ int fs_unlink(Kernel& k, FsState& fs, const std::string& rel) {
     const u64 number = at->second;
     Inode* inode = fs.inode(number);
     journal_log(k, fs, {.kind = MetaOp::Unlink, .path = rel, .inode = number});
-    if (inode->opens == 0 && inode->writing_back == 0 && inode->lock.owner == nullptr) {
+    if (inode->opens == 0 && !inode->busy() && inode->lock.owner == nullptr) {
       forget(k, fs, number);
       inode->pages.clear();
     }
@@ -247,7 +313,7 @@ void fs_put_inode(Kernel& k, Inode& inode) {
   if (fs.meta.inodes.count(inode.number) == 0) return;
   // The last close of a file that has no name any more.
   journal_start(k, fs);
-  while (inode.writing_back > 0) {
+  while (inode.busy()) {
     k.sleep_in(fs.writeback_done, "the write-back of a file of", &fs, fs.name.c_str());
   }
   inode.pages.clear();

@@ -113,7 +113,8 @@ enum class Fault {
   FileSync,
   ShortRead,
   ShortWrite,
-  ZeroWrite,  // nothing is written, no error
+  ZeroWrite,    // nothing is written, no error
+  DirectWrite,  // a piece of a direct write is refused with -EINVAL
   PathLookup,
   ParentLock,
   Mknod,
@@ -287,6 +288,8 @@ class FileSystem {
   // Blocks that may still be allocated; the disk is full after them.
   void set_free_blocks(u64 blocks);
   u64 free_blocks() const;
+  // Whether it takes writes past the page cache. One without a device never does.
+  void set_takes_direct(bool takes);
   // As an administrator's fsfreeze: the driver's freeze of its device then fails with -EBUSY.
   int freeze_by_hand();
   int thaw_by_hand();

@@ -28,6 +28,31 @@ plat_s64 snbf_plat_file_write(plat_file* file, plat_u64 position, const void* fr
 /* One call of the file's own write of whole pages' memory: `bytes` from `pages`, 4096 of each but perhaps the last.
  * Bytes written, perhaps those of the first few pages only, or a negative error. */
 plat_s64 snbf_plat_file_write_pages(plat_file* file, plat_u64 position, void* const* pages, plat_size bytes);
+
+/*
+ * Writes past the page cache, several in flight together. Reads of the same file that begin
+ * afterwards see them, through whatever handle. What they need of memory while they last, beside
+ * what the file system takes for itself, is a batch: made once, for so many pieces and pages a
+ * call, and used by one call at a time. Null without memory; starts no I/O.
+ */
+typedef struct plat_direct_batch plat_direct_batch;
+plat_direct_batch* snbf_plat_direct_batch_make(int pieces_max, int pages_max);
+void snbf_plat_direct_batch_free(plat_direct_batch* batch);
+
+typedef struct plat_file_piece {
+  plat_u64 position;  /* in the file; a multiple of 4096 */
+  void* const* pages; /* whole pages' memory: nobody changes it during the call */
+  plat_size bytes;    /* a multiple of 4096, and not 0 */
+  plat_s64 result; /* answered: bytes written, perhaps fewer, or a negative error; -EINVAL: not to
+                      be had this way */
+} plat_file_piece;
+
+/* Writes all pieces, of which no two overlap, and waits for all. They are done in any order, and
+ * each fails for itself. As durable as other writes, also where the file was opened for synchronous
+ * ones: that takes a sync. */
+void snbf_plat_file_write_direct(plat_file* file, plat_direct_batch* batch, plat_file_piece* pieces,
+                                 int count);
+
 /* Makes the data durable, and what it takes to find it again. 0, also for a file that knows no sync, or a negative error. */
 int snbf_plat_file_sync(plat_file* file);
 /* Length in bytes. */

@@ -3,6 +3,7 @@
 
 #include "platform/block.h"
 #include "platform/file.h"
+#include "platform/memory.h"
 #include "platform/task.h"
 #include "sim_test.h"
 
@@ -103,6 +104,70 @@ SIM_TEST(Files, FailAndAreShortAtTheNthCall) {
   EXPECT_EQ(snbf_plat_file_size(file), 100u);
   EXPECT_EQ(snbf_plat_file_read(file, 100, bytes, 10), 0);
   EXPECT_EQ(snbf_plat_file_close(file), 0);
+}
+
+namespace {
+
+// One page at its place in a file.
+plat_s64 write_direct(plat_file* file, u64 index, u8 fill) {
+  plat_direct_batch* batch = snbf_plat_direct_batch_make(1, 1);
+  void* page = snbf_plat_page_alloc(PLAT_ALLOC_NORMAL);
+  memset(page, fill, 4096);
+  plat_file_piece piece = {index * 4096, &page, 4096, 0};
+  snbf_plat_file_write_direct(file, batch, &piece, 1);
+  snbf_plat_page_free(page);
+  snbf_plat_direct_batch_free(batch);
+  return piece.result;
+}
+
+}  // namespace
+
+// Whatever the page cache holds of them, and however it came by it.
+SIM_TEST_SEEDS(Files, ShowDirectWritesToEveryReader, 60) {
+  FileSystem* fs = mounted(sim);
+  plat_file* file = nullptr;
+  ASSERT_EQ(snbf_plat_file_open("/mnt/a/x", PLAT_O_RDWR | PLAT_O_CREAT, 0600, &file), 0);
+  ASSERT_EQ(sim.write_at("/mnt/a/x", 0, Bytes(3 * 4096, 0x11)), 0);  // in memory alone
+  bool over = false;
+  Task* reader = sim.spawn("reader", [&] {
+    Bytes data;
+    while (!over) EXPECT_EQ(sim.read_file("/mnt/a/x", &data), 0);
+  });
+  for (u8 round = 1; round <= 20; ++round) {
+    ASSERT_EQ(write_direct(file, 1, static_cast<u8>(0x20 + round)), 4096);
+    ASSERT_EQ(write_direct(file, 4, static_cast<u8>(0x40 + round)),
+              4096);  // behind the end, at first
+    Bytes data;
+    ASSERT_EQ(sim.read_file("/mnt/a/x", &data), 0);
+    Bytes expected(5 * 4096, 0);
+    std::fill_n(expected.begin(), 3 * 4096, u8{0x11});
+    std::fill_n(expected.begin() + 4096, 4096, static_cast<u8>(0x20 + round));
+    std::fill_n(expected.begin() + 4 * 4096, 4096, static_cast<u8>(0x40 + round));
+    EXPECT_EQ(data, expected);
+    sim.sleep_us(sim.random(2000));
+  }
+  over = true;
+  sim.join(reader);
+  EXPECT_EQ(snbf_plat_file_close(file), 0);
+  EXPECT_EQ(sim.unmount(fs), 0);
+}
+
+SIM_TEST(Files, TakeNoDirectWritesWithoutADevice) {
+  FileSystem* fs = mounted(sim);
+  plat_file* file = nullptr;
+  ASSERT_EQ(snbf_plat_file_open("/tmp/x", PLAT_O_RDWR | PLAT_O_CREAT, 0600, &file), 0);
+  EXPECT_EQ(write_direct(file, 0, 1), -EINVAL);
+  EXPECT_EQ(snbf_plat_file_close(file), 0);
+  ASSERT_EQ(snbf_plat_file_open("/mnt/a/x", PLAT_O_RDWR | PLAT_O_CREAT, 0600, &file), 0);
+  fs->set_takes_direct(false);
+  EXPECT_EQ(write_direct(file, 0, 1), -EINVAL);
+  fs->set_takes_direct(true);
+  EXPECT_EQ(write_direct(file, 0, 1), 4096);
+  sim.device("sda")->fail_range(17 * 8, 8000, Op::Write, -EIO);
+  EXPECT_EQ(write_direct(file, 0, 1), -EIO);
+  sim.device("sda")->clear_failures();
+  EXPECT_EQ(snbf_plat_file_close(file), 0);
+  EXPECT_EQ(sim.unmount(fs), 0);
 }
 
 SIM_TEST(Files, TellAWriteErrorOfTheDeviceAtTheSync) {

@@ -155,6 +155,103 @@ SIM_TEST(FileWrite, AnswersTheErrorOfTheCall) {
   EXPECT_EQ(sim.log().count("snbf_fwrite(): Failed to write 4 bytes into /a: rc=-28", 3), 1);
 }
 
+// A file on a store of its own, and pieces of it: every other page.
+class DirectParts : public LoggedParts {
+ public:
+  static constexpr int kPieces = 6;
+
+  explicit DirectParts(Sim& kernel) : sim(kernel) {
+    Device* disk = sim.add_device({.name = "sdb1"});
+    fs = sim.add_fs("store", disk->number());
+    EXPECT_EQ(sim.mount(fs, "/store"), 0);
+    file = snbf_fopen("/store/a", PLAT_O_RDWR | PLAT_O_CREAT, 0600);
+    EXPECT_NE(file, nullptr);
+    batch = snbf_plat_direct_batch_make(kPieces, 2 * kPieces);
+    EXPECT_NE(batch, nullptr);
+    for (int i = 0; i < kPieces; ++i) {
+      for (int half = 0; half < 2; ++half) {
+        pages[2 * i + half] = snbf_plat_page_alloc(PLAT_ALLOC_NORMAL);
+        std::memset(pages[2 * i + half], fill(i, half), 4096);
+      }
+      pieces[i] = {place(i), &pages[2 * i], 2 * 4096, 0};
+    }
+  }
+  ~DirectParts() {
+    for (void* page : pages) snbf_plat_page_free(page);
+    snbf_plat_direct_batch_free(batch);
+    snbf_fclose(file);
+    EXPECT_EQ(sim.unmount(fs), 0);
+  }
+
+  int write() { return snbf_fwrite_direct(file, batch, pieces, kPieces); }
+  bool is_written(int piece) {
+    Bytes now(2 * 4096, 0xEE);
+    Bytes expected(now);
+    for (int half = 0; half < 2; ++half) {
+      std::fill_n(expected.begin() + 4096 * half, 4096, static_cast<u8>(fill(piece, half)));
+    }
+    snbf_fread(file, place(piece), now.data(), 2 * 4096);
+    return now == expected;
+  }
+
+  Sim& sim;
+  FileSystem* fs;
+  snbf_file* file;
+  plat_direct_batch* batch;
+  plat_file_piece pieces[kPieces];
+
+ private:
+  static u64 place(int piece) { return 4096 * 3 * static_cast<u64>(kPieces - piece); }
+  static int fill(int piece, int half) { return 0x10 + 2 * piece + half; }
+
+  void* pages[2 * kPieces];
+};
+
+SIM_TEST(FileDirect, WritesEveryPiece) {
+  DirectParts parts(sim);
+  EXPECT_EQ(parts.write(), 0);
+  for (int i = 0; i < parts.kPieces; ++i) EXPECT_TRUE(parts.is_written(i)) << i;
+}
+
+SIM_TEST(FileDirect, FinishesWhatComesBackShort) {
+  DirectParts parts(sim);
+  sim.fail_nth(Fault::ShortWrite, 3);
+  EXPECT_EQ(parts.write(), 0);
+  EXPECT_TRUE(sim.fault_reached(Fault::ShortWrite));
+  for (int i = 0; i < parts.kPieces; ++i) EXPECT_TRUE(parts.is_written(i)) << i;
+  EXPECT_FALSE(sim.log().has_errors());
+}
+
+SIM_TEST(FileDirect, OneThatFailsIsAnsweredAndTheOthersAreWritten) {
+  DirectParts parts(sim);
+  sim.fail_nth(Fault::FileWrite, 3, -ENOSPC);
+  EXPECT_EQ(parts.write(), -ENOSPC);
+  for (int i = 0; i < parts.kPieces; ++i) EXPECT_EQ(parts.is_written(i), i != 2) << i;
+  EXPECT_EQ(sim.log().count("snbf_fwrite(): Failed to write 8192 bytes into /store/a: rc=-28", 3),
+            1);
+}
+
+SIM_TEST(FileDirect, NoProgressIsAnError) {
+  DirectParts parts(sim);
+  sim.fail_nth(Fault::ZeroWrite, 1);
+  EXPECT_EQ(parts.write(), -EIO);
+  EXPECT_EQ(sim.log().count("snbf_fwrite(): Short write into /store/a: wrote 0 instead of 8192", 3),
+            1);
+}
+
+SIM_TEST(FileDirect, TellsWhatIsNotTakenThisWay) {
+  DirectParts parts(sim);
+  sim.fail_nth(Fault::DirectWrite, 2);
+  EXPECT_EQ(parts.write(), -EINVAL);
+  for (int i = 0; i < parts.kPieces; ++i) EXPECT_EQ(parts.is_written(i), i != 1) << i;
+  EXPECT_EQ(parts.pieces[1].result, -EINVAL);
+  sim.log().clear();
+  // A failure is told before that.
+  sim.fail_nth(Fault::DirectWrite, 1);
+  sim.fail_nth(Fault::FileWrite, 1, -EIO);
+  EXPECT_EQ(parts.write(), -EIO);
+}
+
 SIM_TEST(FileSync, AnswersTheFilesOwnResult) {
   FileParts parts(sim);
   EXPECT_EQ(snbf_fsync(parts.file), 0);
