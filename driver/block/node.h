@@ -112,6 +112,7 @@ struct SnapNode : Node, ListLink<BySnapOrder> {
   snbf_file* cow_bmp_file = nullptr;
   snbf_blkbmp blkbmp;
   KsMutex map_mutex;  // building blkbmp; before every other lock
+  bool is_buffered = false;  // the COW data file takes no direct writes; kcowd's
   u64 chunk_cnt = 0;
   u64 cow_data_size = 0;
   u32 cow_bmp_size = 0;

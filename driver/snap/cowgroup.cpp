@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "snap/cowgroup.h"
 
+#include "base/errno.h"
+#include "base/string.h"
 #include "core/log.h"
 #include "snap/invalidate.h"
 #include "util/file.h"
@@ -26,7 +28,9 @@ class GroupCopy {
   bool copy_slices(const Slice* slices, u32 count);
   bool read_slices(const Slice* slices, u32 count);
   void report_failures(const Slice* slices, u32 count) const;
-  bool write_slice(const Slice& slice, u32 first_page);
+  u32 join_neighbours(const Slice* slices, u32 count);
+  bool write_direct(plat_file_piece* pieces, u32 count);
+  bool write_buffered(const plat_file_piece* pieces, u32 count);
   bool sync_data();
   void mark_copied();
   bool set_bits();
@@ -80,30 +84,60 @@ void GroupCopy::report_failures(const Slice* slices, u32 count) const {
   }
 }
 
-// Neighbouring pages go in one call of the file.
-bool GroupCopy::write_slice(const Slice& slice, u32 first_page) {
-  return in_file([&] {
-    return snbf_fwrite_pages(snap_.cow_data_file, slice.first, &work_.pages[first_page],
-                             static_cast<int>(slice.bytes)) == static_cast<int>(slice.bytes);
+// Whole pages: what the partition's end cuts off is filled up with zeros, which the file holds
+// there anyway.
+u32 GroupCopy::join_neighbours(const Slice* slices, u32 count) {
+  u32 pieces = 0, page = 0;
+  for (u32 i = 0; i < count; ++i) {
+    const u32 pages = static_cast<u32>((slices[i].bytes + kPageBytes - 1) / kPageBytes);
+    const u32 in_last = static_cast<u32>(slices[i].bytes % kPageBytes);
+    if (in_last != 0) {
+      mem_set(static_cast<u8*>(work_.pages[page + pages - 1]) + in_last, 0, kPageBytes - in_last);
+    }
+    plat_file_piece* last = pieces > 0 ? &work_.pieces[pieces - 1] : nullptr;
+    if (last != nullptr && last->position + last->bytes == slices[i].first) {
+      last->bytes += pages * kPageBytes;
+    } else {
+      work_.pieces[pieces++] = {slices[i].first, &work_.pages[page], pages * kPageBytes, -EINVAL};
+    }
+    page += pages;
+  }
+  return pieces;
+}
+
+// A file operation for all of them together.
+bool GroupCopy::write_direct(plat_file_piece* pieces, u32 count) {
+  const int rc = in_file([&] {
+    return snbf_fwrite_direct(snap_.cow_data_file, work_.direct, pieces, static_cast<int>(count));
   });
+  if (rc == -EINVAL) snap_.is_buffered = true;
+  return rc == 0 || rc == -EINVAL;
+}
+
+// A file operation for each.
+bool GroupCopy::write_buffered(const plat_file_piece* pieces, u32 count) {
+  bool written = true;
+  for (u32 i = 0; i < count; ++i) {
+    if (pieces[i].result != -EINVAL) continue;  // written already
+    const int bytes = static_cast<int>(pieces[i].bytes);
+    const int rc = in_file([&] {
+      return snbf_fwrite_pages(snap_.cow_data_file, pieces[i].position, pieces[i].pages, bytes);
+    });
+    if (rc != bytes) written = false;
+  }
+  return written;
 }
 
 // All of them fit into the pages. What can be written is written, whatever fails before it.
 bool GroupCopy::copy_slices(const Slice* slices, u32 count) {
   if (!read_slices(slices, count)) return false;
+  const u32 pieces = join_neighbours(slices, count);
   bool written = true;
-  u32 page = 0;
-  for (u32 i = 0; i < count; ++i) {
-    // Neighbouring chunks become one piece.
-    Slice piece = slices[i];
-    u32 pages = static_cast<u32>((slices[i].bytes + kPageBytes - 1) / kPageBytes);
-    while (i + 1 < count && slices[i + 1].first == piece.first + piece.bytes) {
-      ++i;
-      piece.bytes += slices[i].bytes;
-      pages += static_cast<u32>((slices[i].bytes + kPageBytes - 1) / kPageBytes);
-    }
-    if (!write_slice(piece, page)) written = false;
-    page += pages;
+  for (u32 done = 0; done < pieces; done += kPiecesAtOnce) {
+    plat_file_piece* some = &work_.pieces[done];
+    const u32 left = pieces - done < kPiecesAtOnce ? pieces - done : kPiecesAtOnce;
+    if (!snap_.is_buffered && !write_direct(some, left)) written = false;
+    if (snap_.is_buffered && !write_buffered(some, left)) written = false;
   }
   return written;
 }

@@ -80,6 +80,7 @@ void drop_snap_resources(SnapNode& snap) {
   if (snap.cow_bmp_file != nullptr) snbf_fclose(snap.cow_bmp_file);
   if (snap.cow_data_file != nullptr) snbf_fclose(snap.cow_data_file);
   snap.cow_bmp_file = snap.cow_data_file = nullptr;
+  snap.is_buffered = false;
   snbf_cowbmp_destroy(&snap.cow_bmp);
   snbf_blkbmp_destroy(&snap.blkbmp);
 }

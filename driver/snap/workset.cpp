@@ -11,7 +11,8 @@ constexpr plat_bio_hooks kReadHooks = {snbf_end_cow_read_sync, nullptr};
 
 bool allocate(WorkSet& work) {
   work.bounce = static_cast<u8*>(snbf_plat_page_alloc(PLAT_ALLOC_NOIO));
-  if (work.bounce == nullptr) return false;
+  work.direct = snbf_plat_direct_batch_make(kPiecesAtOnce, kGroupPages);
+  if (work.bounce == nullptr || work.direct == nullptr) return false;
   for (u32 i = 0; i < kGroupPages; ++i) {
     work.pages[i] = snbf_plat_page_alloc(PLAT_ALLOC_NOIO);
     work.bios[i] = snbf_plat_bio_alloc(PLAT_ALLOC_NOIO);
@@ -37,6 +38,7 @@ void free_work_set(WorkSet* work) {
     if (bio != nullptr) snbf_plat_bio_put(bio);
   }
   for (void* page : work->pages) snbf_plat_page_free(page);
+  snbf_plat_direct_batch_free(work->direct);
   snbf_plat_page_free(work->bounce);
   snbf_plat_virt_free(work);
 }

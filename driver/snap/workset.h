@@ -5,6 +5,7 @@
 
 #include "core/sync.h"
 #include "platform/block.h"
+#include "platform/file.h"
 #include "snap/chunkset.h"
 
 namespace snbf {
@@ -12,6 +13,11 @@ namespace snbf {
 constexpr u32 kGroupShift = 22;  // log2 of the bytes of a COW group
 constexpr u32 kGroupBytes = 1u << kGroupShift;
 static_assert(kGroupBytes == kGroupPages * kPageBytes);
+
+// Pieces of the COW data file that are written together, in one file operation: many enough for any
+// disk to be busy, and few enough for a slow one to be through with them long before the operation
+// counts as stalled.
+constexpr u32 kPiecesAtOnce = 128;
 
 // Bytes of the partition, which its end may cut short.
 struct Slice {
@@ -24,7 +30,9 @@ struct WorkSet {
   plat_bio* bios[kGroupPages];
   ChunkSet chunks;  // of the group that is being put together or copied
   Slice slices[kGroupPages];  // of the partition, as the group is copied
-  u8* bounce;                 // one page
+  plat_file_piece pieces[kGroupPages];  // of the COW data file: neighbouring slices are one
+  plat_direct_batch* direct;
+  u8* bounce;  // one page
   Atomic<int> outstanding;
   plat_completion all_done;
 

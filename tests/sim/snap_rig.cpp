@@ -44,10 +44,12 @@ void SnapRig::mount_and_load(bool fresh) {
     ASSERT_EQ(base.add("/dev/sdb1", kStoreMinor, "/bmp"), kStoreMinor);
     ASSERT_EQ(base.start(kStoreMinor), 0);
     if (fresh) sim.add_fs("store", node(kStoreMinor));
+    sim.fs("store")->set_takes_direct(setup.store_takes_direct);
     ASSERT_EQ(sim.mount(sim.fs("store"), node(kStoreMinor), "/store"), 0);
     return;
   }
   if (!setup.store_by_test) {
+    sim.fs("store")->set_takes_direct(setup.store_takes_direct);
     ASSERT_EQ(sim.mount(sim.fs("store"), "/store"), 0);
   }
   base.load({.debug = setup.debug, .max_blk_minor = setup.minor_max});

@@ -27,6 +27,7 @@ struct SnapSetup {
   u32 store_latency_max_us = 400;
   bool store_on_node = false;  // the store lies on another node of the driver, snbf200
   bool store_by_test = false;  // the test mounts /store itself
+  bool store_takes_direct = true;  // writes past the page cache
   u64 fs_blocks = 0;           // of a file system on the node, mounted at /data; 0: none
   int debug = 0;
   int minor_max = 255;

@@ -124,6 +124,7 @@ SnapSetup setup_of(u64 seed) {
   setup.chunk_bytes = kChunks[seed % 3];
   setup.bytes = (192 << 10) + 1536;
   setup.store_bytes = 4 << 20;
+  setup.store_takes_direct = seed % 4 != 3;
   // Long between the bit and its sync: other writes of the chunk come by meanwhile.
   if (is_crowded(seed)) {
     setup.chunk_bytes = 65536;

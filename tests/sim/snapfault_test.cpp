@@ -19,6 +19,7 @@ SnapSetup small(Sim& sim) {
   setup.chunk_bytes = kChunks[sim.random(3)];
   setup.bytes = (384 << 10) + 512 * (1 + sim.random(30));
   setup.store_bytes = 8 << 20;
+  setup.store_takes_direct = sim.random(4) != 0;
   return setup;
 }
 
@@ -83,9 +84,9 @@ SIM_TEST_SEEDS(SnapFaults, TheStoreRunsFull, 80) {
 SIM_TEST_SEEDS(SnapFaults, FilesFailNowAndThen, 120) {
   Trouble run(sim, small(sim));
   run.live(16, [&] {
-    constexpr Fault kKinds[] = {Fault::FileWrite,  Fault::FileSync, Fault::ZeroWrite,
-                                Fault::ShortWrite, Fault::FileRead, Fault::ShortRead,
-                                Fault::FileOpen};
+    constexpr Fault kKinds[] = {Fault::FileWrite,  Fault::FileSync,   Fault::ZeroWrite,
+                                Fault::ShortWrite, Fault::FileRead,   Fault::ShortRead,
+                                Fault::FileOpen,   Fault::DirectWrite};
     while (!run.over) {
       sim.fail_nth(kKinds[sim.random(std::size(kKinds))], 1 + sim.random(6));
       sim.sleep_us(2000 + sim.random(20'000));

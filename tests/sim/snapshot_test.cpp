@@ -21,6 +21,7 @@ SnapSetup setup_for(Sim& sim, u32 chunk_bytes) {
   setup.store_bytes = 8 * setup.bytes + (4 << 20);
   if (sim.random(4) == 0) setup.queue_depth = 1 + static_cast<u32>(sim.random(8));
   setup.bio_based = sim.random(4) == 0;
+  setup.store_takes_direct = sim.random(4) != 0;
   // Slower than all that a start does: what was passed on in place is then still on its way.
   if (sim.random(3) == 0) setup.latency_max_us = 30'000;
   return setup;

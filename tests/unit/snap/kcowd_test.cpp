@@ -132,12 +132,19 @@ SIM_TEST(CowThread, TheLastChunkEndsWithThePartition) {
   SnapBench bench(sim, {.bytes = (256 << 10) + 512 * 5});
   const u64 last = (256 << 10) / 512;
   ASSERT_EQ(sim.write(kNode(kOrigin), last, Bytes(512 * 5, 0x44)), 0);
+  ASSERT_EQ(bench.write(0, 0x33), 0);
   bench.add_started(7, 65536);
+  ASSERT_EQ(bench.write(0, 0x99), 0);  // what this copy leaves in memory is not the next one's
   ASSERT_EQ(sim.write(kNode(kOrigin), last + 1, Bytes(512, 0x99)), 0);
   EXPECT_EQ(info_of(sim, 7).snap_valid, 1u);
   Bytes data;
   ASSERT_EQ(sim.read(kNode(7), last, 512 * 5, &data), 0);
   EXPECT_EQ(data, Bytes(512 * 5, 0x44));
+  Bytes expected(65536);
+  std::fill_n(expected.begin(), 512 * 5, u8{0x44});
+  const Bytes file = bench.file(bench.data_file(7));
+  ASSERT_EQ(file.size(), u64{5 * 65536});
+  EXPECT_EQ(Bytes(file.begin() + last * 512, file.end()), expected);
 }
 
 SIM_TEST(CowThread, TwoQueuedWritesToAChunkMakeOneCopy) {
@@ -250,6 +257,72 @@ SIM_TEST(CowThread, AFailureOfAnyFileOperationBreaksTheSnapAndNoWrite) {
       if (!reached) break;
     }
   }
+}
+
+// Every other block of the first thirty-two: as many pieces of the data file.
+int touch_every_other(SnapBench& bench) {
+  Sim& sim = bench.sim;
+  std::vector<Io> writes;
+  for (u64 block = 0; block < 32; block += 2) {
+    writes.push_back(sim.submit(kNode(kOrigin),
+                                {.op = Op::Write, .sector = block * 8, .data = Bytes(4096, 0x99)}));
+  }
+  int failed = 0;
+  for (Io& write : writes) failed += write.wait() != 0;
+  return failed;
+}
+
+SIM_TEST(CowThread, OnePieceOfManyThatFailsBreaksTheSnapAndNoWrite) {
+  SnapBench bench(sim);
+  bench.add_started(7);
+  bench.add_started(8);
+  // Among the blocks that the store gives out next.
+  const u64 last = bench.store->map(bench.bmp_file(8)).back().first;
+  bench.store_disk->fail_range(last + 5 * 8, 8, Op::Write, -EIO);
+  EXPECT_EQ(touch_every_other(bench), 0);
+  bench.store_disk->clear_failures();
+  EXPECT_EQ(bench.errors("snbf_fwrite(): Failed to write 4096 bytes into /store/snap8.data: rc=-5"),
+            1)
+      << sim.log().dump();
+  expect_broken(bench, {7, 8}, 0);
+  for (u64 block = 0; block < 32; block += 2) EXPECT_EQ(bench.read(kOrigin, block), 0x99);
+}
+
+// They go through the store's page cache, and the snap does not try again.
+void expect_written_all_the_same(SnapBench& bench, const std::function<void()>& refuse) {
+  Sim& sim = bench.sim;
+  for (u64 block = 0; block < 32; ++block) {
+    ASSERT_EQ(bench.write(block, static_cast<u8>(block + 1)), 0);
+  }
+  bench.add_started(7);
+  EXPECT_FALSE(bench.snap(7)->is_buffered);
+  refuse();
+  EXPECT_EQ(touch_every_other(bench), 0);
+  EXPECT_TRUE(bench.snap(7)->is_buffered);
+  EXPECT_FALSE(sim.log().has_errors()) << sim.log().dump();
+  const u64 tried = sim.calls(Fault::DirectWrite);
+  ASSERT_EQ(bench.write(31, 0x99), 0);
+  EXPECT_EQ(sim.calls(Fault::DirectWrite), tried);
+  for (u64 block = 0; block < 32; ++block) {
+    EXPECT_EQ(bench.read(7, block), static_cast<int>(block + 1));
+  }
+  // Another start may find another store.
+  ASSERT_EQ(stop_node(sim, 7), 0);
+  bench.store->set_takes_direct(true);
+  ASSERT_EQ(start_node(sim, 7), 0);
+  ASSERT_EQ(bench.write(5, 0x55), 0);
+  EXPECT_GT(sim.calls(Fault::DirectWrite), tried);
+  EXPECT_FALSE(bench.snap(7)->is_buffered);
+}
+
+SIM_TEST(CowThread, AStoreThatTakesNoDirectWritesGetsTheCopiesAllTheSame) {
+  SnapBench bench(sim);
+  expect_written_all_the_same(bench, [&] { bench.store->set_takes_direct(false); });
+}
+
+SIM_TEST(CowThread, ADirectWriteThatIsRefusedIsWrittenAllTheSame) {
+  SnapBench bench(sim);
+  expect_written_all_the_same(bench, [&] { sim.fail_nth(Fault::DirectWrite, 3); });
 }
 
 SIM_TEST(CowThread, AFullStoreBreaksTheSnapAndNoWrite) {
