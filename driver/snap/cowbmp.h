@@ -33,8 +33,9 @@ bool snbf_cowbmp_is_set(const snbf::CowBitmap* bitmap, snbf::u64 bit);
 // Sets a bit and, if that changed it, its byte in `file`. 0; -EIO when the file could not be
 // written: the bit then stays set in memory.
 int snbf_cowbmp_set_bit(snbf::CowBitmap* bitmap, int bit, snbf::AllocMode mode, snbf_file* file);
-// Sets several, ascending or not, and writes the bytes that changed: neighbours in one piece. 0, or the first error; the
-// bits behind it may or may not be set.
+// Sets several, ascending or not, and writes the bytes that changed: those of one page in one
+// piece, if they follow one another in `bits`. The file must hold what the bitmap does. 0, or the
+// first error; the bits behind it may or may not be set.
 int snbf_cowbmp_set_bits(snbf::CowBitmap* bitmap, const snbf::u32* bits, snbf::u32 count,
                          snbf::AllocMode mode, snbf_file* file);
 // Writes all of it into the file.

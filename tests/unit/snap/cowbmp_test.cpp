@@ -139,6 +139,23 @@ SIM_TEST(CowBitmapSet, ABitOutsideIsRefused) {
 }
 
 // Several setters and a tester at once: no bit is lost, and only one page is kept.
+SIM_TEST(CowBitmapSet, SeveralOfAPageAreOneWrite) {
+  BitmapParts parts(sim, 65536);
+  parts.open_file();
+  ASSERT_EQ(parts.set(40), 0);
+  const u64 writes = sim.calls(Fault::FileWrite);
+  const u32 bits[] = {96, 8, 40, 33, 40000, 40008};
+  ASSERT_EQ(snbf_cowbmp_set_bits(parts.bitmap.get(), bits, 6, PLAT_ALLOC_NOIO, parts.file), 0);
+  EXPECT_EQ(sim.calls(Fault::FileWrite), writes + 2);
+  Bytes expected(5002, 0);
+  expected[1] = 0x01;
+  expected[4] = 0x02;
+  expected[5] = 0x01;
+  expected[12] = 0x01;
+  expected[5000] = expected[5001] = 0x01;
+  EXPECT_EQ(parts.contents(), expected);
+}
+
 SIM_TEST_SEEDS(CowBitmapSet, SetsSideBySide, 30) {
   BitmapParts parts(sim, 65536);
   for (int task = 0; task < 4; ++task) {
