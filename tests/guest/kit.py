@@ -6,6 +6,7 @@ A test is a file test_*.py beside this one. Its GUEST says what the runner gives
     boots   the lives of the guest, in order, on the same disks; "name!" is one that ends in a power cut
     limit   seconds for each boot on an idle machine
     minutes about how many all of it takes: the longest begin
+    kernels "installed": by default on that one alone, for it tests little that another kernel could change
     allow   patterns of kernel log lines that it provokes
     words   for the kernel's command line, beside slub_nomerge
 """

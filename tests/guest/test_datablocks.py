@@ -12,7 +12,7 @@ import images
 import kit
 from kit import KIB
 
-GUEST = {"minutes": 3, "disks": ["fs:420M", "store:700M"], "limit": 600, "memory": 2048,
+GUEST = {"minutes": 3, "kernels": "installed", "disks": ["fs:420M", "store:700M"], "limit": 600, "memory": 2048,
          "allow": [r"reiserfs", r"REISERFS"]}
 
 SEED = 20241104

@@ -7,7 +7,7 @@ import time
 
 import kit
 
-GUEST = {"minutes": 3, "disks": ["a:16M", "b:16M", "state:64M"], "limit": 500, "words": ["slub_debug=FZP"]}
+GUEST = {"minutes": 3, "kernels": "installed", "disks": ["a:16M", "b:16M", "state:64M"], "limit": 500, "words": ["slub_debug=FZP"]}
 
 SEED = int(os.environ.get("SNBF_SEED", "1"))
 COMMANDS = int(os.environ.get("SNBF_COMMANDS", "4000"))

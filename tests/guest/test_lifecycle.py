@@ -13,7 +13,7 @@ import threading
 
 import kit
 
-GUEST = {"minutes": 8, "disks": ["a:64M", "b:64M", "state:64M"], "limit": 900, "words": ["slub_debug=FZP"]}
+GUEST = {"minutes": 8, "kernels": "installed", "disks": ["a:64M", "b:64M", "state:64M"], "limit": 900, "words": ["slub_debug=FZP"]}
 
 ROUNDS = int(os.environ.get("SNBF_ROUNDS", "150"))
 LOADS = int(os.environ.get("SNBF_LOADS", "40"))

@@ -15,7 +15,7 @@ import kit
 from kit import KIB, MIB
 from tool import TOOL, answer, good, refused, tool
 
-GUEST = {"minutes": 12, "disks": ["a:64M", "x:320M", "k:8M", "r:16M", "back:64M", "store:512M", "state:256M", "small:16M"],
+GUEST = {"minutes": 12, "kernels": "installed", "disks": ["a:64M", "x:320M", "k:8M", "r:16M", "back:64M", "store:512M", "state:256M", "small:16M"],
          "limit": 1500, "boots": ["main", "again!", "after"],
          "allow": [r"Buffer I/O error on dev(ice)? (snbf|small)", r"EXT4-fs .*small"]}
 

@@ -7,7 +7,7 @@ import kit
 from kit import KIB, MIB
 from tool import answer, good, refused, tool
 
-GUEST = {"minutes": 3, "disks": ["a:128M", "back:128M", "store:512M", "state:64M"], "limit": 400}
+GUEST = {"minutes": 3, "kernels": "installed", "disks": ["a:128M", "back:128M", "store:512M", "state:64M"], "limit": 400}
 
 DEST = "/mnt/store/chain"
 WORK = "/mnt/work"
