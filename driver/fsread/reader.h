@@ -76,9 +76,11 @@ constexpr u16 le16_at(const u8* at) { return static_cast<u16>(at[0] | at[1] << 8
 constexpr u32 le32_at(const u8* at) {
   return static_cast<u32>(le16_at(at)) | static_cast<u32>(le16_at(at + 2)) << 16;
 }
+constexpr u64 le64_at(const u8* at) { return u64{le32_at(at + 4)} << 32 | le32_at(at); }
 constexpr u16 be16_at(const u8* at) { return static_cast<u16>(at[0] << 8 | at[1]); }
 constexpr u32 be32_at(const u8* at) {
   return static_cast<u32>(be16_at(at)) << 16 | static_cast<u32>(be16_at(at + 2));
 }
+constexpr u64 be64_at(const u8* at) { return u64{be32_at(at)} << 32 | be32_at(at + 4); }
 
 }  // namespace snbf

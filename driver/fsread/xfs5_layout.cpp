@@ -35,8 +35,6 @@ constexpr u32 kLevelsMax = 16;  // no tree is that high
 constexpr u64 kAgBytesMin = 1 << 20;
 constexpr u64 kAgsAlwaysAllowed = 64;
 
-u64 be64_at(const u8* at) { return u64{be32_at(at)} << 32 | be32_at(at + 4); }
-
 u32 node_capacity(const XfsTreeBlock& block) {
   return (block.block_size - block.header_bytes) / (kRecordBytes + kChildBytes);
 }

@@ -49,9 +49,6 @@ constexpr u32 kTransHeaderBytes = 16;
 constexpr u32 kBufferItem = 0x123C;
 constexpr u32 kBufferItemBytesMin = 20;
 
-u64 be64_at(const u8* at) { return u64{be32_at(at)} << 32 | be32_at(at + 4); }
-u64 le64_at(const u8* at) { return u64{le32_at(at + 4)} << 32 | le32_at(at); }
-
 u32 round_of(const u8* sector) {
   const u32 first = be32_at(sector);
   return first == kRecordMagic ? be32_at(sector + 4) : first;

@@ -4,49 +4,17 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "platform.h"
 #include "platform/block.h"
-#include "platform/log.h"
-#include "platform/memory.h"
-#include "platform/sync.h"
-#include "platform/task.h"
 
 namespace snbf::fuzz {
 
 FuzzDevice device;
 
 namespace {
-
-uint64_t live_bytes = 0;
-
-[[noreturn]] void stop(const char* why) {
-  fprintf(stderr, "fuzz: %s\n", why);
-  abort();
-}
-
-// The size stands in front of each block.
-constexpr size_t kHeaderBytes = 16;
-
-void* take(size_t bytes) {
-  live_bytes += bytes;
-  if (live_bytes > device.memory_max) stop("more memory than the device's size warrants");
-  uint8_t* block = static_cast<uint8_t*>(malloc(bytes + kHeaderBytes));
-  memcpy(block, &bytes, sizeof(bytes));
-  return block + kHeaderBytes;
-}
-
-void give_back(void* block) {
-  if (block == nullptr) return;
-  uint8_t* begin = static_cast<uint8_t*>(block) - kHeaderBytes;
-  size_t bytes = 0;
-  memcpy(&bytes, begin, sizeof(bytes));
-  live_bytes -= bytes;
-  free(begin);
-}
 
 const Page* find_page(uint64_t at) {
   if (auto page = device.damage.find(at); page != device.damage.end()) return &page->second;
@@ -55,6 +23,12 @@ const Page* find_page(uint64_t at) {
 }
 
 void copy_out(uint64_t at, uint8_t* to, uint64_t bytes) {
+  if (device.fd >= 0) {
+    if (pread(device.fd, to, bytes, static_cast<off_t>(at)) != static_cast<ssize_t>(bytes)) {
+      stop("the image cannot be read");
+    }
+    return;
+  }
   while (bytes > 0) {
     const uint64_t in_page = at % 4096;
     const uint64_t part = std::min<uint64_t>(bytes, 4096 - in_page);
@@ -76,8 +50,6 @@ std::string expand(const std::string& command, const std::string& path) {
 }
 
 }  // namespace
-
-uint64_t live_memory() { return live_bytes; }
 
 Pages make_base(uint64_t bytes, const std::string& command) {
   const char* folder = getenv("TMPDIR");
@@ -110,7 +82,7 @@ Pages make_base(uint64_t bytes, const std::string& command) {
 using snbf::fuzz::device;
 
 // ------------------------------------------------------------------------------------------
-// The platform contract, as far as the readers use it.
+// The platform contract, as far as the readers use a device.
 
 struct plat_bio {
   plat_u64 sector;
@@ -124,38 +96,6 @@ struct plat_bio {
 
 extern "C" {
 
-int snbf_debug = 4;
-
-void snbf_log(int, const char* format, ...) {
-  char line[4096];
-  va_list arguments;
-  va_start(arguments, format);
-  vsnprintf(line, sizeof(line), format, arguments);
-  va_end(arguments);
-}
-
-void snbf_plat_bug(const char* file, int line, const char* what) {
-  fprintf(stderr, "%s:%d: %s\n", file, line, what);
-  abort();
-}
-
-void* snbf_plat_heap_alloc(plat_size bytes, plat_alloc_mode) { return snbf::fuzz::take(bytes); }
-void snbf_plat_heap_free(void* block) { snbf::fuzz::give_back(block); }
-void* snbf_plat_virt_alloc(plat_size bytes) {
-  void* area = snbf::fuzz::take(bytes);
-  memset(area, 0, bytes);
-  return area;
-}
-void snbf_plat_virt_free(void* area) { snbf::fuzz::give_back(area); }
-void* snbf_plat_page_alloc(plat_alloc_mode) { return snbf::fuzz::take(4096); }
-void snbf_plat_page_free(void* page) { snbf::fuzz::give_back(page); }
-
-void snbf_plat_completion_init(plat_completion* completion) { completion->opaque[0] = 0; }
-void snbf_plat_complete(plat_completion* completion) { completion->opaque[0] = 1; }
-void snbf_plat_completion_wait(plat_completion* completion) {
-  if (completion->opaque[0] == 0) snbf::fuzz::stop("a wait that would never end");
-}
-
 // The device is open before the readers see it.
 int snbf_plat_bdev_open(plat_devt, int, plat_open_kind, void*, plat_bdev**) { return -6; }
 int snbf_plat_bdev_close(plat_bdev*, plat_open_kind, int, void*) { return 0; }
@@ -165,7 +105,7 @@ plat_u32 snbf_plat_bdev_block_bytes(plat_bdev*) { return 512; }
 plat_devt snbf_plat_bdev_device(plat_bdev*) { return 8 << 20 | 1; }
 
 plat_bio* snbf_plat_bio_alloc(plat_alloc_mode) {
-  plat_bio* bio = static_cast<plat_bio*>(snbf::fuzz::take(sizeof(plat_bio)));
+  plat_bio* bio = static_cast<plat_bio*>(snbf::fuzz::take_memory(sizeof(plat_bio)));
   *bio = {};
   return bio;
 }
@@ -191,6 +131,6 @@ void snbf_plat_bio_submit(plat_bio* bio, plat_bdev*) {
   bio->bytes_left = 0;
   bio->hooks->end_io(bio, bio->bytes, bio->is_uptodate ? 0 : -5);
 }
-void snbf_plat_bio_put(plat_bio* bio) { snbf::fuzz::give_back(bio); }
+void snbf_plat_bio_put(plat_bio* bio) { snbf::fuzz::give_memory(bio); }
 
 }  // extern "C"

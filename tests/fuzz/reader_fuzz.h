@@ -5,11 +5,10 @@
 #pragma once
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 
 #include "device.h"
 #include "fsread/reader.h"
+#include "platform.h"
 
 namespace snbf::fuzz {
 
@@ -30,14 +29,10 @@ class ReaderFuzz {
     device.bytes = (options & 3) == 3 ? bytes_ / 64 * (options >> 4 & 15) : bytes_;
     device.reads = 0;
     device.reads_max = 2'000'000;
-    device.memory_max = (8 << 20) + bytes_ / 256;
+    memory_max = (8 << 20) + bytes_ / 256;
     patch(data + 1, size - 1);
     read_all(12 + (options >> 2 & 3) * 4);
-    if (live_memory() != 0) {
-      fprintf(stderr, "fuzz: %llu bytes are left over\n",
-              static_cast<unsigned long long>(live_memory()));
-      abort();
-    }
+    expect_no_memory();
   }
 
  private:
