@@ -57,7 +57,8 @@ demo: setup ## a real file system, backed up, changed, backed up again, restored
 	@$(MAKE) --no-print-directory module agent
 	@demo/run
 
-bench: setup ## the benchmarks beside device-mapper's targets, as ratios
+bench: setup ## the benchmarks beside device-mapper's targets, as ratios; the cost of maps
+	@bench/maps
 	@$(MAKE) --no-print-directory module agent
 	@bench/run
 
