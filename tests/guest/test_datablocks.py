@@ -1,6 +1,8 @@
 """Data-block maps of file systems that a kernel has written, aged, and frozen for a snap: no chunk that holds
 a used block is called free, by what the file system's own tools say of the snap and by what its files own."""
 
+import ctypes
+import dataclasses
 import fcntl
 import os
 import random
@@ -12,8 +14,8 @@ import images
 import kit
 from kit import KIB
 
-GUEST = {"minutes": 3, "kernels": "installed", "disks": ["fs:420M", "store:700M"], "limit": 600, "memory": 2048,
-         "allow": [r"reiserfs", r"REISERFS"]}
+GUEST = {"minutes": 4, "kernels": "installed", "disks": ["fs:420M", "large:1700M", "store:700M"], "limit": 600,
+         "memory": 2048, "allow": [r"reiserfs", r"REISERFS"]}
 
 SEED = 20241104
 FIEMAP = 0xc020660b
@@ -21,21 +23,44 @@ FIBMAP = 1
 FIEMAP_HEADER = struct.Struct("<QQIIII")
 FIEMAP_EXTENT = struct.Struct("<QQQQQIIII")
 
-# How it is made, and whether a map must be there while it is mounted. The journal of a ReiserFS may then hold
-# what its bitmaps lack, and it has none.
+
+@dataclasses.dataclass
+class Kind:
+    tool: list
+    fill: str = "age"
+    size: str = ""         # blocks, for the tool; none: all of the device
+    mounts: bool = True    # this kernel mounts it; else it stays as its tool made it
+    # A map must be there while it is mounted. The journal of a ReiserFS may hold what its bitmaps lack.
+    has_map: bool = True
+    chunk_size: int = 4096
+    height: int = 0        # that one of its trees reaches
+    disk: str = "fs"
+
+
 KINDS = {
-    "ext2": (["mkfs.ext2", "-q", "-F", "-b", "1024"], True),
-    "ext3": (["mkfs.ext3", "-q", "-F"], True),
-    "ext4": (["mkfs.ext4", "-q", "-F", "-g", "8192"], True),
-    "ext4-bigalloc": (["mkfs.ext4", "-q", "-F", "-O", "bigalloc", "-C", "16384"], True),
-    "ext4-1k": (["mkfs.ext4", "-q", "-F", "-b", "1024", "-O", "^flex_bg"], True),
-    "xfs-4": (["mkfs.xfs", "-q", "-f", "-m", "crc=0"], True),
-    "xfs-5": (["mkfs.xfs", "-q", "-f", "-m", "rmapbt=1,reflink=1"], True),
-    "xfs-1k": (["mkfs.xfs", "-q", "-f", "-b", "size=1024"], True),
-    "reiserfs": (["mkfs.reiserfs", "-q", "-f"], False),
+    "ext2": Kind(["mkfs.ext2", "-q", "-F", "-b", "1024"]),
+    "ext2-odd": Kind(["mkfs.ext2", "-q", "-F", "-b", "1024", "-g", "5000"], size="301111"),
+    "ext3": Kind(["mkfs.ext3", "-q", "-F"]),
+    "ext3-small": Kind(["mkfs.ext3", "-q", "-F", "-b", "2048", "-g", "1024"]),
+    "ext4": Kind(["mkfs.ext4", "-q", "-F", "-g", "8192"]),
+    "ext4-full": Kind(["mkfs.ext4", "-q", "-F"], fill="fill_up"),
+    "ext4-bigalloc": Kind(["mkfs.ext4", "-q", "-F", "-O", "bigalloc", "-C", "16384"]),
+    "ext4-1k": Kind(["mkfs.ext4", "-q", "-F", "-b", "1024", "-O", "^flex_bg"]),
+    "ext4-64k": Kind(["mkfs.ext4", "-q", "-F", "-b", "65536"], mounts=False, chunk_size=64 * KIB),
+    "xfs-4": Kind(["mkfs.xfs", "-q", "-f", "-m", "crc=0"]),
+    "xfs-4-512": Kind(["mkfs.xfs", "-q", "-f", "-m", "crc=0", "-b", "size=512", "-d", "agcount=2"], fill="perforate",
+                      height=3),
+    "xfs-5": Kind(["mkfs.xfs", "-q", "-f", "-m", "rmapbt=1,reflink=1"]),
+    "xfs-5-1k": Kind(["mkfs.xfs", "-q", "-f", "-b", "size=1024"], fill="perforate", height=2),
+    "xfs-5-groups": Kind(["mkfs.xfs", "-q", "-f", "-d", "agcount=25"], fill="fill_up", chunk_size=64 * KIB,
+                         disk="large"),
+    "xfs-5-64k": Kind(["mkfs.xfs", "-q", "-f", "-b", "size=65536"], mounts=False, chunk_size=64 * KIB),
+    "reiserfs": Kind(["mkfs.reiserfs", "-q", "-f"], has_map=False),
+    "reiserfs-1k": Kind(["mkfs.reiserfs", "-q", "-f", "-b", "1024"], mounts=False),
 }
 
 store = ""
+sums = {}  # of each file system: images, used chunks called free, free chunks, of them called used
 
 
 @kit.case
@@ -64,6 +89,33 @@ def age(folder, rng):
         with open(f"{folder}/late{number}", "wb") as out:
             out.seek(rng.randrange(64 * KIB))
             out.write(rng.randbytes(rng.choice((1, 9, 30)) * KIB))
+
+
+def fill_up(folder, rng):
+    """All but one part in fifty."""
+    age(folder, rng)
+    os.sync()
+    room = os.statvfs(folder)
+    with open(f"{folder}/rest", "wb") as out:
+        os.posix_fallocate(out.fileno(), 0, room.f_bfree * room.f_frsize // 50 * 49)
+
+
+def perforate(folder, rng):
+    """Every second block of a file is a hole: a free extent for each."""
+    age(folder, rng)
+    size = os.statvfs(folder).f_bsize
+    keep_size_punch = 0x1 | 0x2
+    fallocate = ctypes.CDLL(None, use_errno=True).fallocate
+    with open(f"{folder}/net", "wb") as out:
+        os.posix_fallocate(out.fileno(), 0, 7200 * size)
+        for number in range(0, 7200, 2):
+            if fallocate(out.fileno(), keep_size_punch, ctypes.c_long(number * size), ctypes.c_long(size)) != 0:
+                raise OSError(ctypes.get_errno(), "hole")
+
+
+def tree_height(device):
+    text = "".join(said("xfs_db", "-r", "-c", f"agf {number}", "-c", "print bnolevel", device) for number in range(2))
+    return max(int(level) for level in re.findall(r"bnolevel = (\d+)", text))
 
 
 def said(*command):
@@ -159,31 +211,43 @@ def judge(name, minor, files, when, has_map=True):
     print(f"{name} {when}: {at.chunk_cnt} chunks, {len(free)} free, {over} of them called used")
     if has_map or len(used) < at.chunk_cnt:
         kit.check(over * 50 <= len(free), f"{name} {when}: {over} of {len(free)} free chunks called used")
+        row = sums.setdefault(name.partition("-")[0] if name[0] != "x" else name[:5], [0, 0, 0, 0])
+        for index, more in enumerate((1, len(wrong), len(free), over)):
+            row[index] += more
+
+
+def started(snaps, kind):
+    minor = snaps.add(chunk_size=kind.chunk_size)
+    kit.done(kit.start(minor), "start")
+    return minor
 
 
 def maps_of(name):
-    tool, has_map_mounted = KINDS[name]
-    device = kit.disk("fs")
+    kind = KINDS[name]
+    device = kit.disk(kind.disk)
     kit.run("wipefs", "-qa", device)
-    kit.run(*tool, device)
-    rng = random.Random(SEED)
-    mount_point = f"/mnt/{name}"
-    os.makedirs(mount_point, exist_ok=True)
+    kit.run(*kind.tool, device, *kind.size.split())
     with images.snapped(device, store) as (path, snaps):
+        minor = started(snaps, kind)
+        judge(name, minor, [], "fresh")
+        kit.done(kit.stop(minor), "stop")
+        if not kind.mounts:
+            return
+        mount_point = f"/mnt/{name}"
+        os.makedirs(mount_point, exist_ok=True)
         kit.run("mount", path, mount_point)
         try:
-            age(mount_point, rng)
-            minor = snaps.add(chunk_size=4096)
-            kit.done(kit.start(minor), "start")
+            globals()[kind.fill](mount_point, random.Random(SEED))
+            minor = started(snaps, kind)
             files = list((mapped if name == "reiserfs" else owned)(mount_point))
             kit.check(len(files) > 200, f"{name}: {len(files)} ranges of files")
-            judge(name, minor, files, "mounted", has_map_mounted)
+            judge(name, minor, files, "mounted", kind.has_map)
+            if kind.height:
+                kit.check(tree_height(f"/dev/snbf/snbf{minor}") >= kind.height, f"{name}: low trees")
         finally:
             kit.run("umount", mount_point)
         kit.done(kit.stop(minor), "stop")
-        minor = snaps.add(chunk_size=4096)
-        kit.done(kit.start(minor), "start")
-        judge(name, minor, [], "unmounted")
+        judge(name, started(snaps, kind), [], "unmounted")
 
 
 def register(name):
@@ -195,6 +259,13 @@ def register(name):
 
 for _name in KINDS:
     register(_name)
+
+
+@kit.case
+def every_file_system_was_among_them():
+    for name, (tried, wrong, free, over) in sums.items():
+        print(f"{name}: {tried} images, {wrong} used chunks called free, {over / free:.3%} of free chunks called used")
+    kit.equal(sorted(sums), ["ext2", "ext3", "ext4", "reiserfs", "xfs-4", "xfs-5"], "file systems")
 
 
 if __name__ == "__main__":
