@@ -46,12 +46,14 @@ class Pass {
   void complete(SpinGuard& hold, CowRequest* request, int error) REQUIRES(queue_.lock);
   void serve(SpinGuard& hold, CowRequest* request) REQUIRES(queue_.lock);
   bool act(SpinGuard& hold, CowRequest* request, Fate fate) REQUIRES(queue_.lock);
+  bool is_too_late(const CowRequest& request) REQUIRES(queue_.lock);
   void scan();
 
   FilterNode& filter_;
   CowQueue& queue_;
   WorkSet* work_;
   u32 number_ = 0;
+  int newcomers_left_ = 0;  // of those that no pass has come by, as many as this one acts on
   SnapNode* group_snap_ = nullptr;
   bool is_over_ = false;
 };
@@ -190,8 +192,15 @@ bool Pass::act(SpinGuard& hold, CowRequest* request, Fate fate) {
   return true;
 }
 
+// Whether a request may have come in while the scan was at work. While one read is served the next
+// arrives, and without an end of the scan the copies that writes wait for would never begin.
+bool Pass::is_too_late(const CowRequest& request) {
+  return request.left_by_pass == 0 && newcomers_left_-- <= 0;
+}
+
 void Pass::scan() {
   SpinGuard hold{queue_.lock};
+  newcomers_left_ = queue_.length();
   CowRequest* request = queue_.requests.first();
   // Only who serves the queue takes requests out, so the one at the cursor stays while the lock is open;
   // others may come in before and behind it.
@@ -202,8 +211,12 @@ void Pass::scan() {
       request = Requests::next(request);
       continue;
     }
-    const Fate fate = judge(*request);
-    const bool stays = fate == Fate::Leave || fate == Fate::Gather;
+    Fate fate = judge(*request);
+    bool stays = fate == Fate::Leave || fate == Fate::Gather;
+    if (!stays && is_too_late(*request)) {
+      fate = Fate::Leave;
+      stays = true;
+    }
     if (!act(hold, request, fate)) return;
     if (stays) before = request;
     request = before != nullptr ? Requests::next(before) : queue_.requests.first();

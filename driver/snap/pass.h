@@ -2,8 +2,8 @@
 // One pass over a filter node's COW queue, from its head.
 //
 // The COW thread serves the queue by passes: what can go, goes; what must be copied first is gathered
-// and copied at the end. Its watchdog makes one, too, to let the held writes go after the snaps that
-// held them were given up.
+// and copied at the end. Every pass ends: what comes in meanwhile may be left to the next one. Its
+// watchdog makes one, too, to let the held writes go after the snaps that held them were given up.
 #pragma once
 
 #include "block/node.h"

@@ -1,0 +1,69 @@
+// A pass over the COW queue ends, whatever comes in meanwhile.
+#include "snap_bench.h"
+
+namespace snbf::sim {
+namespace {
+
+constexpr u64 kReaders = 8;
+constexpr u64 kHeldBlock = 200;
+
+// Readers of a snap, each of blocks of its own that were copied: their reads go through the COW
+// queue, and while one is served the next ones come in.
+class ReadStream {
+ public:
+  ReadStream(SnapBench& bench, u64 limit) : bench_(bench), limit_(limit) {
+    for (u64 block = 0; block < kReaders; ++block) {
+      bench.sim.spawn("reader", [this, block] { read(block); });
+    }
+    bench.sim.wait_until([this] { return reads_ >= 2 * kReaders; });
+  }
+  ~ReadStream() {
+    over_ = true;
+    bench_.sim.join_all();
+  }
+
+  // Of those that ended while a write to the block was held for its copy.
+  u64 reads_before_copy() const { return before_copy_; }
+
+ private:
+  void read(u64 block) {
+    while (!over_ && reads_ < limit_) {
+      Io first = submit(block);
+      Io second = submit(block + kReaders);
+      EXPECT_EQ(first.wait(), 0);
+      EXPECT_EQ(second.wait(), 0);
+      reads_ += 2;
+      if (is_held()) before_copy_ += 2;
+    }
+  }
+  bool is_held() {
+    return bench_.filter()->cowqueue.writes.load() != 0 &&
+           !snbf_cowbmp_is_set(&bench_.snap(7)->cow_bmp, kHeldBlock);
+  }
+  Io submit(u64 block) {
+    return bench_.sim.submit(kNode(7), {.op = Op::Read, .sector = block * 8, .bytes = 4096});
+  }
+
+  SnapBench& bench_;
+  u64 limit_;
+  u64 reads_ = 0;
+  u64 before_copy_ = 0;
+  bool over_ = false;
+};
+
+// Copied once, for the reads to need the COW data file.
+void add_copied(SnapBench& bench) {
+  bench.add_started(7);
+  for (u64 block = 0; block < 2 * kReaders; ++block) EXPECT_EQ(bench.write(block, 0x98), 0);
+}
+
+SIM_TEST(CowPass, ReadsThatKeepComingHoldUpNoWrite) {
+  SnapBench bench(sim, {.debug = 0});
+  add_copied(bench);
+  ReadStream stream(bench, 3000);
+  EXPECT_EQ(bench.write(kHeldBlock, 0x55), 0);
+  EXPECT_LE(stream.reads_before_copy(), 100u);
+}
+
+}  // namespace
+}  // namespace snbf::sim
