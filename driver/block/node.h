@@ -119,7 +119,7 @@ struct SnapNode : Node, ListLink<BySnapOrder> {
   Atomic<int> snap_valid;
   Atomic<int> stop_pending;
   Atomic<int> del_pending;
-  Atomic<int> truncation_due;  // given up by the watchdog, which touches no file
+  Atomic<int> truncation_due;  // given up, and its COW data file is not emptied yet
 };
 
 // The node must be of that kind.

@@ -15,7 +15,10 @@ void give_up(SnapNode& newest) {
   SnapNode* oldest = &newest;
   while (SnapNode* older = Snaps::prev(oldest)) oldest = older;
   for (SnapNode* snap = oldest; snap != nullptr; snap = Snaps::next(snap)) {
-    if (snap->started.load() != 0) snap->snap_valid.store(0);
+    if (snap->started.load() != 0) {
+      snap->snap_valid.store(0);
+      snap->truncation_due.store(1);
+    }
     if (snap == &newest) break;
   }
   for (SnapNode* snap = &newest; snap != nullptr; snap = Snaps::prev(snap)) {
@@ -25,17 +28,22 @@ void give_up(SnapNode& newest) {
   }
 }
 
-// A file that is empty cannot pass for a whole one after a power cut: so before any write that
-// waited for this snap goes on, its emptiness is on disk, if the store still does that much.
-void truncate_data(SnapNode& snap) {
+// By the COW thread, within a pass. A stop waits for the pass and does what it finds not done. So the
+// state is looked at first: a duty that is taken from a stopped snap and then left, nobody would do.
+void truncate_if_due(SnapNode& snap) {
+  if (snap.started.load() == 0 || snap.truncation_due.exchange(0) == 0) return;
   StallGate& gate = snap.filter_node->cowthread.gate;
   gate.begin_file_operation(snap.minor);
-  snbf_ftruncate(snap.cow_data_fname);
-  if (snap.cow_data_file != nullptr) snbf_fsync(snap.cow_data_file);
+  empty_data_file(snap);
   gate.end_file_operation();
 }
 
 }  // namespace
+
+void empty_data_file(SnapNode& snap) {
+  snbf_ftruncate(snap.cow_data_fname);
+  if (snap.cow_data_file != nullptr) snbf_fsync(snap.cow_data_file);
+}
 
 SnapNode* find_copying_snap(FilterNode& filter, int minor) {
   if (minor < 0) return nullptr;
@@ -51,19 +59,13 @@ void invalidate_snaps(SnapNode& newest) {
   giving_up.store(1);
   // All of them first: the files may take their time.
   give_up(newest);
-  for (SnapNode* snap = &newest; snap != nullptr; snap = Snaps::prev(snap)) {
-    if (snap->started.load() != 0) truncate_data(*snap);
-  }
+  for (SnapNode* snap = &newest; snap != nullptr; snap = Snaps::prev(snap)) truncate_if_due(*snap);
   giving_up.store(0);
 }
 
 void invalidate_snaps_without_files(SnapNode& newest) {
   give_up(newest);
-  for (SnapNode* snap = &newest; snap != nullptr; snap = Snaps::prev(snap)) {
-    if (snap->started.load() == 0) continue;
-    snap->truncation_due.store(1);
-    newest.filter_node->cowthread.truncations_due.store(1);
-  }
+  newest.filter_node->cowthread.truncations_due.store(1);
   newest.filter_node->cowqueue.wait.wake();
 }
 
@@ -71,7 +73,7 @@ void do_due_truncations(FilterNode& filter) {
   if (filter.cowthread.truncations_due.load() == 0) return;
   filter.cowthread.truncations_due.store(0);
   for (SnapNode* snap = filter.snaps.first(); snap != nullptr; snap = Snaps::next(snap)) {
-    if (snap->truncation_due.exchange(0) != 0 && snap->started.load() != 0) truncate_data(*snap);
+    truncate_if_due(*snap);
   }
 }
 

@@ -17,7 +17,11 @@ void invalidate_snaps(SnapNode& newest);
 // By anybody else: the watchdog, while the COW thread hangs in a file, or a command. Touches no file; the
 // COW thread empties them as soon as it can.
 void invalidate_snaps_without_files(SnapNode& newest);
-// What the watchdog left to do.
+// By the COW thread: what others left to do. May sleep long. The table's lock is held.
 void do_due_truncations(FilterNode& filter);
+// What is left of a snap that was given up must not pass for an image after a power cut: before any
+// write that waited for it goes on, the emptiness of its COW data file is on disk, if the store still
+// does that much. May sleep long.
+void empty_data_file(SnapNode& snap);
 
 }  // namespace snbf

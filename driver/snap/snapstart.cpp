@@ -76,7 +76,7 @@ bool ensure_cow_thread(FilterNode& filter) {
 
 void drop_snap_resources(SnapNode& snap) {
   // Given up, and the COW thread has not come to it.
-  if (snap.truncation_due.exchange(0) != 0) snbf_ftruncate(snap.cow_data_fname);
+  if (snap.truncation_due.exchange(0) != 0) empty_data_file(snap);
   if (snap.cow_bmp_file != nullptr) snbf_fclose(snap.cow_bmp_file);
   if (snap.cow_data_file != nullptr) snbf_fclose(snap.cow_data_file);
   snap.cow_bmp_file = snap.cow_data_file = nullptr;

@@ -1,4 +1,6 @@
-// A pass over the COW queue ends, whatever comes in meanwhile.
+// A pass over the COW queue ends, whatever comes in meanwhile; and what a stop leaves of a snap that
+// was given up beside it.
+#include "snap/invalidate.h"
 #include "snap_bench.h"
 
 namespace snbf::sim {
@@ -63,6 +65,41 @@ SIM_TEST(CowPass, ReadsThatKeepComingHoldUpNoWrite) {
   ReadStream stream(bench, 3000);
   EXPECT_EQ(bench.write(kHeldBlock, 0x55), 0);
   EXPECT_LE(stream.reads_before_copy(), 100u);
+}
+
+// Whoever comes to it first, kcowd or the stop, empties the data file: it must not pass for an
+// image.
+SIM_TEST_SEEDS(CowPass, ASnapThatIsGivenUpIsEmptyBehindItsStop, 200) {
+  SnapBench bench(sim, {.debug = 0});
+  bench.add_started(7);
+  ASSERT_EQ(bench.write(1, 0x11), 0);
+  sim.spawn("quitter", [&] {
+    // As a resume does it.
+    KsReadGuard table{snbf_blkdev_rwlock};
+    KsWriteGuard drained{bench.filter()->io_rwlock};
+    invalidate_snaps_without_files(*bench.snap(7));
+  });
+  EXPECT_EQ(stop_node(sim, 7), 0);
+  sim.join_all();
+  if (info_of(sim, 7).snap_valid == 0) {
+    EXPECT_EQ(bench.file(bench.data_file(7)).size(), 0u);
+  }
+}
+
+SIM_TEST_SEEDS(CowPass, AnOlderSnapIsEmptyToo, 40) {
+  SnapBench bench(sim, {.debug = 0});
+  bench.add_started(7);
+  ASSERT_EQ(bench.write(1, 0x11), 0);
+  bench.add_started(8);
+  sim.fail_nth(Fault::FileWrite, 1);
+  sim.spawn("writer", [&] { EXPECT_EQ(bench.write(2, 0x22), 0); });
+  sim.sleep_us(sim.random(2000));
+  EXPECT_EQ(stop_node(sim, 7), 0);
+  sim.join_all();
+  sim.clear_faults();
+  if (info_of(sim, 7).snap_valid == 0) {
+    EXPECT_EQ(bench.file(bench.data_file(7)).size(), 0u);
+  }
 }
 
 }  // namespace
