@@ -8,6 +8,7 @@
 
 namespace snbf {
 
+// A random one, "{" to "}" and terminated. Never fails; does not sleep.
 void make_uuid(char (&uuid)[SNBF_UUID_BYTES]);
 
 // The minor asked for, or the lowest free one for a negative wish. Nobody else adds nodes meanwhile.

@@ -28,11 +28,6 @@ bool QuietPoint::is_late() const {
   return static_cast<s64>(snbf_plat_ticks_ms() - deadline_ms_) >= 0;
 }
 
-u32 QuietPoint::left_ms() const {
-  const s64 left = static_cast<s64>(deadline_ms_ - snbf_plat_ticks_ms());
-  return left > 0 ? static_cast<u32>(left) : 0;
-}
-
 // A held write that goes on is known to the tracker before the queue forgets it: so in this order
 // none is missed.
 bool QuietPoint::has_writes() const {

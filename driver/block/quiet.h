@@ -27,7 +27,6 @@ class QuietPoint {
   bool try_to_hold();
   void freeze();
   bool is_late() const;
-  u32 left_ms() const;
 
   FilterNode& filter_;
   u64 deadline_ms_ = 0;

@@ -77,8 +77,6 @@ int SnapRead::wait_for_partition(u32 count) {
   const plat_devt device = snap_.filter_node->hdd_dev;
   for (u32 i = 0; i < count; ++i) {
     if (snbf_plat_bio_is_uptodate(work_.bios[i])) continue;
-    plat_bio_info info;
-    snbf_plat_bio_info(work_.bios[i], &info);
     snbf_log(kLogError,
              "%s(): Failed to read %d bytes starting from sector %d from device (%d, %d)", kOrigin,
              static_cast<int>(work_.slices[i].bytes), static_cast<int>(work_.slices[i].first),

@@ -96,7 +96,8 @@ plat_u32 snbf_plat_bio_bytes_left(const plat_bio* bio);
 int snbf_plat_bio_is_uptodate(const plat_bio* bio);
 /* Sends a request of the driver's own to `bdev`. The reference stays with the driver. */
 void snbf_plat_bio_submit(plat_bio* bio, plat_bdev* bdev);
-/* Sends several, which the device may then join where they are neighbours. */
+/* Sends several, which the device may then join where they are neighbours. As with one, may sleep
+   for a place in the device's queue. */
 void snbf_plat_bio_submit_all(plat_bio* const* bios, int count, plat_bdev* bdev);
 /* Drops the reference; the last one calls destroy and frees it. Any context. */
 void snbf_plat_bio_put(plat_bio* bio);
