@@ -88,6 +88,11 @@ uint64_t new_epoch() {
   return number;
 }
 
+bool is_driver_name(const std::string& name) {
+  return name.size() > 4 && name.rfind("snbf", 0) == 0 &&
+         name.find_first_not_of("0123456789", 4) == std::string::npos;
+}
+
 int list_nodes(libsnbf* handle, Nodes* out) {
   for (uint32_t kind : {SNBF_DEV_FILTER, SNBF_DEV_SNAP}) {
     snbf_device_list list;

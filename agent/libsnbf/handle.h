@@ -63,6 +63,10 @@ int hash_head(const char* partition, uint64_t* out);
 // A number that no other call has answered.
 uint64_t new_epoch();
 
+// "snbf" and a number: the driver's own names. A node of that name takes the device file of
+// another.
+bool is_driver_name(const std::string& name);
+
 // Every node that the driver lists, of either kind.
 struct Nodes {
   std::set<uint32_t> minors;

@@ -118,7 +118,8 @@ int libsnbf_state_write(const char* bmp_dir, uint32_t minor, const struct libsnb
  * Attach: create a filter node over a partition, judge what is left of its last attachment, and
  * save both bitmaps at once, so that a file once refused is never found clean later.
  *
- *   -EILSEQ   the name is not [A-Za-z0-9_-][A-Za-z0-9._-]* or is "control"
+ *   -EILSEQ   the name is not [A-Za-z0-9_-][A-Za-z0-9._-]*, is "control", or is "snbf" and a number
+ *             that is not the node's own minor: the driver's names
  *   -EEXIST   another node has the name
  *   -ENOTBLK  not a block device
  *   -ERANGE   the minor is the driver's highest, which is never listed, or beyond it
@@ -150,10 +151,21 @@ int libsnbf_stop(struct libsnbf* handle, uint32_t minor);
 int libsnbf_detach(struct libsnbf* handle, uint32_t minor);
 
 /*
+ * By which a file is known again. The device number holds for one boot; the time is that of its
+ * last change of contents, and is kept from the clean stop on.
+ */
+struct libsnbf_file_mark {
+  uint64_t dev; /* as stat(2) has it; 0: not known */
+  uint64_t ino;
+  int64_t changed_ns; /* since 1970; 0: not known */
+};
+
+/*
  * What is known of a snap, in the file NAME.snap of its node's bitmap directory, from before its
  * creation until its files are gone. A snap is believed to hold its image, and resumed, only if
  *   - it was valid when it was stopped with its node, and its files were synced then,
  *   - the node's epoch, both bitmaps and the partition's head are as they were at that stop,
+ *   - its files are the very ones, and have not been changed since,
  *   - every newer snap that was started then can be resumed too: their files hold parts of its
  * image.
  */
@@ -175,6 +187,8 @@ struct libsnbf_snap_record {
   int del_pending;
   uint64_t epoch;
   uint64_t bitmaps_hash;
+  struct libsnbf_file_mark cow_bmp_mark;
+  struct libsnbf_file_mark cow_data_mark;
 };
 int libsnbf_snap_record_read(const char* bmp_dir, const char* name,
                              struct libsnbf_snap_record* out);
@@ -187,6 +201,7 @@ int libsnbf_snap_record_write(const char* bmp_dir, const struct libsnbf_snap_rec
 #define LIBSNBF_SNAP_NODE_WRITTEN "written-since"
 #define LIBSNBF_SNAP_NODE_SIZE "size-changed"
 #define LIBSNBF_SNAP_FILES "files-missing"
+#define LIBSNBF_SNAP_FILES_CHANGED "files-changed"
 #define LIBSNBF_SNAP_PLACE "place-unsafe"
 #define LIBSNBF_SNAP_NAME "name-taken"
 #define LIBSNBF_SNAP_NEWER "newer-lost"
@@ -204,9 +219,14 @@ int libsnbf_snap_each(struct libsnbf* handle, uint32_t filter_minor, libsnbf_sna
  *   -EEXIST    a node has the name, or a snap that is left over
  *   -ELOOP     the directory lies on the partition, or on what is kept on it, however it is reached
  *   -EXDEV     the directory's file system has no disk of its own (tmpfs, overlay, btrfs, a
- * network's) -ENOTEMPTY files of these names are there, and `overwrite` is 0 -EDOM      the node's
- * other snaps have another chunk size -ENOSPC    no minor is free, or the node has as many snaps as
- * it can and the driver's own; whatever fails, no snap is left
+ *              network's)
+ *   -ENOTEMPTY files of these names are there, and `overwrite` is 0
+ *   -ETXTBSY   files of these names belong to another snap: to one that the driver has, or to a
+ *              record in the directory, or beside the bitmaps of any node that is attached
+ *   -EDOM      the node's other snaps have another chunk size
+ *   -ENOSPC    no minor is free, or the node has as many snaps as it can
+ *   -ENODATA   it was lost in the moment of its start: its files could not be written
+ * and the driver's own; whatever fails, no snap is left
  */
 struct libsnbf_snap_request {
   uint32_t filter_minor;
@@ -224,8 +244,8 @@ int libsnbf_snap_create(struct libsnbf* handle, struct libsnbf_snap_request* req
 
 /*
  * Delete a snap and its files. `postponed`: an older snap needs what it holds; it can no longer be
- * read, and the driver takes it away with the last of those. `uuid`: -ENOENT unless the snap has it; null
- * for whichever has the minor.
+ * read, and the driver takes it away with the last of those. `uuid`: -ENOENT unless the snap has
+ * it; null for whichever has the minor.
  */
 int libsnbf_snap_delete(struct libsnbf* handle, uint32_t minor, const char* uuid, int* postponed);
 /* The record and the files of a snap that is no node. -EBUSY: it is one. */

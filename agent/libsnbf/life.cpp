@@ -144,6 +144,10 @@ int attach_locked(libsnbf* handle, libsnbf_attach_request* request) {
   const auto minor = request->minor >= 0 ? static_cast<uint32_t>(request->minor)
                                          : choose_minor(*request, nodes, minor_max);
   if (!minor) return -ENOSPC;
+  if (snbf::lib::is_driver_name(request->name) &&
+      request->name != "snbf" + std::to_string(*minor)) {
+    return -EILSEQ;
+  }
 
   libsnbf_state before;
   const int known = nodes.minors.contains(*minor)

@@ -2,8 +2,10 @@
 // Snaps: created, deleted and resumed, with their records kept in step.
 //
 // Order at a creation, so that a crash at any point leaves something that can be found and taken
-// away:
-//   1. the record, with the names of the files; 2. the node; 3. its start, which makes the files
+// away, and that nobody takes for an image:
+//   1. the record, with the names of the files, is on the disk and does not say "clean"
+//   2. the node; 3. its start, which makes or empties the files; 4. the record knows the files
+//   again
 // and at a deletion: the record says "deleting"; the driver deletes; the record goes.
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,12 +26,6 @@ using snbf::lib::Nodes;
 using snbf::lib::put_text;
 
 constexpr uint32_t kChunkDefault = 64 << 10;
-
-// The driver's own names: a snap with one of them would replace a node's device file.
-bool is_driver_name(const std::string& name) {
-  return name.size() > 4 && name.rfind("snbf", 0) == 0 &&
-         name.find_first_not_of("0123456789", 4) == std::string::npos;
-}
 
 int find_filter(libsnbf* handle, uint32_t minor, snbf_info* out) {
   if (int rc = libsnbf_get_info(handle, minor, out); rc != 0) return rc;
@@ -60,6 +56,17 @@ struct Creation {
   snbf_snap_node_cmd node{};
 };
 
+// A start empties the files of its snap: they must be nobody else's, by whatever path.
+int refuse_files_of_others(libsnbf* handle, const char* cow_dir, const Creation& made) {
+  std::set<snbf::lib::FileId> owned;
+  if (int rc = snbf::lib::files_of_snaps(handle, cow_dir, &owned); rc != 0) return rc;
+  for (const char* path : {made.record.cow_data_fname, made.record.cow_bmp_fname}) {
+    const auto id = snbf::lib::file_id(path);
+    if (id && owned.contains(*id)) return -ETXTBSY;
+  }
+  return 0;
+}
+
 int name_files(const libsnbf_snap_request& request, Creation* made) {
   const std::string stem = std::string(request.cow_dir) + "/" + request.name;
   if (!put_text(made->record.cow_data_fname, stem + ".cow") ||
@@ -77,7 +84,8 @@ int choose_name(libsnbf* handle, const libsnbf_snap_request& request, Creation* 
   Nodes nodes;
   uint32_t minor_max = 0;
   libsnbf_snap_record left_over;
-  if (!libsnbf_name_is_safe(request.name) || is_driver_name(request.name)) return -EILSEQ;
+  if (!libsnbf_name_is_safe(request.name) || snbf::lib::is_driver_name(request.name))
+    return -EILSEQ;
   if (int rc = snbf::lib::list_nodes(handle, &nodes); rc != 0) return rc;
   if (nodes.names.contains(request.name)) return -EEXIST;
   if (libsnbf_snap_record_read(made->dir.c_str(), request.name, &left_over) != -ENOENT) {
@@ -98,6 +106,7 @@ int plan_creation(libsnbf* handle, const libsnbf_snap_request& request, Creation
     return rc;
   }
   if (int rc = name_files(request, made); rc != 0) return rc;
+  if (int rc = refuse_files_of_others(handle, request.cow_dir, *made); rc != 0) return rc;
   if (int rc = choose_chunk(handle, made->filter, request.chunk_size, &made->node.chunk_size);
       rc != 0) {
     return rc;
@@ -116,6 +125,19 @@ int plan_creation(libsnbf* handle, const libsnbf_snap_request& request, Creation
   return 0;
 }
 
+// The start made the files; a copy that failed since, for want of room or by a bad disk, has cost
+// the snap already.
+int see_started(libsnbf* handle, Creation* made) {
+  snbf_info now;
+  if (int rc = libsnbf_get_info(handle, static_cast<uint32_t>(made->node.snap_minor), &now);
+      rc != 0) {
+    return rc;
+  }
+  if (!now.snap_valid) return -ENODATA;
+  if (int rc = snbf::lib::mark_files(&made->record, false); rc != 0) return rc;
+  return libsnbf_snap_record_write(made->dir.c_str(), &made->record);
+}
+
 int create_locked(libsnbf* handle, libsnbf_snap_request* request) {
   Creation made;
   if (int rc = plan_creation(handle, *request, &made); rc != 0) return rc;
@@ -126,8 +148,9 @@ int create_locked(libsnbf* handle, libsnbf_snap_request* request) {
     return rc;
   }
   const auto began = std::chrono::steady_clock::now();
-  const int rc = libsnbf_start_node(handle, static_cast<uint32_t>(made.node.snap_minor));
+  int rc = libsnbf_start_node(handle, static_cast<uint32_t>(made.node.snap_minor));
   const auto took = std::chrono::steady_clock::now() - began;
+  if (rc == 0) rc = see_started(handle, &made);
   if (rc != 0) {
     // The record stays if the node does: there is still something to take away.
     if (libsnbf_del_node(handle, static_cast<uint32_t>(made.node.snap_minor)) == 0) {

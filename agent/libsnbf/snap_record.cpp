@@ -4,6 +4,7 @@
 #include "snap_record.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <xxhash.h>
 
@@ -11,6 +12,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <sstream>
 
 #include "record_file.h"
 
@@ -26,6 +28,26 @@ constexpr const char* kSuffix = ".snap";
 
 std::string record_path(const std::string& bmp_dir, const std::string& name) {
   return bmp_dir + "/" + name + kSuffix;
+}
+
+// "DEV INO NANOSECONDS"
+std::string mark_text(const libsnbf_file_mark& mark) {
+  return std::to_string(mark.dev) + " " + std::to_string(mark.ino) + " " +
+         std::to_string(mark.changed_ns);
+}
+
+bool take_mark(const std::string& text, libsnbf_file_mark* out) {
+  std::istringstream words(text);
+  return static_cast<bool>(words >> out->dev >> out->ino >> out->changed_ns);
+}
+
+constexpr int64_t kNsPerSecond = 1000000000;
+
+int mark_of(const char* path, libsnbf_file_mark* out) {
+  struct stat about;
+  if (::stat(path, &about) < 0) return -errno;
+  *out = {about.st_dev, about.st_ino, about.st_mtim.tv_sec * kNsPerSecond + about.st_mtim.tv_nsec};
+  return 0;
 }
 
 bool take(libsnbf_snap_record& record, const std::string& key, const std::string& value) {
@@ -47,6 +69,8 @@ bool take(libsnbf_snap_record& record, const std::string& key, const std::string
   if (key == "del-pending") record.del_pending = value == "1";
   if (key == "epoch") record.epoch = number(16);
   if (key == "bitmaps") record.bitmaps_hash = number(16);
+  if (key == "cow-bmp-mark") return take_mark(value, &record.cow_bmp_mark);
+  if (key == "cow-data-mark") return take_mark(value, &record.cow_data_mark);
   return true;  // a key of a later version is passed over
 }
 
@@ -59,7 +83,7 @@ int sync_file(const char* path) {
 
 namespace snbf::lib {
 
-std::vector<libsnbf_snap_record> snap_records(const std::string& bmp_dir, const char* node_uuid) {
+std::vector<libsnbf_snap_record> snap_records(const std::string& bmp_dir) {
   std::vector<libsnbf_snap_record> found;
   std::error_code ignored;
   for (const auto& entry : fs::directory_iterator(bmp_dir, ignored)) {
@@ -67,10 +91,16 @@ std::vector<libsnbf_snap_record> snap_records(const std::string& bmp_dir, const 
     if (entry.path().extension() != kSuffix) continue;
     const std::string name = entry.path().stem();
     if (libsnbf_snap_record_read(bmp_dir.c_str(), name.c_str(), &record) != 0) continue;
-    if (name == record.name && std::strcmp(record.node_uuid, node_uuid) == 0) {
-      found.push_back(record);
-    }
+    if (name == record.name) found.push_back(record);
   }
+  return found;
+}
+
+std::vector<libsnbf_snap_record> snap_records(const std::string& bmp_dir, const char* node_uuid) {
+  std::vector<libsnbf_snap_record> found = snap_records(bmp_dir);
+  std::erase_if(found, [node_uuid](const libsnbf_snap_record& record) {
+    return std::strcmp(record.node_uuid, node_uuid) != 0;
+  });
   std::sort(found.begin(), found.end(),
             [](const auto& one, const auto& other) { return one.sequence < other.sequence; });
   return found;
@@ -107,6 +137,58 @@ int snap_infos(libsnbf* handle, const snbf_info& filter, std::vector<snbf_info>*
     out->push_back(snap);
   }
   return 0;
+}
+
+std::optional<FileId> file_id(const char* path) {
+  struct stat about;
+  if (::stat(path, &about) < 0) return std::nullopt;
+  return FileId{about.st_dev, about.st_ino};
+}
+
+int files_of_snaps(libsnbf* handle, const std::string& extra_dir, std::set<FileId>* out) {
+  const auto add = [out](const char* path) {
+    if (const auto id = file_id(path)) out->insert(*id);
+  };
+  snbf_device_list list;
+  snbf_info info;
+  if (int rc = libsnbf_get_device_list(handle, SNBF_DEV_SNAP, &list); rc != 0) return rc;
+  for (uint32_t i = 0; i < list.count; ++i) {
+    if (libsnbf_get_info(handle, list.minors[i], &info) != 0) continue;
+    add(info.cow_data_fname);
+    add(info.cow_bmp_fname);
+  }
+  std::set<std::string> dirs{extra_dir};
+  if (int rc = libsnbf_get_device_list(handle, SNBF_DEV_FILTER, &list); rc != 0) return rc;
+  for (uint32_t i = 0; i < list.count; ++i) {
+    if (libsnbf_get_info(handle, list.minors[i], &info) == 0) dirs.insert(bmp_dir_of(info));
+  }
+  for (const std::string& dir : dirs) {
+    for (const libsnbf_snap_record& record : snap_records(dir)) {
+      // By path, and by what was seen there: the path may lead elsewhere by now.
+      add(record.cow_data_fname);
+      add(record.cow_bmp_fname);
+      if (boot_id(*handle) != record.boot_id) continue;
+      for (const auto& mark : {record.cow_data_mark, record.cow_bmp_mark}) {
+        if (mark.dev != 0) out->insert({mark.dev, mark.ino});
+      }
+    }
+  }
+  return 0;
+}
+
+int mark_files(libsnbf_snap_record* record, bool at_rest) {
+  if (int rc = mark_of(record->cow_bmp_fname, &record->cow_bmp_mark); rc != 0) return rc;
+  if (int rc = mark_of(record->cow_data_fname, &record->cow_data_mark); rc != 0) return rc;
+  if (!at_rest) record->cow_bmp_mark.changed_ns = record->cow_data_mark.changed_ns = 0;
+  return 0;
+}
+
+bool fits_mark(const char* path, const libsnbf_file_mark& mark, bool same_boot) {
+  libsnbf_file_mark now;
+  if (mark_of(path, &now) != 0) return false;
+  return (mark.ino == 0 || now.ino == mark.ino) &&
+         (mark.dev == 0 || !same_boot || now.dev == mark.dev) &&
+         (mark.changed_ns == 0 || now.changed_ns == mark.changed_ns);
 }
 
 int hash_bitmaps(libsnbf* handle, const snbf_info& filter, uint64_t* out) {
@@ -153,6 +235,7 @@ int record_snaps_stopped(libsnbf* handle, const snbf_info& filter, const SnapsBe
     // It may have been lost on the way: what counts is how the stop left it.
     if (libsnbf_get_info(handle, snap.minor, &now) != 0 || now.started || !now.snap_valid) continue;
     if (sync_file(snap.cow_data_fname) != 0 || sync_file(snap.cow_bmp_fname) != 0) continue;
+    if (mark_files(&record, true) != 0) continue;
     record.stopped_clean = 1;
     record.stop_pending = snap.stop_pending != 0;
     record.del_pending = snap.del_pending != 0;
@@ -201,7 +284,9 @@ int libsnbf_snap_record_write(const char* bmp_dir, const libsnbf_snap_record* re
                                     {"stop-pending", flag(record->stop_pending)},
                                     {"del-pending", flag(record->del_pending)},
                                     {"epoch", hex64(record->epoch)},
-                                    {"bitmaps", hex64(record->bitmaps_hash)}});
+                                    {"bitmaps", hex64(record->bitmaps_hash)},
+                                    {"cow-bmp-mark", mark_text(record->cow_bmp_mark)},
+                                    {"cow-data-mark", mark_text(record->cow_data_mark)}});
   });
 }
 

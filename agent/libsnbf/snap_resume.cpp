@@ -52,6 +52,13 @@ bool files_are_whole(const libsnbf_snap_record& record) {
          has_size(record.cow_bmp_fname, (chunks - 1) / 8 + 1);
 }
 
+// Another snap, or anybody, may have written into them.
+bool files_are_untouched(const libsnbf& handle, const libsnbf_snap_record& record) {
+  const bool same_boot = boot_id(handle) == record.boot_id;
+  return snbf::lib::fits_mark(record.cow_data_fname, record.cow_data_mark, same_boot) &&
+         snbf::lib::fits_mark(record.cow_bmp_fname, record.cow_bmp_mark, same_boot);
+}
+
 // The filter node, as far as it decides for all of its snaps.
 struct Ground {
   snbf_info filter;
@@ -84,6 +91,7 @@ std::string judge(libsnbf* handle, const Ground& ground, const Nodes& nodes,
     return LIBSNBF_SNAP_NODE_WRITTEN;
   }
   if (!files_are_whole(record)) return LIBSNBF_SNAP_FILES;
+  if (!files_are_untouched(*handle, record)) return LIBSNBF_SNAP_FILES_CHANGED;
   const std::string dir = std::filesystem::path(record.cow_data_fname).parent_path();
   if (libsnbf_cow_dir_check(handle, dir.c_str(), ground.filter.minor) != 0) {
     return LIBSNBF_SNAP_PLACE;
@@ -148,6 +156,7 @@ int mark_running(libsnbf* handle, const Ground& ground, std::vector<Candidate*>&
   for (Candidate* candidate : chosen) {
     libsnbf_snap_record record = candidate->record;
     record.stopped_clean = 0;
+    if (int rc = snbf::lib::mark_files(&record, false); rc != 0) return rc;
     put_text(record.boot_id, boot_id(*handle));
     if (int rc = libsnbf_snap_record_write(dir.c_str(), &record); rc != 0) return rc;
   }

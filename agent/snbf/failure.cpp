@@ -44,7 +44,8 @@ constexpr Sentence kSentences[] = {
     {EPERM, kFailed, "permission denied", "run it as root"},
     {EROFS, kFailed, "the file system is read-only", "choose another place"},
     {EILSEQ, kMisused, "the name cannot be used",
-     "use letters, digits, '_', '-' and '.', not a '.' first, and not the name control"},
+     "use letters, digits, '_', '-' and '.', not a '.' first; not control, and no other node's "
+     "snbfN"},
     {EEXIST, kFailed, "another node has this name", "choose another name, or detach that node"},
     {ENOTBLK, kMisused, "this is not a block device", "give a partition such as /dev/sdb1"},
     {ENOTDIR, kMisused, "this is not a directory",

@@ -32,6 +32,7 @@ std::string reason_text(const std::string& code) {
       {LIBSNBF_SNAP_NODE_WRITTEN, "the partition was written since"},
       {LIBSNBF_SNAP_NODE_SIZE, "the partition's size is another"},
       {LIBSNBF_SNAP_FILES, "its COW files are missing or cut"},
+      {LIBSNBF_SNAP_FILES_CHANGED, "its COW files are not as they were left"},
       {LIBSNBF_SNAP_PLACE, "its COW files lie where they cannot be used"},
       {LIBSNBF_SNAP_NAME, "another node has its name"},
       {LIBSNBF_SNAP_NEWER, "a newer snap is gone that held parts of it"},

@@ -39,6 +39,18 @@ Failure refusal(int rc, const snbf_info& filter, const NewSnap& wanted) {
               "choose another --name; --yes overwrites them, and what image they hold", rc};
     case EDOM:
       return {kMisused, fmt::format("{}: its other snaps have another chunk size", doing),
+    case ETXTBSY:
+      return {kUnsafe,
+              fmt::format("{}: the COW files of that name in {} belong to another snap", doing,
+                          wanted.cow_dir),
+              "choose another --name or --cow; `snbf snap list` shows the snaps", rc};
+    case ENODATA:
+      return {
+          kSnapLost,
+          fmt::format("{}: it was lost in the moment of its start: its COW files in {} could not "
+                      "be written ({} free)",
+                      doing, wanted.cow_dir, show_size(free_bytes_in(wanted.cow_dir))),
+          "make room there, or name another directory with --cow; the kernel log says more", rc};
               "leave --chunk out: all snaps of a node have the same", rc};
     case EXDEV:
       return {
@@ -217,8 +229,7 @@ int delete_snap(const Driver& driver, const snbf_info& snap, int* postponed) {
   const auto give_up = std::chrono::steady_clock::now() + kLookersGoWithin;
   int rc;
   // A new block device is opened by programs that look what is on it; a mount stays.
-  while ((rc = libsnbf_snap_delete(driver.get(), snap.minor, snap.uuid, postponed)) ==
-             -EBUSY &&
+  while ((rc = libsnbf_snap_delete(driver.get(), snap.minor, snap.uuid, postponed)) == -EBUSY &&
          std::chrono::steady_clock::now() < give_up &&
          mounts_of(device_of(snap_path(snap))).empty()) {
     std::this_thread::sleep_for(kLookAgain);

@@ -179,13 +179,33 @@ TEST_F(PlanBackup, SaysWhyItIsFull) {
 }
 
 TEST(ReasonText, EveryCodeHasASentence) {
-  for (const char* code :
-       {kWhyAsked, kWhyFirst, kWhyChain, kWhyOtherChain, kWhySize, kWhyExtent, kWhyByHand,
-        kWhyCrash, LIBSNBF_WHY_MISSING, LIBSNBF_WHY_CORRUPT, LIBSNBF_WHY_DIRTY, LIBSNBF_WHY_SIZE,
-        LIBSNBF_WHY_CHECKSUM, LIBSNBF_WHY_UNCLEAN, LIBSNBF_WHY_OUTSIDE, LIBSNBF_WHY_OTHER_NODE,
-        LIBSNBF_SNAP_RUNS, LIBSNBF_SNAP_UNCLEAN, LIBSNBF_SNAP_NODE_STARTED,
-        LIBSNBF_SNAP_NODE_WRITTEN, LIBSNBF_SNAP_NODE_SIZE, LIBSNBF_SNAP_FILES, LIBSNBF_SNAP_PLACE,
-        LIBSNBF_SNAP_NAME, LIBSNBF_SNAP_NEWER}) {
+  static constexpr const char* kCodes[] = {kWhyAsked,
+                                           kWhyFirst,
+                                           kWhyChain,
+                                           kWhyOtherChain,
+                                           kWhySize,
+                                           kWhyExtent,
+                                           kWhyByHand,
+                                           kWhyCrash,
+                                           LIBSNBF_WHY_MISSING,
+                                           LIBSNBF_WHY_CORRUPT,
+                                           LIBSNBF_WHY_DIRTY,
+                                           LIBSNBF_WHY_SIZE,
+                                           LIBSNBF_WHY_CHECKSUM,
+                                           LIBSNBF_WHY_UNCLEAN,
+                                           LIBSNBF_WHY_OUTSIDE,
+                                           LIBSNBF_WHY_OTHER_NODE,
+                                           LIBSNBF_SNAP_RUNS,
+                                           LIBSNBF_SNAP_UNCLEAN,
+                                           LIBSNBF_SNAP_NODE_STARTED,
+                                           LIBSNBF_SNAP_NODE_WRITTEN,
+                                           LIBSNBF_SNAP_NODE_SIZE,
+                                           LIBSNBF_SNAP_FILES,
+                                           LIBSNBF_SNAP_FILES_CHANGED,
+                                           LIBSNBF_SNAP_PLACE,
+                                           LIBSNBF_SNAP_NAME,
+                                           LIBSNBF_SNAP_NEWER};
+  for (const char* code : kCodes) {
     EXPECT_NE(reason_text(code), code);
   }
 }
