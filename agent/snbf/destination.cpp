@@ -116,11 +116,28 @@ bool starts_and_ends_with_zeros(const std::string& path) {
   return true;
 }
 
+// The library opens a device that it is given by name twice, and closes it once (2.38): a snap
+// whose file system was looked at could not be deleted any more.
+class OpenProbe {
+ public:
+  explicit OpenProbe(const std::string& path)
+      : file_(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), probe_(nullptr, blkid_free_probe) {
+    if (!file_) return;
+    probe_.reset(blkid_new_probe());
+    if (probe_ && blkid_probe_set_device(probe_.get(), file_.get(), 0, 0) != 0) probe_.reset();
+  }
+  blkid_probe get() const { return probe_.get(); }
+  explicit operator bool() const { return probe_ != nullptr; }
+
+ private:
+  UniqueFd file_;
+  std::unique_ptr<blkid_struct_probe, decltype(&blkid_free_probe)> probe_;
+};
+
 }  // namespace
 
 std::string contents_of(const std::string& path) {
-  const std::unique_ptr<blkid_struct_probe, decltype(&blkid_free_probe)> probe(
-      blkid_new_probe_from_filename(path.c_str()), blkid_free_probe);
+  const OpenProbe probe(path);
   if (!probe) return "something that cannot be read";
   blkid_probe_enable_superblocks(probe.get(), 1);
   blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_LABEL);
@@ -141,18 +158,27 @@ std::string contents_of(const std::string& path) {
   return text;
 }
 
-std::string file_system_of(const std::string& path) {
-  const std::unique_ptr<blkid_struct_probe, decltype(&blkid_free_probe)> probe(
-      blkid_new_probe_from_filename(path.c_str()), blkid_free_probe);
+namespace {
+
+// A field of a file system that is recognised for certain, or empty.
+std::string file_system_field(const std::string& path, const char* field) {
+  const OpenProbe probe(path);
   if (!probe) return "";
   blkid_probe_enable_superblocks(probe.get(), 1);
-  blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_USAGE);
+  blkid_probe_set_superblocks_flags(probe.get(),
+                                    BLKID_SUBLKS_TYPE | BLKID_SUBLKS_USAGE | BLKID_SUBLKS_UUID);
   const char* usage = nullptr;
-  const char* type = nullptr;
+  const char* value = nullptr;
   const bool found = blkid_do_safeprobe(probe.get()) == 0 &&
                      blkid_probe_lookup_value(probe.get(), "USAGE", &usage, nullptr) == 0 &&
-                     blkid_probe_lookup_value(probe.get(), "TYPE", &type, nullptr) == 0;
-  return found && std::string(usage) == "filesystem" ? type : "";
+                     blkid_probe_lookup_value(probe.get(), field, &value, nullptr) == 0;
+  return found && std::string(usage) == "filesystem" ? value : "";
 }
+
+}  // namespace
+
+std::string file_system_of(const std::string& path) { return file_system_field(path, "TYPE"); }
+
+std::string uuid_of(const std::string& path) { return file_system_field(path, "UUID"); }
 
 }  // namespace snbf

@@ -29,5 +29,7 @@ std::vector<std::string> point_cells(const Point& point, const std::string& last
 std::string contents_of(const std::string& path);
 // The kind of file system for certain, as mount(8) takes it, or empty.
 std::string file_system_of(const std::string& path);
+// Of the file system; empty if none is recognised for certain.
+std::string uuid_of(const std::string& path);
 
 }  // namespace snbf

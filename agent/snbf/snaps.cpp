@@ -10,9 +10,11 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <ctime>
 #include <thread>
 
 #include "failure.h"
+#include "files.h"
 #include "reasons.h"
 #include "sizes.h"
 
@@ -37,8 +39,6 @@ Failure refusal(int rc, const snbf_info& filter, const NewSnap& wanted) {
       return {kUnsafe,
               fmt::format("{}: {} holds COW files of that name already", doing, wanted.cow_dir),
               "choose another --name; --yes overwrites them, and what image they hold", rc};
-    case EDOM:
-      return {kMisused, fmt::format("{}: its other snaps have another chunk size", doing),
     case ETXTBSY:
       return {kUnsafe,
               fmt::format("{}: the COW files of that name in {} belong to another snap", doing,
@@ -51,6 +51,8 @@ Failure refusal(int rc, const snbf_info& filter, const NewSnap& wanted) {
                       "be written ({} free)",
                       doing, wanted.cow_dir, show_size(free_bytes_in(wanted.cow_dir))),
           "make room there, or name another directory with --cow; the kernel log says more", rc};
+    case EDOM:
+      return {kMisused, fmt::format("{}: its other snaps have another chunk size", doing),
               "leave --chunk out: all snaps of a node have the same", rc};
     case EXDEV:
       return {
@@ -186,6 +188,24 @@ uint64_t free_bytes_in(const std::string& dir) {
   return uint64_t{room.f_bavail} * room.f_frsize;
 }
 
+uint64_t cow_room_for(uint64_t dev_size) { return std::max(kRoomMin, dev_size / kRoomShare); }
+
+std::optional<uint64_t> seconds_until_full(uint64_t free_bytes, uint64_t copied_bytes,
+                                           uint64_t age_seconds, uint64_t dev_size) {
+  if (copied_bytes == 0 || age_seconds == 0) return std::nullopt;
+  if (copied_bytes >= dev_size || free_bytes >= dev_size - copied_bytes) return std::nullopt;
+  return static_cast<uint64_t>(static_cast<double>(free_bytes) / static_cast<double>(copied_bytes) *
+                               static_cast<double>(age_seconds));
+}
+
+std::optional<uint64_t> seconds_until_full(const Snap& snap) {
+  if (!snap.readable() || snap.record.created == 0) return std::nullopt;
+  const int64_t age = ::time(nullptr) - snap.record.created;
+  if (age <= 0) return std::nullopt;
+  return seconds_until_full(free_bytes_in(folder_of(snap.data_file())), snap.cow_bytes(),
+                            static_cast<uint64_t>(age), snap.filter.dev_size);
+}
+
 void check_cow_dir(const Driver& driver, const snbf_info& node, const std::string& dir) {
   NewSnap wanted;
   wanted.cow_dir = dir;
@@ -195,7 +215,7 @@ void check_cow_dir(const Driver& driver, const snbf_info& node, const std::strin
 
 std::optional<CowPlace> find_cow_place(const Driver& driver, const snbf_info& node,
                                        const std::vector<std::string>& dirs, std::string* why) {
-  const uint64_t needed = std::max(kRoomMin, node.dev_size / kRoomShare);
+  const uint64_t needed = cow_room_for(node.dev_size);
   why->clear();
   for (const std::string& dir : dirs) {
     CowPlace place;

@@ -43,6 +43,12 @@ Json snap_json(const Snap& snap);
 // How a state reads: "can be resumed", "lost: ...".
 std::string describe_state(const Snap& snap);
 
+// Until the COW files' disk is full, at the pace since the snap was made. Nothing: nobody knows
+// yet, or it cannot come to that.
+std::optional<uint64_t> seconds_until_full(uint64_t free_bytes, uint64_t copied_bytes,
+                                           uint64_t age_seconds, uint64_t dev_size);
+std::optional<uint64_t> seconds_until_full(const Snap& snap);
+
 struct CowPlace {
   std::string dir;
   uint64_t free_bytes = 0;
@@ -51,6 +57,7 @@ struct CowPlace {
 // at least 64 MiB; or nothing, and `why` says what is wrong with each.
 std::optional<CowPlace> find_cow_place(const Driver& driver, const snbf_info& node,
                                        const std::vector<std::string>& dirs, std::string* why);
+uint64_t cow_room_for(uint64_t dev_size);
 // Throws if the directory may not hold the COW files of the node's snaps.
 void check_cow_dir(const Driver& driver, const snbf_info& node, const std::string& dir);
 uint64_t free_bytes_in(const std::string& dir);

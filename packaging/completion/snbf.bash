@@ -10,7 +10,7 @@ _snbf_snaps() {
 
 _snbf() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} verb=${COMP_WORDS[1]}
-  local verbs="attach start stop detach list status changes bitmap snap mount umount backup restore verify doctor version"
+  local verbs="attach start stop detach list status changes bitmap snap mount umount backup restore verify doctor selftest version"
   COMPREPLY=()
   if [ "$COMP_CWORD" -eq 1 ]; then
     mapfile -t COMPREPLY < <(compgen -W "$verbs --help" -- "$cur")

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // snbf doctor: what could go wrong here, each finding with its one fix.
+#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
-#include <sys/statvfs.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -15,8 +15,10 @@
 #include "driver.h"
 #include "failure.h"
 #include "files.h"
+#include "findings.h"
+#include "fs_end.h"
 #include "output.h"
-#include "sizes.h"
+#include "snaps.h"
 
 namespace snbf {
 
@@ -24,10 +26,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The kernels that every change is tested on.
-constexpr unsigned kMajorTested = 6;
-constexpr unsigned kMinorTested = 1;
-constexpr uint64_t kRoomBytes = 64 << 20;
+constexpr uint64_t kBitmapRoom = 64 << 20;
 
 struct Options {
   std::string partition;
@@ -35,48 +34,43 @@ struct Options {
   bool json = false;
 };
 
-enum class Grade { Good, Warning, Bad };
-
-struct Finding {
-  std::string what;
-  Grade grade;
-  std::string text;
-  std::string fix;
-};
-
-Finding check_kernel() {
-  utsname name{};
-  ::uname(&name);
-  unsigned major = 0;
-  unsigned minor = 0;
-  std::sscanf(name.release, "%u.%u", &major, &minor);
-  const bool known = major == kMajorTested && minor == kMinorTested;
-  return {"kernel", known ? Grade::Good : Grade::Warning, name.release,
-          known ? "" : "the driver is tested on Linux 6.1 alone: boot that for data that matters"};
+std::string first_line(const std::string& path) {
+  std::ifstream file(path);
+  std::string line;
+  std::getline(file, line);
+  return line;
 }
 
-Finding check_driver() {
-  struct stat about;
-  const bool loaded = ::stat("/proc/snbf", &about) == 0;
-  const bool control = ::stat("/dev/snbf/control", &about) == 0;
-  if (loaded && control) return {"driver", Grade::Good, "loaded", ""};
-  if (loaded)
-    return {"driver", Grade::Bad, "loaded, but /dev/snbf/control is missing",
-            "mount devtmpfs on /dev"};
-  return {"driver", Grade::Bad, "not loaded", "modprobe snbf"};
+// What modinfo(8) says of the module that would be loaded; empty if there is none.
+std::string module_field(const char* field) {
+  const Ran ran = run({"modinfo", "-F", field, "snbf"});
+  return ran.status == 0 ? ran.output.substr(0, ran.output.find('\n')) : "";
 }
 
-Finding check_secure_boot() {
-  for (const char* path :
-       {"/sys/firmware/efi/efivars/SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c"}) {
-    std::string bytes;
-    if (!read_file(path, &bytes)) continue;
-    if (bytes.size() == 5 && bytes[4] == 1) {
-      return {"secure boot", Grade::Warning, "on: the kernel loads signed modules only",
-              "sign the module with an enrolled machine owner's key"};
-    }
+bool secure_boot() {
+  std::string bytes;
+  const char* const variable =
+      "/sys/firmware/efi/efivars/SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c";
+  return read_file(variable, &bytes) && bytes.size() == 5 && bytes[4] == 1;
+}
+
+Finding check_module(bool loaded) {
+  ModuleFacts facts;
+  facts.loaded = loaded;
+  facts.control = fs::exists("/dev/snbf/control");
+  facts.taints = first_line("/sys/module/snbf/taint");
+  facts.signed_only = secure_boot();
+  if (!loaded) {
+    facts.file = module_field("filename");
+    facts.signer = module_field("signer");
   }
-  return {"secure boot", Grade::Good, "off", ""};
+  return judge_module(facts);
+}
+
+Finding check_majors(bool loaded) {
+  std::string devices;
+  read_file("/proc/devices", &devices);
+  return judge_majors(loaded, devices);
 }
 
 Finding check_programs() {
@@ -90,19 +84,37 @@ Finding check_programs() {
 }
 
 Finding check_bitmaps(const std::string& directory) {
-  struct statvfs room {};
-  if (::statvfs(directory.c_str(), &room) < 0) {
-    return {"bitmaps", Grade::Warning, directory + " does not exist yet", "`snbf attach` makes it"};
-  }
-  const uint64_t free_bytes = uint64_t{room.f_bavail} * room.f_frsize;
-  return {"bitmaps", free_bytes < kRoomBytes ? Grade::Warning : Grade::Good,
-          fmt::format("{} free in {}", show_size(free_bytes), directory),
-          free_bytes < kRoomBytes
-              ? "make room: a bitmap that cannot be saved is lost with the power"
-              : ""};
+  return judge_room("bitmaps", directory, fs::exists(directory), free_bytes_in(directory),
+                    kBitmapRoom, "make room: a bitmap that cannot be saved is lost with the power");
 }
 
-void check_partition(const std::string& path, std::vector<Finding>* findings) {
+// Other devices with a file system of that UUID. Nodes and snaps show their partition's, and are
+// none.
+std::vector<std::string> twins_of(dev_t device, const std::string& uuid) {
+  std::vector<std::string> found;
+  std::ifstream partitions("/proc/partitions");
+  std::string line;
+  while (!uuid.empty() && std::getline(partitions, line)) {
+    char name[128];
+    if (std::sscanf(line.c_str(), "%*u %*u %*u %127s", name) != 1) continue;
+    const std::string path = std::string("/dev/") + name;
+    if (device_of(path) == device || path.rfind("/dev/snbf", 0) == 0) continue;
+    if (uuid_of(path) == uuid) found.push_back(path);
+  }
+  return found;
+}
+
+// Where the snaps of backups lie, unless somebody names another place.
+Finding check_cow_room(const std::string& path, const std::string& directory) {
+  UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const off_t size = file ? ::lseek(file.get(), 0, SEEK_END) : 0;
+  return judge_room("COW files", directory, fs::exists(directory), free_bytes_in(directory),
+                    cow_room_for(static_cast<uint64_t>(std::max<off_t>(size, 0))),
+                    "make room, or name another directory with --cow");
+}
+
+void check_partition(const std::string& path, const std::string& bitmaps,
+                     std::vector<Finding>* findings) {
   const dev_t device = device_of(path);
   if (device == 0) {
     findings->push_back(
@@ -116,6 +128,10 @@ void check_partition(const std::string& path, std::vector<Finding>* findings) {
   findings->push_back({"in use", holders.empty() ? Grade::Good : Grade::Bad,
                        holders.empty() ? "nobody holds it" : joined(holders),
                        holders.empty() ? "" : "unmount it before it is attached"});
+  const std::string type = file_system_of(path);
+  findings->push_back(judge_free_chunks(type, file_system_end(path, type).has_value()));
+  findings->push_back(judge_uuid(type, twins_of(device, uuid_of(path))));
+  findings->push_back(check_cow_room(path, bitmaps));
   findings->push_back({"other writers", Grade::Good,
                        "once attached, write through the node only: what goes straight to the "
                        "partition is not tracked",
@@ -123,9 +139,13 @@ void check_partition(const std::string& path, std::vector<Finding>* findings) {
 }
 
 int doctor(const Options& options) {
-  std::vector<Finding> findings = {check_kernel(), check_driver(), check_secure_boot(),
-                                   check_programs(), check_bitmaps(options.bitmaps)};
-  if (!options.partition.empty()) check_partition(options.partition, &findings);
+  utsname name{};
+  ::uname(&name);
+  const bool loaded = fs::exists("/proc/snbf");
+  std::vector<Finding> findings = {judge_kernel(name.release), check_module(loaded),
+                                   check_majors(loaded), check_programs(),
+                                   check_bitmaps(options.bitmaps)};
+  if (!options.partition.empty()) check_partition(options.partition, options.bitmaps, &findings);
   Grade worst = Grade::Good;
   Json list = Json::array();
   static constexpr const char* kNames[] = {"good", "warning", "bad"};

@@ -35,6 +35,13 @@ Json bitmap_json(const Driver& driver, const snbf_info& node, uint32_t type, con
           {"counts_from", point}};
 }
 
+// Seconds, or null. What is overwritten is copied into the newest snap alone.
+Json cow_full_in(const std::vector<Snap>& snaps) {
+  if (snaps.empty()) return nullptr;
+  const auto seconds = seconds_until_full(snaps.back());
+  return seconds ? Json(*seconds) : Json(nullptr);
+}
+
 int status(const Options& options) {
   const Driver driver;
   const snbf_info node = driver.find(options.node);
@@ -43,6 +50,7 @@ int status(const Options& options) {
   const auto holders =
       node.use_cnt ? holders_of(device_of(node_path(node))) : std::vector<std::string>{};
   const std::vector<Snap> snaps = snaps_of(driver, node);
+  const Json full_in = cow_full_in(snaps);
   const bool pending = CaptureJournal(bmp_dir_of(node), node.minor).exists();
   const Json incr = bitmap_json(driver, node, SNBF_BMP_INCR, state.incr_point);
   const Json diff = bitmap_json(driver, node, SNBF_BMP_DIFF, state.diff_point);
@@ -52,6 +60,7 @@ int status(const Options& options) {
     Json json = node_json(node);
     json["held_by"] = holders;
     json["snap_list"] = snaps_json;
+    json["cow_full_in_seconds"] = full_in;
     json["incremental"] = incr;
     json["differential"] = diff;
     json["next_backup"] = why.empty() ? "incremental" : "full";
@@ -77,6 +86,7 @@ int status(const Options& options) {
     fmt::print("snap           {}: {}, {} copied, {} free\n", snap.name(), describe_state(snap),
                show_size(snap.cow_bytes()), show_size(free_bytes_in(folder_of(snap.data_file()))));
   }
+  if (!full_in.is_null()) fmt::print("COW files      full in {} s, at this pace\n", full_in.dump());
   fmt::print("next backup    {}\n",
              why.empty() ? "incremental" : "full, because " + reason_text(why));
   if (pending)
