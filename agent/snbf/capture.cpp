@@ -16,8 +16,10 @@
 #include "image.h"
 #include "output.h"
 #include "sizes.h"
+#include "skipped.h"
 #include "snaps.h"
 #include "source.h"
+#include "usage.h"
 
 namespace snbf {
 
@@ -58,7 +60,9 @@ class Capture {
         journal_(bmp_dir_of(node), node.minor),
         taken_incr_(driver.empty_bitmap(node)),
         taken_diff_(driver.empty_bitmap(node)),
-        unsettled_(driver.empty_bitmap(node)) {
+        unsettled_(driver.empty_bitmap(node)),
+        parent_skipped_(driver.empty_bitmap(node)),
+        skipped_(driver.empty_bitmap(node)) {
     point_.id = manifest_.next_id();
     point_.level = plan.level;
     point_.file = fmt::format("{:04}-{}.qcow2", point_.id, level_name(plan.level));
@@ -72,6 +76,7 @@ class Capture {
     const auto began = std::chrono::steady_clock::now();
     point_.created = ::time(nullptr);
     try {
+      if (plan_.parent) parent_skipped_ = load_skipped(manifest_, *plan_.parent, destination_);
       make_image();
       // What may have been read before it had landed counts as changed again, and goes into the
       // next point.
@@ -154,20 +159,42 @@ class Capture {
     point_.data_bytes += copy_extents(source_fd, which, image, leave_zeros, on_read).written_bytes;
   }
 
-  // What the first copy has: what was taken, and whatever else the level asks for.
+  // What this point has to account for: what was taken, and whatever else the level asks for.
   Extents widen(Extents which) {
     if (plan_.level == Level::Full) which.set_all();
     if (plan_.level == Level::Differential) which.merge(driver_.get(node_, SNBF_BMP_DIFF));
-    point_.extents = which.count();
-    point_.bytes = which.covered_bytes();
     return which;
+  }
+
+  // What of it is copied; what is not is noted, and zero in the image.
+  Extents leave_out(ImageWriter* image, const Extents& changed, const Extents& used) {
+    Sorted sorted = sort_out(changed, used, plan_.parent ? &parent_skipped_ : nullptr);
+    zero_extents(sorted.zeroed, image);
+    skipped_ = std::move(sorted.skipped);
+    point_.extents = sorted.copied.count();
+    point_.bytes = sorted.copied.covered_bytes();
+    return std::move(sorted.copied);
+  }
+
+  Extents everything(const char* because) {
+    Extents all = driver_.empty_bitmap(node_);
+    all.set_all();
+    point_.whole_because = because;
+    return all;
+  }
+
+  Extents used_by_snap() {
+    if (options_.whole) return everything("it was asked for");
+    Usage usage = usage_of(driver_, node_, snap_->node(), snap_path(snap_->node()));
+    point_.whole_because = usage.why_all;
+    return std::move(usage.used);
   }
 
   // A write between the taking and the start is in the snap, and its mark is still in the bitmap:
   // it is copied now, and once more with the next point.
   void copy_from_snap(ImageWriter* image, Extents which) {
     which.merge(driver_.get(node_, SNBF_BMP_INCR));
-    which = widen(std::move(which));
+    which = leave_out(image, widen(std::move(which)), used_by_snap());
     copy(image, snap_->fd(), which, plan_.level == Level::Full, "copying the snap");
     if (!snap_->valid()) throw Failure(kSnapLost, "the snap was lost while it was copied");
     point_.source = "snap";
@@ -197,7 +224,9 @@ class Capture {
       live_.emplace(node_);
       settle_writes(first);
     }
-    copy(image, live_->fd(), widen(first), plan_.level == Level::Full, "copying");
+    const Extents which =
+        leave_out(image, widen(first), everything("only a snap shows what is free"));
+    copy(image, live_->fd(), which, plan_.level == Level::Full, "copying");
     if (options_.freeze && !live_->mounts().empty()) {
       copy_frozen(image);
       return;
@@ -230,6 +259,7 @@ class Capture {
     struct stat about;
     if (::stat(partial_.c_str(), &about) < 0) throw failure_of(-errno, "looking at " + partial_);
     point_.file_bytes = static_cast<uint64_t>(about.st_size);
+    store_skipped(destination_, skipped_, &point_);
     point_.hash = hash_file(partial_);
     if (::rename(partial_.c_str(), path.c_str()) < 0) throw failure_of(-errno, "naming " + path);
     sync_directory(destination_);
@@ -280,6 +310,8 @@ class Capture {
   Extents taken_incr_;
   Extents taken_diff_;
   Extents unsettled_;  // taken, and perhaps still on their way to the partition when they were read
+  Extents parent_skipped_;
+  Extents skipped_;  // by this point
   bool began_ = false;
   bool captured_ = false;
   bool committed_ = false;

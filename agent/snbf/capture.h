@@ -5,6 +5,7 @@
 // snap; read the bitmap (B2); copy B1 and B2 from the snap; the image is complete and synced; the
 // manifest names it; the state record counts from it; drop the journal; delete the snap. Clearing
 // the bitmap before the start and reading it again after it, in that order, misses no write.
+// What the snap's file system does not use is left out; see skipped.h.
 // Without a snap, from the node's device: the same, but copy what was taken, then take and copy
 // again what was written meanwhile, until nothing was (or, with a freeze, under it).
 // Whatever fails before the manifest names the point, all that was taken is merged back.
@@ -23,6 +24,7 @@ namespace snbf {
 struct CaptureOptions {
   std::string cow_dir;         // for the snap's files; empty: without a snap
   bool snap_required = false;  // else a snap that cannot be made is done without
+  bool whole = false;          // what the file system does not use is copied too
   bool freeze = false;
   std::chrono::milliseconds freeze_limit{10000};
 };

@@ -134,6 +134,16 @@ bool Driver::unsaved(const snbf_info& node, uint32_t type) const {
   return libsnbf_bmp_unsaved(get(), node.minor, type, &answer) == 0 && answer;
 }
 
+std::vector<uint8_t> Driver::used_map(const snbf_info& snap, uint32_t unit, uint64_t units) const {
+  std::vector<uint8_t> bits((units + 7) / 8);
+  uint32_t filled = 0;
+  must(libsnbf_get_datablock_bmp(get(), snap.minor, unit, bits.data(),
+                                 static_cast<uint32_t>(bits.size()), &filled),
+       fmt::format("asking {} for its map of used chunks", describe(snap)));
+  if (filled != bits.size()) throw failure_of(-EPROTO, describe(snap));
+  return bits;
+}
+
 bool Driver::lies_on(const std::string& path, const snbf_info& node) const {
   int answer = 0;
   const dev_t partition = partition_of(node);

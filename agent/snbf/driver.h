@@ -34,6 +34,10 @@ class Driver {
   void set_all(const snbf_info& node, uint32_t type) const;
   bool unsaved(const snbf_info& node, uint32_t type) const;
 
+  // The started snap's map of used chunks, one bit for `unit` bytes: at least a chunk, a power of
+  // two.
+  std::vector<uint8_t> used_map(const snbf_info& snap, uint32_t unit, uint64_t units) const;
+
   // Whether `path` lies on the node or on anything below it.
   bool lies_on(const std::string& path, const snbf_info& node) const;
 

@@ -24,6 +24,11 @@ void Extents::merge(const Extents& other) {
   for (size_t i = 0; i < bytes_.size(); ++i) bytes_[i] |= other.bytes_[i];
 }
 
+void Extents::subtract(const Extents& other) {
+  assert(same_shape(other));
+  for (size_t i = 0; i < bytes_.size(); ++i) bytes_[i] &= static_cast<uint8_t>(~other.bytes_[i]);
+}
+
 std::vector<Run> Extents::runs() const {
   std::vector<Run> found;
   for (uint64_t extent = 0; extent < extent_cnt_;) {

@@ -45,6 +45,7 @@ class Extents {
   bool all() const { return count() == extent_cnt_; }
   // Both must be of one shape.
   void merge(const Extents& other);
+  void subtract(const Extents& other);
 
   std::vector<Run> runs() const;
   // The bytes that the set extents cover; the last extent ends with the device.

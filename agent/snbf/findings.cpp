@@ -3,8 +3,11 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <sstream>
+#include <utility>
 
 #include "fs_end.h"
 #include "output.h"
@@ -15,8 +18,7 @@ namespace snbf {
 namespace {
 
 // The kernels that every change is tested on.
-constexpr unsigned kMajorTested = 6;
-constexpr unsigned kMinorTested = 1;
+constexpr std::pair<unsigned, unsigned> kTested[] = {{6, 1}, {6, 12}};
 constexpr unsigned kDeviceMajor = 100;  // the driver's default, of either kind
 
 // Whose the major is in that section of /proc/devices; empty: nobody's.
@@ -39,10 +41,13 @@ Finding judge_kernel(const std::string& release) {
   unsigned major = 0;
   unsigned minor = 0;
   std::sscanf(release.c_str(), "%u.%u", &major, &minor);
-  if (major == kMajorTested && minor == kMinorTested) return {"kernel", Grade::Good, release, ""};
-  return {"kernel", Grade::Warning, release,
-          fmt::format("the driver is tested on Linux {}.{} alone: boot that for data that matters",
-                      kMajorTested, kMinorTested)};
+  if (std::find(std::begin(kTested), std::end(kTested), std::pair{major, minor}) !=
+      std::end(kTested)) {
+    return {"kernel", Grade::Good, release, ""};
+  }
+  return {
+      "kernel", Grade::Warning, release,
+      "the driver is tested on Linux 6.1 and 6.12 alone: boot one of them for data that matters"};
 }
 
 Finding judge_module(const ModuleFacts& facts) {

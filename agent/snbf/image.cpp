@@ -20,6 +20,8 @@ namespace {
 constexpr size_t kAlignment = 4096;
 constexpr uint64_t kClusterMin = 4096;
 constexpr uint64_t kClusterMax = 2 << 20;
+constexpr uint64_t kCompared = 4096;    // no extent is smaller
+constexpr uint64_t kZeroMax = 1 << 30;  // of one request
 
 bool all_zero(const uint8_t* bytes, size_t length) {
   return length == 0 || (bytes[0] == 0 && std::memcmp(bytes, bytes + 1, length - 1) == 0);
@@ -29,9 +31,10 @@ void read_at(int fd, uint8_t* to, uint64_t length, uint64_t offset) {
   for (uint64_t done = 0; done < length;) {
     const ssize_t n = ::pread(fd, to + done, length - done, static_cast<off_t>(offset + done));
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) throw failure_of(-errno, fmt::format("reading the node at byte {}", offset + done));
+    if (n < 0)
+      throw failure_of(-errno, fmt::format("reading the device at byte {}", offset + done));
     if (n == 0)
-      throw failure_of(-EIO, fmt::format("reading the node: it ends at byte {}", offset + done));
+      throw failure_of(-EIO, fmt::format("reading the device: it ends at byte {}", offset + done));
     done += static_cast<uint64_t>(n);
   }
 }
@@ -53,6 +56,24 @@ void queue(ImageWriter* image, const uint8_t* bytes, uint64_t length, uint64_t o
     }
     at = end;
   }
+}
+
+std::unique_ptr<uint8_t, void (*)(void*)> aligned_memory(size_t bytes) {
+  void* raw = nullptr;
+  if (::posix_memalign(&raw, kAlignment, bytes) != 0) throw std::bad_alloc();
+  return {static_cast<uint8_t*>(raw), ::free};
+}
+
+// A server of our own, which ends with the connection.
+nbd_handle* serve(const std::vector<std::string>& command) {
+  std::vector<char*> argv;
+  for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));
+  argv.push_back(nullptr);
+  nbd_handle* nbd = nbd_create();
+  if (nbd && nbd_connect_systemd_socket_activation(nbd, argv.data()) == 0) return nbd;
+  const std::string why = nbd_get_error();
+  if (nbd) nbd_close(nbd);
+  throw Failure(kFailed, "starting qemu-nbd: " + why, "install the package qemu-utils");
 }
 
 }  // namespace
@@ -77,21 +98,11 @@ void create_image(const std::string& path, uint64_t size_bytes, uint64_t cluster
   run_or_throw(command);
 }
 
-ImageWriter::ImageWriter(const std::string& path) : path_(path), memory_(nullptr, ::free) {
-  void* raw = nullptr;
-  if (::posix_memalign(&raw, kAlignment, kSlots * kSlotBytes) != 0) throw std::bad_alloc();
-  memory_.reset(static_cast<uint8_t*>(raw));
+ImageWriter::ImageWriter(const std::string& path)
+    : path_(path),
+      memory_(aligned_memory(kSlots * kSlotBytes)),
+      nbd_(serve({"qemu-nbd", "-f", "qcow2", "--cache=writeback", "--discard=unmap", path})) {
   for (size_t i = 0; i < kSlots; ++i) slots_[i].bytes = memory_.get() + i * kSlotBytes;
-  nbd_ = nbd_create();
-  if (!nbd_) fail("starting qemu-nbd");
-  const char* argv[] = {"qemu-nbd",        "-f",          "qcow2", "--cache=writeback",
-                        "--discard=unmap", path_.c_str(), nullptr};
-  if (nbd_connect_systemd_socket_activation(nbd_, const_cast<char**>(argv)) < 0) {
-    const std::string why = nbd_get_error();
-    nbd_close(nbd_);
-    nbd_ = nullptr;
-    throw Failure(kFailed, "starting qemu-nbd: " + why, "install the package qemu-utils");
-  }
 }
 
 ImageWriter::~ImageWriter() {
@@ -145,6 +156,16 @@ void ImageWriter::finish() {
   nbd_ = nullptr;
 }
 
+ImageReader::ImageReader(const std::string& path)
+    : path_(path), nbd_(serve({"qemu-nbd", "-f", "qcow2", "--read-only", path})) {}
+
+ImageReader::~ImageReader() { nbd_close(nbd_); }
+
+void ImageReader::read(uint8_t* to, uint64_t length, uint64_t offset) {
+  if (nbd_pread(nbd_, to, length, offset, 0) == 0) return;
+  throw Failure(kFailed, fmt::format("reading {}: {}", path_, nbd_get_error()));
+}
+
 Copied copy_extents(int source_fd, const Extents& which, ImageWriter* image, bool leave_zeros,
                     const std::function<void(uint64_t)>& progress) {
   Copied copied;
@@ -162,6 +183,41 @@ Copied copy_extents(int source_fd, const Extents& which, ImageWriter* image, boo
     }
   }
   return copied;
+}
+
+Extents compare_extents(int device_fd, const Extents& which, ImageReader* image,
+                        const std::function<void(uint64_t)>& progress) {
+  Extents different(which.extent_cnt(), which.extent_size(), which.dev_size());
+  const auto memory = aligned_memory(2 * ImageWriter::kSlotBytes);
+  uint8_t* const here = memory.get();
+  uint8_t* const there = here + ImageWriter::kSlotBytes;
+  for (const Run& run : which.runs()) {
+    const ByteRange range = which.range_of(run);
+    for (uint64_t at = 0; at < range.length;) {
+      const uint64_t first = range.offset + at;
+      const uint64_t length = std::min<uint64_t>(ImageWriter::kSlotBytes, range.length - at);
+      read_at(device_fd, here, length, first);
+      image->read(there, length, first);
+      for (uint64_t k = 0; k < length; k += kCompared) {
+        const uint64_t piece = std::min(kCompared, length - k);
+        if (std::memcmp(here + k, there + k, piece) == 0) continue;
+        different.set((first + k) / which.extent_size());
+      }
+      progress(length);
+      at += length;
+    }
+  }
+  return different;
+}
+
+void zero_extents(const Extents& which, ImageWriter* image) {
+  for (const Run& run : which.runs()) {
+    const ByteRange range = which.range_of(run);
+    for (uint64_t at = 0; at < range.length; at += kZeroMax) {
+      image->next_buffer();  // bounds the requests in flight
+      image->zero(std::min(kZeroMax, range.length - at), range.offset + at);
+    }
+  }
 }
 
 }  // namespace snbf

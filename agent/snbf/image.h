@@ -51,10 +51,25 @@ class ImageWriter {
 
   static constexpr size_t kSlots = 16;
   std::string path_;
-  nbd_handle* nbd_ = nullptr;
   std::unique_ptr<uint8_t, void (*)(void*)> memory_;
+  nbd_handle* nbd_ = nullptr;
   Slot slots_[kSlots];
   size_t current_ = kSlots - 1;
+};
+
+// The image's bytes, through its whole chain.
+class ImageReader {
+ public:
+  explicit ImageReader(const std::string& path);
+  ~ImageReader();
+  ImageReader(const ImageReader&) = delete;
+  ImageReader& operator=(const ImageReader&) = delete;
+
+  void read(uint8_t* to, uint64_t length, uint64_t offset);
+
+ private:
+  std::string path_;
+  nbd_handle* nbd_ = nullptr;
 };
 
 struct Copied {
@@ -67,5 +82,13 @@ struct Copied {
 // nothing lies below. `progress` is called with the bytes read; it may throw to end the copy.
 Copied copy_extents(int source_fd, const Extents& which, ImageWriter* image, bool leave_zeros,
                     const std::function<void(uint64_t)>& progress);
+
+// The extents of `which` whose bytes the image does not share with the open device. `progress` is
+// called with the bytes read.
+Extents compare_extents(int device_fd, const Extents& which, ImageReader* image,
+                        const std::function<void(uint64_t)>& progress);
+
+// The set extents read as zeros from the image, whatever lies below.
+void zero_extents(const Extents& which, ImageWriter* image);
 
 }  // namespace snbf

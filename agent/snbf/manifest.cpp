@@ -37,7 +37,12 @@ Json to_json(const Point& point) {
           {"data_bytes", point.data_bytes},
           {"moved_bytes", point.moved_bytes},
           {"file_bytes", point.file_bytes},
-          {"xxh3_128", point.hash}};
+          {"xxh3_128", point.hash},
+          {"skipped_extents", point.skipped_extents},
+          {"skipped_bytes", point.skipped_bytes},
+          {"skipped_file", point.skipped_file},
+          {"skipped_xxh3_128", point.skipped_hash},
+          {"whole_because", point.whole_because}};
 }
 
 Level parse_level(const std::string& text) {
@@ -45,6 +50,13 @@ Level parse_level(const std::string& text) {
   if (text == "diff") return Level::Differential;
   if (text == "full") return Level::Full;
   throw std::invalid_argument("level " + text);
+}
+
+// A name is joined to the destination's path: it must not lead out of it.
+void check_file_name(const std::string& name) {
+  if (name.empty() || name.find('/') != std::string::npos || name[0] == '.') {
+    throw std::invalid_argument("file name " + name);
+  }
 }
 
 Point point_from(const Json& json) {
@@ -65,10 +77,13 @@ Point point_from(const Json& json) {
   point.moved_bytes = json.value("moved_bytes", uint64_t{0});
   point.file_bytes = json.at("file_bytes");
   point.hash = json.at("xxh3_128");
-  // The name is joined to the destination's path: it must not lead out of it.
-  if (point.file.empty() || point.file.find('/') != std::string::npos || point.file[0] == '.') {
-    throw std::invalid_argument("file name " + point.file);
-  }
+  point.skipped_extents = json.value("skipped_extents", uint64_t{0});
+  point.skipped_bytes = json.value("skipped_bytes", uint64_t{0});
+  point.skipped_file = json.value("skipped_file", "");
+  point.skipped_hash = json.value("skipped_xxh3_128", "");
+  point.whole_because = json.value("whole_because", "");
+  check_file_name(point.file);
+  if (!point.skipped_file.empty()) check_file_name(point.skipped_file);
   return point;
 }
 

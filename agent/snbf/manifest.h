@@ -29,6 +29,12 @@ struct Point {
   uint64_t moved_bytes = 0;  // written while the copy ran, and copied again
   uint64_t file_bytes = 0;
   std::string hash;  // XXH3-128 of the file
+  // Free then, and left out: see skipped.h. No file: nothing was.
+  uint64_t skipped_extents = 0;
+  uint64_t skipped_bytes = 0;
+  std::string skipped_file;
+  std::string skipped_hash;   // XXH3-128
+  std::string whole_because;  // why free extents were not left out, a sentence; empty: they were
 
   bool exact() const { return source != "moving"; }
 };

@@ -46,6 +46,7 @@ class SnapSource {
   SnapSource& operator=(const SnapSource&) = delete;
 
   int fd() const { return fd_.get(); }
+  const snbf_info& node() const { return made_.node; }
   uint64_t start_ms() const { return (made_.start_us + 999) / 1000; }
   // False: what was read since may be wrong.
   bool valid() const;

@@ -1,5 +1,6 @@
 """The command-line tool, as the guest tests call it."""
 
+import hashlib
 import json
 import os
 import subprocess
@@ -34,3 +35,36 @@ def refused(wanted, *words):
     kit.equal(status, wanted, f"status of snbf {' '.join(words)} ({err})")
     kit.check(err.strip() != "", "a refusal says why")
     return out + err
+
+
+def holds(dest, restored, device):
+    """That a disk has what the newest point of `dest` promises of the device: its bytes, and zeros in what
+    the point has left out."""
+    with open(f"{dest}/manifest.json", encoding="ascii") as text:
+        manifest = json.load(text)
+    size, unit, name = manifest["size"], manifest["extent_size"], manifest["points"][-1]["skipped_file"]
+    skipped = set()
+    if name:
+        with open(f"{dest}/{name}", "rb") as bits:
+            skipped = kit.extents(bits.read(), -(-size // unit))
+    with open(restored, "rb") as one, open(device, "rb") as other:
+        for extent in range(-(-size // unit)):
+            found, wanted = one.read(unit), other.read(unit)
+            if extent in skipped:
+                wanted = bytes(len(wanted))
+            kit.check(found == wanted, f"extent {extent}, {'left out' if extent in skipped else 'copied'}")
+
+
+def tree_of(folder):
+    """Every path below it, with what is in it."""
+    found = {}
+    for here, folders, files in os.walk(folder):
+        for name in folders + files:
+            path = os.path.join(here, name)
+            about = os.lstat(path)
+            contents = os.readlink(path) if os.path.islink(path) else ""
+            if name in files and not contents:
+                with open(path, "rb") as data:
+                    contents = hashlib.sha256(data.read()).hexdigest()
+            found[os.path.relpath(path, folder)] = (about.st_mode, about.st_uid, about.st_size, contents)
+    return found

@@ -18,6 +18,7 @@
 #include "plan.h"
 #include "reasons.h"
 #include "sizes.h"
+#include "skipped.h"
 #include "snaps.h"
 
 namespace snbf {
@@ -33,6 +34,7 @@ struct Options {
   std::string snap = "auto";
   bool no_snap = false;
   std::string cow;
+  bool whole = false;
   bool freeze = false;
   double freeze_limit_s = 10;
   bool list = false;
@@ -54,6 +56,13 @@ std::optional<Level> asked_level(const std::string& text) {
   return std::nullopt;
 }
 
+// Why nothing can stand on this point.
+std::string damage_of(const Manifest& manifest, const Point& point,
+                      const std::string& destination) {
+  const std::string damage = chain_damage(manifest, point, destination, false);
+  return damage.empty() ? skipped_damage(point, destination) : damage;
+}
+
 Plan make_plan(const Options& options, const snbf_info& node, const std::string& destination,
                const std::optional<Manifest>& manifest) {
   const libsnbf_state state = read_state(node);
@@ -66,10 +75,10 @@ Plan make_plan(const Options& options, const snbf_info& node, const std::string&
   situation.size = node.dev_size;
   situation.extent_size = node.extent_size;
   if (manifest && manifest->newest()) {
-    situation.damage_newest = chain_damage(*manifest, *manifest->newest(), destination, false);
+    situation.damage_newest = damage_of(*manifest, *manifest->newest(), destination);
   }
   if (manifest && manifest->newest_full()) {
-    situation.damage_full = chain_damage(*manifest, *manifest->newest_full(), destination, false);
+    situation.damage_full = damage_of(*manifest, *manifest->newest_full(), destination);
   }
   return plan_backup(situation);
 }
@@ -156,6 +165,11 @@ int report(const Point& point, const Options& options) {
     note(fmt::format("{} was written during the copy, and copied again",
                      show_size(point.moved_bytes)));
   }
+  if (!point.whole_because.empty()) {
+    note("free space was copied too: " + point.whole_because);
+  } else if (point.skipped_bytes != 0) {
+    note(show_size(point.skipped_bytes) + " is left out: the file system does not use it");
+  }
   if (point.exact()) return kDone;
   warn(
       "the device kept changing during the copy: this point is not of one moment. The next one "
@@ -204,6 +218,7 @@ int backup(const Options& options) {
   if (manifest) check_owner(*manifest, node, destination);
   Plan plan = make_plan(options, node, destination, manifest);
   CaptureOptions how;
+  how.whole = options.whole;
   how.freeze = options.freeze;
   how.freeze_limit = std::chrono::milliseconds(static_cast<int64_t>(options.freeze_limit_s * 1000));
   choose_snap(driver, node, destination, options, &how);
@@ -239,7 +254,9 @@ void add_backup(CLI::App& app, Chosen& chosen) {
       "whatever is written meanwhile. Its COW files lie in --cow, or with the bitmaps, or at the\n"
       "destination, where there is room; a snap that is lost on the way ends it with status 4, "
       "and\n"
-      "no change is forgotten. Without a snap a point is exact if nothing writes meanwhile, or "
+      "no change is forgotten. What the file system does not use is left out, and reads as zeros "
+      "in\nthe point; what lies behind its end is always copied. Without a snap a point is exact "
+      "if nothing writes meanwhile, or "
       "with\n"
       "--freeze; one that is not ends with status 3.",
       options, backup);
@@ -254,6 +271,7 @@ void add_backup(CLI::App& app, Chosen& chosen) {
   verb->add_flag("--no-snap", options->no_snap, "The same as --snap none");
   verb->add_option("--cow", options->cow,
                    "Directory of the snap's files, on another disk; implies --snap always");
+  verb->add_flag("--whole", options->whole, "Copy what the file system does not use, too");
   verb->add_flag("--freeze", options->freeze,
                  "Without a snap: freeze the file system for the last part of the copy");
   verb->add_option("--freeze-limit", options->freeze_limit_s,

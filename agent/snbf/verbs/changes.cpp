@@ -8,6 +8,8 @@
 #include "maps.h"
 #include "output.h"
 #include "sizes.h"
+#include "snaps.h"
+#include "usage.h"
 
 namespace snbf {
 
@@ -21,16 +23,60 @@ struct Options {
   std::string as = "text";
   bool json = false;
   bool runs = false;
+  bool used_only = false;
 };
 
-void print_text(const snbf_info& node, const Extents& extents, const Options& options) {
+// What is shown: all that changed, or the part of it that a snap's file system uses.
+struct Shown {
+  Extents changed;
+  Extents extents;
+  std::string snap;     // whose map says what is used; empty: nobody's
+  std::string why_all;  // why all of it counts as used; empty: it is known
+};
+
+// The newest started snap: the one that knows best what is in use.
+snbf_info snap_with_map(const Driver& driver, const snbf_info& node) {
+  const std::vector<Snap> snaps = snaps_of(driver, node);
+  for (auto at = snaps.rbegin(); at != snaps.rend(); ++at) {
+    if (at->readable()) return *at->node;
+  }
+  throw Failure(kFailed,
+                fmt::format("what is in use on {} is not known: only a started snap shows it, and "
+                            "there is none",
+                            node.name),
+                fmt::format("`snbf snap create {}` makes one", node.name));
+}
+
+Shown look(const Driver& driver, const snbf_info& node, const Options& options) {
+  Shown shown;
+  if (!options.used_only) {
+    shown.changed = shown.extents = driver.get(node, parse_bitmap(options.bitmap));
+    return shown;
+  }
+  const snbf_info snap = snap_with_map(driver, node);
+  const Usage usage = usage_of(driver, node, snap, snap_path(snap));
+  shown.changed = shown.extents = driver.get(node, parse_bitmap(options.bitmap));
+  Extents unused = shown.changed;
+  unused.subtract(usage.used);
+  shown.extents.subtract(unused);
+  shown.snap = snap.name;
+  shown.why_all = usage.why_all;
+  return shown;
+}
+
+void print_text(const snbf_info& node, const Shown& shown, const Options& options) {
+  const Extents& extents = shown.extents;
   const auto runs = extents.runs();
-  const double percent = 100.0 * static_cast<double>(extents.covered_bytes()) /
-                         static_cast<double>(extents.dev_size());
-  fmt::print("{}: {} of {} changed since the last {} ({:.1f} %), {} of {} extents in {} runs\n",
-             node.name, show_size(extents.covered_bytes()), show_size(extents.dev_size()),
-             options.bitmap == "incr" ? "backup" : "full backup", percent, extents.count(),
-             extents.extent_cnt(), runs.size());
+  const uint64_t covered = extents.covered_bytes();
+  if (options.used_only) {
+    fmt::print("{}: {} of the {} that changed was in use when {} was made", node.name,
+               show_size(covered), show_size(shown.changed.covered_bytes()), shown.snap);
+  } else {
+    fmt::print("{}: {} of {} changed since the last {} ({:.1f} %)", node.name, show_size(covered),
+               show_size(extents.dev_size()), options.bitmap == "incr" ? "backup" : "full backup",
+               100.0 * static_cast<double>(covered) / static_cast<double>(extents.dev_size()));
+  }
+  fmt::print(", {} of {} extents in {} runs\n", extents.count(), extents.extent_cnt(), runs.size());
   fmt::print("[{}]\n", strip(extents, kStripWidth, terminal_out()));
   if (!options.runs) return;
   for (const Run& run : runs) {
@@ -39,20 +85,28 @@ void print_text(const snbf_info& node, const Extents& extents, const Options& op
   }
 }
 
-void print_changes_json(const snbf_info& node, const Extents& extents, const Options& options) {
+void print_changes_json(const snbf_info& node, const Shown& shown, const Options& options) {
+  const Extents& extents = shown.extents;
   Json runs = Json::array();
   for (const Run& run : extents.runs()) {
     const ByteRange range = extents.range_of(run);
     runs.push_back({{"offset", range.offset}, {"length", range.length}});
   }
-  print_json({{"name", node.name},
-              {"bitmap", options.bitmap},
-              {"size", extents.dev_size()},
-              {"extent_size", extents.extent_size()},
-              {"extent_count", extents.extent_cnt()},
-              {"changed_extents", extents.count()},
-              {"changed_bytes", extents.covered_bytes()},
-              {"runs", runs}});
+  Json json = {{"name", node.name},
+               {"bitmap", options.bitmap},
+               {"size", extents.dev_size()},
+               {"extent_size", extents.extent_size()},
+               {"extent_count", extents.extent_cnt()},
+               {"changed_extents", shown.changed.count()},
+               {"changed_bytes", shown.changed.covered_bytes()},
+               {"runs", runs}};
+  if (options.used_only) {
+    json["used_by"] = shown.snap;
+    json["used_extents"] = extents.count();
+    json["used_bytes"] = extents.covered_bytes();
+    json["all_used_because"] = shown.why_all;
+  }
+  print_json(json);
 }
 
 // Every byte of the device, in pieces that are changed or not.
@@ -88,12 +142,12 @@ void print_qemu(const Extents& extents) {
 }
 
 int changes(const Options& options) {
-  const uint32_t type = parse_bitmap(options.bitmap);
   const Driver driver;
   const snbf_info node = driver.find(options.node);
-  const Extents extents = driver.get(node, type);
+  const Shown shown = look(driver, node, options);
+  const Extents& extents = shown.extents;
   if (options.json || options.as == "json") {
-    print_changes_json(node, extents, options);
+    print_changes_json(node, shown, options);
   } else if (options.as == "nbdinfo") {
     print_nbdinfo(extents);
   } else if (options.as == "qemu") {
@@ -101,9 +155,11 @@ int changes(const Options& options) {
   } else if (options.as == "svg") {
     fmt::print("{}", hilbert_svg(extents, node.name));
   } else {
-    print_text(node, extents, options);
+    print_text(node, shown, options);
   }
-  return kDone;
+  if (shown.why_all.empty()) return kDone;
+  warn("all that changed counts as in use: " + shown.why_all);
+  return kWarned;
 }
 
 }  // namespace
@@ -113,9 +169,12 @@ void add_changes(CLI::App& app, Chosen& chosen) {
   CLI::App* verb = add_verb(
       app, chosen, "changes", "Show what has changed, and where",
       "Examples:\n  snbf changes data\n  snbf changes data --bitmap diff --as svg > changes.svg\n"
+      "  snbf snap create data && snbf changes data --used-only\n"
       "The forms: text, a line of totals and a strip from the device's start to its end;\n"
       "json; nbdinfo, as `nbdinfo --map` prints it; qemu, as `qemu-img map --output=json`\n"
-      "does (data: true where it changed); svg, a drawing along a Hilbert curve.",
+      "does (data: true where it changed); svg, a drawing along a Hilbert curve.\n"
+      "With --used-only, what was free when the newest started snap was made is left out: make the "
+      "snap\nright before. Status 3: what is in use cannot be told.",
       options, changes);
   verb->add_option("node", options->node, "Name, minor, device file or partition")->required();
   verb->add_option("--bitmap", options->bitmap,
@@ -124,6 +183,8 @@ void add_changes(CLI::App& app, Chosen& chosen) {
   verb->add_option("--as", options->as, "text, json, nbdinfo, qemu or svg")
       ->check(CLI::IsMember({"text", "json", "nbdinfo", "qemu", "svg"}));
   verb->add_flag("--json", options->json, "The same as --as json");
+  verb->add_flag("--used-only", options->used_only,
+                 "Only what the file system used when the newest started snap was made");
   verb->add_flag("--runs", options->runs, "With text: every run as offset and length in bytes");
 }
 

@@ -49,6 +49,12 @@ TEST(Extents, MergeIsTheUnion) {
   EXPECT_EQ(extents.runs(), (std::vector<snbf::Run>{{1, 1}, {8, 1}, {19, 1}}));
 }
 
+TEST(Extents, SubtractLeavesWhatTheOtherHasNot) {
+  Extents extents = with(20, {1, 8, 19});
+  extents.subtract(with(20, {0, 8}));
+  EXPECT_EQ(extents.runs(), (std::vector<snbf::Run>{{1, 1}, {19, 1}}));
+}
+
 TEST(Extents, RunsHoldExactlyTheSetBitsOfAnyBitmap) {
   std::mt19937 random(1);
   for (uint64_t extent_cnt = 1; extent_cnt < 80; ++extent_cnt) {

@@ -14,6 +14,7 @@ using testing::HasSubstr;
 
 TEST(JudgeKernel, KnowsTheTestedOne) {
   EXPECT_EQ(judge_kernel("6.1.0-28-amd64").grade, Grade::Good);
+  EXPECT_EQ(judge_kernel("6.12.9+bpo-amd64").grade, Grade::Good);
   EXPECT_EQ(judge_kernel("6.10.1").grade, Grade::Warning);
   EXPECT_EQ(judge_kernel("5.1.0").grade, Grade::Warning);
   EXPECT_EQ(judge_kernel("").grade, Grade::Warning);
