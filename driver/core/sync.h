@@ -69,6 +69,19 @@ class SCOPED_CAPABILITY IrqSpinGuard {
   unsigned long state_;
 };
 
+// Work of the calling task that writes may wait for: it must not wait for them in turn, when memory or dirty pages
+// run short.
+class ServesWrites {
+ public:
+  ServesWrites() : state_(snbf_plat_serve_writes_begin()) {}
+  ~ServesWrites() { snbf_plat_serve_writes_end(state_); }
+  ServesWrites(const ServesWrites&) = delete;
+  ServesWrites& operator=(const ServesWrites&) = delete;
+
+ private:
+  unsigned state_;
+};
+
 class WaitQueue {
  public:
   void init() { snbf_plat_waitq_init(&queue_); }

@@ -134,6 +134,11 @@ void snbf_plat_bio_info(const plat_bio* request, plat_bio_info* info) {
 
 int snbf_plat_bio_is_write(const plat_bio* bio) { return op_is_write(bio_op(bio_of(bio))); }
 
+/* The block layer links requests by this word only while they are its own. */
+void snbf_plat_bio_set_next(plat_bio* bio, plat_bio* next) { bio_of(bio)->bi_next = bio_of(next); }
+
+plat_bio* snbf_plat_bio_next(const plat_bio* bio) { return (plat_bio*)bio_of(bio)->bi_next; }
+
 /* Limits of the root group, which the old hierarchy has, are not seen. */
 int snbf_plat_bio_may_be_parked(const plat_bio* bio) {
 #ifdef CONFIG_BLK_CGROUP

@@ -120,6 +120,18 @@ void snbf_plat_run_as_kernel(void (*work)(void* argument), void* argument) {
   destroy_work_on_stack(&call.work);
 }
 
+unsigned snbf_plat_serve_writes_begin(void) {
+  const unsigned state = memalloc_noio_save() | (current->flags & PF_LOCAL_THROTTLE);
+
+  current->flags |= PF_LOCAL_THROTTLE;
+  return state;
+}
+
+void snbf_plat_serve_writes_end(unsigned state) {
+  current->flags = (current->flags & ~PF_LOCAL_THROTTLE) | (state & PF_LOCAL_THROTTLE);
+  memalloc_noio_restore(state & PF_MEMALLOC_NOIO);
+}
+
 unsigned snbf_plat_noio_begin(void) { return memalloc_noio_save(); }
 
 void snbf_plat_noio_end(unsigned state) { memalloc_noio_restore(state); }

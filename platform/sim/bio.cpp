@@ -161,6 +161,20 @@ int snbf_plat_bio_is_write(const plat_bio* bio) {
   return kernel().check_bio(bio, "bio_is_write")->op != Op::Read ? 1 : 0;
 }
 
+void snbf_plat_bio_set_next(plat_bio* bio, plat_bio* next) {
+  Kernel& k = kernel();
+  k.check_bio(bio, "bio_set_next");
+  if (next != nullptr) k.check_bio(next, "bio_set_next");
+  if (bio->kind != plat_bio::Kind::Caller || bio->in_flight) {
+    k.fatal("bio_set_next() of a request that the driver does not keep");
+  }
+  bio->next = next;
+}
+
+plat_bio* snbf_plat_bio_next(const plat_bio* bio) {
+  return kernel().check_bio(bio, "bio_next")->next;
+}
+
 int snbf_plat_bio_may_be_parked(const plat_bio* bio) {
   kernel().check_bio(bio, "bio_may_be_parked");
   return 0;
@@ -173,6 +187,7 @@ void snbf_plat_bio_forward(plat_bio* bio, plat_bdev* bdev) {
   if (bio->kind != plat_bio::Kind::Caller)
     k.fatal("bio_forward() of a request of the driver's own");
   if (bio->in_flight) k.fatal("bio_forward() of a request that is on its way already");
+  if (bio->next != nullptr) k.fatal("bio_forward() of a request that is still linked");
   if (bio->node != nullptr) {
     --bio->node->outstanding;
     bio->node = nullptr;
@@ -190,6 +205,7 @@ void snbf_plat_bio_complete(plat_bio* bio, int error) {
   if (bio->kind != plat_bio::Kind::Caller)
     k.fatal("bio_complete() of a request of the driver's own");
   if (bio->in_flight) k.fatal("bio_complete() of a request that was passed on");
+  if (bio->next != nullptr) k.fatal("bio_complete() of a request that is still linked");
   if (error > 0) k.fatal("bio_complete() with the error %d, which is not negative", error);
   k.finish_caller(bio, error);
 }

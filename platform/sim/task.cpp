@@ -109,6 +109,19 @@ void snbf_plat_thread_serves_writes(void) {
   k.current->serves_writes = true;
 }
 
+unsigned snbf_plat_serve_writes_begin(void) {
+  Kernel& k = enter("serve_writes_begin");
+  const bool before = k.current->serves_writes;
+  k.current->serves_writes = true;
+  return before ? 1 : 0;
+}
+
+void snbf_plat_serve_writes_end(unsigned state) {
+  Kernel& k = enter("serve_writes_end");
+  if (!k.current->serves_writes) k.fatal("serve_writes_end() without a begin");
+  k.current->serves_writes = state != 0;
+}
+
 unsigned snbf_plat_noio_begin(void) {
   return static_cast<unsigned>(enter("noio_begin").current->noio++);
 }

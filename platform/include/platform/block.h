@@ -57,6 +57,10 @@ typedef struct plat_bio_info {
 } plat_bio_info;
 void snbf_plat_bio_info(const plat_bio* bio, plat_bio_info* info);
 int snbf_plat_bio_is_write(const plat_bio* bio);
+/* A word of a request that came to a node, for its driver to link it with while it keeps it; null, as it comes and
+ * again before it is sent on, cloned or completed. Any context. */
+void snbf_plat_bio_set_next(plat_bio* bio, plat_bio* next);
+plat_bio* snbf_plat_bio_next(const plat_bio* bio);
 /* 1 when a limit of its sender's control group may hold it back on its way into a queue, where nobody sees it. */
 int snbf_plat_bio_may_be_parked(const plat_bio* bio);
 

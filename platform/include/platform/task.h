@@ -38,6 +38,9 @@ __attribute__((noreturn)) void snbf_plat_thread_exit(plat_completion* completion
 /* The calling thread writes files that other writes wait for: its memory allocations start no I/O and its
  * dirty pages are throttled by its own device alone. */
 void snbf_plat_thread_serves_writes(void);
+/* The same for a stretch of any task's work. They nest. */
+unsigned snbf_plat_serve_writes_begin(void);
+void snbf_plat_serve_writes_end(unsigned state);
 
 /*
  * Runs `work(argument)` in a kernel thread, with the kernel's own credentials, limits and root, and waits for its
