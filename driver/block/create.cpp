@@ -211,11 +211,14 @@ void load_bitmaps(FilterNode& node) {
   node.bmp_mutex.init();
   node.bmp_spin.init("snbf bmp_spin");
   node.io_rwlock.init();
+  init_parking(node);
   {
     SpinGuard hold{node.bmp_spin};
     mem_set(node.incr_bmp, 0xFF, node.incr_bmp_size);
     mem_set(node.diff_bmp, 0xFF, node.diff_bmp_size);
     node.incr_bmp_dirty = node.diff_bmp_dirty = 1;
+    node.incr_guard.file_is_unknown();
+    node.diff_guard.file_is_unknown();
   }
   snbf_block_load_bmp(node, SNBF_BMP_DIFF);
   snbf_block_load_bmp(node, SNBF_BMP_INCR);
@@ -267,7 +270,13 @@ int build(FilterNode& node, snbf_filter_node_cmd& record) {
            static_cast<long long>(node.dev_size), static_cast<int>(node.extent_size),
            static_cast<int>(snbf_plat_bdev_block_bytes(node.hdd_bdev)),
            static_cast<int>(node.incr_bmp_size));
+  if (int rc = start_parking(node); rc != 0) {
+    snbf_log(kLogError, "%s(): Failed to start the threads of %s: rc=%d", kOrigin, node.name, rc);
+    return rc;
+  }
+  ScopeExit stop_parking{[&node] { end_parking(node); }};
   if (int rc = publish(node); rc != 0) return rc;
+  stop_parking.dismiss();
   destroy_aio.dismiss();
   destroy_cowqueue.dismiss();
   free_bitmaps.dismiss();

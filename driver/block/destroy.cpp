@@ -91,6 +91,7 @@ void take_apart_node(Node& node) {
   const bool is_filter = node.dev_type == kFilterNode;
   if (is_filter) {
     FilterNode& filter = as_filter(node);
+    end_parking(filter);
     while (filter.entering.load() != 0) snbf_plat_yield();
     snbf_cowqueue_destroy(&filter.cowqueue);
     snbf_aio_destroy(&filter.aio);
@@ -206,5 +207,6 @@ int snbf_block_destroy() {
   if (rc != 0) return rc;
   snbf_block_fini();
   snbf_stop_kdirtyd();
+  snbf::wait_for_parking_threads();
   return 0;
 }

@@ -21,6 +21,8 @@
 #include "base/atomic.h"
 #include "base/list.h"
 #include "block/kslock.h"
+#include "filter/fileguard.h"
+#include "filter/parking.h"
 #include "fsread/blkbmp.h"
 #include "io/aio.h"
 #include "platform/block.h"
@@ -84,8 +86,12 @@ struct FilterNode : Node {
   u32* diff_bmp PT_GUARDED_BY(bmp_spin) = nullptr;
   int incr_bmp_dirty GUARDED_BY(bmp_spin) = 0;
   int diff_bmp_dirty GUARDED_BY(bmp_spin) = 0;
+  FileGuard incr_guard GUARDED_BY(bmp_spin);
+  FileGuard diff_guard GUARDED_BY(bmp_spin);
+  Parking parking;
 
-  // Who still holds a pointer: the table or the deletion, and each queued dirty request. The last one frees the record.
+  // Who still holds a pointer: the table or the deletion, each queued dirty request, and whoever writes flags. The
+  // last one frees the record.
   Atomic<int> holders{1};
 
   CowQueue cowqueue;

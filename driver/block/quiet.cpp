@@ -28,10 +28,10 @@ bool QuietPoint::is_late() const {
   return static_cast<s64>(snbf_plat_ticks_ms() - deadline_ms_) >= 0;
 }
 
-// A held write that goes on is known to the tracker before the queue forgets it: so in this order
-// none is missed.
+// A parked write that goes on is known to the queue or to the tracker before it counts as parked no more, and a held
+// one to the tracker before the queue forgets it: so in this order none is missed.
 bool QuietPoint::has_writes() const {
-  return filter_.cowqueue.writes.load() != 0 || snbf_aio_has_writes(&filter_.aio);
+  return filter_.parking.writes.load() != 0 || filter_.cowqueue.writes.load() != 0 || snbf_aio_has_writes(&filter_.aio);
 }
 
 void QuietPoint::wait_for_writes(u64 until_ms) const {

@@ -47,10 +47,14 @@ int stop_snaps(FilterNode& filter) {
 // node_mutex is held, and nobody has the device open: no write comes between the save and the end.
 int stop_filter(FilterNode& filter) {
   if (int rc = stop_snaps(filter); rc != 0) return rc;
+  // They may need the COW thread, and they change what is saved. Their own limit ends this.
+  while (!wait_for_parked(filter, kFlagLimitMs)) {
+  }
   snbf_cowthread_shutdown(&filter.cowthread);
   // What cannot be saved now stays marked as dirty.
   snbf_block_save_dirty_bmps(filter);
   filter.started.store(0);
+  wake_parking(filter);
   return 0;
 }
 

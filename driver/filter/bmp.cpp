@@ -59,27 +59,60 @@ int fail_copyin(const char* origin) {
 // Tests and sets one bit of one bitmap. Everybody who changes the bits holds bmp_spin, as the
 // caller does, so plain accesses do. True: the bitmap was clean, and this bit is the first that its
 // file lacks.
-bool mark(u32* bitmap, int& dirty, u64 extent) {
+bool mark(u32* bitmap, int& dirty, FileGuard& guard, u64 extent) {
   if (bitmap == nullptr) return false;
   u8& byte = reinterpret_cast<u8*>(bitmap)[extent >> 3];
   const u8 mask = static_cast<u8>(1u << (extent & 7));
   if ((byte & mask) != 0) return false;
   byte = static_cast<u8>(byte | mask);
+  guard.count_mark();
   if (dirty != 0) return false;
   dirty = 1;
+  guard.ask_for_flag();
   return true;
 }
 
-void mark_extent(FilterNode& node, u64 extent) {
-  bool incr_rose = false;
-  bool diff_rose = false;
+// What one holding of bmp_spin leaves to be done without it.
+struct Marked {
+  bool ask_incr;
+  bool ask_diff;
+  bool must_wait;
+};
+
+// The write has to wait for the flags of the files that lack something.
+[[gnu::noinline]] void wait_for_flags(FilterNode& node, Marked& marked, plat_bio* write)
+    REQUIRES(node.bmp_spin) {
+  const auto wants_request = [](FileGuard& guard) {
+    if (guard.covers()) return false;
+    guard.want_flag();
+    return guard.ask_for_flag();
+  };
+  marked.ask_incr |= wants_request(node.incr_guard);
+  marked.ask_diff |= wants_request(node.diff_guard);
+  marked.must_wait = true;
+  if (write != nullptr) park(node, write);
+}
+
+[[gnu::noinline]] void ask_for_flags(FilterNode& node, Marked marked) {
+  if (marked.ask_incr) snbf_sched_write_dirty_flag(node, SNBF_BMP_INCR);
+  if (marked.ask_diff) snbf_sched_write_dirty_flag(node, SNBF_BMP_DIFF);
+  if (marked.must_wait) wake_parking(node);
+}
+
+// Of the last extent of a write, the verdict over all of it: true if it may go on. What is not done for every write
+// stands apart, for this is on the way of each.
+[[gnu::always_inline]] inline bool mark_extent(FilterNode& node, u64 extent, bool is_last,
+                                               plat_bio* write) {
+  Marked marked = {};
   {
     SpinGuard hold{node.bmp_spin};
-    incr_rose = mark(node.incr_bmp, node.incr_bmp_dirty, extent);
-    diff_rose = mark(node.diff_bmp, node.diff_bmp_dirty, extent);
+    marked.ask_incr = mark(node.incr_bmp, node.incr_bmp_dirty, node.incr_guard, extent);
+    marked.ask_diff = mark(node.diff_bmp, node.diff_bmp_dirty, node.diff_guard, extent);
+    const bool covers = node.incr_guard.covers() && node.diff_guard.covers();
+    if (is_last && !covers) [[unlikely]] wait_for_flags(node, marked, write);
   }
-  if (incr_rose) snbf_sched_write_dirty_flag(node, SNBF_BMP_INCR);
-  if (diff_rose) snbf_sched_write_dirty_flag(node, SNBF_BMP_DIFF);
+  if (marked.ask_incr || marked.ask_diff || marked.must_wait) [[unlikely]] ask_for_flags(node, marked);
+  return !marked.must_wait;
 }
 
 }  // namespace
@@ -97,6 +130,7 @@ const char* bmp_type_text(u32 type) {
 
 void ChangeBitmap::fill(int byte) const {
   mem_set(bits(), byte, size_bytes());
+  if (byte != 0) guard().count_mark();
   set_dirty(1);
 }
 
@@ -115,12 +149,16 @@ int check_bmp_command(const char* origin, const Node& node, u32 type) {
   return 0;
 }
 
-void mark_extents(FilterNode& node, SectorRange range) {
+bool mark_extents(FilterNode& node, SectorRange range, plat_bio* write) {
   const BlockSpan span = BlockGeometry{node.extent_shift}.covering(range);
   // The kernel keeps requests inside the disk. Were one to leave it, no memory behind the bitmaps
   // is touched.
   const u64 end = span.last < node.extent_cnt ? span.last + 1 : node.extent_cnt;
-  for (u64 extent = span.first; extent < end; ++extent) mark_extent(node, extent);
+  bool may_go = true;
+  for (u64 extent = span.first; extent < end; ++extent) {
+    may_go = mark_extent(node, extent, extent + 1 == end, write);
+  }
+  return may_go;
 }
 
 }  // namespace snbf
@@ -185,7 +223,10 @@ int snbf_ioctl_set_bmp(Node& node, snbf_bmp_cmd& record) {
     {
       // Kept: straight over the live bitmap, so that a fault leaves what was copied before it.
       SpinGuard hold{bitmap.node.bmp_spin};
-      if (reachable > 0) buffer.read(bitmap.bits(), reachable);
+      if (reachable > 0) {
+        buffer.read(bitmap.bits(), reachable);
+        bitmap.guard().count_mark();
+      }
       if (reachable == bitmap.size_bytes()) bitmap.set_dirty(1);
     }
     if (reachable < bitmap.size_bytes()) return fail_copyin(kOrigin);
@@ -214,6 +255,7 @@ int snbf_ioctl_merge_bmp(Node& node, snbf_bmp_cmd& record) {
     SpinGuard hold{bitmap.node.bmp_spin};
     u8* bits = bitmap.bits();
     for (u32 i = 0; i < size; ++i) bits[i] = static_cast<u8>(bits[i] | buffer.data()[i]);
+    bitmap.guard().count_mark();
     bitmap.set_dirty(1);
   }
   snbf_block_save_dirty_bmps(bitmap.node);

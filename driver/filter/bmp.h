@@ -33,6 +33,9 @@ class ChangeBitmap {
   void set_dirty(int dirty) const REQUIRES(node.bmp_spin) {
     (is_incr_ ? node.incr_bmp_dirty : node.diff_bmp_dirty) = dirty;
   }
+  FileGuard& guard() const REQUIRES(node.bmp_spin) {
+    return is_incr_ ? node.incr_guard : node.diff_guard;
+  }
   // Every byte of it, and with that a bitmap that its file does not show.
   void fill(int byte) const REQUIRES(node.bmp_spin);
 
@@ -49,9 +52,10 @@ const char* bmp_type_text(u32 type);
 int check_bmp_command(const char* origin, const Node& node, u32 type);
 
 // Sets the bits of all extents that the write touches, in both bitmaps, and has the dirty flag
-// raised in the file of a bitmap that was clean. The range is not empty. No spin lock is held; may
-// sleep.
-void mark_extents(FilterNode& node, SectorRange range);
+// raised in the file of a bitmap that was clean. The range is not empty. True: the write may go on. False: a
+// whole file lacks something, and the write, unless it is null, has been parked until its flag is on disk.
+// No spin lock is held; may sleep, but not for the flag.
+bool mark_extents(FilterNode& node, SectorRange range, plat_bio* write = nullptr);
 
 }  // namespace snbf
 

@@ -17,6 +17,7 @@ namespace {
 
 constexpr char kMagic[] = {'S', 'N', 'B', 'F', 'B', 'M', 'P'};
 constexpr int kFileMode = 0600;
+constexpr u32 kParkedFirstMs = 1000;
 
 // Reads or writes one piece behind the other. The first failure stays, and what follows it does
 // nothing.
@@ -55,11 +56,12 @@ u32 checksum_of(const u8* bits, u32 bytes) {
   return snbf_crc32(bits, static_cast<int>(bytes), &checksum);
 }
 
-enum class Judgement { Trusted, Ignored, Failed };
 
-// Reads a file into `bits` and judges it; `error` is set where that failed. What a short read
-// leaves out stays 0, so that the check behind it fails rather than see stale memory.
-Judgement read_bitmap(snbf_file* file, const ChangeBitmap& bitmap, u8* bits, int* error) {
+using FileState = FileGuard::FileState;
+
+// Reads a file into `bits` and judges it; only a Whole one is trusted, and `error` is set where reading failed.
+// What a short read leaves out stays 0, so that the check behind it fails rather than see stale memory.
+FileState read_bitmap(snbf_file* file, const ChangeBitmap& bitmap, u8* bits, int* error) {
   constexpr const char* kOrigin = "snbf_block_load_bmp";
   FileCursor cursor{file};
   const auto failed = [&] {
@@ -68,36 +70,37 @@ Judgement read_bitmap(snbf_file* file, const ChangeBitmap& bitmap, u8* bits, int
   };
   const auto ignored = [&](const char* format) {
     snbf_log(kLogError, format, kOrigin, bitmap.fname());
-    return Judgement::Ignored;
+    return FileState::NoWhole;
   };
   char magic[sizeof(kMagic)] = {};
   cursor.read(magic, sizeof(magic));
-  if (failed()) return Judgement::Failed;
+  if (failed()) return FileState::Unknown;
   if (mem_compare(magic, kMagic, sizeof(kMagic)) != 0) {
     snbf_log(kLogError, "%s(): File %s is corrupt: Invalid prefix.", kOrigin, bitmap.fname());
     *error = -EIO;
-    return Judgement::Failed;
+    return FileState::NoWhole;
   }
   u8 dirty = 0;
   cursor.read(&dirty, sizeof(dirty));
-  if (failed()) return Judgement::Failed;
+  if (failed()) return FileState::Unknown;
   if (dirty != 0) return ignored("%s(): File %s is dirty. Ignoring file contents.");
   u32 size = 0;
   cursor.read(&size, sizeof(size));
-  if (failed()) return Judgement::Failed;
+  if (failed()) return FileState::Unknown;
   if (size != bitmap.size_bytes()) {
-    return ignored("%s(): File %s contains bitmap of invalid size. Ignoring file contents.");
+    ignored("%s(): File %s contains bitmap of invalid size. Ignoring file contents.");
+    return FileState::Unknown;  // it is whole for a node with extents of another size, which may come again
   }
   u32 checksum = 0;
   cursor.read(&checksum, sizeof(checksum));
-  if (failed()) return Judgement::Failed;
+  if (failed()) return FileState::Unknown;
   const bool whole = cursor.read(bits, static_cast<int>(size));
-  if (failed()) return Judgement::Failed;
+  if (failed()) return FileState::Unknown;
   // A file cut short in a run of zeros would pass the checksum, but was left by a save that failed.
   if (!whole || checksum_of(bits, size) != checksum) {
     return ignored("%s(): File %s has invalid checksum. Ignoring file contents.");
   }
-  return Judgement::Trusted;
+  return FileState::Whole;
 }
 
 int write_bitmap(snbf_file* file, const u8* bits, u32 size) {
@@ -117,28 +120,40 @@ bool lies_on_node(const char* path, const FilterNode& node) {
   return snbf_get_file_devt(path) == make_dev(static_cast<u32>(snbf_blk_major), node.minor);
 }
 
+bool is_absent(const char* path) {
+  plat_path* found = nullptr;
+  const int rc = snbf_get_file_dentry(path, 1, &found);
+  if (found != nullptr) snbf_plat_path_put(found);
+  return rc == -ENOENT || (rc == 0 && found == nullptr);
+}
+
 int load_locked(const ChangeBitmap& bitmap, u8* scratch) {
   int rc = -EIO;
-  bool trusted = false;
+  FileState state = FileState::Unknown;
   snbf_file* file = snbf_fopen(bitmap.fname(), PLAT_O_RDONLY, kFileMode);
   if (file != nullptr) {
     rc = 0;
-    trusted = read_bitmap(file, bitmap, scratch, &rc) == Judgement::Trusted;
+    state = read_bitmap(file, bitmap, scratch, &rc);
+  } else if (is_absent(bitmap.fname())) {
+    state = FileState::NoWhole;
   }
   {
     SpinGuard hold{bitmap.node.bmp_spin};
-    if (trusted) {
+    bitmap.guard().file_was_loaded(state);
+    if (state == FileState::Whole) {
       bitmap.set_dirty(0);
       mem_copy(bitmap.bits(), scratch, bitmap.size_bytes());
     } else {
       bitmap.fill(0xFF);
     }
   }
+  wake_parking(bitmap.node);
   if (file != nullptr) snbf_fclose(file);
   return rc;
 }
 
-int save_locked(const ChangeBitmap& bitmap, const u8* snapshot) {
+// `state`: what the file is then, as a guard's end of a save has it.
+int save_locked(const ChangeBitmap& bitmap, const u8* snapshot, FileState* state) {
   constexpr const char* kOrigin = "snbf_block_save_bmp";
   if (lies_on_node(bitmap.fname(), bitmap.node)) {
     snbf_log(kLogError,
@@ -148,13 +163,9 @@ int save_locked(const ChangeBitmap& bitmap, const u8* snapshot) {
   }
   snbf_file* file = snbf_fopen(
       bitmap.fname(), PLAT_O_WRONLY | PLAT_O_CREAT | PLAT_O_TRUNC | PLAT_O_SYNC, kFileMode);
-  if (file == nullptr) {
-    // The old file may still be there and look clean; a write would not raise its flag, since the dirty field
-    // stays up, and the request that was to do it has been cancelled. A save that fails later leaves no whole file.
-    snbf_sched_write_dirty_flag(bitmap.node, bitmap.type());
-    return -EIO;
-  }
+  if (file == nullptr) return -EIO;
   const int rc = write_bitmap(file, snapshot, bitmap.size_bytes());
+  *state = rc == 0 ? FileState::Whole : FileState::Unknown;
   snbf_fclose(file);
   return rc;
 }
@@ -177,6 +188,12 @@ int write_flag_locked(const ChangeBitmap& bitmap, int flag) {
   cursor.write(&dirty, sizeof(dirty));
   snbf_fclose(file);
   return cursor.error();
+}
+
+// A save makes parked writes wait on. So that one after another cannot keep them for ever, those that are there
+// go first; within a limit, for the save may be what helps them. Not with the mutex that their flag needs.
+void let_parked_writes_go(FilterNode& node) {
+  if (!node.bmp_mutex.is_mine()) wait_for_parked(node, kParkedFirstMs);
 }
 
 int is_dirty(FilterNode& node, u32 type) {
@@ -202,12 +219,14 @@ int snbf_block_load_bmp(FilterNode& node, u32 type) {
              static_cast<int>(bitmap.size_bytes()));
     return -ENOMEM;
   }
+  ServesWrites serving;
   KsMutexGuard file_work{node.bmp_mutex};
   return load_locked(bitmap, scratch.data());
 }
 
 int snbf_block_load_bmps(FilterNode& node) {
   snbf_log(1, "%s(): Loading incr/diff bitmaps", "snbf_block_load_bmps");
+  ServesWrites serving;
   KsMutexGuard file_work{node.bmp_mutex};
   const int incr_rc = snbf_block_load_bmp(node, SNBF_BMP_INCR);
   const int diff_rc = snbf_block_load_bmp(node, SNBF_BMP_DIFF);
@@ -219,9 +238,10 @@ int snbf_block_load_bmps(FilterNode& node) {
 // 2. Under bmp_mutex: cancel the flags queued until now, which this save makes needless; write the
 // whole file.
 // 3. On failure the dirty field goes up again.
-// Kept: a flag queued between 1 and 2 is cancelled although its bit is not in the file; the raised
-// dirty field brings it there with the next save. And a flag queued late, for a bit that is in the
-// file, makes a file dirty that is whole: distrusted without need, never trusted wrongly.
+// 4. Of writes that came in between, and wait: those whose bits are in the file may go, and for the others
+// the flag is asked for again, since 2 has cancelled it.
+// Kept: a flag queued late, for a bit that is in the file, makes a file dirty that is whole: distrusted without
+// need, never trusted wrongly.
 int snbf_block_save_bmp(FilterNode& node, u32 type) {
   constexpr const char* kOrigin = "snbf_block_save_bmp";
   snbf_log(2, "%s(): Saving %s bitmap of snbf(%d, %d)", kOrigin, bmp_type_text(type),
@@ -233,24 +253,35 @@ int snbf_block_save_bmp(FilterNode& node, u32 type) {
              static_cast<int>(bitmap.size_bytes()));
     return -ENOMEM;
   }
+  let_parked_writes_go(node);
+  u64 number;
   {
     SpinGuard hold{bitmap.node.bmp_spin};
     bitmap.set_dirty(0);
     mem_copy(snapshot.data(), bitmap.bits(), bitmap.size_bytes());
+    number = bitmap.guard().begin_save();
   }
+  ServesWrites serving;
   KsMutexGuard file_work{node.bmp_mutex};
   snbf_kill_dirty_requests(node, type);
-  const int rc = save_locked(bitmap, snapshot.data());
-  if (rc == 0) return 0;
+  FileState state = FileState::NoWhole;
+  const int rc = save_locked(bitmap, snapshot.data(), &state);
+  bool must_ask;
   {
     SpinGuard hold{bitmap.node.bmp_spin};
-    bitmap.set_dirty(1);
+    must_ask = bitmap.guard().end_save(number, state);
+    // A save with a newer snapshot may have been faster, and this one has put the older back.
+    if (rc != 0 || bitmap.guard().is_behind()) bitmap.set_dirty(1);
   }
+  if (must_ask) snbf_sched_write_dirty_flag(node, type);
+  wake_parking(node);
   return rc;
 }
 
 int snbf_block_save_dirty_bmps(FilterNode& node) {
   snbf_log(1, "%s(): Saving dirty incr/diff bitmaps to disk", "snbf_block_save_dirty_bmps");
+  let_parked_writes_go(node);
+  ServesWrites serving;
   KsMutexGuard file_work{node.bmp_mutex};
   int incr_rc = 0;
   int diff_rc = 0;
@@ -264,9 +295,20 @@ int snbf_block_write_dirty_flag(FilterNode& node, u32 type, int flag) {
            "snbf_block_write_dirty_flag", flag, bmp_type_text(type), snbf_blk_major,
            static_cast<int>(node.minor));
   const ChangeBitmap bitmap{node, type};
+  ServesWrites serving;
   KsMutexGuard file_work{node.bmp_mutex};
   if (flag == 0) snbf_kill_dirty_requests(node, type);
-  return write_flag_locked(bitmap, flag);
+  const int rc = write_flag_locked(bitmap, flag);
+  if (flag == 0) return rc;
+  {
+    SpinGuard hold{bitmap.node.bmp_spin};
+    bitmap.guard().request_is_gone();
+    if (rc == 0) bitmap.guard().flag_is_on_disk();
+    // Not for as long as the file lies there: nothing is gained by waiting.
+    if (rc == -EINVAL) bitmap.guard().give_up();
+  }
+  wake_parking(node);
+  return rc;
 }
 
 int snbf_ioctl_load_bmp(Node& node, snbf_bmp_sel& record) {

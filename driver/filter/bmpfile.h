@@ -4,9 +4,8 @@
 // A file, all little-endian: 0 "SNBFBMP", 7 dirty byte, 8 size of the bitmap in bytes, 12 checksum,
 // 16 the bitmap. Its life:
 //   1. a full save writes all of it, with a dirty byte of 0;
-//   2. the first bit set after that makes kdirtyd cut it down to the magic and a dirty byte of 1:
-//   what it held
-//      is no longer true, and a load must not accept it;
+//   2. the first bit set after that makes kdirtyd cut it down to the magic and a dirty byte of 1, before its
+//      write reaches the partition: what it held is no longer true, and a load must not accept it;
 //   3. the next save makes it whole again.
 // What cannot be verified is not trusted: the bitmap then becomes all ones and must be saved.
 //

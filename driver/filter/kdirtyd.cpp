@@ -6,6 +6,7 @@
 #include "core/memory.h"
 #include "filter/bmp.h"
 #include "filter/bmpfile.h"
+#include "util/path.h"
 
 namespace snbf {
 
@@ -18,6 +19,8 @@ struct snbf_dirty_req : ListLink<InReqList> {
   FilterNode* node = nullptr;
   u32 bmp_type = 0;
 };
+
+constexpr int kMaxChain = 4;
 
 constinit SpinLock req_spin;
 constinit List<snbf_dirty_req, InReqList> req_list;  // oldest first
@@ -48,11 +51,64 @@ void drop(snbf_dirty_req* request) {
   snbf_plat_heap_free(request);
 }
 
+// A filter node, with a hold on its record, on which the file's file system lies; null if it lies on none.
+FilterNode* hold_node_below(const FilterNode& node, u32 type) {
+  const plat_devt device =
+      snbf_get_file_devt(type == SNBF_BMP_INCR ? node.incr_bmp_fname : node.diff_bmp_fname);
+  if (dev_major(device) != static_cast<u32>(snbf_blk_major)) return nullptr;
+  KsReadGuard table{snbf_blkdev_rwlock};
+  Node* below = find_node(dev_minor(device));
+  if (below == nullptr || below->dev_type != kFilterNode || below == &node) return nullptr;
+  as_filter(*below).holders.fetch_add(1);
+  return &as_filter(*below);
+}
+
+void raise_flag(FilterNode& node, u32 type) {
+  const ChangeBitmap bitmap{node, type};
+  KsMutexGuard file_work{node.bmp_mutex};
+  {
+    SpinGuard hold{bitmap.node.bmp_spin};
+    if (bitmap.guard().is_guarded()) return;
+    // The file is about to show nothing of it.
+    bitmap.set_dirty(1);
+  }
+  snbf_block_write_dirty_flag(node, type, 1);
+}
+
+// What this thread writes into a file on another node would wait there for a flag that only this thread
+// raises. So the flags of that node come first, and before them those of the node below it. In a ring there is
+// no first: the limit of the parked writes ends it.
+void raise_flags_below(const FilterNode& node, u32 type) {
+  FilterNode* chain[kMaxChain];
+  int length = 0;
+  const FilterNode* above = &node;
+  while (length < kMaxChain) {
+    FilterNode* below = hold_node_below(*above, type);
+    if (below == nullptr) break;
+    chain[length++] = below;
+    above = below;
+  }
+  while (length > 0) {
+    FilterNode* below = chain[--length];
+    raise_flag(*below, SNBF_BMP_INCR);
+    raise_flag(*below, SNBF_BMP_DIFF);
+    put_filter_node(*below);
+  }
+}
+
 // A save may cancel the request while this thread waits for the mutex: hence the second look.
 void serve(snbf_dirty_req& request) {
   if (!is_valid(request)) return;
+  raise_flags_below(*request.node, request.bmp_type);
   KsMutexGuard file_work{request.node->bmp_mutex};
   if (is_valid(request)) snbf_block_write_dirty_flag(*request.node, request.bmp_type, 1);
+}
+
+// Whoever waits for the flag may ask again.
+void forget_request(FilterNode& node, u32 type) {
+  const ChangeBitmap bitmap{node, type};
+  SpinGuard hold{bitmap.node.bmp_spin};
+  bitmap.guard().request_is_gone();
 }
 
 bool has_requests(const FilterNode& node) {
@@ -135,6 +191,7 @@ int snbf_sched_write_dirty_flag(FilterNode& node, u32 type) {
   auto* request = heap_new<snbf_dirty_req>(PLAT_ALLOC_NOIO);
   if (request == nullptr) {
     snbf_log(kLogError, "%s(): Memory allocation failure", kOrigin);
+    forget_request(node, type);
     return -ENOMEM;
   }
   request->valid = 1;
@@ -154,11 +211,14 @@ int snbf_kill_dirty_requests(FilterNode& node, u32 type) {
   snbf_log(2, "%s(): Killing all dirty requests for %s bitmap of snbf(%d, %d)",
            "snbf_kill_dirty_requests", bmp_type_text(type), snbf_blk_major,
            static_cast<int>(node.minor));
-  SpinGuard hold{req_spin};
-  for (snbf_dirty_req* request = req_list.first(); request != nullptr;
-       request = List<snbf_dirty_req, InReqList>::next(request)) {
-    if (request->node == &node && request->bmp_type == type) request->valid = 0;
+  {
+    SpinGuard hold{req_spin};
+    for (snbf_dirty_req* request = req_list.first(); request != nullptr;
+         request = List<snbf_dirty_req, InReqList>::next(request)) {
+      if (request->node == &node && request->bmp_type == type) request->valid = 0;
+    }
   }
+  forget_request(node, type);
   return 0;
 }
 

@@ -113,19 +113,40 @@ int pass_in_place(FilterNode& filter, Request& request) {
   return 0;
 }
 
+// From behind the marking. The request's filter is held for reading.
+[[gnu::always_inline]] inline int route_marked(FilterNode& filter, Request& request) {
+  const bool has_data = request.info.size_bytes >= kSectorBytes;
+  // A write that nobody could wait for must be known to the tracker, should a snap start meanwhile.
+  const bool is_traceless = !filter.can_drain || snbf_plat_bio_may_be_parked(request.bio) != 0;
+  const bool as_clone = !filter.snaps.empty() || (request.info.is_write && is_traceless);
+  if (has_data && as_clone) return route_beside_snaps(filter, request);
+  return pass_in_place(filter, request);
+}
+
 int route_filter(FilterNode& filter, Request& request) {
   if (filter.io_rwlock.has_waiting_writer() && !is_cow_thread()) {
     filter.io_rwlock.pause_for_writer();
   }
   KsReadGuard io{filter.io_rwlock};
   filter.io_req_cnt.fetch_add(1);
-  const bool has_data = request.info.size_bytes >= kSectorBytes;
-  if (has_data && request.info.is_write) mark_extents(filter, request.sectors());
-  // A write that nobody could wait for must be known to the tracker, should a snap start meanwhile.
-  const bool is_traceless = !filter.can_drain || snbf_plat_bio_may_be_parked(request.bio) != 0;
-  const bool as_clone = !filter.snaps.empty() || (request.info.is_write && is_traceless);
-  if (has_data && as_clone) return route_beside_snaps(filter, request);
-  return pass_in_place(filter, request);
+  const bool is_marked = request.info.is_write && request.info.size_bytes >= kSectorBytes;
+  if (is_marked && !mark_extents(filter, request.sectors(), request.bio)) return 0;  // parked
+  return route_marked(filter, request);
+}
+
+[[gnu::noinline]] int refuse_stopped(const Node& node) {
+  snbf_log(kLogError, "%s(): I/O request for snbf(%d, %d), which is in STOPPED state.", kOrigin,
+           snbf_blk_major, static_cast<int>(node.minor));
+  return -EIO;
+}
+
+// It has been counted as it came. Its bits are set again only where a command has taken them away since:
+// the change that they stood for is still to come.
+int route_again(FilterNode& filter, Request& request) {
+  if (filter.started.load() == 0) return refuse_stopped(filter);
+  KsReadGuard io{filter.io_rwlock};
+  if (!mark_extents(filter, request.sectors(), request.bio)) return 0;  // parked again
+  return route_marked(filter, request);
 }
 
 int refuse_broken_snap(const SnapNode& snap) {
@@ -176,11 +197,7 @@ int route(Request& request) {
              static_cast<int>(request.minor()));
     return -EINVAL;
   }
-  if (node->started.load() == 0) {
-    snbf_log(kLogError, "%s(): I/O request for snbf(%d, %d), which is in STOPPED state.", kOrigin,
-             snbf_blk_major, static_cast<int>(node->minor));
-    return -EIO;
-  }
+  if (node->started.load() == 0) [[unlikely]] return refuse_stopped(*node);
   switch (node->dev_type) {
     case kFilterNode:
       return route_filter(as_filter(*node), request);
@@ -191,7 +208,29 @@ int route(Request& request) {
   }
 }
 
+// Behind the routing: no lock is held any more.
+[[gnu::always_inline]] inline void hand_over(Request& request, int rc) {
+  if (request.pass_to != nullptr) {
+    // A device whose queue is full holds its sender here, where he holds up nobody. The count keeps the record.
+    snbf_plat_bio_forward(request.bio, request.pass_to->hdd_bdev);
+    request.pass_to->entering.fetch_sub(1);
+    return;
+  }
+  // A request that was passed on or queued is no longer ours to look at; only these errors leave it
+  // here.
+  if (rc < 0) snbf_plat_bio_complete(request.bio, rc);
+}
+
 }  // namespace
+
+void continue_parked_write(FilterNode& filter, plat_bio* bio) {
+  Request request = {bio, {}};
+  snbf_plat_bio_info(bio, &request.info);
+  snbf_blkdev_rwlock.read_lock();
+  const int rc = route_again(filter, request);
+  snbf_blkdev_rwlock.read_unlock();
+  hand_over(request, rc);
+}
 
 bool must_hold_write(FilterNode& filter, const SectorRange& sectors) {
   using Snaps = List<SnapNode, BySnapOrder>;
@@ -235,14 +274,6 @@ extern "C" int snbf_make_request(void* /*queue*/, plat_bio* bio) {
   snbf_blkdev_rwlock.read_lock();
   const int rc = route(request);
   snbf_blkdev_rwlock.read_unlock();
-  if (request.pass_to != nullptr) {
-    // A device whose queue is full holds its sender here, where he holds up nobody. The count keeps the record.
-    snbf_plat_bio_forward(bio, request.pass_to->hdd_bdev);
-    request.pass_to->entering.fetch_sub(1);
-    return 0;
-  }
-  // A request that was passed on or queued is no longer ours to look at; only these errors leave it
-  // here.
-  if (rc < 0) snbf_plat_bio_complete(bio, rc);
+  hand_over(request, rc);
   return 0;
 }

@@ -12,6 +12,10 @@ namespace snbf {
 // for reading.
 bool must_hold_write(FilterNode& filter, const SectorRange& sectors);
 
+// Sends a write on that was parked and is in no list any more, as its own submitter would have; or fails
+// it, if the node has been stopped meanwhile. No lock is held; may sleep.
+void continue_parked_write(FilterNode& filter, plat_bio* bio);
+
 // The minor that held requests are tagged with: of the newest started snap; 0 if there is none.
 int newest_started_minor(const FilterNode& filter);
 

@@ -57,6 +57,7 @@ class BareFilter {
     node->extent_cnt = extent_count;
     node->bmp_mutex.init();
     node->bmp_spin.init("bmp_spin");
+    init_parking(*node);
     node->incr_bmp_size = node->diff_bmp_size = ((extent_count - 1) >> 3) + 1;
     node->incr_bmp = static_cast<u32*>(snbf_plat_virt_alloc(node->incr_bmp_size));
     node->diff_bmp = static_cast<u32*>(snbf_plat_virt_alloc(node->diff_bmp_size));

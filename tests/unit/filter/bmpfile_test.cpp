@@ -43,6 +43,12 @@ void set_incr(BareFilter& filter, const Bytes& bits) {
   std::memcpy(filter.node->incr_bmp, bits.data(), bits.size());
 }
 
+u64 first_clear(const Bytes& bits) {
+  u64 extent = 0;
+  while ((bits[extent / 8] >> extent % 8 & 1) != 0) ++extent;
+  return extent;
+}
+
 // What every distrusted file comes to.
 void expect_distrust(Sim& sim, BareFilter& filter, int error, const std::string& message) {
   filter.fill(0, 0);
@@ -103,16 +109,20 @@ SIM_TEST(SaveBitmap, AFileThatDoesNotOpenLeavesItDirty) {
   EXPECT_EQ(filter.incr_dirty(), 1);
 }
 
-// With the dirty field up no later write would raise the flag of the file that is still there.
-SIM_TEST(SaveBitmap, OneThatCannotOpenItsFileHasTheOldFileDistrusted) {
+// The dirty field is up already; what counts is the file, which is still there.
+SIM_TEST(SaveBitmap, AfterOneThatCannotOpenItsFileTheNextWriteRaisesTheFlag) {
   BareFilter filter(sim, kExtents);
   set_incr(filter, pattern(1));
   ASSERT_EQ(snbf_block_save_bmp(*filter.node, SNBF_BMP_INCR), 0);
   ASSERT_EQ(contents(sim, kIncr), image(pattern(1)));
   sim.fail_nth(Fault::FileOpen, 1, -EPERM);
   EXPECT_EQ(snbf_block_save_bmp(*filter.node, SNBF_BMP_INCR), -EIO);
+  ASSERT_EQ(filter.incr_dirty(), 1);
+  const u64 unset = first_clear(pattern(1));
+  EXPECT_FALSE(mark_extents(*filter.node, {Sector{8 * unset}, 8}));
   ASSERT_EQ(snbf_yield_to_dirty_requests(*filter.node, 10), 0);
   EXPECT_EQ(contents(sim, kIncr).size(), 8u);
+  EXPECT_TRUE(mark_extents(*filter.node, {Sector{0}, 8 * kExtents}));
 }
 
 // Whichever write fails: the error is answered, the bitmap stays dirty, and no load accepts what is

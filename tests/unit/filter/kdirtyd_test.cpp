@@ -100,6 +100,7 @@ SIM_TEST(DirtyRequest, ThatASaveCancelsIsSkipped) {
 SIM_TEST(DirtyRequest, CancellingMeansOneBitmapOfOneNode) {
   BareFilter filter(sim, 64);
   auto other = std::make_unique<FilterNode>();
+  other->bmp_spin.init("bmp_spin");
   {
     KsMutexGuard file_work{filter.node->bmp_mutex};
     // The first occupies the thread; the others are cancelled in the queue.

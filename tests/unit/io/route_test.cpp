@@ -91,6 +91,7 @@ class Routes {
   void expect_held(Op op, u64 sector, u32 bytes, int tag, u32 minor = kFilter) {
     const int before = held();
     Io io = send(op, sector, bytes, minor);
+    sim.wait_until([&] { return held() != before || io.done(); });  // it may wait for its flag first
     ASSERT_EQ(held(), before + 1);
     EXPECT_FALSE(io.done());
     if (op != Op::Read) {

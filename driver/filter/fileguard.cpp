@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "filter/fileguard.h"
+
+namespace snbf {
+
+u64 FileGuard::honest_limit() const { return saves_ != 0 && pending_ < file_ ? pending_ : file_; }
+
+u64 FileGuard::begin_save() {
+  // Several saves may be under way, and the one with the oldest snapshot may be the last to write.
+  if (saves_++ == 0) pending_ = marks_;
+  settle();
+  return marks_;
+}
+
+bool FileGuard::end_save(u64 snapshot, FileState state) {
+  --saves_;
+  if (state == FileState::Whole) {
+    file_ = snapshot;
+    given_up_ = false;
+  } else if (state == FileState::Unknown && snapshot < file_) {
+    file_ = snapshot;
+  }
+  settle();
+  if (marks_ <= honest_limit()) {
+    wanted_ = false;
+    return false;
+  }
+  return saves_ == 0 && wanted_ && ask_for_flag();
+}
+
+void FileGuard::flag_is_on_disk() {
+  file_ = kNoFile;
+  given_up_ = false;
+  if (saves_ == 0) wanted_ = false;
+  settle();
+}
+
+void FileGuard::file_is_unknown() {
+  ++marks_;
+  file_ = 0;
+  settle();
+}
+
+void FileGuard::file_was_loaded(FileState state) {
+  const bool was_whole = was_loaded_ && file_ != kNoFile;
+  was_loaded_ = true;
+  ++marks_;
+  file_ = 0;
+  if (state == FileState::Whole) {
+    file_ = marks_;
+    given_up_ = false;
+  } else if (state == FileState::NoWhole && !was_whole) {
+    file_ = kNoFile;
+  }
+  settle();
+}
+
+void FileGuard::give_up() {
+  given_up_ = true;
+  settle();
+}
+
+bool FileGuard::ask_for_flag() {
+  if (requested_) return false;
+  requested_ = true;
+  return true;
+}
+
+}  // namespace snbf

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Writes that wait for the dirty flag of a bitmap file.
+//
+// The life of a parked write:
+//   1. The request path has marked it, and finds that a whole file on disk lacks something. In the
+//   same
+//      holding of bmp_spin it puts the write at the end of the node's list, and queues a request
+//      for the flag unless one is queued. The submitter goes on; nothing is allocated for the
+//      write.
+//   2. kdirtyd writes the flag, or a save writes a file that lacks nothing: the node's worker
+//   wakes.
+//   3. The worker takes the list and sends each write on under fresh locks, from behind its
+//   marking.
+//      Only bits that a command has taken away meanwhile are set again, which may park it again.
+//
+// The worker does no file work, so that it is there for the end: after kFlagLimitMs the writes go
+// on as if the flag were raised, and an error line says so. A file that lies on another node, whose
+// own flag must be raised for it, keeps kdirtyd from serving that one: after kHelpAfterMs the
+// worker asks a second thread of the node, which raises the node's flags itself.
+//
+// Stop, deletion and unload wait until no write is parked, and so does a snap's start for its
+// instant.
+#pragma once
+
+#include "base/atomic.h"
+#include "base/thread_annotations.h"
+#include "core/sync.h"
+#include "platform/block.h"
+
+namespace snbf {
+
+struct FilterNode;
+
+constexpr u32 kFlagLimitMs = 10000;
+constexpr u32 kHelpAfterMs = 100;
+
+struct Parking {
+  // The list, linked through the requests; under the node's bmp_spin.
+  plat_bio* first = nullptr;
+  plat_bio* last = nullptr;
+  u64 since_ms = 0;  // the first of the list
+
+  Atomic<int> writes;  // in the list, or on their way out of it
+  WaitQueue worker_wait;
+  WaitQueue helper_wait;
+  WaitQueue empty_wait;
+  Atomic<int> stop;
+  Atomic<int> help_wanted;
+  Atomic<int> helper_ended;
+  plat_completion worker_ended = {};
+};
+
+// Before anything else here, for a record that nobody knows yet.
+void init_parking(FilterNode& node);
+// The node's two threads: 0 or the error of a start. May sleep.
+int start_parking(FilterNode& node);
+// Nobody parks any more. The worker sends on or fails what is left, and ends; a helper whose file
+// work hangs is waited for as long as kdirtyd is. May sleep.
+void end_parking(FilterNode& node);
+// Before the driver's text goes: every thread that end_parking left behind has ended. May sleep.
+void wait_for_parking_threads();
+
+// Step 1. bmp_spin is held; wake_parking follows behind it.
+void park(FilterNode& node, plat_bio* bio);
+// After a change of a guard. Any lock but bmp_spin may be held.
+void wake_parking(FilterNode& node);
+// False: writes are still parked after `limit_ms`. Neither bmp_mutex nor io_rwlock is held. May
+// sleep.
+bool wait_for_parked(FilterNode& node, u32 limit_ms);
+
+}  // namespace snbf

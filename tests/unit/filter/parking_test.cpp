@@ -1,0 +1,316 @@
+#include "filter/parking.h"
+
+#include "driver_rig.h"
+#include "filter/bmp.h"
+
+namespace snbf::sim {
+namespace {
+
+constexpr u32 kFilter = 3;
+constexpr const char* kGaveUp =
+    "kparkd(): The dirty flag of snbf(100, 3) could not be raised within 10 seconds. "
+    "Its writes go on without it.";
+const Bytes kFlagged = {'S', 'N', 'B', 'F', 'B', 'M', 'P', 1};
+
+// A started node over sda1 with extents of 4 KiB; its files lie on a file system of a device of its
+// own, /store.
+class Node3 {
+ public:
+  explicit Node3(Sim& kernel) : sim(kernel) {
+    load_with_partition(sim);
+    store = sim.add_device({.name = "sdb1", .bytes = 4 << 20});
+    EXPECT_EQ(sim.mount(sim.add_fs("store", store->number()), "/store"), 0);
+    snbf_filter_node_cmd record = filter_record("/dev/sda1", kFilter, 4096, "/store");
+    EXPECT_EQ(add_filter(sim, record), 0);
+    EXPECT_EQ(start_node(sim, kFilter), 0);
+    node = filter_at(kFilter);
+    disk = sim.device("sda1");
+    for (u32 type : {0u, 1u}) EXPECT_EQ(select(SNBF_CLR_BMP, type), 0);
+    sim.log().clear();
+    disk->clear_history();
+  }
+  ~Node3() {
+    store->release_all();
+    sim.join_all();
+    EXPECT_EQ(sim.unload_driver(), 0);
+  }
+
+  int select(u32 command, u32 type) {
+    snbf_bmp_sel record = {kFilter, type};
+    return sim.ioctl(command, &record, sizeof(record));
+  }
+  Io write(u64 extent, u32 bytes = 4096) {
+    return sim.submit(kNode(kFilter),
+                      {.op = Op::Write, .sector = extent * 8, .data = Bytes(bytes, 0x5A)});
+  }
+  Bytes file(const char* suffix) {
+    Bytes data;
+    sim.peek_file(std::string("/store/snbf3.") + suffix, &data);
+    return data;
+  }
+  bool is_set(u64 extent) {
+    SpinGuard hold{node->bmp_spin};
+    return (reinterpret_cast<const u8*>(node->incr_bmp)[extent / 8] >> extent % 8 & 1) != 0;
+  }
+  u64 reached() const { return disk->counts().writes; }
+
+  Sim& sim;
+  FilterNode* node;
+  Device* disk;
+  Device* store;
+};
+
+SIM_TEST_SEEDS(Parking, TheFirstWriteAfterASaveReachesThePartitionBehindItsFlags, 20) {
+  Node3 rig(sim);
+  const Io io = rig.write(7);
+  EXPECT_EQ(io.wait(), 0);
+  EXPECT_EQ(rig.file("incr"), kFlagged);
+  EXPECT_EQ(rig.file("diff"), kFlagged);
+  u64 flags_us = 0;
+  for (const Device::Seen& seen : rig.store->history()) {
+    if (seen.op != Op::Read && seen.done_us <= io.done_at_us())
+      flags_us = std::max(flags_us, seen.done_us);
+  }
+  EXPECT_GE(rig.disk->history().back().sent_us, flags_us);
+}
+
+SIM_TEST(Parking, TheSubmitterGoesOn) {
+  Node3 rig(sim);
+  rig.store->hold(true);
+  const u64 before_us = sim.now_us();
+  std::vector<Io> writes;
+  for (u64 extent = 0; extent < 20; ++extent) writes.push_back(rig.write(extent));
+  EXPECT_LT(sim.now_us() - before_us, 100'000u);
+  EXPECT_EQ(rig.node->parking.writes.load(), 20);
+  sim.sleep_us(3'000'000);
+  EXPECT_EQ(rig.reached(), 0u);
+  // What does not change anything goes past them.
+  Bytes data;
+  EXPECT_EQ(sim.read(kNode(kFilter), 800, 4096, &data), 0);
+  EXPECT_EQ(sim.flush(kNode(kFilter)), 0);
+  rig.store->hold(false);
+  rig.store->release_all();
+  for (const Io& io : writes) EXPECT_EQ(io.wait(), 0);
+  EXPECT_FALSE(sim.log().has_errors());
+  EXPECT_EQ(rig.reached(), 20u);
+}
+
+// Its bit is set, but by a write that waits itself.
+SIM_TEST(Parking, AWriteOfAnExtentThatIsMarkedWaitsToo) {
+  Node3 rig(sim);
+  rig.store->hold(true);
+  const Io first = rig.write(5);
+  const Io second = rig.write(5);
+  sim.sleep_us(1'000'000);
+  EXPECT_EQ(rig.reached(), 0u);
+  rig.store->hold(false);
+  rig.store->release_all();
+  EXPECT_EQ(first.wait(), 0);
+  EXPECT_EQ(second.wait(), 0);
+}
+
+SIM_TEST(Parking, BehindTheFlagAndForBitsThatTheFileHasNothingWaits) {
+  Node3 rig(sim);
+  EXPECT_EQ(rig.write(5).wait(), 0);
+  rig.store->hold(true);
+  EXPECT_EQ(rig.write(6).wait(), 0);  // the flags are up
+  rig.store->hold(false);
+  rig.store->release_all();
+  for (u32 type : {0u, 1u}) ASSERT_EQ(rig.select(SNBF_SAVE_BMP, type), 0);
+  rig.store->hold(true);
+  EXPECT_EQ(rig.write(5).wait(), 0);  // it is in both files
+  EXPECT_EQ(rig.write(6).wait(), 0);
+  EXPECT_EQ(rig.node->parking.writes.load(), 0);
+  rig.store->hold(false);
+}
+
+SIM_TEST(Parking, AfterTenSecondsTheWritesGoOnAndALineSaysSo) {
+  Node3 rig(sim);
+  rig.store->hold(true);
+  const u64 before_us = sim.now_us();
+  const Io early = rig.write(1);
+  sim.sleep_us(4'000'000);
+  const Io late = rig.write(2);
+  EXPECT_EQ(early.wait(), 0);
+  EXPECT_EQ(late.wait(), 0);
+  EXPECT_GE(early.done_at_us() - before_us, 9'990'000u);
+  EXPECT_LT(late.done_at_us() - before_us, 11'000'000u);
+  EXPECT_EQ(sim.log().count(kGaveUp, 3), 1);
+  // From now on nobody waits, until the store is back.
+  const u64 given_up_us = sim.now_us();
+  EXPECT_EQ(rig.write(3).wait(), 0);
+  EXPECT_LT(sim.now_us() - given_up_us, 1'000'000u);
+  rig.store->hold(false);
+  rig.store->release_all();
+  sim.wait_until([&] { return rig.file("diff") == kFlagged; });
+  for (u32 type : {0u, 1u}) ASSERT_EQ(rig.select(SNBF_SAVE_BMP, type), 0);
+  rig.store->hold(true);
+  const Io again = rig.write(9);
+  sim.sleep_us(1'000'000);
+  EXPECT_FALSE(again.done());
+  rig.store->hold(false);
+  rig.store->release_all();
+  EXPECT_EQ(again.wait(), 0);
+  EXPECT_EQ(sim.log().count(kGaveUp), 1);
+}
+
+SIM_TEST(Parking, AFlagThatFailsIsTriedAgain) {
+  Node3 rig(sim);
+  sim.fail_nth(Fault::FileWrite, 1, -EIO);
+  EXPECT_EQ(rig.write(7).wait(), 0);
+  EXPECT_FALSE(sim.log().contains(kGaveUp));
+  EXPECT_EQ(rig.file("incr"), kFlagged);
+  EXPECT_EQ(rig.file("diff"), kFlagged);
+}
+
+SIM_TEST(Parking, ARequestThatFoundNoMemoryIsTriedAgain) {
+  Node3 rig(sim);
+  sim.fail_nth(Fault::Heap, 1);
+  EXPECT_EQ(rig.write(7).wait(), 0);
+  EXPECT_EQ(sim.log().count("snbf_sched_write_dirty_flag(): Memory allocation failure", 3), 1);
+  EXPECT_FALSE(sim.log().contains(kGaveUp));
+  EXPECT_EQ(rig.file("incr"), kFlagged);
+}
+
+// A command may have taken its bit, and have handed it out, while the change was still to come.
+SIM_TEST(Parking, AWriteWhoseBitWasTakenMeanwhileIsMarkedAgain) {
+  Node3 rig(sim);
+  rig.store->hold(true);
+  const Io io = rig.write(7);
+  sim.sleep_us(100'000);
+  ASSERT_TRUE(rig.is_set(7));
+  Task* agent = sim.spawn("agent", [&] { EXPECT_EQ(rig.select(SNBF_CLR_BMP, SNBF_BMP_INCR), 0); });
+  sim.wait_until([&] { return !rig.is_set(7); });
+  rig.store->hold(false);
+  rig.store->release_all();
+  EXPECT_EQ(io.wait(), 0);
+  sim.join(agent);
+  EXPECT_TRUE(rig.is_set(7));
+  EXPECT_EQ(rig.node->incr_guard.covers(), true);
+}
+
+SIM_TEST(Parking, StopWaitsAndSavesWhatWasParked) {
+  Node3 rig(sim);
+  rig.store->hold(true);
+  const Io io = rig.write(7);
+  Task* stopper = sim.spawn("stopper", [&] { EXPECT_EQ(stop_node(sim, kFilter), 0); });
+  sim.sleep_us(2'000'000);
+  EXPECT_NE(rig.node->started.load(), 0);
+  rig.store->hold(false);
+  rig.store->release_all();
+  sim.join(stopper);
+  EXPECT_TRUE(io.done());
+  EXPECT_EQ(io.error(), 0);
+  const Bytes file = rig.file("incr");
+  ASSERT_GT(file.size(), 16u);
+  EXPECT_EQ(file[16], 0x80);
+}
+
+// A save that is under way writes over a flag that is raised behind its snapshot.
+SIM_TEST_SEEDS(Parking, WritesAmongSavesWaitForAFlagBehindTheLast, 100) {
+  Node3 rig(sim);
+  std::vector<Task*> savers;
+  for (int i = 0; i < 2; ++i) {
+    savers.push_back(sim.spawn("saver", [&] {
+      for (int n = 0; n < 3; ++n) rig.select(SNBF_SAVE_BMP, SNBF_BMP_INCR);
+    }));
+  }
+  for (u64 extent = 1; extent < 6; ++extent) {
+    EXPECT_EQ(rig.write(extent).wait(), 0);
+    SpinGuard hold{rig.node->bmp_spin};
+    EXPECT_TRUE(rig.node->incr_guard.covers());
+  }
+  for (Task* saver : savers) sim.join(saver);
+  const Bytes file = rig.file("incr");
+  for (u64 extent = 1; extent < 6; ++extent) {
+    EXPECT_TRUE(file == kFlagged || (file[16] >> extent & 1) != 0);
+  }
+}
+
+SIM_TEST(Parking, AFailedSaveOfAFlaggedFileLetsNobodyWait) {
+  Node3 rig(sim);
+  EXPECT_EQ(rig.write(1).wait(), 0);
+  sim.fail_nth(Fault::FileOpen, 1, -EPERM);
+  EXPECT_EQ(rig.select(SNBF_SAVE_BMP, SNBF_BMP_INCR), -EIO);
+  rig.store->hold(true);
+  EXPECT_EQ(rig.write(2).wait(), 0);
+  EXPECT_EQ(rig.node->parking.writes.load(), 0);
+  rig.store->hold(false);
+}
+
+SIM_TEST(Parking, WithoutAFolderForFilesNobodyWaits) {
+  load_with_partition(sim);
+  snbf_filter_node_cmd record = filter_record("/dev/sda1", kFilter, 4096, "/nowhere");
+  ASSERT_EQ(add_filter(sim, record), 0);
+  ASSERT_EQ(start_node(sim, kFilter), 0);
+  snbf_bmp_sel sel = {kFilter, SNBF_BMP_INCR};
+  ASSERT_EQ(sim.ioctl(SNBF_CLR_BMP, &sel, sizeof(sel)), 0);
+  const u64 before_us = sim.now_us();
+  EXPECT_EQ(sim.write(kNode(kFilter), 0, Bytes(4096, 1)), 0);
+  EXPECT_LT(sim.now_us() - before_us, 1'000'000u);
+  EXPECT_EQ(sim.unload_driver(), 0);
+}
+
+// Each of the two nodes keeps the other's files: no flag is first.
+SIM_TEST(Parking, ARingEndsAtTheLimit) {
+  load_with_partition(sim);
+  sim.add_device({.name = "sdb1", .bytes = 16 << 20});
+  const auto attach = [&](const char* partition, int minor, const char* folder) {
+    snbf_filter_node_cmd record = filter_record(partition, minor, 4096, folder);
+    ASSERT_EQ(add_filter(sim, record), 0);
+    ASSERT_EQ(start_node(sim, static_cast<u32>(minor)), 0);
+  };
+  attach("/dev/sda1", 3, "/of4");
+  attach("/dev/sdb1", 4, "/of3");
+  ASSERT_EQ(sim.mount(sim.add_fs("of3", kNode(3)), "/of3"), 0);
+  ASSERT_EQ(sim.mount(sim.add_fs("of4", kNode(4)), "/of4"), 0);
+  const auto clear = [&](u32 minor, u32 type) {
+    snbf_bmp_sel sel = {minor, type};
+    ASSERT_EQ(sim.ioctl(SNBF_CLR_BMP, &sel, sizeof(sel)), 0);
+  };
+  for (u32 type : {0u, 1u}) clear(3, type), clear(4, type);
+  const u64 before_us = sim.now_us();
+  EXPECT_EQ(sim.write_file("/of3/file", Bytes(4096, 1), true), 0);
+  EXPECT_EQ(sim.write_file("/of4/file", Bytes(4096, 1), true), 0);
+  EXPECT_LT(sim.now_us() - before_us, 60'000'000u);
+  EXPECT_EQ(sim.unmount(sim.fs("of3")), 0);
+  EXPECT_EQ(sim.unmount(sim.fs("of4")), 0);
+  EXPECT_EQ(sim.unload_driver(), 0);
+}
+
+// A command writes a file of node 3 into the file system on node 4, whose flag is down; kdirtyd
+// waits for that command's mutex, with a request of node 3, while the one of node 4 stands behind
+// it.
+SIM_TEST_SEEDS(Parking, ANodeRaisesItsOwnFlagWhereKdirtydWaitsForIt, 20) {
+  load_with_partition(sim);
+  sim.add_device({.name = "sdb1", .bytes = 16 << 20});
+  snbf_filter_node_cmd below = filter_record("/dev/sdb1", 4, 4096, "/var/bmp");
+  ASSERT_EQ(add_filter(sim, below), 0);
+  ASSERT_EQ(start_node(sim, 4), 0);
+  ASSERT_EQ(sim.mount(sim.add_fs("upper", kNode(4)), "/upper"), 0);
+  snbf_filter_node_cmd above = filter_record("/dev/sda1", 3, 4096, "/upper");
+  ASSERT_EQ(add_filter(sim, above), 0);
+  ASSERT_EQ(start_node(sim, 3), 0);
+  const auto command = [&](u32 minor, u32 type) {
+    snbf_bmp_sel sel = {minor, type};
+    EXPECT_EQ(sim.ioctl(SNBF_CLR_BMP, &sel, sizeof(sel)), 0);
+  };
+  for (int round = 0; round < 10; ++round) {
+    std::vector<Task*> tasks;
+    for (u32 type : {0u, 1u}) {
+      tasks.push_back(sim.spawn("agent", [&, type] { command(3, type); }));
+      tasks.push_back(sim.spawn("agent", [&, type] { command(4, type); }));
+    }
+    tasks.push_back(sim.spawn("writer", [&] {
+      for (int i = 0; i < 5; ++i)
+        EXPECT_EQ(sim.write(kNode(3), sim.random(4000) * 8, Bytes(4096, 1)), 0);
+    }));
+    for (Task* task : tasks) sim.join(task);
+  }
+  EXPECT_FALSE(sim.log().contains("could not be raised"));
+  EXPECT_EQ(sim.unmount(sim.fs("upper")), 0);
+  EXPECT_EQ(sim.unload_driver(), 0);
+}
+
+}  // namespace
+}  // namespace snbf::sim
