@@ -1,0 +1,246 @@
+#!/usr/bin/env python3
+"""Every power cut in a log of device-mapper's log-writes target, judged: is a bitmap file whole that lacks a change?
+
+The logged device holds the partition of node 0 in front (PART bytes) and behind it an ext4 with the node's bitmap files
+in its root folder. The log tells in which order writes became durable; each of its prefixes is what one power cut could
+leave. Marks in the log say when the judging begins and when the bitmaps were cleared, with no writer at work.
+
+Alone: replay.py LOG PART-MIB TOTAL-MIB, over the log disk of a test that has run.
+"""
+
+import collections
+import re
+import struct
+import sys
+import zlib
+
+MAGIC = 0x6a736677736872
+FLAG_DISCARD, FLAG_MARK = 4, 8
+EXTENT = 4096
+BLOCK = 4096
+JOURNAL_MAGIC = 0xC03B3998
+DESCRIPTOR, COMMIT, REVOKE = 1, 2, 5
+TAG_ESCAPED, TAG_SAME_UUID, TAG_LAST = 1, 2, 8
+
+Entry = collections.namedtuple("Entry", "offset length data mark")
+
+
+def entries(log):
+    """What a log device (an open file) tells, in order."""
+    magic, version, count, unit = struct.unpack("<QQQI", log.read(28))
+    if magic != MAGIC or version != 1:
+        raise ValueError("not a log of log-writes")
+    at = unit
+    for _ in range(count):
+        log.seek(at)
+        sector, sectors, flags, extra = struct.unpack("<QQQQ", log.read(32))
+        at += unit
+        if flags & FLAG_MARK:
+            yield Entry(0, 0, b"", log.read(extra).rstrip(b"\0").decode())
+            continue
+        if flags & FLAG_DISCARD:
+            yield Entry(sector * unit, sectors * unit, bytes(sectors * unit), "")
+            continue
+        if sectors:
+            log.seek(at)
+            yield Entry(sector * unit, sectors * unit, log.read(sectors * unit), "")
+        at += sectors * unit
+
+
+class Ext4:
+    """Files in the root folder of an ext4, made with OPTIONS, as the next mount would find them: its journal counts."""
+
+    OPTIONS = ("-b", str(BLOCK), "-I", "256", "-J", "size=4", "-N", "64",
+               "-O", "^metadata_csum,^64bit,^resize_inode,^orphan_file,^inline_data",
+               "-E", "lazy_itable_init=0,lazy_journal_init=0,nodiscard")
+
+    def __init__(self, image):
+        self.image = image
+        self.replayed = {}
+        sb = image[1024:2048]
+        self.inode_size, = struct.unpack_from("<H", sb, 88)
+        self.per_group, = struct.unpack_from("<I", sb, 40)
+        journal = self.blocks_of(8)
+        self.replayed = dict(self.replay(journal))
+
+    def block(self, number):
+        found = self.replayed.get(number)
+        return found if found is not None else self.image[number * BLOCK:(number + 1) * BLOCK]
+
+    def inode(self, number):
+        group, index = divmod(number - 1, self.per_group)
+        table, = struct.unpack_from("<I", self.block(1), group * 32 + 8)
+        at = index * self.inode_size
+        return self.block(table + at // BLOCK)[at % BLOCK:at % BLOCK + self.inode_size]
+
+    def blocks_of(self, number):
+        """Block numbers by place in the file."""
+        return self.tree(self.inode(number)[40:100])
+
+    def tree(self, node):
+        magic, count, _, depth = struct.unpack_from("<HHHH", node)
+        found = {}
+        if magic != 0xF30A:
+            return found
+        for n in range(1, count + 1):
+            if depth:
+                found.update(self.tree(self.block(struct.unpack_from("<II", node, 12 * n)[1])))
+                continue
+            first, length, high, low = struct.unpack_from("<IHHI", node, 12 * n)
+            if length <= 32768:  # else it is not written yet, and reads as zeros
+                found.update({first + k: (high << 32 | low) + k for k in range(length)})
+        return found
+
+    def replay(self, journal):
+        """(block, contents) of every transaction that is whole in the journal."""
+        def logged(at):
+            number = journal[at]
+            return self.image[number * BLOCK:(number + 1) * BLOCK]
+        length, first, sequence, at = struct.unpack_from(">IIII", logged(0), 16)
+        if at == 0:
+            return []
+        done, revoked = [], {}
+        pending, pending_revoked = [], []
+        step = lambda place: place + 1 if place + 1 < length else first
+        while True:
+            block = logged(at)
+            magic, kind, number = struct.unpack_from(">III", block)
+            if magic != JOURNAL_MAGIC or number != sequence:
+                break
+            at = step(at)
+            if kind == DESCRIPTOR:
+                tag = 12
+                while True:
+                    target, _, flags = struct.unpack_from(">IHH", block, tag)
+                    data = logged(at)
+                    if flags & TAG_ESCAPED:
+                        data = struct.pack(">I", JOURNAL_MAGIC) + data[4:]
+                    pending.append((target, sequence, bytes(data)))
+                    at = step(at)
+                    tag += 8 if flags & TAG_SAME_UUID else 24
+                    if flags & TAG_LAST:
+                        break
+            elif kind == REVOKE:
+                used, = struct.unpack_from(">I", block, 12)
+                pending_revoked += struct.unpack_from(f">{(used - 16) // 4}I", block, 16)
+            elif kind == COMMIT:
+                done += pending
+                revoked.update({target: sequence for target in pending_revoked})
+                pending, pending_revoked = [], []
+                sequence += 1
+            else:
+                break
+        return [(target, data) for target, when, data in done if revoked.get(target, -1) < when]
+
+    def names(self):
+        found = {}
+        for number in self.blocks_of(2).values():
+            folder, at = self.block(number), 0
+            while at < BLOCK:
+                inode, length, name = struct.unpack_from("<IHB", folder, at)
+                if inode:
+                    found[bytes(folder[at + 8:at + 8 + name]).decode()] = inode
+                at += max(length, 8)
+        return found
+
+    def read(self, number):
+        inode = self.inode(number)
+        size, = struct.unpack_from("<I", inode, 4)
+        blocks = self.blocks_of(number)
+        zeros = bytes(BLOCK)
+        data = b"".join(bytes(self.block(blocks[n])) if n in blocks else zeros
+                        for n in range((size + BLOCK - 1) // BLOCK))
+        return data[:size]
+
+
+def trusted(file):
+    """The extents that a bitmap file has if a load takes it over, else None."""
+    if len(file) < 16 or file[:8] != b"SNBFBMP\0":
+        return None
+    size, checksum = struct.unpack_from("<II", file, 8)
+    bits = file[16:16 + size]
+    if len(bits) != size or ~zlib.crc32(bits) & 0xffffffff != checksum:
+        return None
+    return {at * 8 + bit for at, byte in enumerate(bits) if byte for bit in range(8) if byte >> bit & 1}
+
+
+class Judge:
+    """Counts prefixes, and of each bitmap file in them what it was."""
+
+    NAMES = ("snbf0.diff", "snbf0.incr")
+
+    def __init__(self, part_bytes, total_bytes):
+        self.part = part_bytes
+        self.store = bytearray(total_bytes - part_bytes)
+        self.changed = set()
+        self.clearing = False
+        self.judging = False
+        self.files = None
+        self.prefixes = 0
+        self.counts = collections.Counter()
+        self.lacking = []
+
+    def take(self, entry):
+        if entry.mark:
+            self.take_mark(entry.mark)
+            return
+        if entry.offset < self.part:
+            if self.judging:
+                last = (entry.offset + entry.length - 1) // EXTENT
+                self.changed.update(range(entry.offset // EXTENT, last + 1))
+        else:
+            at = entry.offset - self.part
+            self.store[at:at + entry.length] = entry.data
+            self.files = None
+        if self.judging:
+            self.judge()
+
+    def take_mark(self, mark):
+        if mark == "begin":
+            self.judging = True
+        elif mark == "end":
+            self.judging = False
+        elif mark == "clearing":
+            self.clearing = True
+        elif mark == "cleared":
+            self.clearing = False
+            self.changed.clear()
+
+    def judge(self):
+        self.prefixes += 1
+        if self.files is None:
+            fs = Ext4(self.store)
+            names = fs.names()
+            self.files = [trusted(fs.read(names[name])) if name in names else None for name in self.NAMES]
+        for name, bits in zip(self.NAMES, self.files):
+            if bits is None:
+                self.counts["not whole"] += 1
+            elif self.changed <= bits:
+                self.counts["covering"] += 1
+            elif self.clearing and not bits:
+                self.counts["cleared"] += 1
+            else:
+                self.counts["lacking"] += 1
+                self.lacking.append(f"prefix {self.prefixes}: {name} lacks {sorted(self.changed - bits)[:8]}")
+
+
+def judge_log(path, part_bytes, total_bytes):
+    judge = Judge(part_bytes, total_bytes)
+    with open(path, "rb") as log:
+        for entry in entries(log):
+            judge.take(entry)
+    return judge
+
+
+def main():
+    if len(sys.argv) != 4 or not all(re.fullmatch(r"\d+", word) for word in sys.argv[2:]):
+        sys.exit("usage: replay.py LOG PART-MIB TOTAL-MIB")
+    judge = judge_log(sys.argv[1], int(sys.argv[2]) << 20, int(sys.argv[3]) << 20)
+    print(f"{judge.prefixes} prefixes: {dict(judge.counts)}")
+    for line in judge.lacking[:20]:
+        print(line)
+    sys.exit(1 if judge.lacking else 0)
+
+
+if __name__ == "__main__":
+    main()
