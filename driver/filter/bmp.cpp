@@ -73,46 +73,45 @@ bool mark(u32* bitmap, int& dirty, FileGuard& guard, u64 extent) {
 }
 
 // What one holding of bmp_spin leaves to be done without it.
-struct Marked {
-  bool ask_incr;
-  bool ask_diff;
-  bool must_wait;
-};
+constexpr unsigned kAskIncr = 1;
+constexpr unsigned kAskDiff = 2;
+constexpr unsigned kMustWait = 4;
 
 // The write has to wait for the flags of the files that lack something.
-[[gnu::noinline]] void wait_for_flags(FilterNode& node, Marked& marked, plat_bio* write)
+[[gnu::noinline]] unsigned wait_for_flags(FilterNode& node, plat_bio* write)
     REQUIRES(node.bmp_spin) {
   const auto wants_request = [](FileGuard& guard) {
     if (guard.covers()) return false;
     guard.want_flag();
     return guard.ask_for_flag();
   };
-  marked.ask_incr |= wants_request(node.incr_guard);
-  marked.ask_diff |= wants_request(node.diff_guard);
-  marked.must_wait = true;
+  unsigned left = kMustWait;
+  if (wants_request(node.incr_guard)) left |= kAskIncr;
+  if (wants_request(node.diff_guard)) left |= kAskDiff;
   if (write != nullptr) park(node, write);
+  return left;
 }
 
-[[gnu::noinline]] void ask_for_flags(FilterNode& node, Marked marked) {
-  if (marked.ask_incr) snbf_sched_write_dirty_flag(node, SNBF_BMP_INCR);
-  if (marked.ask_diff) snbf_sched_write_dirty_flag(node, SNBF_BMP_DIFF);
-  if (marked.must_wait) wake_parking(node);
+[[gnu::noinline]] void do_what_is_left(FilterNode& node, unsigned left) {
+  if ((left & kAskIncr) != 0) snbf_sched_write_dirty_flag(node, SNBF_BMP_INCR);
+  if ((left & kAskDiff) != 0) snbf_sched_write_dirty_flag(node, SNBF_BMP_DIFF);
+  if ((left & kMustWait) != 0) wake_parking(node);
 }
 
 // Of the last extent of a write, the verdict over all of it: true if it may go on. What is not done for every write
 // stands apart, for this is on the way of each.
 [[gnu::always_inline]] inline bool mark_extent(FilterNode& node, u64 extent, bool is_last,
                                                plat_bio* write) {
-  Marked marked = {};
+  unsigned left = 0;
   {
     SpinGuard hold{node.bmp_spin};
-    marked.ask_incr = mark(node.incr_bmp, node.incr_bmp_dirty, node.incr_guard, extent);
-    marked.ask_diff = mark(node.diff_bmp, node.diff_bmp_dirty, node.diff_guard, extent);
+    if (mark(node.incr_bmp, node.incr_bmp_dirty, node.incr_guard, extent)) left |= kAskIncr;
+    if (mark(node.diff_bmp, node.diff_bmp_dirty, node.diff_guard, extent)) left |= kAskDiff;
     const bool covers = node.incr_guard.covers() && node.diff_guard.covers();
-    if (is_last && !covers) [[unlikely]] wait_for_flags(node, marked, write);
+    if (is_last && !covers) [[unlikely]] left |= wait_for_flags(node, write);
   }
-  if (marked.ask_incr || marked.ask_diff || marked.must_wait) [[unlikely]] ask_for_flags(node, marked);
-  return !marked.must_wait;
+  if (left != 0) [[unlikely]] do_what_is_left(node, left);
+  return (left & kMustWait) == 0;
 }
 
 }  // namespace

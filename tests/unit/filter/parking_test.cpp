@@ -206,6 +206,32 @@ SIM_TEST(Parking, StopWaitsAndSavesWhatWasParked) {
   EXPECT_EQ(file[16], 0x80);
 }
 
+SIM_TEST(Parking, ASnapBeginsWhenNothingIsParked) {
+  Node3 rig(sim);
+  Device* cow = sim.add_device({.name = "sdc1", .bytes = 32 << 20});
+  ASSERT_EQ(sim.mount(sim.add_fs("cow", cow->number()), "/cow"), 0);
+  snbf_snap_node_cmd record = {};
+  record.snbf_minor = kFilter;
+  record.snap_minor = 7;
+  record.chunk_size = 4096;
+  std::strcpy(record.cow_bmp_fname, "/cow/snap.bmp");
+  std::strcpy(record.cow_data_fname, "/cow/snap.data");
+  ASSERT_EQ(sim.ioctl(SNBF_ADD_SNAP_NODE, &record, sizeof(record)), 0);
+  rig.store->hold(true);
+  const Io io = rig.write(7);
+  Task* starter = sim.spawn("starter", [&] { EXPECT_EQ(start_node(sim, 7), 0); });
+  sim.sleep_us(3'000'000);
+  EXPECT_EQ(info_of(sim, 7).started, 0u);
+  rig.store->hold(false);
+  rig.store->release_all();
+  sim.join(starter);
+  EXPECT_TRUE(io.done());
+  Bytes image;
+  ASSERT_EQ(sim.read(kNode(7), 7 * 8, 4096, &image), 0);
+  EXPECT_EQ(image, Bytes(4096, 0x5A));
+  EXPECT_EQ(stop_node(sim, 7), 0);
+}
+
 // A save that is under way writes over a flag that is raised behind its snapshot.
 SIM_TEST_SEEDS(Parking, WritesAmongSavesWaitForAFlagBehindTheLast, 100) {
   Node3 rig(sim);
@@ -278,10 +304,9 @@ SIM_TEST(Parking, ARingEndsAtTheLimit) {
   EXPECT_EQ(sim.unload_driver(), 0);
 }
 
-// A command writes a file of node 3 into the file system on node 4, whose flag is down; kdirtyd
-// waits for that command's mutex, with a request of node 3, while the one of node 4 stands behind
-// it.
-SIM_TEST_SEEDS(Parking, ANodeRaisesItsOwnFlagWhereKdirtydWaitsForIt, 20) {
+// Node 4 over sdb1, its files on the root, and node 3 over sda1, its files on a file system that
+// lies on node 4.
+void stack_two_nodes(Sim& sim) {
   load_with_partition(sim);
   sim.add_device({.name = "sdb1", .bytes = 16 << 20});
   snbf_filter_node_cmd below = filter_record("/dev/sdb1", 4, 4096, "/var/bmp");
@@ -291,25 +316,114 @@ SIM_TEST_SEEDS(Parking, ANodeRaisesItsOwnFlagWhereKdirtydWaitsForIt, 20) {
   snbf_filter_node_cmd above = filter_record("/dev/sda1", 3, 4096, "/upper");
   ASSERT_EQ(add_filter(sim, above), 0);
   ASSERT_EQ(start_node(sim, 3), 0);
-  const auto command = [&](u32 minor, u32 type) {
-    snbf_bmp_sel sel = {minor, type};
-    EXPECT_EQ(sim.ioctl(SNBF_CLR_BMP, &sel, sizeof(sel)), 0);
-  };
+}
+
+void clear(Sim& sim, u32 minor, u32 type) {
+  snbf_bmp_sel sel = {minor, type};
+  EXPECT_EQ(sim.ioctl(SNBF_CLR_BMP, &sel, sizeof(sel)), 0);
+}
+
+void take_down(Sim& sim) {
+  EXPECT_EQ(sim.unmount(sim.fs("upper")), 0);
+  EXPECT_EQ(sim.unload_driver(), 0);
+}
+
+SIM_TEST(Parking, TheFlagsOfTheNodeBelowComeFirst) {
+  stack_two_nodes(sim);
+  for (u32 type : {0u, 1u}) clear(sim, 3, type);
+  for (u32 type : {0u, 1u}) clear(sim, 4, type);
+  sim.log().clear();
+  EXPECT_EQ(sim.write(kNode(3), 0, Bytes(4096, 1)), 0);
+  const std::string log = sim.log().dump();
+  const std::string line = "snbf_block_write_dirty_flag(): Writing dirty flag 1 into ";
+  const std::size_t above = log.find("bitmap of snbf(100, 3)", log.find(line));
+  for (const char* text : {"Incremental", "Differential"}) {
+    const std::size_t flag = log.find(line + text + " bitmap of snbf(100, 4)");
+    EXPECT_NE(flag, std::string::npos);
+    EXPECT_LT(flag, above);
+  }
+  EXPECT_NE(above, std::string::npos);
+  take_down(sim);
+}
+
+// A command writes a file of node 3 into the file system on node 4, whose flag is down; kdirtyd
+// waits for that command's mutex, with a request of node 3, while the one of node 4 stands behind
+// it.
+SIM_TEST_SEEDS(Parking, ANodeRaisesItsOwnFlagWhereKdirtydWaitsForIt, 20) {
+  stack_two_nodes(sim);
   for (int round = 0; round < 10; ++round) {
     std::vector<Task*> tasks;
     for (u32 type : {0u, 1u}) {
-      tasks.push_back(sim.spawn("agent", [&, type] { command(3, type); }));
-      tasks.push_back(sim.spawn("agent", [&, type] { command(4, type); }));
+      tasks.push_back(sim.spawn("agent", [this, type] { clear(sim, 3, type); }));
+      tasks.push_back(sim.spawn("agent", [this, type] { clear(sim, 4, type); }));
     }
-    tasks.push_back(sim.spawn("writer", [&] {
-      for (int i = 0; i < 5; ++i)
+    tasks.push_back(sim.spawn("writer", [this] {
+      for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(sim.write(kNode(3), sim.random(4000) * 8, Bytes(4096, 1)), 0);
+      }
     }));
     for (Task* task : tasks) sim.join(task);
   }
   EXPECT_FALSE(sim.log().contains("could not be raised"));
-  EXPECT_EQ(sim.unmount(sim.fs("upper")), 0);
+  take_down(sim);
+}
+
+// A save cancels the request; its end asks again, long before the worker would.
+SIM_TEST_SEEDS(Parking, AWriteThatASaveOvertookIsNotForgotten, 40) {
+  Node3 rig(sim);
+  Task* saver = sim.spawn("saver", [&] {
+    for (int n = 0; n < 4; ++n) EXPECT_EQ(rig.select(SNBF_SAVE_BMP, SNBF_BMP_INCR), 0);
+  });
+  for (u64 extent = 0; extent < 4; ++extent) {
+    const u64 before_us = sim.now_us();
+    EXPECT_EQ(rig.write(extent).wait(), 0);
+    EXPECT_LT(sim.now_us() - before_us, 1'000'000u);
+  }
+  sim.join(saver);
+}
+
+// The folder is hidden by the file system on the node itself: the flag of the file beneath cannot
+// be raised.
+SIM_TEST(Parking, AFlagThatCanNeverBeRaisedIsNotWaitedFor) {
+  Node3 rig(sim);
+  ASSERT_EQ(sim.mount(sim.add_fs("own", kNode(kFilter)), "/store"), 0);
+  const u64 before_us = sim.now_us();
+  EXPECT_EQ(rig.write(7).wait(), 0);
+  EXPECT_LT(sim.now_us() - before_us, 1'000'000u);
+  EXPECT_TRUE(sim.log().contains("Can't set dirty flag in /store/snbf3.incr"));
+  EXPECT_EQ(sim.unmount(sim.fs("own")), 0);
+}
+
+SIM_TEST(Parking, AFailedStartOfAThreadUndoesTheNode) {
+  load_with_partition(sim);
+  for (u64 nth : {1u, 2u}) {
+    sim.fail_nth(Fault::ThreadStart, nth, -EAGAIN);
+    EXPECT_EQ(add_filter(sim, "/dev/sda1", 3), -EAGAIN);
+    EXPECT_EQ(sim.log().count(
+                  "snbf_ioctl_add_filter_node(): Failed to start the threads of snbf3: rc=-11", 3),
+              static_cast<int>(nth));
+  }
+  EXPECT_EQ(add_filter(sim, "/dev/sda1", 3), 0);
   EXPECT_EQ(sim.unload_driver(), 0);
+}
+
+// Its file work hangs: deletion does not wait for ever, and the record lives until the thread lets
+// it go.
+SIM_TEST(Parking, DeletionDoesNotWaitForAHelperThatHangs) {
+  Node3 rig(sim);
+  rig.store->hold(true);
+  const Io io = rig.write(7);
+  EXPECT_EQ(io.wait(), 0);  // at the limit
+  // The save at the stop hangs as well, so the node goes without one.
+  {
+    SpinGuard hold{rig.node->bmp_spin};
+    rig.node->incr_bmp_dirty = rig.node->diff_bmp_dirty = 0;
+  }
+  Task* deleter = sim.spawn("deleter", [&] { EXPECT_EQ(delete_node(sim, kFilter), 0); });
+  sim.sleep_us(60'000'000);
+  rig.store->hold(false);
+  rig.store->release_all();
+  sim.join(deleter);
 }
 
 }  // namespace

@@ -1,0 +1,138 @@
+#include "filter/fileguard.h"
+
+#include <gtest/gtest.h>
+
+namespace snbf {
+namespace {
+
+using FileState = FileGuard::FileState;
+
+FileGuard saved() {
+  FileGuard guard;
+  guard.end_save(guard.begin_save(), FileState::Whole);
+  return guard;
+}
+
+TEST(FileGuard, ARecordThatKnowsOfNoFileLetsEverybodyGo) {
+  FileGuard guard;
+  guard.count_mark();
+  EXPECT_TRUE(guard.covers());
+  EXPECT_TRUE(guard.is_guarded());
+}
+
+TEST(FileGuard, ABitThatTheFileLacksKeepsWritesUntilTheFlagIsUp) {
+  FileGuard guard = saved();
+  EXPECT_TRUE(guard.covers());
+  EXPECT_FALSE(guard.is_guarded());
+  guard.count_mark();
+  EXPECT_FALSE(guard.covers());
+  guard.flag_is_on_disk();
+  EXPECT_TRUE(guard.covers());
+  guard.count_mark();
+  EXPECT_TRUE(guard.covers());
+}
+
+TEST(FileGuard, AFlagBehindASnapshotGuardsNothing) {
+  FileGuard guard = saved();
+  guard.flag_is_on_disk();
+  const u64 snapshot = guard.begin_save();
+  EXPECT_TRUE(guard.covers());
+  guard.count_mark();
+  guard.flag_is_on_disk();
+  EXPECT_FALSE(guard.covers());
+  EXPECT_FALSE(guard.is_guarded());
+  guard.end_save(snapshot, FileState::Whole);
+  EXPECT_FALSE(guard.covers());
+}
+
+// Each saver takes its snapshot before it waits for its turn.
+TEST(FileGuard, TheOlderOfTwoSnapshotsMayBeWrittenLast) {
+  FileGuard guard = saved();
+  const u64 older = guard.begin_save();
+  guard.count_mark();
+  const u64 newer = guard.begin_save();
+  guard.end_save(newer, FileState::Whole);
+  EXPECT_FALSE(guard.covers());
+  EXPECT_FALSE(guard.is_behind());
+  guard.end_save(older, FileState::Whole);
+  EXPECT_FALSE(guard.covers());
+  EXPECT_TRUE(guard.is_behind());
+}
+
+TEST(FileGuard, TheNewerSnapshotWrittenLastCoversIt) {
+  FileGuard guard = saved();
+  const u64 older = guard.begin_save();
+  guard.count_mark();
+  const u64 newer = guard.begin_save();
+  guard.end_save(older, FileState::Whole);
+  EXPECT_FALSE(guard.covers());
+  guard.end_save(newer, FileState::Whole);
+  EXPECT_TRUE(guard.covers());
+}
+
+TEST(FileGuard, AFailedSaveLeavesEitherFile) {
+  FileGuard guard = saved();
+  guard.count_mark();
+  guard.end_save(guard.begin_save(), FileState::Unknown);  // the one before may be there still
+  EXPECT_FALSE(guard.covers());
+  guard.flag_is_on_disk();
+  guard.end_save(guard.begin_save(), FileState::Unknown);  // it may have been written to its end
+  EXPECT_TRUE(guard.covers());
+  guard.count_mark();
+  EXPECT_FALSE(guard.covers());
+  guard.flag_is_on_disk();
+  guard.end_save(guard.begin_save(),
+                 FileState::NoWhole);  // the file was not touched: its flag is up
+  guard.count_mark();
+  EXPECT_TRUE(guard.covers());
+}
+
+TEST(FileGuard, WhatALoadFindsDecides) {
+  FileGuard guard;
+  guard.file_is_unknown();
+  EXPECT_FALSE(guard.covers());
+  guard.file_was_loaded(FileState::Unknown);
+  EXPECT_FALSE(guard.covers());
+  FileGuard absent;
+  absent.file_is_unknown();
+  absent.file_was_loaded(FileState::NoWhole);
+  EXPECT_TRUE(absent.is_guarded());
+  absent.file_was_loaded(FileState::Whole);
+  EXPECT_TRUE(absent.covers());
+  absent.count_mark();
+  EXPECT_FALSE(absent.covers());
+  // A whole one was there: what is seen now may not have reached the disk.
+  absent.file_was_loaded(FileState::NoWhole);
+  EXPECT_FALSE(absent.covers());
+}
+
+TEST(FileGuard, OnceGivenUpNobodyWaitsUntilTheStoreIsBack) {
+  FileGuard guard = saved();
+  guard.count_mark();
+  guard.give_up();
+  EXPECT_TRUE(guard.covers());
+  guard.end_save(guard.begin_save(), FileState::Unknown);
+  guard.count_mark();
+  EXPECT_TRUE(guard.covers());
+  const u64 snapshot = guard.begin_save();
+  guard.count_mark();
+  guard.end_save(snapshot, FileState::Whole);
+  EXPECT_FALSE(guard.covers());
+}
+
+TEST(FileGuard, OneRequestIsQueuedAtATimeAndTheEndOfASaveAsksAgain) {
+  FileGuard guard = saved();
+  const u64 snapshot = guard.begin_save();
+  guard.count_mark();
+  guard.want_flag();
+  EXPECT_TRUE(guard.ask_for_flag());
+  EXPECT_FALSE(guard.ask_for_flag());
+  guard.request_is_gone();
+  EXPECT_TRUE(guard.end_save(snapshot, FileState::Whole));
+  EXPECT_FALSE(guard.ask_for_flag());
+  // Nobody waits for what this one has.
+  EXPECT_FALSE(guard.end_save(guard.begin_save(), FileState::Whole));
+}
+
+}  // namespace
+}  // namespace snbf
