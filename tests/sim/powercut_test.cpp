@@ -167,7 +167,8 @@ class Life {
              [&] { rig_.clear(type) == 0 ? model.end_taking(nullptr) : model.cancel_taking(); });
         break;
       case 2:
-        if (rig_.merge(type, {1, 2, 3}) == 0) model.add({1, 2, 3});
+        // What a merge brings is no change of the partition: where its save fails, it is in memory alone.
+        if (rig_.merge(type, {1, 2, 3}) == 0 && !plan_.faults) model.add({1, 2, 3});
         break;
       case 3:
         rig_.load_map(type);

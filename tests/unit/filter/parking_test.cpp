@@ -264,6 +264,59 @@ SIM_TEST(Parking, AFailedSaveOfAFlaggedFileLetsNobodyWait) {
   rig.store->hold(false);
 }
 
+// The bit is set, but not by a write, and no file has it.
+SIM_TEST(Parking, AWriteWhoseBitOnlyAMergeHasSetWaits) {
+  Node3 rig(sim);
+  UserBuffer bits = sim.user(Bytes(512, 0xFF));
+  snbf_bmp_cmd record = {kFilter, SNBF_BMP_INCR, 512, 0, bits.address()};
+  sim.fail_nth(Fault::FileOpen, 1, -EPERM);
+  ASSERT_EQ(sim.ioctl(SNBF_MERGE_BMP, &record, sizeof(record)), 0);
+  ASSERT_TRUE(rig.is_set(7));
+  const Io io = rig.write(7);
+  EXPECT_EQ(io.wait(), 0);
+  EXPECT_EQ(rig.file("incr"), kFlagged);
+}
+
+// What cannot be opened may be whole: everything counts as changed in memory, and the file must not
+// say less.
+SIM_TEST(Parking, AFileThatCouldNotBeLookedAtIsFlagged) {
+  Node3 rig(sim);
+  for (u32 type : {0u, 1u}) ASSERT_EQ(rig.select(SNBF_SAVE_BMP, type), 0);
+  ASSERT_EQ(delete_node(sim, kFilter), 0);
+  sim.fail_always(Fault::FileOpen, -EPERM);
+  snbf_filter_node_cmd record = filter_record("/dev/sda1", kFilter, 4096, "/store");
+  ASSERT_EQ(add_filter(sim, record), 0);
+  sim.clear_faults();
+  ASSERT_EQ(start_node(sim, kFilter), 0);
+  EXPECT_EQ(rig.write(7).wait(), 0);
+  EXPECT_EQ(rig.file("incr"), kFlagged);
+  EXPECT_EQ(rig.file("diff"), kFlagged);
+}
+
+SIM_TEST(Parking, ASaveThatFailsWithinAFlaggedFileMakesTheNextWriteWait) {
+  Node3 rig(sim);
+  EXPECT_EQ(rig.write(1).wait(), 0);
+  sim.fail_nth(Fault::FileWrite, 5, -ENOSPC);
+  EXPECT_EQ(rig.select(SNBF_SAVE_BMP, SNBF_BMP_INCR), -ENOSPC);
+  EXPECT_NE(rig.file("incr"), kFlagged);
+  EXPECT_EQ(rig.write(2).wait(), 0);
+  EXPECT_EQ(rig.file("incr"), kFlagged);
+}
+
+// Each save takes the guard away that the flag before it gave.
+SIM_TEST_SEEDS(Parking, SavesWithoutAPauseDoNotKeepWritesForEver, 5) {
+  Node3 rig(sim);
+  bool over = false;
+  for (u32 type : {0u, 1u}) {
+    sim.spawn("saver", [&, type] {
+      while (!over) EXPECT_EQ(rig.select(SNBF_SAVE_BMP, type), 0);
+    });
+  }
+  for (u64 extent = 0; extent < 10; ++extent) EXPECT_EQ(rig.write(extent).wait(), 0);
+  over = true;
+  EXPECT_FALSE(sim.log().contains("could not be raised"));
+}
+
 SIM_TEST(Parking, WithoutAFolderForFilesNobodyWaits) {
   load_with_partition(sim);
   snbf_filter_node_cmd record = filter_record("/dev/sda1", kFilter, 4096, "/nowhere");
@@ -343,6 +396,21 @@ SIM_TEST(Parking, TheFlagsOfTheNodeBelowComeFirst) {
     EXPECT_LT(flag, above);
   }
   EXPECT_NE(above, std::string::npos);
+  take_down(sim);
+}
+
+// No write has changed it, yet the file says nothing any more: the next save must write it.
+SIM_TEST(Parking, ABitmapWhoseFlagWasRaisedForAnotherNodeIsSavedAgain) {
+  stack_two_nodes(sim);
+  for (u32 type : {0u, 1u}) clear(sim, 3, type);
+  for (u32 type : {0u, 1u}) {
+    snbf_bmp_cmd all = {4, type, 0, 0, 0};
+    ASSERT_EQ(sim.ioctl(SNBF_SET_BMP, &all, sizeof(all)), 0);
+  }
+  ASSERT_EQ(sim.proc("/proc/snbf/snbf4/incr_bmp_dirty"), "0\n");
+  EXPECT_EQ(sim.write(kNode(3), 0, Bytes(4096, 1)), 0);
+  EXPECT_EQ(sim.proc("/proc/snbf/snbf4/incr_bmp_dirty"), "1\n");
+  EXPECT_EQ(sim.proc("/proc/snbf/snbf4/diff_bmp_dirty"), "1\n");
   take_down(sim);
 }
 
