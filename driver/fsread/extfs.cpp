@@ -104,8 +104,7 @@ Claim ext4_reader_claim(plat_bdev* bdev) {
   const ExtVerdict verdict = judge_ext(super);
   switch (verdict.reader) {
     case ExtVerdict::Reader::Ext2:
-      // A superblock is read as one block of 1024 bytes there, which such a device does not do.
-      return snbf_plat_bdev_block_bytes(bdev) > ExtSuper::kBytes ? Claim::Mine : Claim::NotMine;
+      return Claim::NotMine;
     case ExtVerdict::Reader::Ext4:
       return Claim::Mine;
     case ExtVerdict::Reader::Nobody:

@@ -22,6 +22,22 @@ int snbf_bio_complete(plat_bio* bio, plat_u32 /*bytes_done*/, int /*error*/) {
 
 constexpr plat_bio_hooks kReadHooks = {snbf_bio_complete, nullptr};
 
+// Where a block lies on a device: it reads nothing but whole blocks of its own, and some drivers of
+// devices answer a smaller request with memory that is overwritten.
+struct Place {
+  u64 sector;
+  u32 bytes;
+  u32 skip;  // in front of the block
+};
+
+Place place_of(plat_bdev* bdev, s64 block, int block_bytes) {
+  const u32 unit = snbf_plat_bdev_block_bytes(bdev);
+  const u64 sector = static_cast<u64>(block * block_bytes / static_cast<s64>(kSectorBytes));
+  const u32 skip = static_cast<u32>(sector % (unit / kSectorBytes)) * kSectorBytes;
+  const u32 reach = skip + static_cast<u32>(block_bytes);
+  return {sector - skip / kSectorBytes, (reach + unit - 1) / unit * unit, skip};
+}
+
 bool read_page(plat_bdev* bdev, plat_bio* bio, u64 sector, void* page, u32 bytes) {
   plat_completion done = {};
   snbf_plat_completion_init(&done);
@@ -69,13 +85,14 @@ int snbf_bread(plat_bdev* bdev, void* to, int block_bytes, s64 first, int count)
   ScopeExit put_bio{[&] { snbf_plat_bio_put(bio); }};
   u8* into = static_cast<u8*>(to);
   for (s64 block = first; block < first + count; ++block) {
-    const u64 sector = static_cast<u64>(block * block_bytes / static_cast<s64>(kSectorBytes));
-    if (!read_page(bdev, bio, sector, page, static_cast<u32>(block_bytes))) {
+    const Place place = place_of(bdev, block, block_bytes);
+    const bool fits = place.bytes <= kPageBytes;
+    if (!fits || !read_page(bdev, bio, place.sector, page, place.bytes)) {
       snbf_log(kLogError, "%s(): Failed to read %d-byte block #%lld", kOrigin, block_bytes,
                static_cast<long long>(block));
       return -EIO;
     }
-    mem_copy(into, page, static_cast<size_t>(block_bytes));
+    mem_copy(into, static_cast<const u8*>(page) + place.skip, static_cast<size_t>(block_bytes));
     into += block_bytes;
   }
   return 0;

@@ -67,6 +67,11 @@ void Kernel::dispatch(plat_bio* bio) {
     return;
   }
   BlockDev& dev = *bio->target;
+  // Not every driver of a device refuses such a request: some read or write elsewhere.
+  if (bio->sector * 512 % dev.block_bytes != 0 || bio->bytes % dev.block_bytes != 0) {
+    fatal("request of %u bytes at sector %llu of a device of %u-byte blocks", bio->bytes,
+          static_cast<unsigned long long>(bio->sector), dev.block_bytes);
+  }
   bio->entry = dev.next_entry++;
   dev.entered.insert(bio->entry);
   if (current->plug_depth > 0) {

@@ -98,7 +98,7 @@ void* snbf_plat_bio_context(const plat_bio* bio);
 plat_u32 snbf_plat_bio_bytes_left(const plat_bio* bio);
 /* 1 when it completed without an error. */
 int snbf_plat_bio_is_uptodate(const plat_bio* bio);
-/* Sends a request of the driver's own to `bdev`. The reference stays with the driver. */
+/* Sends a request of the driver's own, of whole logical blocks, to `bdev`. The reference stays with the driver. */
 void snbf_plat_bio_submit(plat_bio* bio, plat_bdev* bdev);
 /* Sends several, which the device may then join where they are neighbours. As with one, may sleep
    for a place in the device's queue. */

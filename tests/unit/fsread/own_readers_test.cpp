@@ -1,4 +1,5 @@
 // The readers of ext4 and of XFS 5 over real images with one thing changed.
+#include "fsread/blkbmp.h"
 #include "fsread/ext4_layout.h"
 #include "fsread/ext4_reader.h"
 #include "fsread/xfs5_reader.h"
@@ -20,10 +21,11 @@ class Changed {
     return *this;
   }
   // `fn` runs as a task over the device that holds it.
-  void with_device(const std::function<void(Sim&, OpenDevice&)>& fn) const {
+  void with_device(const std::function<void(Sim&, OpenDevice&)>& fn, u32 block_bytes = 512) const {
     run_sim_body(1, [&](Sim& sim) {
       LoggedParts parts(2);
-      OpenDevice disk(sim, {.name = "sda1", .bytes = image_.bytes()});
+      OpenDevice disk(sim,
+                      {.name = "sda1", .bytes = image_.bytes(), .block_bytes = block_bytes});
       for (const auto& [at, page] : pages_) disk.device->poke(at / 512, page);
       fn(sim, disk);
     });
@@ -250,6 +252,21 @@ TEST_F(Xfs5, TreesWithoutChecksumsMustBeInOrder) {
   ring.set(root + 15, plain.byte(root_at + 3)).set(root + 6, 0).set(root + 7, 1);
   ring.set(root + 20, 0).set(root + 21, 0).set(root + 22, 0).set(root + 23, 4);
   refuses(ring, "is corrupt: the order of its records is wrong");
+}
+
+// Each reader that is asked before reads what it looks for in the device's own blocks.
+TEST_F(Xfs5, IsFoundOnADeviceOfLargeBlocks) {
+  const RealImage large(320 << 20, "mkfs.xfs -q -f -s size=4096 @");
+  Changed(large).with_device(
+      [](Sim& sim, OpenDevice& disk) {
+        snbf_blkbmp map;
+        snbf_blkbmp_init(&map);
+        EXPECT_EQ(snbf_blkbmp_read(&map, disk.bdev, 4096), 0);
+        EXPECT_TRUE(sim.log().contains("xfs5_reader_init(): Detected XFS version 5"));
+        EXPECT_FALSE(sim.log().has_errors()) << sim.log().dump();
+        snbf_blkbmp_destroy(&map);
+      },
+      4096);
 }
 
 TEST_F(Xfs5, EveryReadAndAllocationMayFail) {

@@ -60,6 +60,29 @@ SIM_TEST(BlockRead, BoundsTheBlockByThePage) {
   }
 }
 
+// Less than a block of the device is no request that a device can be sent.
+SIM_TEST(BlockRead, ReadsWholeBlocksOfTheDevice) {
+  LoggedParts parts;
+  OpenDevice disk(sim, {.name = "sda1", .block_bytes = 4096});
+  const Bytes contents = counting(4 * 4096, 7);
+  disk.device->poke(0, contents);
+  for (int bytes : {512, 1024, 2048, 4096}) {
+    Bytes to(8192 + 1, 0xA5);
+    const int count = 8192 / bytes;
+    const s64 first = 4096 / bytes + (bytes < 4096 ? 1 : 0);
+    const auto at = static_cast<long>(first * bytes);
+    ASSERT_EQ(snbf_bread(disk.bdev, to.data(), bytes, first, count), 0);
+    EXPECT_EQ(Bytes(to.begin(), to.end() - 1),
+              Bytes(contents.begin() + at, contents.begin() + at + 8192));
+    EXPECT_EQ(to.back(), 0xA5);
+  }
+  for (const auto& request : disk.device->history()) EXPECT_EQ(request.bytes, 4096u);
+  // One that lies in two of them and is no multiple of either.
+  u8 to[3000];
+  EXPECT_EQ(snbf_bread(disk.bdev, to, sizeof(to), 1, 1), -EIO);
+  EXPECT_EQ(sim.log().count("snbf_bread(): Failed to read 3000-byte block #1", 3), 1);
+}
+
 SIM_TEST(BlockRead, OfNothingSendsNothing) {
   LoggedParts parts;
   OpenDevice disk(sim, {.name = "sda1"});
