@@ -344,8 +344,9 @@ int xfs_reader_read(XfsReader* reader, u64 first, u32 chunk_size, u8* bits, u32 
       if (rc < 0) return rc;
     }
     if (int rc = advance(*reader, p, cursor); rc < 0) return rc;
-    const bool is_free =
-        cursor.has_record() && cursor.start <= p && p + blocks_per_chunk <= cursor.end;
+    const u64 end = p + blocks_per_chunk;
+    const bool is_free = cursor.has_record() && cursor.start <= p && end <= cursor.end &&
+                         end <= cursor.limit;  // behind it, the head of the next AG is in use
     if (!is_free) set_bit_of(bits, k);
   }
   return 0;

@@ -216,6 +216,17 @@ SIM_TEST(XfsRead, EachGroupHasItsTree) {
   EXPECT_EQ(free, range(0, 7));
 }
 
+// The head of the next group is in use, whatever a record says of its own.
+SIM_TEST(XfsRead, AFreeExtentEndsWithItsGroup) {
+  LoggedParts parts;
+  const XfsImage layout = {
+      .ag_blocks = 1000, .ag_lengths = {1000, 1000}, .free = {{{900, 200}}, {}}};
+  XfsOnDevice image(sim, layout);
+  Chunks free;
+  EXPECT_EQ(free_chunks(image.bdev(), 0, 65536, 125, &free), 0);
+  EXPECT_EQ(free, range(57, 61));
+}
+
 SIM_TEST(XfsRead, SmallBlocks) {
   LoggedParts parts;
   const XfsImage layout = {
