@@ -4,8 +4,8 @@
 // Fragments of 2^20 chunks, each cut into pieces of one size: an index names each piece's slot in a
 // pool, where all pieces of zeros share one slot and all pieces of ones another. A map is never
 // changed once it is valid. It is looked up without a lock, also while it is being built: `valid`
-// is published last, and nothing else is looked at before it is seen. It is destroyed only when no
-// lookup can run any more.
+// is published last, and nothing else is looked at before it is seen. A valid one is destroyed
+// only when no lookup can run any more.
 #pragma once
 
 #include "base/types.h"

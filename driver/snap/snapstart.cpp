@@ -110,7 +110,11 @@ void read_block_map(SnapNode& snap) {
   const plat_devt device = make_dev(static_cast<u32>(snbf_blk_major), snap.minor);
   plat_bdev* bdev = snbf_open_bdev(device, PLAT_MODE_READ, PLAT_OPEN_SHARED, nullptr);
   if (bdev == nullptr) return;
-  if (snap.blkbmp.valid == 0) snbf_blkbmp_read(&snap.blkbmp, bdev, snap.chunk_size);
+  if (snap.blkbmp.valid == 0) {
+    // What an earlier one has left, who failed.
+    snbf_blkbmp_destroy(&snap.blkbmp);
+    snbf_blkbmp_read(&snap.blkbmp, bdev, snap.chunk_size);
+  }
   snbf_close_bdev(bdev, PLAT_OPEN_SHARED, PLAT_MODE_READ, nullptr);
 }
 

@@ -1,8 +1,9 @@
 // The commands about data-block maps, through the control device.
 #include "byte_image.h"
-#include "driver_rig.h"
 #include "fsread/blkbmp.h"
 #include "fsread/selftest.h"
+#include "snap/snapstart.h"
+#include "snap_bench.h"
 
 namespace snbf::sim {
 namespace {
@@ -136,6 +137,21 @@ SIM_TEST_SEEDS(GetDatablocks, AStopWaitsForIt, 40) {
     }
   }
   sim.join_all();
+}
+
+// Behind a stop and another start, two may come to build the same map.
+SIM_TEST(SnapsMap, IsBuiltFromTheBeginningAfterAFailure) {
+  SnapBench bench(sim);
+  const Ext2Image layout = {.block_size = 4096, .blocks_count = 256, .first_data_block = 0};
+  bench.disk->poke(0, layout.bytes());
+  bench.disk->fail_range(layout.bitmap_block(0) * 8, 8, Op::Read, -EIO);
+  bench.add_started(7);
+  const snbf_blkbmp& map = bench.snap(7)->blkbmp;
+  EXPECT_EQ(map.valid, 0);
+  bench.disk->clear_failures();
+  read_block_map(*bench.snap(7));
+  EXPECT_EQ(map.valid, 1);
+  EXPECT_EQ(snbf_blkbmp_is_used(&map, 200), 0);
 }
 
 int test_datablock(Sim& sim, const std::string& path) {
