@@ -33,35 +33,6 @@ void bound_texts(snbf_filter_node_cmd& record) {
   record.name[sizeof(record.name) - 1] = '\0';
 }
 
-Result<plat_devt> find_partition(const char* path) {
-  using Device = Result<plat_devt>;
-  if (path[0] == '\0') {
-    snbf_log(kLogError, "%s(): Empty HDD name passed as input.", kOrigin);
-    return Device::failure(-EINVAL);
-  }
-  plat_path* found = nullptr;
-  if (int rc = snbf_get_file_dentry(path, 1, &found); rc != 0) {
-    snbf_log(kLogError, "%s(): Unable to lookup %s: rc=%d", kOrigin, path, rc);
-    return Device::failure(-ENOENT);  // Kept: whatever the look-up answered.
-  }
-  plat_path_info info = {};
-  if (found != nullptr) {
-    snbf_plat_path_info(found, &info);
-    snbf_plat_path_put(found);
-  }
-  if (!info.has_inode) {
-    snbf_log(kLogError, "%s(): Unable to derive major/minor numbers for %s", kOrigin, path);
-    return Device::failure(-EINVAL);
-  }
-  if ((info.mode & PLAT_S_IFMT) != PLAT_S_IFBLK) {
-    snbf_log(kLogError, "%s(): %s is not a block device.", kOrigin, path);
-    return Device::failure(-EINVAL);
-  }
-  snbf_log(2, "%s(): Successfully derived HDD major=%d, minor=%d", kOrigin,
-           static_cast<int>(dev_major(info.device)), static_cast<int>(dev_minor(info.device)));
-  return info.device;
-}
-
 int refuse_duplicate(plat_devt device) {
   KsReadGuard table{snbf_blkdev_rwlock};
   for (u32 minor = 0; is_minor_in_table(minor); ++minor) {
@@ -298,7 +269,7 @@ int snbf_ioctl_add_filter_node(snbf_filter_node_cmd& record) {
     snbf_log(snbf::kLogError, "%s(): The driver is being loaded or unloaded.", snbf::kOrigin);
     return -ENXIO;
   }
-  const Result<plat_devt> device = snbf::find_partition(record.hdd_name);
+  const Result<plat_devt> device = snbf::find_hdd(snbf::kOrigin, record.hdd_name);
   if (!device.ok()) return device.error();
   if (record.uuid[0] == '\0') snbf::make_uuid(record.uuid);
   if (int rc = snbf::refuse_duplicate(device.value()); rc != 0) return rc;

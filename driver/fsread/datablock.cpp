@@ -76,35 +76,6 @@ int export_map(SnapNode& snap, const snbf_datablock_cmd& record, u8** bitmap, u3
   return snbf_blkbmp_export(&snap.blkbmp, chunks_per_bit, *bitmap, static_cast<int>(*bytes));
 }
 
-Result<plat_devt> find_device(const char* path) {
-  using Device = Result<plat_devt>;
-  if (path[0] == '\0') {
-    snbf_log(kLogError, "%s(): Empty HDD name passed as input.", kTest);
-    return Device::failure(-EINVAL);
-  }
-  plat_path* found = nullptr;
-  if (int rc = snbf_get_file_dentry(path, 1, &found); rc != 0) {
-    snbf_log(kLogError, "%s(): Unable to lookup %s: rc=%d", kTest, path, rc);
-    return Device::failure(-ENOENT);  // Kept: whatever the look-up answered.
-  }
-  plat_path_info info = {};
-  if (found != nullptr) {
-    snbf_plat_path_info(found, &info);
-    snbf_plat_path_put(found);
-  }
-  if (!info.has_inode) {
-    snbf_log(kLogError, "%s(): Unable to derive major/minor numbers for %s", kTest, path);
-    return Device::failure(-EINVAL);
-  }
-  if ((info.mode & PLAT_S_IFMT) != PLAT_S_IFBLK) {
-    snbf_log(kLogError, "%s(): %s is not a block device.", kTest, path);
-    return Device::failure(-EINVAL);
-  }
-  snbf_log(2, "%s(): Successfully derived HDD major=%d, minor=%d", kTest,
-           static_cast<int>(dev_major(info.device)), static_cast<int>(dev_minor(info.device)));
-  return info.device;
-}
-
 }  // namespace
 
 }  // namespace snbf
@@ -132,7 +103,7 @@ int snbf_ioctl_test_datablock(snbf_datablock_test& record) {
   record.path[sizeof(record.path) - 1] = '\0';  // text from outside may lack its terminator
   const char* path = record.path;
   snbf_log(1, "%s(): Testing datablocks on %s", kTest, path);
-  const Result<plat_devt> device = find_device(path);
+  const Result<plat_devt> device = find_hdd(kTest, path);
   if (!device.ok()) return device.error();
   plat_bdev* bdev = snbf_open_bdev(device.value(), PLAT_MODE_READ, PLAT_OPEN_SHARED, nullptr);
   if (bdev == nullptr) {

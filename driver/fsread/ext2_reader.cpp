@@ -6,6 +6,7 @@
 #include "base/string.h"
 #include "core/log.h"
 #include "core/memory.h"
+#include "fsread/bitscan.h"
 #include "fsread/chunkmarks.h"
 #include "fsread/reader.h"
 #include "util/bdev.h"
@@ -44,22 +45,6 @@ struct Ext2Reader {
 };
 
 namespace {
-
-// Where a read stands: bit `bit` of the current group's bitmap, and the chunk that it falls into.
-struct Scan {
-  u8* bits;
-  u32 chunk_count;
-  u32 blocks_per_chunk;
-  u64 group;
-  u64 bit;
-  u64 chunk;  // bit of `bits`
-  u64 left;   // blocks of that chunk from `bit` on
-
-  void next_chunk() {
-    ++chunk;
-    left = blocks_per_chunk;
-  }
-};
 
 int device_major(const Ext2Reader& reader) {
   return static_cast<int>(dev_major(snbf_plat_bdev_device(reader.bdev)));
@@ -180,47 +165,27 @@ int load_bitmap(Ext2Reader& reader, u32 group) {
 }
 
 // Blocks 0 to the first data block lie in front of every group's bitmap.
-void mark_front(const Ext2Reader& reader, u64 first, const Scan& scan) {
+void mark_front(const Ext2Reader& reader, u64 first, const BitScan& scan) {
   const u64 last = reader.first_data_block / scan.blocks_per_chunk;
   for (u64 chunk = first; chunk <= last && chunk - first < scan.chunk_count; ++chunk) {
     set_bit_of(scan.bits, chunk - first);
   }
 }
 
-void seek(const Ext2Reader& reader, u64 first, Scan& scan) {
+void seek(const Ext2Reader& reader, u64 first, BitScan& scan) {
   const u64 block = first * scan.blocks_per_chunk;
   if (block > reader.first_data_block) {
     const u64 offset = block - reader.first_data_block;
-    scan.group = offset / reader.blocks_per_group;
+    scan.bitmap = offset / reader.blocks_per_group;
     scan.bit = offset % reader.blocks_per_group;
     scan.chunk = 0;
     scan.left = scan.blocks_per_chunk;
   } else {
-    scan.group = 0;
+    scan.bitmap = 0;
     scan.bit = 0;
     scan.chunk = reader.first_data_block / scan.blocks_per_chunk - first;
     scan.left = scan.blocks_per_chunk - reader.first_data_block % scan.blocks_per_chunk;
   }
-}
-
-// Walks the group whose bitmap is cached. False: the scan is over.
-bool walk_group(const Ext2Reader& reader, Scan& scan) {
-  const u64 base = scan.group * reader.blocks_per_group + reader.first_data_block;
-  const u64 group_bits = u64{reader.block_size} * 8;
-  while (scan.bit < group_bits) {
-    if (scan.chunk >= scan.chunk_count || base + scan.bit >= reader.blocks_count) return false;
-    if (bit_of(reader.bitmap, scan.bit)) {
-      set_bit_of(scan.bits, scan.chunk);
-      scan.bit += scan.left;
-      scan.next_chunk();
-      continue;
-    }
-    ++scan.bit;
-    if (--scan.left == 0) scan.next_chunk();
-  }
-  // What is left of the chunk goes on in the next group.
-  scan.bit -= group_bits;
-  return true;
 }
 
 }  // namespace
@@ -269,20 +234,22 @@ int ext2_reader_read(Ext2Reader* reader, u64 first, u32 chunk_size, u8* bits, u3
     return -EINVAL;
   }
   if (int rc = check_reader_chunks(kOrigin, chunk_size, reader->block_size); rc != 0) return rc;
-  Scan scan = {.bits = bits,
-               .chunk_count = chunk_count,
-               .blocks_per_chunk = chunk_size / reader->block_size,
-               .group = 0,
-               .bit = 0,
-               .chunk = 0,
-               .left = 0};
+  BitScan scan = {.bits = bits,
+                  .chunk_count = chunk_count,
+                  .blocks_per_chunk = chunk_size / reader->block_size,
+                  .bitmap = 0,
+                  .bit = 0,
+                  .chunk = 0,
+                  .left = 0};
   clear_chunks(bits, chunk_count);
   mark_front(*reader, first, scan);
   seek(*reader, first, scan);
   int rc = 0;
-  for (; scan.group < reader->group_count; ++scan.group) {
-    rc = load_bitmap(*reader, static_cast<u32>(scan.group));
-    if (rc < 0 || !walk_group(*reader, scan)) return rc;
+  for (; scan.bitmap < reader->group_count; ++scan.bitmap) {
+    rc = load_bitmap(*reader, static_cast<u32>(scan.bitmap));
+    if (rc < 0) return rc;
+    const u64 base = scan.bitmap * reader->blocks_per_group + reader->first_data_block;
+    if (!scan.walk(reader->bitmap, u64{reader->block_size} * 8, base, reader->blocks_count)) break;
   }
   return rc;
 }

@@ -6,6 +6,7 @@
 #include "base/string.h"
 #include "core/log.h"
 #include "core/memory.h"
+#include "fsread/bitscan.h"
 #include "fsread/chunkmarks.h"
 #include "fsread/reader.h"
 #include "util/bdev.h"
@@ -152,40 +153,6 @@ bool agrees_with_bitmaps(const ReiserfsReader& reader) {
   return false;
 }
 
-// Where a read stands: a bit of the bitmap in hand, and the chunk that it falls into.
-struct Scan {
-  u8* bits;
-  u32 chunk_count;
-  u32 blocks_per_chunk;
-  u64 bitmap;
-  u64 bit;
-  u64 chunk;
-  u64 left;  // blocks of that chunk from `bit` on
-
-  void next_chunk() {
-    ++chunk;
-    left = blocks_per_chunk;
-  }
-};
-
-// False: the scan is over.
-bool walk_bitmap(const ReiserfsReader& reader, Scan& scan) {
-  const u64 base = scan.bitmap * reader.bits_per_bitmap;
-  while (scan.bit < reader.bits_per_bitmap) {
-    if (scan.chunk >= scan.chunk_count || base + scan.bit >= reader.block_count) return false;
-    if (bit_of(reader.buffer, scan.bit)) {
-      set_bit_of(scan.bits, scan.chunk);
-      scan.bit += scan.left;
-      scan.next_chunk();
-      continue;
-    }
-    ++scan.bit;
-    if (--scan.left == 0) scan.next_chunk();
-  }
-  scan.bit -= reader.bits_per_bitmap;
-  return true;
-}
-
 int load_bitmap(ReiserfsReader& reader, u32 bitmap) {
   if (bitmap == reader.cached_bitmap) return 0;
   reader.cached_bitmap = kNoBitmap;
@@ -241,18 +208,20 @@ int reiserfs_reader_read(ReiserfsReader* reader, u64 first, u32 chunk_size, u8* 
   if (int rc = check_reader_chunks(kRead, chunk_size, reader->block_size); rc != 0) return rc;
   const u32 blocks_per_chunk = chunk_size / reader->block_size;
   const u64 first_block = first * blocks_per_chunk;
-  Scan scan = {.bits = bits,
-               .chunk_count = chunk_count,
-               .blocks_per_chunk = blocks_per_chunk,
-               .bitmap = first_block / reader->bits_per_bitmap,
-               .bit = first_block % reader->bits_per_bitmap,
-               .chunk = 0,
-               .left = blocks_per_chunk};
+  BitScan scan = {.bits = bits,
+                  .chunk_count = chunk_count,
+                  .blocks_per_chunk = blocks_per_chunk,
+                  .bitmap = first_block / reader->bits_per_bitmap,
+                  .bit = first_block % reader->bits_per_bitmap,
+                  .chunk = 0,
+                  .left = blocks_per_chunk};
   clear_chunks(bits, chunk_count);
   int rc = 0;
   for (; scan.bitmap < reader->bitmap_count; ++scan.bitmap) {
     rc = load_bitmap(*reader, static_cast<u32>(scan.bitmap));
-    if (rc < 0 || !walk_bitmap(*reader, scan)) return rc;
+    if (rc < 0) return rc;
+    const u64 base = scan.bitmap * reader->bits_per_bitmap;
+    if (!scan.walk(reader->buffer, reader->bits_per_bitmap, base, reader->block_count)) break;
   }
   return rc;
 }

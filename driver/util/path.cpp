@@ -111,3 +111,32 @@ plat_devt snbf_get_file_devt(const char* path) {
   }
   return 0;
 }
+
+Result<plat_devt> snbf::find_hdd(const char* origin, const char* path) {
+  using Device = Result<plat_devt>;
+  if (path[0] == '\0') {
+    snbf_log(kLogError, "%s(): Empty HDD name passed as input.", origin);
+    return Device::failure(-EINVAL);
+  }
+  plat_path* found = nullptr;
+  if (int rc = snbf_get_file_dentry(path, 1, &found); rc != 0) {
+    snbf_log(kLogError, "%s(): Unable to lookup %s: rc=%d", origin, path, rc);
+    return Device::failure(-ENOENT);  // Kept: whatever the look-up answered.
+  }
+  plat_path_info info = {};
+  if (found != nullptr) {
+    snbf_plat_path_info(found, &info);
+    snbf_plat_path_put(found);
+  }
+  if (!info.has_inode) {
+    snbf_log(kLogError, "%s(): Unable to derive major/minor numbers for %s", origin, path);
+    return Device::failure(-EINVAL);
+  }
+  if ((info.mode & PLAT_S_IFMT) != PLAT_S_IFBLK) {
+    snbf_log(kLogError, "%s(): %s is not a block device.", origin, path);
+    return Device::failure(-EINVAL);
+  }
+  snbf_log(2, "%s(): Successfully derived HDD major=%d, minor=%d", origin,
+           static_cast<int>(dev_major(info.device)), static_cast<int>(dev_minor(info.device)));
+  return info.device;
+}

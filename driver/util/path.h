@@ -3,6 +3,7 @@
 // sleep.
 #pragma once
 
+#include "base/result.h"
 #include "platform/file.h"
 
 // Makes a device file with permissions 0600. 0 or the negative error of the step that failed; a
@@ -16,3 +17,11 @@ int snbf_get_file_dentry(const char* path, int follow, plat_path** found);
 // The block device under the file system that holds the path or its nearest ancestor that exists; 0
 // if there is none.
 plat_devt snbf_get_file_devt(const char* path);
+
+namespace snbf {
+
+// The device number of the block device file that a command names, or a negative error; logged for
+// the command `origin`. Follows a final symbolic link.
+Result<plat_devt> find_hdd(const char* origin, const char* path);
+
+}  // namespace snbf
