@@ -1,31 +1,27 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Whether a bitmap in memory holds more than its file may show after a power cut.
 //
-// What counts is the file, not the dirty field. A whole file promises that every change since the
-// snapshot it was made from is in it, so no write may reach the partition whose extent a whole file
-// lacks. Bits come into memory one after another, and are numbered; with that the rule is one
-// comparison:
+// What counts is the file, not the dirty field. A whole file promises that every change since the snapshot
+// it was made from is in it, so no write may reach the partition whose extent a whole file lacks. Bits come
+// into memory one after another, and are numbered; with that the rule is one comparison:
 //
-//   marks_    how many bits have come into memory: set by writes, or put there by a command or a
-//   load file_     a whole file, if one is on disk, has all bits up to this number; kNoFile: none
-//   is whole,
-//             for the flag is on disk, or there never was one
+//   marks_    how many bits have come into memory: set by writes, or put there by a command or a load
+//   file_     a whole file, if one is on disk, has all bits up to this number; kNoFile: none is whole, for
+//             the flag is on disk, or there never was one
 //   pending_  the same of every file that a save under way (from its snapshot to its end) may leave
 //
-// While marks_ is beyond either, every write waits, whatever its bits: one that is set may have
-// been set a moment ago, by a write that waits itself.
+// While marks_ is beyond either, every write waits, whatever its bits: one that is set may have been set a
+// moment ago, by a write that waits itself.
 //
 //   event                    what it does
 //   bit comes in             marks_ + 1
-//   snapshot of a save       pending_ = marks_ (the first one of several); a flag raised from here
-//   on
+//   snapshot of a save       pending_ = marks_ (the first one of several); a flag raised from here on
 //                            guards nothing, for the save is still to overwrite it
 //   end of a save            file_ = its snapshot; if it failed within the file, whichever is less
 //   flag on disk             file_ = kNoFile
-//   file found while loading file_ = marks_ if it is taken over, kNoFile if it can never be taken
-//   for a
-//                            whole one, else 0; what is found where a whole one was before may be
-//                            no more than this kernel's idea of it, after a write that failed: 0
+//   file found while loading file_ = marks_ if it is taken over, kNoFile if it can never be taken for a
+//                            whole one, else 0; what is found where a whole one was before may be no more
+//                            than this kernel's idea of it, after a write that failed: 0
 //   flag not raised in time  writes go on, unguarded, until a save or a flag reaches the disk again
 //
 // The owner's bmp_spin is held for every call.

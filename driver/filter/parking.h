@@ -2,24 +2,19 @@
 // Writes that wait for the dirty flag of a bitmap file.
 //
 // The life of a parked write:
-//   1. The request path has marked it, and finds that a whole file on disk lacks something. In the
-//   same
-//      holding of bmp_spin it puts the write at the end of the node's list, and queues a request
-//      for the flag unless one is queued. The submitter goes on; nothing is allocated for the
-//      write.
-//   2. kdirtyd writes the flag, or a save writes a file that lacks nothing: the node's worker
-//   wakes.
-//   3. The worker takes the list and sends each write on under fresh locks, from behind its
-//   marking.
-//      Only bits that a command has taken away meanwhile are set again, which may park it again.
+//   1. The request path has marked it, and finds that a whole file on disk lacks something. In the same
+//      holding of bmp_spin it puts the write at the end of the node's list, and queues a request for the
+//      flag unless one is queued. The submitter goes on; nothing is allocated for the write.
+//   2. kdirtyd writes the flag, or a save writes a file that lacks nothing: the node's worker wakes.
+//   3. The worker takes the list and sends each write on under fresh locks, from behind its marking. Only
+//      bits that a command has taken away meanwhile are set again, which may park it again.
 //
-// The worker does no file work, so that it is there for the end: after kFlagLimitMs the writes go
-// on as if the flag were raised, and an error line says so. A file that lies on another node, whose
-// own flag must be raised for it, keeps kdirtyd from serving that one: after kHelpAfterMs the
-// worker asks a second thread of the node, which raises the node's flags itself.
+// The worker does no file work, so that it is there for the end: after kFlagLimitMs the writes go on as if
+// the flag were raised, and an error line says so. A file that lies on another node, whose own flag must be
+// raised for it, keeps kdirtyd from serving that one: after kHelpAfterMs the worker asks a second thread of
+// the node, which raises the node's flags itself.
 //
-// Stop, deletion and unload wait until no write is parked, and so does a snap's start for its
-// instant.
+// Stop, deletion and unload wait until no write is parked, and so does a snap's start for its instant.
 #pragma once
 
 #include "base/atomic.h"
@@ -64,8 +59,7 @@ void wait_for_parking_threads();
 void park(FilterNode& node, plat_bio* bio);
 // After a change of a guard. Any lock but bmp_spin may be held.
 void wake_parking(FilterNode& node);
-// False: writes are still parked after `limit_ms`. Neither bmp_mutex nor io_rwlock is held. May
-// sleep.
+// False: writes are still parked after `limit_ms`. Neither bmp_mutex nor io_rwlock is held. May sleep.
 bool wait_for_parked(FilterNode& node, u32 limit_ms);
 
 }  // namespace snbf

@@ -21,6 +21,13 @@ using namespace snbf::fuzz;
 int snbf_sched_write_dirty_flag(FilterNode&, u32) { return 0; }
 int snbf_kill_dirty_requests(FilterNode&, u32) { return 0; }
 
+// No write is ever parked: nobody writes.
+namespace snbf {
+void park(FilterNode&, plat_bio*) {}
+void wake_parking(FilterNode&) {}
+bool wait_for_parked(FilterNode&, u32) { return true; }
+}  // namespace snbf
+
 namespace {
 
 constexpr const char* kPath = "/b/snbf3.incr";
