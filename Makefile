@@ -6,7 +6,7 @@ KDIR    ?=
 JOBS    ?= $(shell nproc)
 PREFIX  ?= /usr
 DESTDIR ?=
-VERSION := $(shell cat VERSION 2>/dev/null || echo 0.1.0)
+VERSION := $(shell cat VERSION)
 
 export SNBF_BUILD := $(abspath $(BUILD))
 MODULE_MAKE := $(MAKE) --no-print-directory -f platform/linux/module.mk BUILD=$(BUILD) $(if $(KDIR),KDIR=$(KDIR))
@@ -26,13 +26,13 @@ module: ## build/snbf.ko, for KDIR (default: the newest installed kernel headers
 	@$(MODULE_MAKE) -j$(JOBS) module
 
 # One build folder with the tests, where they can be built: the tool is not compiled twice.
-agent: ## build/snbf, the command-line tool
+agent: ## build/snbf, the command-line tool, and build/libsnbf.*
 	@if [ -d /usr/include/gtest ]; then folder=$(BUILD)/plain tests=ON; \
 	  else folder=$(BUILD)/agent tests=OFF; fi; mkdir -p $$folder && \
 	{ cmake -S . -B $$folder -G Ninja -Wno-dev -DSNBF_TESTS=$$tests >$$folder/cmake.log 2>&1 || \
 	  { cat $$folder/cmake.log; false; }; } && \
-	cmake --build $$folder -j $(JOBS) --target snbf && \
-	{ cmp -s $$folder/agent/snbf $(BUILD)/snbf || cp $$folder/agent/snbf $(BUILD)/snbf; }
+	cmake --build $$folder -j $(JOBS) --target snbf libsnbf libsnbf_shared && \
+	cp -Pu $$folder/agent/snbf $$folder/agent/libsnbf.* $(BUILD)/
 
 tests: ## the unit and simulation tests, plain and under sanitizers
 	@tests/check --build-only --jobs $(JOBS)
@@ -62,7 +62,7 @@ bench: setup ## the benchmarks beside device-mapper's targets, as ratios; the co
 	@$(MAKE) --no-print-directory module agent
 	@bench/run
 
-install: agent ## module (DKMS), tool, manual, completions, system files; honours DESTDIR
+install: agent ## module (DKMS), tool, library, manual, completions, system files; honours DESTDIR
 	@packaging/install "$(DESTDIR)" "$(PREFIX)" "$(VERSION)" "$(BUILD)"
 
 format: ## lays out the C and C++ sources
