@@ -117,8 +117,10 @@ int pass_in_place(FilterNode& filter, Request& request) {
 [[gnu::always_inline]] inline int route_marked(FilterNode& filter, Request& request) {
   const bool has_data = request.info.size_bytes >= kSectorBytes;
   // A write that nobody could wait for must be known to the tracker, should a snap start meanwhile.
-  const bool is_traceless = !filter.can_drain || snbf_plat_bio_may_be_parked(request.bio) != 0;
-  const bool as_clone = !filter.snaps.empty() || (request.info.is_write && is_traceless);
+  const auto is_traceless = [&] {
+    return !filter.can_drain || snbf_plat_bio_may_be_parked(request.bio) != 0;
+  };
+  const bool as_clone = !filter.snaps.empty() || (request.info.is_write && is_traceless());
   if (has_data && as_clone) return route_beside_snaps(filter, request);
   return pass_in_place(filter, request);
 }
