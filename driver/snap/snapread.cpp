@@ -57,8 +57,14 @@ class SnapRead {
   SnapReadResult run();
 
  private:
-  SnapNode* holder_of(const plat_segment& segment) const {
-    return find_holder(snap_, segment.sector >> (snap_.chunk_shift - 9));
+  // Of many snaps each is asked. The answer holds for the whole read.
+  SnapNode* holder_of(const plat_segment& segment) {
+    const u64 chunk = segment.sector >> (snap_.chunk_shift - 9);
+    if (chunk != chunk_) {
+      holder_ = find_holder(snap_, chunk);
+      chunk_ = chunk;
+    }
+    return holder_;
   }
   int read_from_partition();
   int wait_for_partition(u32 count);
@@ -68,6 +74,8 @@ class SnapRead {
   SnapNode& snap_;
   plat_bio* bio_;
   WorkSet& work_;
+  u64 chunk_ = ~u64{0};  // that was asked for last; no chunk
+  SnapNode* holder_ = nullptr;
   bool was_watched_ = false;
 };
 
