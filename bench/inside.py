@@ -139,7 +139,7 @@ def is_wanted(name, only):
 def chosen(args, backing):
     """Name of each subject and how it is made on a backing."""
     makers = {"raw": subjects.Subject, "dm-linear": subjects.Linear, "dm-era": subjects.Era}
-    for chunk, count in ((64, 1), (4, 1), (4, 16)) if args.quick else SNAPSHOTS:
+    for chunk, count in ((4, 1), (4, 16), (64, 1), (64, 16)) if args.quick else SNAPSHOTS:
         makers[f"dm-snap-{chunk}k-{count}"] = functools.partial(
             subjects.Snapshots, chunk_kib=chunk, count=count)
     for count in (1,) if args.quick else (1, 16):
