@@ -76,6 +76,7 @@ SIM_TEST(AddSnapNode, KeepsTheNamesThatItIsGiven) {
 SIM_TEST(AddSnapNode, ANameThatLeadsAwayGetsNoDeviceFile) {
   SnapBench bench(sim);
   ASSERT_EQ(sim.write_file("/dev/other", Bytes(4, 1)), 0);
+  ASSERT_EQ(sim.make_dir("/dev/snbf/a"), 0);
   int minor = 7;
   for (const char* name : {"control", "../other", "a/b", ".."}) {
     snbf_snap_node_cmd record = bench.record("/store/one", minor);
