@@ -118,9 +118,10 @@ Result<FilterNode*> claim_partition(const snbf_filter_node_cmd& record, plat_dev
   return node;
 }
 
+// The node's helper thread may still hold the record.
 void give_partition_back(FilterNode* node) {
   snbf_close_bdev(node->hdd_bdev, PLAT_OPEN_EXCLUSIVE, kHddMode, node);
-  snbf_plat_heap_free(node);
+  put_filter_node(*node);
 }
 
 // The record's empty fields are filled on the way: they go back to the caller.
