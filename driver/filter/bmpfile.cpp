@@ -56,7 +56,6 @@ u32 checksum_of(const u8* bits, u32 bytes) {
   return snbf_crc32(bits, static_cast<int>(bytes), &checksum);
 }
 
-
 using FileState = FileGuard::FileState;
 
 // Reads a file into `bits` and judges it; only a Whole one is trusted, and `error` is set where reading failed.
