@@ -12,7 +12,7 @@ export SNBF_BUILD := $(abspath $(BUILD))
 MODULE_MAKE := $(MAKE) --no-print-directory -f platform/linux/module.mk BUILD=$(BUILD) $(if $(KDIR),KDIR=$(KDIR))
 
 .DEFAULT_GOAL := all
-.PHONY: all help setup module agent tests check check-rows check-locks check-unit check-guest demo bench install format clean
+.PHONY: all help setup module agent tests check check-rows check-locks check-unit check-guest demo bench deb install format clean
 
 all: check-rows module agent tests ## everything that this machine can build
 
@@ -37,8 +37,9 @@ agent: ## build/snbf, the command-line tool, and build/libsnbf.*
 tests: ## the unit and simulation tests, plain and under sanitizers
 	@tests/check --build-only --jobs $(JOBS)
 
-check-rows: ## the rules that a compiler does not know: who includes whom
+check-rows: ## the rules that a compiler does not know: who includes whom, what is exported
 	@tools/check-rows
+	@tools/check-symbols
 
 check-locks: ## Clang's thread-safety analysis over the driver
 	@JOBS=$(JOBS) tools/check-locks
@@ -61,6 +62,10 @@ bench: setup ## the benchmarks beside device-mapper's targets, as ratios; the co
 	@bench/maps
 	@$(MAKE) --no-print-directory module agent
 	@bench/run
+
+deb: setup ## build/deb: the Debian packages, looked at by lintian
+	@JOBS=$(JOBS) packaging/deb $(BUILD)/deb
+	@ls -1 $(BUILD)/deb/*.deb
 
 install: agent ## module (DKMS), tool, library, manual, completions, system files; honours DESTDIR
 	@packaging/install "$(DESTDIR)" "$(PREFIX)" "$(VERSION)" "$(BUILD)"
