@@ -70,6 +70,13 @@ class Kernel:
     def modules(self):
         return os.path.join(self.tree, "lib/modules", self.version)
 
+    def initramfs(self):
+        return build_initramfs(self)
+
+    # Where the machine's own root is there, and whether the guest turns itself off behind its job.
+    host = ""
+    powers_off = False
+
 
 def version_key(version):
     return [int(part) if part.isdigit() else part for part in re.split(r"(\d+)", version)]
@@ -263,7 +270,8 @@ class Boot:
         self.log = os.path.join(folder, "kernel.log")
         self.events = []
         self.began = time.monotonic()
-        initramfs = build_initramfs(kernel)
+        self.powers_off = kernel.powers_off
+        initramfs = kernel.initramfs()
         ours, theirs = zip(socket.socketpair(), socket.socketpair())
         self.out, self.ctl = ours
         ports = {"out": theirs[0].fileno(), "ctl": theirs[1].fileno()}
@@ -294,6 +302,14 @@ class Boot:
         with open(self.log, "rb") as log:
             log.seek(max(self.log_start, os.path.getsize(self.log) - (1 << 20)))
             return END_OF_LOG.encode() in log.read()
+
+    def wait_for_off(self):
+        """A guest that shuts down as a machine does has the rest of its time for it."""
+        try:
+            self.qemu.wait(max(60, self.began + self.limit - time.monotonic()))
+            return "exit"
+        except subprocess.TimeoutExpired:
+            return "timeout"
 
     def drain(self, show):
         """Reads what the guest still had on its way out."""
@@ -350,6 +366,8 @@ def live(boot, show, event):
                 while not boot.log_is_complete() and time.monotonic() < patience:
                     time.sleep(0.02)
                 boot.drain(keep)
+                if boot.powers_off and end == "exit":
+                    end = boot.wait_for_off()
         finally:
             boot.kill()
     return end, status
@@ -371,7 +389,7 @@ def run(name, job, disks=(), limit=60, memory=1536, cpus=2, allow=(), kernel=Non
     kernel = kernel or find_kernel()
     disks = [disk if isinstance(disk, Disk) else Disk.parse(disk, folder) for disk in disks]
     with open(os.path.join(folder, "job"), "w", encoding="utf-8") as out:
-        out.write(f"cd {shlex.quote(TOP)} || exit 126\n{job}\n")
+        out.write(f"cd {shlex.quote(kernel.host + TOP)} || exit 126\n{job}\n")
     show = show or (lambda data: (sys.stdout.buffer.write(data), sys.stdout.flush()))
     event = event or (lambda kind, rest: None)
     for _ in range(BOOTS):
