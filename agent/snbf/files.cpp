@@ -4,10 +4,8 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <xxhash.h>
 
@@ -15,6 +13,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "attended.h"
 #include "failure.h"
 
 namespace snbf {
@@ -128,49 +127,7 @@ std::string hash_file(const std::string& path) {
   return fmt::format("{:016x}{:016x}", hash.high64, hash.low64);
 }
 
-Ran run(const std::vector<std::string>& arguments) {
-  int out[2];
-  int err[2];
-  if (::pipe2(out, O_CLOEXEC) < 0 || ::pipe2(err, O_CLOEXEC) < 0) throw failure_of(-errno, "pipe");
-  const pid_t child = ::fork();
-  if (child < 0) throw failure_of(-errno, "starting " + arguments[0]);
-  if (child == 0) {
-    std::vector<char*> argv;
-    for (const std::string& argument : arguments)
-      argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-    ::dup2(out[1], 1);
-    ::dup2(err[1], 2);
-    ::execvp(argv[0], argv.data());
-    ::_exit(127);
-  }
-  ::close(out[1]);
-  ::close(err[1]);
-  UniqueFd from_out(out[0]);
-  UniqueFd from_err(err[0]);
-  Ran ran;
-  pollfd waits[] = {{from_out.get(), POLLIN, 0}, {from_err.get(), POLLIN, 0}};
-  std::string* texts[] = {&ran.output, &ran.errors};
-  for (int left = 2; left > 0;) {
-    if (::poll(waits, 2, -1) < 0 && errno != EINTR) break;
-    for (int i = 0; i < 2; ++i) {
-      if (waits[i].fd < 0 || waits[i].revents == 0) continue;
-      char buffer[4096];
-      const ssize_t n = ::read(waits[i].fd, buffer, sizeof buffer);
-      if (n > 0) {
-        texts[i]->append(buffer, static_cast<size_t>(n));
-      } else if (n == 0 || errno != EINTR) {
-        waits[i].fd = -1;
-        --left;
-      }
-    }
-  }
-  int status = 0;
-  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  ran.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  return ran;
-}
+Ran run(const std::vector<std::string>& arguments) { return run_attended(arguments, {}); }
 
 std::string run_or_throw(const std::vector<std::string>& arguments) {
   Ran ran = run(arguments);

@@ -1,22 +1,17 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // snbf restore: a point of a chain, back onto a device or into a file.
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <chrono>
-#include <filesystem>
 
 #include "command.h"
+#include "convert.h"
 #include "destination.h"
-#include "driver.h"
 #include "failure.h"
-#include "files.h"
 #include "output.h"
+#include "restore_target.h"
+#include "signals.h"
 #include "sizes.h"
 
 namespace snbf {
@@ -27,162 +22,158 @@ struct Options {
   std::string source;
   std::string target;
   bool yes = false;
-  bool no_verify = false;
+  bool compare = true;
   bool dry_run = false;
   bool json = false;
 };
 
-struct Target {
-  bool exists = false;
-  bool is_device = false;
-  uint64_t size_bytes = 0;
-  UniqueFd claim;  // of a device, for as long as the restore lasts
+// What is written, and over what.
+struct Job {
+  ChosenPoint chosen;
+  Target target;
+  uint64_t data_bytes = 0;
+
+  std::string image() const { return chosen.destination + "/" + chosen.point.file; }
+  std::string what() const {
+    return fmt::format("point {} of {} ({}, {} of it data)", chosen.point.id, chosen.manifest.node,
+                       show_size(chosen.manifest.size), show_size(data_bytes));
+  }
 };
 
-[[noreturn]] void refuse_busy(const Options& options, dev_t device) {
-  std::string who;
-  for (const std::string& holder : holders_of(device)) who += (who.empty() ? "" : ", ") + holder;
-  throw Failure(kUnsafe,
-                fmt::format("{} is in use: {}", options.target,
-                            who.empty() ? "held from somewhere that cannot be seen" : who),
-                "unmount it first; a restore never writes below a mounted file system");
-}
-
-Target claim_target(const Options& options) {
-  Target target;
-  struct stat about;
-  if (::stat(options.target.c_str(), &about) < 0) {
-    if (errno != ENOENT) throw failure_of(-errno, "looking at " + options.target);
-    if (options.target.rfind("/dev/", 0) == 0) throw failure_of(-ENOENT, options.target);
-    return target;
+Job check(const Options& options) {
+  Job job{choose_point(options.source), {}, 0};
+  const Manifest& manifest = job.chosen.manifest;
+  const Point& point = job.chosen.point;
+  job.target = claim_target(options.target, job.chosen.destination);
+  // First without the files' contents: what is refused is refused at once.
+  for (const bool contents : {false, true}) {
+    if (contents && options.dry_run) break;
+    const std::string damage = chain_damage(manifest, point, job.chosen.destination, contents);
+    if (!damage.empty()) {
+      throw Failure(kDiffers,
+                    fmt::format("the chain below point {} is broken: {}", point.id, damage),
+                    "choose an earlier point with DEST@POINT; nothing was written");
+    }
+    if (contents) continue;
+    job.data_bytes = data_bytes_of(job.image());
+    check_target(job.target, manifest.size, job.data_bytes, options.yes);
   }
-  target.exists = true;
-  target.is_device = S_ISBLK(about.st_mode);
-  if (!target.is_device && !S_ISREG(about.st_mode)) {
-    throw Failure(kMisused, options.target + " is neither a block device nor a file",
-                  "give a partition, or a file to be made");
-  }
-  target.size_bytes = static_cast<uint64_t>(about.st_size);
-  if (!target.is_device) return target;
-  target.claim = UniqueFd(::open(options.target.c_str(), O_RDWR | O_EXCL | O_CLOEXEC));
-  if (!target.claim && errno == EBUSY) refuse_busy(options, about.st_rdev);
-  if (!target.claim) throw failure_of(-errno, "opening " + options.target);
-  if (!mounts_of(about.st_rdev).empty()) refuse_busy(options, about.st_rdev);
-  if (::ioctl(target.claim.get(), BLKGETSIZE64, &target.size_bytes) < 0) {
-    throw failure_of(-errno, "asking the size of " + options.target);
-  }
-  return target;
-}
-
-void check_target(const Options& options, const Target& target, const ChosenPoint& chosen) {
-  if (target.is_device && target.size_bytes < chosen.manifest.size) {
-    throw Failure(kUnsafe,
-                  fmt::format("{} is too small: {} instead of {} bytes", options.target,
-                              target.size_bytes, chosen.manifest.size),
-                  "choose a device of at least that size");
-  }
-  if (!target.exists || options.yes) return;
-  const std::string contents = target.is_device ? contents_of(options.target) : "a file";
-  if (contents.empty()) return;
-  throw Failure(kUnsafe, fmt::format("{} is not empty: {}", options.target, contents),
-                "say --yes to overwrite it");
-}
-
-// The first bytes of the target that the image covers; a larger device keeps its tail.
-std::string target_json(const Options& options, const Target& target, uint64_t size_bytes) {
-  const Json node = {
-      {"driver", "raw"},
-      {"size", size_bytes},
-      {"file",
-       {{"driver", target.is_device ? "host_device" : "file"}, {"filename", options.target}}}};
-  return "json:" + node.dump();
-}
-
-std::string image_json(const ChosenPoint& chosen) {
-  const Json node = {
-      {"driver", "qcow2"},
-      {"file", {{"driver", "file"}, {"filename", chosen.destination + "/" + chosen.point.file}}}};
-  return "json:" + node.dump();
-}
-
-void write_target(const Options& options, const Target& target, const ChosenPoint& chosen) {
-  const std::string image = chosen.destination + "/" + chosen.point.file;
-  if (target.is_device) {
-    run_or_throw({"qemu-img", "convert", "-n", "-f", "qcow2", "-O", "raw", "-m", "8", "-W", image,
-                  options.target});
-  } else {
-    run_or_throw({"qemu-img", "convert", "-f", "qcow2", "-O", "raw", "-m", "8", "-W", image,
-                  options.target});
-  }
-  sync_file(options.target);
-}
-
-// What was written is read back from the device, not from what the kernel remembers of it.
-void forget_cached(const Options& options) {
-  UniqueFd file(::open(options.target.c_str(), O_RDONLY | O_CLOEXEC));
-  if (file) ::posix_fadvise(file.get(), 0, 0, POSIX_FADV_DONTNEED);
-}
-
-void compare(const Options& options, const Target& target, const ChosenPoint& chosen) {
-  forget_cached(options);
-  const Ran ran = run({"qemu-img", "compare", "-q", image_json(chosen),
-                       target_json(options, target, chosen.manifest.size)});
-  if (ran.status == 0) return;
-  if (ran.status == 1) {
-    throw Failure(
-        kDiffers,
-        fmt::format("{} differs from point {} after the restore", options.target, chosen.point.id),
-        "the target does not keep what is written to it: use another");
-  }
-  throw Failure(kFailed, "comparing failed: " + ran.errors);
-}
-
-int restore(const Options& given) {
-  Options options = given;
-  // As a path, whatever it looks like: the image tools know words that mean something else.
-  options.target = std::filesystem::absolute(given.target).lexically_normal();
-  const ChosenPoint chosen = choose_point(options.source);
-  const std::string chain = std::filesystem::absolute(chosen.destination).lexically_normal().string() + "/";
-  if (options.target.rfind(chain, 0) == 0) {
-    throw Failure(kUnsafe, options.target + " lies in the backup itself", "choose a target elsewhere");
-  }
-  const Target target = claim_target(options);
-  check_target(options, target, chosen);
-  if (!chosen.point.exact()) {
+  if (!point.exact()) {
     warn(fmt::format("point {} was taken while the device kept changing: it is not of one moment",
-                     chosen.point.id));
+                     point.id));
   }
+  return job;
+}
+
+Json job_json(const Job& job) {
+  return {{"point", job.chosen.point.id},
+          {"target", job.target.path},
+          {"over", job.target.contents},
+          {"size", job.chosen.manifest.size},
+          {"data_bytes", job.data_bytes},
+          {"chain", job.chosen.manifest.lineage(job.chosen.point).size()},
+          {"exact", job.chosen.point.exact()}};
+}
+
+int rehearse(const Job& job, const Options& options) {
+  if (options.json) {
+    Json json = job_json(job);
+    json["dry_run"] = true;
+    print_json(json);
+  } else {
+    note(fmt::format("would write {} {} {}", job.what(),
+                     job.target.contents.empty() ? "onto" : "over", job.target.describe()));
+  }
+  if (job.target.size_bytes > job.chosen.manifest.size) {
+    note(fmt::format("what lies behind the first {} of it would stay as it is",
+                     show_size(job.chosen.manifest.size)));
+  }
+  return kDone;
+}
+
+// A percentage as the bytes that the progress line counts.
+class Share {
+ public:
+  Share(const char* doing, uint64_t total) : total_(total), line_(doing, total) {}
+  void operator()(double percent) {
+    percent_ = percent;
+    const auto now = static_cast<uint64_t>(static_cast<double>(total_) * percent / 100);
+    if (now > done_) line_.add(now - done_);
+    done_ = std::max(done_, now);
+  }
+  double percent() const { return percent_; }
+
+ private:
+  uint64_t total_;
+  uint64_t done_ = 0;
+  double percent_ = 0;
+  Progress line_;
+};
+
+Failure cut_off(const Job& job, double percent) {
+  const std::string again = "run the same restore again";
+  if (!job.target.is_device) {
+    return {kFailed,
+            fmt::format("interrupted at {:.0f} %: {} is {}", percent, job.target.path,
+                        job.target.exists ? "as it was" : "not there"),
+            again};
+  }
+  return {kFailed,
+          fmt::format("interrupted at {:.0f} %: {} holds a part of point {} over what it held "
+                      "before, and is of no use like this",
+                      percent, job.target.path, job.chosen.point.id),
+          again + ", with --yes: it begins at the start; the backup is unharmed"};
+}
+
+void write(const Job& job, const RawPlace& place) {
+  Share share("restoring", job.chosen.manifest.size);
+  const auto ended = write_out(
+      job.image(), place, [&share](double percent) { share(percent); }, SignalsNoted::any);
+  if (ended == Ended::Stopped) throw cut_off(job, share.percent());
+}
+
+void compare(const Job& job, const RawPlace& place) {
+  Share share("comparing", job.chosen.manifest.size);
+  std::optional<uint64_t> difference;
+  const auto ended = compare_with(
+      job.image(), place, [&share](double percent) { share(percent); }, SignalsNoted::any,
+      &difference);
+  if (ended == Ended::Stopped && !job.target.is_device) throw cut_off(job, share.percent());
+  if (ended == Ended::Stopped) {
+    throw Failure(kFailed,
+                  fmt::format("interrupted: point {} is written to {}, but not compared",
+                              job.chosen.point.id, job.target.path),
+                  "run the same restore again, or compare it yourself: `qemu-img compare`");
+  }
+  if (!difference) return;
+  throw Failure(kDiffers,
+                fmt::format("{} differs from point {} after the restore, at byte {}",
+                            job.target.path, job.chosen.point.id, *difference),
+                "the target does not keep what is written to it: use another");
+}
+
+int restore(const Options& options) {
+  const Job job = check(options);
+  if (options.dry_run) return rehearse(job, options);
   const auto began = std::chrono::steady_clock::now();
-  const std::string damage =
-      chain_damage(chosen.manifest, chosen.point, chosen.destination, !options.dry_run);
-  if (!damage.empty()) {
-    throw Failure(kDiffers,
-                  fmt::format("the chain below point {} is broken: {}", chosen.point.id, damage),
-                  "choose an earlier point with DEST@POINT; nothing was written");
-  }
-  if (options.dry_run) {
-    note(fmt::format("would write point {} ({}) onto {}", chosen.point.id,
-                     show_size(chosen.manifest.size), options.target));
-    return kDone;
-  }
-  write_target(options, target, chosen);
-  if (!options.no_verify) compare(options, target, chosen);
+  const SignalsNoted signals;
+  TargetFile file(job.target);
+  const RawPlace place{file.path(), job.target.is_device, job.chosen.manifest.size};
+  write(job, place);
+  if (options.compare) compare(job, place);
+  file.keep();
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
   if (options.json) {
-    print_json({{"point", chosen.point.id},
-                {"target", options.target},
-                {"size", chosen.manifest.size},
-                {"chain", chosen.manifest.lineage(chosen.point).size()},
-                {"verified", !options.no_verify},
-                {"exact", chosen.point.exact()},
-                {"seconds", seconds}});
+    Json json = job_json(job);
+    json["verified"] = options.compare;
+    json["seconds"] = seconds;
+    print_json(json);
   } else {
-    fmt::print("{}: point {} of {}, {}{}, {:.1f} s\n", options.target, chosen.point.id,
-               chosen.manifest.node, show_size(chosen.manifest.size),
-               options.no_verify ? "" : ", compared and equal", seconds);
+    fmt::print("{}: {}{}, {:.1f} s\n", job.target.path, job.what(),
+               options.compare ? ", compared and equal" : "", seconds);
   }
-  return chosen.point.exact() ? kDone : kWarned;
+  return job.chosen.point.exact() ? kDone : kWarned;
 }
 
 }  // namespace
@@ -191,16 +182,19 @@ void add_restore(CLI::App& app, Chosen& chosen) {
   auto options = std::make_shared<Options>();
   CLI::App* verb = add_verb(
       app, chosen, "restore", "Write a point back onto a device, or into a file",
-      "Examples:\n  snbf restore /backups/data /dev/sdc1\n  snbf restore /backups/data@2 old.img\n"
-      "The chain is checked before anything is written, and the target compared with it "
-      "afterwards.\n"
-      "A target that holds anything needs --yes; one that is mounted is refused.",
+      "Examples:\n  snbf restore /backups/data /dev/sdc1 --dry-run\n"
+      "  snbf restore /backups/data /dev/sdc1\n  snbf restore /backups/data@2 old.img\n"
+      "The chain is checked before anything is written, and the target is read back from its disk\n"
+      "and compared afterwards. A target that holds anything needs --yes; one that is mounted or\n"
+      "too small is refused. A file is raw and sparse, and takes its name when it is whole. A "
+      "restore\nthat is interrupted can only be run again: it says what the target holds then.",
       options, restore);
   verb->add_option("dest", options->source, "DEST for the newest point, or DEST@POINT")->required();
   verb->add_option("target", options->target, "Block device or file")->required();
   verb->add_flag("--yes", options->yes, "Overwrite what the target holds");
-  verb->add_flag("--no-verify", options->no_verify, "Do not compare at the end");
-  verb->add_flag("--dry-run", options->dry_run, "Check everything, write nothing");
+  verb->add_flag("--compare,!--no-compare,!--no-verify", options->compare,
+                 "Read the target back at the end and compare (default: yes)");
+  verb->add_flag("--dry-run", options->dry_run, "Check all but the files' contents, write nothing");
   verb->add_flag("--json", options->json, "Print the result as JSON");
 }
 
