@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "command.h"
+#include "deep.h"
 #include "destination.h"
 #include "driver.h"
 #include "failure.h"
@@ -37,9 +38,52 @@ std::string damage_of(const ChosenPoint& at, const Point& point, bool deep) {
   std::string damage = chain_damage(alone, single, at.destination, true);
   if (damage.empty()) damage = skipped_damage(point, at.destination);
   if (!damage.empty() || !deep) return damage;
-  const Ran ran =
-      run({"qemu-img", "check", "-q", "-f", "qcow2", at.destination + "/" + point.file});
-  return ran.status == 0 ? "" : fmt::format("qemu-img check finds it damaged: {}", ran.errors);
+  return image_damage(at.manifest, point, at.destination);
+}
+
+// The chosen point as a whole, once every file that it stands on is sound.
+struct Whole {
+  std::string damage;
+  uint64_t read_bytes = 0;
+  FileSystemFinding file_system;
+};
+
+Whole look_through(const ChosenPoint& at) {
+  Whole whole;
+  Progress progress("reading", at.manifest.size);
+  whole.damage = reading_damage(at.manifest, at.point, at.destination, [&](uint64_t bytes) {
+    whole.read_bytes += bytes;
+    progress.add(bytes);
+  });
+  if (!whole.damage.empty()) return whole;
+  whole.file_system = check_file_system(at.manifest, at.point, at.destination);
+  whole.damage = whole.file_system.damage;
+  return whole;
+}
+
+void tell_whole(const ChosenPoint& at, const Whole& whole) {
+  if (whole.damage.empty()) {
+    note(fmt::format("point {} can be read whole: {}", at.point.id, show_size(whole.read_bytes)));
+  } else {
+    note(fmt::format("point {}: {}", at.point.id, whole.damage));
+  }
+  const FileSystemFinding& found = whole.file_system;
+  if (!found.checked.empty() && found.damage.empty()) {
+    note(fmt::format("its {} is sound, says {}", found.type, found.checked));
+  }
+  if (!found.not_checked.empty()) {
+    note(fmt::format("its {} was not checked: {}", found.type.empty() ? "file system" : found.type,
+                     found.not_checked));
+  }
+}
+
+Json whole_json(const ChosenPoint& at, const Whole& whole) {
+  return {{"point", at.point.id},
+          {"damage", whole.damage},
+          {"read_bytes", whole.read_bytes},
+          {"file_system", whole.file_system.type},
+          {"file_system_checked_by", whole.file_system.checked},
+          {"file_system_not_checked_because", whole.file_system.not_checked}};
 }
 
 std::string device_for(const std::string& text) {
@@ -94,6 +138,16 @@ int compare(const Options& options) {
   return runs.empty() ? kDone : kDiffers;
 }
 
+// Whether all that the point stands on is sound. `points` are as verify() prints them.
+bool stands_on_sound_files(const ChosenPoint& at, const Json& points) {
+  for (const Point* step : at.manifest.lineage(at.point)) {
+    for (const Json& point : points) {
+      if (point.at("point") == step->id && point.at("damage") != "") return false;
+    }
+  }
+  return true;
+}
+
 int verify(const Options& options) {
   if (!options.against.empty()) return compare(options);
   const ChosenPoint at = choose_point(options.destination);
@@ -111,16 +165,19 @@ int verify(const Options& options) {
     json["damage"] = damage;
     points.push_back(json);
   }
-  if (options.json) {
-    print_json({{"destination", at.destination},
-                {"node", at.manifest.node},
-                {"size", at.manifest.size},
-                {"sound", sound},
-                {"points", points}});
-  } else {
-    table.print(true);
-  }
+  if (!options.json) table.print(true);
   if (!sound) note("a damaged file spoils its point and every later one that stands on it");
+  Json json = {
+      {"destination", at.destination}, {"node", at.manifest.node}, {"size", at.manifest.size}};
+  if (options.deep && stands_on_sound_files(at, points)) {
+    const Whole whole = look_through(at);
+    sound = sound && whole.damage.empty();
+    if (!options.json) tell_whole(at, whole);
+    json["deep"] = whole_json(at, whole);
+  }
+  json["sound"] = sound;
+  json["points"] = points;
+  if (options.json) print_json(json);
   return sound ? kDone : kDiffers;
 }
 
@@ -132,14 +189,18 @@ void add_verify(CLI::App& app, Chosen& chosen) {
       add_verb(app, chosen, "verify", "List the points of a chain and check their files",
                "Examples:\n  snbf verify /backups/data --deep\n"
                "  snbf verify /backups/data@2 --against monday\n"
+               "With --deep, each image is opened and checked, and must stand on its parent's;\n"
+               "DEST@POINT, or the newest point, is read whole, and its file system checked on an\n"
+               "overlay (ext2, ext3, ext4, XFS).\n"
                "With --against, one point is compared with a device instead, but for what was free "
                "when the\npoint was made.",
                options, verify);
-  verb->add_option("dest", options->destination, "Directory of the chain; DEST@POINT for --against")
+  verb->add_option("dest", options->destination, "Directory of the chain, or DEST@POINT")
       ->required();
   verb->add_option("--against", options->against,
                    "Compare the point with this node, snap or device");
-  verb->add_flag("--deep", options->deep, "Check the structure of each image as well");
+  verb->add_flag("--deep", options->deep,
+                 "Check each image, its chain, its bytes and its file system");
   verb->add_flag("--json", options->json, "Print JSON");
 }
 
