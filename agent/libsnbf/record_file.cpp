@@ -23,7 +23,13 @@ int write_all(int fd, const std::string& text) {
   return 0;
 }
 
-// Written aside, synced, renamed.
+}  // namespace
+
+int sync_directory(const std::string& path) {
+  Fd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return !directory.ok() || ::fsync(directory.get()) < 0 ? -errno : 0;
+}
+
 int replace_file(const std::string& path, const std::string& text) {
   const std::string aside = path + ".new";
   {
@@ -34,13 +40,6 @@ int replace_file(const std::string& path, const std::string& text) {
   }
   if (::rename(aside.c_str(), path.c_str()) < 0) return -errno;
   return sync_directory(path.substr(0, path.rfind('/') + 1));
-}
-
-}  // namespace
-
-int sync_directory(const std::string& path) {
-  Fd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return !directory.ok() || ::fsync(directory.get()) < 0 ? -errno : 0;
 }
 
 int write_record(const std::string& path, const char* heading, const Fields& fields) {

@@ -19,6 +19,9 @@ int write_record(const std::string& path, const char* heading, const Fields& fie
 int read_record(const std::string& path, const char* heading,
                 const std::function<bool(const std::string& key, const std::string& value)>& take);
 
+// New contents or the old ones after a crash, whole: written aside, synced, renamed.
+int replace_file(const std::string& path, const std::string& contents);
+
 // The directory's entries survive a crash.
 int sync_directory(const std::string& path);
 

@@ -46,6 +46,9 @@ class Driver {
   int answer(uint32_t command, void* record) {
     const uint32_t minor = *static_cast<uint32_t*>(record);
     sent_.push_back(command);
+    if (answer_first_) {
+      if (const auto rc = answer_first_(command, record)) return *rc;
+    }
     if (refuse_[command] != 0) return refuse_[command];
     switch (command) {
       case SNBF_GET_DEVICE_LIST:
@@ -106,6 +109,7 @@ class Driver {
   std::vector<uint32_t> sent_;
   std::vector<uint32_t> resumed_;
   std::map<uint32_t, int> refuse_;
+  std::function<std::optional<int>(uint32_t, void*)> answer_first_;
   std::function<void()> on_resume_;
   std::function<void()> on_start_;
   uint32_t valid_after_start_ = 1;

@@ -1,0 +1,536 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// A capture, from the node's lock to the state record that counts from the new point.
+//
+// The order that loses nothing: the bits are taken and cleared before the snap is started, and read
+// again behind it. A write in between is in the snap and still marked: it is copied now, and once
+// more with the next point. At every moment from "begins" on, the journal knows enough to make the
+// bitmap at least what it would be without us.
+#include <fcntl.h>
+#include <libmount/libmount.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <thread>
+
+#include "capture_journal.h"
+#include "handle.h"
+#include "libsnbf_capture.h"
+#include "snap_record.h"
+
+namespace snbf::lib {
+namespace {
+
+constexpr size_t kNodeNameShown = 64;
+constexpr int kNameTries = 100;
+constexpr auto kDrainStep = std::chrono::milliseconds(10);
+constexpr int kDrainStepsMax = 200;
+// A new block device is opened by programs that look what is on it.
+constexpr auto kLookersGoWithin = std::chrono::seconds(2);
+constexpr auto kLookAgain = std::chrono::milliseconds(50);
+
+enum class Stage { Open, Begun, Sealed };
+
+// What this capture knows of the bits that it may have cleared.
+enum class Taken { Nothing, Unknown, Known };
+
+std::string node_device(const snbf_info& node) {
+  return "/dev/snbf/snbf" + std::to_string(node.minor);
+}
+
+void merge(Bits* into, const Bits& other) {
+  for (size_t i = 0; i < into->size(); ++i) (*into)[i] |= other[i];
+}
+
+bool none(const Bits& bits) {
+  for (uint8_t byte : bits) {
+    if (byte) return false;
+  }
+  return true;
+}
+
+dev_t block_device(const std::string& path) {
+  struct stat about;
+  return ::stat(path.c_str(), &about) == 0 && S_ISBLK(about.st_mode) ? about.st_rdev : 0;
+}
+
+// What the file systems on the device hold back goes to it.
+int sync_mounts(dev_t device) {
+  std::unique_ptr<libmnt_table, decltype(&mnt_unref_table)> table(
+      mnt_new_table_from_file("/proc/self/mountinfo"), mnt_unref_table);
+  std::unique_ptr<libmnt_iter, decltype(&mnt_free_iter)> iter(mnt_new_iter(MNT_ITER_FORWARD),
+                                                              mnt_free_iter);
+  libmnt_fs* entry = nullptr;
+  while (device != 0 && table && iter && mnt_table_next_fs(table.get(), iter.get(), &entry) == 0) {
+    const char* source = mnt_fs_get_source(entry);
+    const bool by_source = source && source[0] == '/' && block_device(source) == device;
+    if (mnt_fs_get_devno(entry) != device && !by_source) continue;
+    Fd directory(::open(mnt_fs_get_target(entry), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!directory.ok() || ::syncfs(directory.get()) < 0) return -errno;
+  }
+  return 0;
+}
+
+// Waits for a moment in which no write is under way to the partition. A write is marked before it
+// reaches it: one that was taken as marked must have landed before its extent is read. False: it
+// cannot be told that all have.
+bool drain(const libsnbf& handle, const snbf_info& node) {
+  const std::string proc = handle.proc_root + "/snbf/snbf" + std::to_string(node.minor);
+  const std::string inflight = handle.sys_root + "/dev/block/" + read_line(proc + "/hdd_major") +
+                               ":" + read_line(proc + "/hdd_minor") + "/inflight";
+  for (int step = 0; step < kDrainStepsMax; ++step) {
+    std::this_thread::sleep_for(kDrainStep);
+    std::ifstream file(inflight);
+    uint64_t reads = 0;
+    uint64_t writes = 0;
+    if (!(file >> reads >> writes)) return false;
+    if (writes == 0) return true;
+  }
+  return false;
+}
+
+}  // namespace
+}  // namespace snbf::lib
+
+struct libsnbf_capture {
+  using Bits = snbf::lib::Bits;
+  using Stage = snbf::lib::Stage;
+  using Taken = snbf::lib::Taken;
+
+  libsnbf_capture(libsnbf* owner, const snbf_info& filter)
+      : handle(owner),
+        node(filter),
+        dir(snbf::lib::bmp_dir_of(filter)),
+        lock(::open((dir + "/snbf" + std::to_string(filter.minor) + ".lock").c_str(),
+                    O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)),
+        journal(dir, filter.minor) {}
+
+  int take_lock();
+  int recover(libsnbf_capture_known_fn known, void* context, libsnbf_recovered* out,
+              uint32_t* snaps_left);
+  int begin(const libsnbf_capture_request& request);
+  int take(bool with_diff, Bits* now);
+  int read_source(libsnbf_source* out, void* bits, uint32_t size);
+  int again(Bits* now);
+  int check();
+  int seal();
+  int commit();
+  int give_back();
+  int drop_snap();
+
+ private:
+  int see_node();
+  int prepare(const libsnbf_capture_request& request);
+  int make_snap(const char* cow_dir);
+  int add_marked(uint32_t type);
+  void settle(const Bits& just_taken);
+  int write_journal(bool with_bits);
+  int merge_back(const snbf::lib::CaptureRecord& record);
+  int count_everything(bool full);
+  int record_point(const std::string& name, bool full);
+  int distrust();
+  int settle_left(const snbf::lib::CaptureRecord& left, bool is_known, libsnbf_recovered* out);
+  int remove_left_over(uint32_t* left);
+  int delete_node(uint32_t minor, const char* uuid, int* postponed);
+
+  libsnbf* handle;
+  snbf_info node;
+  std::string dir;
+  snbf::lib::Fd lock;
+  snbf::lib::CaptureJournal journal;
+  Stage stage = Stage::Open;
+  libsnbf_level level = LIBSNBF_LEVEL_INCR;
+  snbf::lib::CaptureRecord record;  // what the journal has, or would have
+  Taken taken = Taken::Nothing;
+  Bits wanted;     // B1, and with a snap B2 and what else the level asks for
+  Bits unsettled;  // taken, and perhaps still on their way to the partition when they were read
+  std::optional<snbf_info> snap;
+  uint64_t start_us = 0;
+};
+
+int libsnbf_capture::take_lock() {
+  if (!lock.ok()) return -errno;
+  if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) return 0;
+  return errno == EWOULDBLOCK ? -EBUSY : -errno;
+}
+
+// Minors are given out again at once: bits must not go into another node's bitmap.
+int libsnbf_capture::see_node() {
+  snbf_info now;
+  if (libsnbf_get_info(handle, node.minor, &now) != 0) return -ENODEV;
+  if (std::strcmp(now.uuid, node.uuid) != 0) return -ENODEV;
+  node = now;
+  return 0;
+}
+
+int libsnbf_capture::prepare(const libsnbf_capture_request& request) {
+  std::optional<snbf::lib::CaptureRecord> left;
+  if (int rc = see_node(); rc != 0) return rc;
+  if (!node.started) return -EINVAL;
+  if (int rc = journal.read(&left); rc != 0) return rc;
+  if (left) return -EUCLEAN;
+  if (std::strlen(request.point) >= sizeof libsnbf_state::incr_point) return -ENAMETOOLONG;
+  const size_t size = node.incr_bmp_size;
+  level = request.level;
+  record = {};
+  record.full = level == LIBSNBF_LEVEL_FULL;
+  record.node_uuid = node.uuid;
+  record.destination = request.destination;
+  record.point = request.point;
+  for (Bits* bits : {&record.incr, &record.diff, &wanted, &unsettled}) bits->assign(size, 0);
+  return snbf::lib::sync_mounts(snbf::lib::block_device(snbf::lib::node_device(node)));
+}
+
+int libsnbf_capture::write_journal(bool with_bits) {
+  record.captured = with_bits;
+  return journal.write(record);
+}
+
+// The bits that are set now, cleared in the driver and safe in the journal.
+int libsnbf_capture::take(bool with_diff, Bits* now) {
+  const auto size = static_cast<uint32_t>(record.incr.size());
+  now->assign(size, 0);
+  if (int rc = write_journal(false); rc != 0) return rc;
+  taken = Taken::Unknown;
+  if (int rc = libsnbf_get_and_clr_bmp(handle, node.minor, SNBF_BMP_INCR, now->data(), size);
+      rc != 0) {
+    return rc;
+  }
+  snbf::lib::merge(&record.incr, *now);
+  if (with_diff) {
+    if (int rc =
+            libsnbf_get_and_clr_bmp(handle, node.minor, SNBF_BMP_DIFF, record.diff.data(), size);
+        rc != 0) {
+      return rc;
+    }
+  }
+  taken = Taken::Known;
+  return write_journal(true);
+}
+
+int libsnbf_capture::make_snap(const char* cow_dir) {
+  const std::string stem = std::string(node.name).substr(0, snbf::lib::kNodeNameShown) + "-backup";
+  libsnbf_snap_request request{};
+  request.filter_minor = node.minor;
+  request.cow_dir = cow_dir;
+  request.temporary = 1;
+  int rc = -EEXIST;
+  for (int tries = 1; rc == -EEXIST && tries <= snbf::lib::kNameTries; ++tries) {
+    const std::string name = tries == 1 ? stem : stem + "." + std::to_string(tries);
+    request.name = name.c_str();
+    rc = libsnbf_snap_create(handle, &request);
+  }
+  if (rc != 0) return rc;
+  start_us = request.start_us;
+  snap.emplace().minor = request.minor_used;
+  return libsnbf_get_info(handle, request.minor_used, &*snap);
+}
+
+void libsnbf_capture::settle(const Bits& just_taken) {
+  if (!snbf::lib::drain(*handle, node)) snbf::lib::merge(&unsettled, just_taken);
+}
+
+int libsnbf_capture::add_marked(uint32_t type) {
+  Bits now(wanted.size());
+  const int rc = libsnbf_get_bmp(handle, node.minor, type, now.data(), node.incr_bmp_size);
+  if (rc == 0) snbf::lib::merge(&wanted, now);
+  return rc;
+}
+
+int libsnbf_capture::begin(const libsnbf_capture_request& request) {
+  if (stage != Stage::Open) return -EALREADY;
+  if (int rc = prepare(request); rc != 0) return rc;
+  stage = Stage::Begun;
+  taken = Taken::Nothing;
+  int rc = take(record.full, &wanted);
+  if (rc == 0 && !request.cow_dir) settle(wanted);
+  if (rc == 0 && request.cow_dir) rc = make_snap(request.cow_dir);
+  if (rc == 0 && snap) rc = add_marked(SNBF_BMP_INCR);
+  if (rc == 0 && level == LIBSNBF_LEVEL_DIFF) rc = add_marked(SNBF_BMP_DIFF);
+  if (rc == 0 && level == LIBSNBF_LEVEL_FULL) wanted.assign(wanted.size(), 0xFF);
+  if (rc != 0) {
+    give_back();
+    drop_snap();
+  }
+  return rc;
+}
+
+int libsnbf_capture::read_source(libsnbf_source* out, void* bits, uint32_t size) {
+  if (stage == Stage::Open) return -EPROTO;
+  *out = {};
+  const std::string device =
+      snap ? "/dev/snbf/" + std::string(snap->name) : snbf::lib::node_device(node);
+  snbf::lib::put_text(out->device, device);
+  out->minor = snap ? snap->minor : node.minor;
+  out->from_snap = snap.has_value();
+  out->unsettled = !snbf::lib::none(unsettled);
+  out->start_us = start_us;
+  out->dev_size = node.dev_size;
+  out->extent_cnt = node.extent_cnt;
+  out->extent_size = static_cast<uint32_t>(node.extent_size);
+  out->bits_size = static_cast<uint32_t>(wanted.size());
+  if (!bits) return 0;
+  if (size < wanted.size()) return -ENOSPC;
+  std::memcpy(bits, wanted.data(), wanted.size());
+  return 0;
+}
+
+int libsnbf_capture::again(Bits* now) {
+  if (stage != Stage::Begun) return -EPROTO;
+  if (snap) return -EOPNOTSUPP;
+  if (int rc = see_node(); rc != 0) return rc;
+  if (int rc = snbf::lib::sync_mounts(snbf::lib::block_device(snbf::lib::node_device(node)));
+      rc != 0) {
+    return rc;
+  }
+  if (int rc = take(false, now); rc != 0) return rc;
+  settle(*now);
+  return 0;
+}
+
+int libsnbf_capture::check() {
+  if (stage == Stage::Open) return -EPROTO;
+  if (!snap) return see_node();
+  snbf_info now;
+  const bool valid = libsnbf_get_info(handle, snap->minor, &now) == 0 &&
+                     std::strcmp(now.uuid, snap->uuid) == 0 && now.started && now.snap_valid;
+  return valid ? 0 : -ENODATA;
+}
+
+int libsnbf_capture::seal() {
+  if (int rc = check(); rc != 0) return rc;
+  if (!snbf::lib::none(unsettled)) {
+    if (int rc = libsnbf_merge_bmp(handle, node.minor, SNBF_BMP_INCR, unsettled.data(),
+                                   static_cast<uint32_t>(unsettled.size()));
+        rc != 0) {
+      return rc;
+    }
+  }
+  stage = Stage::Sealed;
+  return 0;
+}
+
+int libsnbf_capture::record_point(const std::string& name, bool full) {
+  snbf::lib::HostLock host(*handle);
+  if (host.error()) return host.error();
+  libsnbf_state state;
+  if (libsnbf_state_read(dir.c_str(), node.minor, &state) != 0) state = libsnbf_state{};
+  if (!snbf::lib::put_text(state.incr_point, name)) return -ENAMETOOLONG;
+  if (full) {
+    snbf::lib::put_text(state.diff_point, name);
+    snbf::lib::put_text(state.distrust, "");
+  }
+  return libsnbf_state_write(dir.c_str(), node.minor, &state);
+}
+
+int libsnbf_capture::commit() {
+  if (stage != Stage::Sealed) return -EPROTO;
+  stage = Stage::Open;
+  if (int rc = record_point(record.point, record.full); rc != 0) return rc;
+  return journal.drop();
+}
+
+int libsnbf_capture::merge_back(const snbf::lib::CaptureRecord& lost) {
+  const auto size = static_cast<uint32_t>(lost.incr.size());
+  if (int rc = libsnbf_merge_bmp(handle, node.minor, SNBF_BMP_INCR, lost.incr.data(), size);
+      rc != 0) {
+    return rc;
+  }
+  if (!lost.full) return 0;
+  return libsnbf_merge_bmp(handle, node.minor, SNBF_BMP_DIFF, lost.diff.data(), size);
+}
+
+// Nobody knows what the bitmap had lost.
+int libsnbf_capture::count_everything(bool full) {
+  if (int rc = libsnbf_set_bmp(handle, node.minor, SNBF_BMP_INCR, nullptr, 0); rc != 0) return rc;
+  if (!full) return 0;
+  return libsnbf_set_bmp(handle, node.minor, SNBF_BMP_DIFF, nullptr, 0);
+}
+
+// The bitmaps become what they would be had we never come. If even that fails, the journal stays.
+int libsnbf_capture::give_back() {
+  if (stage == Stage::Open) return 0;
+  stage = Stage::Open;
+  if (int rc = see_node(); rc != 0) return rc;
+  int rc = 0;
+  if (taken == Taken::Known) rc = merge_back(record);
+  if (taken == Taken::Unknown) rc = count_everything(record.full);
+  return rc != 0 ? rc : journal.drop();
+}
+
+// 0 and `postponed`, or a negated error number.
+int libsnbf_capture::delete_node(uint32_t minor, const char* uuid, int* postponed) {
+  const auto give_up = std::chrono::steady_clock::now() + snbf::lib::kLookersGoWithin;
+  int rc;
+  while ((rc = libsnbf_snap_delete(handle, minor, uuid, postponed)) == -EBUSY &&
+         std::chrono::steady_clock::now() < give_up) {
+    std::this_thread::sleep_for(snbf::lib::kLookAgain);
+  }
+  return rc;
+}
+
+int libsnbf_capture::drop_snap() {
+  if (!snap) return 0;
+  int postponed = 0;
+  const int rc = delete_node(snap->minor, snap->uuid, &postponed);
+  snap.reset();
+  return rc != 0 ? rc : postponed;
+}
+
+// Snaps of captures that were cut off, as nodes or as records.
+int libsnbf_capture::remove_left_over(uint32_t* left) {
+  std::vector<snbf_info> nodes;
+  *left = 0;
+  if (int rc = see_node(); rc != 0) return rc;
+  if (int rc = snbf::lib::snap_infos(handle, node, &nodes); rc != 0) return rc;
+  for (const auto& found : snbf::lib::snap_records(dir, node.uuid)) {
+    if (!found.temporary) continue;
+    const snbf_info* there = nullptr;
+    for (const snbf_info& candidate : nodes) {
+      if (std::strcmp(candidate.uuid, found.uuid) == 0) there = &candidate;
+    }
+    if (there && there->del_pending) continue;  // it goes with the older ones
+    int postponed = 0;
+    const int rc = there ? delete_node(there->minor, there->uuid, &postponed)
+                         : libsnbf_snap_discard(handle, node.minor, found.name);
+    if (rc != 0) ++*left;
+  }
+  return 0;
+}
+
+int libsnbf_capture::distrust() {
+  snbf::lib::HostLock host(*handle);
+  if (host.error()) return host.error();
+  libsnbf_state state;
+  if (libsnbf_state_read(dir.c_str(), node.minor, &state) != 0) state = libsnbf_state{};
+  snbf::lib::put_text(state.distrust, LIBSNBF_WHY_CAPTURE);
+  return libsnbf_state_write(dir.c_str(), node.minor, &state);
+}
+
+// What becomes of a capture that was cut off, now that its journal is read.
+int libsnbf_capture::settle_left(const snbf::lib::CaptureRecord& left, bool is_known,
+                                 libsnbf_recovered* out) {
+  if (left.captured && is_known) {
+    *out = LIBSNBF_RECOVERED_COMMITTED;
+    return record_point(left.point, left.full);
+  }
+  if (left.captured && left.incr.size() == node.incr_bmp_size) {
+    *out = LIBSNBF_RECOVERED_MERGED;
+    return merge_back(left);
+  }
+  *out = LIBSNBF_RECOVERED_ALL;
+  const int rc = count_everything(left.full);
+  return rc != 0 ? rc : distrust();
+}
+
+int libsnbf_capture::recover(libsnbf_capture_known_fn known, void* context, libsnbf_recovered* out,
+                             uint32_t* snaps_left) {
+  std::optional<snbf::lib::CaptureRecord> left;
+  *out = LIBSNBF_RECOVERED_NOTHING;
+  if (stage != Stage::Open) return -EALREADY;
+  if (int rc = see_node(); rc != 0) return rc;
+  if (int rc = journal.read(&left); rc != 0) return rc;
+  if (left && !left->node_uuid.empty() && left->node_uuid != node.uuid) return -EXDEV;
+  if (int rc = remove_left_over(snaps_left); rc != 0 || !left) return rc;
+  const bool is_known = left->captured && known &&
+                        known(context, left->destination.c_str(), left->point.c_str()) == 1;
+  const int rc = settle_left(*left, is_known, out);
+  return rc != 0 ? rc : journal.drop();
+}
+
+extern "C" {
+
+int libsnbf_capture_open(libsnbf* handle, uint32_t filter_minor, libsnbf_capture** out) {
+  return snbf::lib::at_border([&] {
+    *out = nullptr;
+    snbf_info node;
+    if (int rc = libsnbf_get_info(handle, filter_minor, &node); rc != 0) return rc;
+    if (node.dev_type != SNBF_DEV_FILTER) return -EINVAL;
+    auto capture = std::make_unique<libsnbf_capture>(handle, node);
+    if (int rc = capture->take_lock(); rc != 0) return rc;
+    *out = capture.release();
+    return 0;
+  });
+}
+
+int libsnbf_capture_pending(libsnbf* handle, uint32_t filter_minor, int* pending) {
+  return snbf::lib::at_border([&] {
+    snbf_info node;
+    std::optional<snbf::lib::CaptureRecord> left;
+    if (int rc = libsnbf_get_info(handle, filter_minor, &node); rc != 0) return rc;
+    const snbf::lib::CaptureJournal journal(snbf::lib::bmp_dir_of(node), filter_minor);
+    const int rc = journal.read(&left);
+    *pending = left.has_value();
+    return rc;
+  });
+}
+
+void libsnbf_capture_close(libsnbf_capture* capture) {
+  if (!capture) return;
+  libsnbf_capture_abort(capture, nullptr);
+  delete capture;
+}
+
+int libsnbf_capture_recover(libsnbf_capture* capture, libsnbf_capture_known_fn known, void* context,
+                            libsnbf_recovered* out, uint32_t* snaps_left) {
+  uint32_t ignored = 0;
+  return snbf::lib::at_border(
+      [&] { return capture->recover(known, context, out, snaps_left ? snaps_left : &ignored); });
+}
+
+int libsnbf_capture_begin(libsnbf_capture* capture, const libsnbf_capture_request* request) {
+  return snbf::lib::at_border([&] { return capture->begin(*request); });
+}
+
+int libsnbf_capture_source(libsnbf_capture* capture, struct libsnbf_source* out, void* bits,
+                           uint32_t bits_size) {
+  return snbf::lib::at_border([&] { return capture->read_source(out, bits, bits_size); });
+}
+
+int libsnbf_capture_again(libsnbf_capture* capture, void* bits, uint32_t bits_size) {
+  return snbf::lib::at_border([&] {
+    snbf::lib::Bits now;
+    struct libsnbf_source about;
+    if (int rc = capture->read_source(&about, nullptr, 0); rc != 0) return rc;
+    if (bits_size < about.bits_size) return -ENOSPC;
+    if (int rc = capture->again(&now); rc != 0) return rc;
+    std::memcpy(bits, now.data(), now.size());
+    return 0;
+  });
+}
+
+int libsnbf_capture_check(libsnbf_capture* capture) {
+  return snbf::lib::at_border([&] { return capture->check(); });
+}
+
+int libsnbf_capture_seal(libsnbf_capture* capture) {
+  return snbf::lib::at_border([&] { return capture->seal(); });
+}
+
+int libsnbf_capture_commit(libsnbf_capture* capture, int* snap_left) {
+  return snbf::lib::at_border([&] {
+    if (snap_left) *snap_left = 0;
+    const int rc = capture->commit();
+    if (rc == -EPROTO) return rc;
+    const int left = capture->drop_snap();
+    if (snap_left) *snap_left = left;
+    return rc;
+  });
+}
+
+int libsnbf_capture_abort(libsnbf_capture* capture, int* snap_left) {
+  return snbf::lib::at_border([&] {
+    const int rc = capture->give_back();
+    const int left = capture->drop_snap();
+    if (snap_left) *snap_left = left;
+    return rc;
+  });
+}
+
+}  // extern "C"
