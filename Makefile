@@ -40,6 +40,7 @@ tests: ## the unit and simulation tests, plain and under sanitizers
 check-rows: ## the rules that a compiler does not know: who includes whom, what is exported
 	@tools/check-rows
 	@tools/check-symbols
+	@tools/kernel-table --check
 
 check-locks: ## Clang's thread-safety analysis over the driver
 	@JOBS=$(JOBS) tools/check-locks

@@ -1,37 +1,32 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
-/* Where kernel versions differ: each difference in one place. Supported: 6.1 and 6.12. */
+/*
+ * Where kernel versions differ: each difference in one place, and asked of the target's own headers.
+ * probes.h says what they have, and probe/probes.c how that is found out.
+ */
 #ifndef SNBF_LINUX_COMPAT_H
 #define SNBF_LINUX_COMPAT_H
 
 #include <linux/blkdev.h>
 #include <linux/device.h>
 #include <linux/fs.h>
-#include <linux/version.h>
 
-#if LINUX_VERSION_CODE < KERNEL_VERSION(6, 1, 0)
-#error "snbf needs Linux 6.1 or later"
-#elif LINUX_VERSION_CODE >= KERNEL_VERSION(6, 5, 0) && LINUX_VERSION_CODE < KERNEL_VERSION(6, 11, 0)
-#error "snbf supports Linux 6.1 to 6.4, and 6.11 onwards"
-#endif
+#include "probes.h"
 
-/* 6.2: a class sees its devices as constant when it names their files. */
-#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 2, 0)
+#if SNBF_HAVE_CONST_DEVNODE
 typedef const struct device snbf_devnode_device;
 #else
 typedef struct device snbf_devnode_device;
 #endif
 
-/* 6.4: a class has no owner. */
 static inline struct class* snbf_class_create(const char* name) {
-#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 4, 0)
+#if SNBF_HAVE_CLASS_WITHOUT_OWNER
   return class_create(name);
 #else
   return class_create(THIS_MODULE, name);
 #endif
 }
 
-/* 6.3: the mapping of a mount's user ids has a type of its own. */
-#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 3, 0)
+#if SNBF_HAVE_MOUNT_IDMAP
 #define snbf_mnt_ids(mount) mnt_idmap(mount)
 #else
 #define snbf_mnt_ids(mount) mnt_user_ns(mount)
@@ -41,8 +36,7 @@ static inline struct class* snbf_class_create(const char* name) {
 int vfs_path_lookup(struct dentry* dentry, struct vfsmount* mount, const char* name,
                     unsigned int flags, struct path* path);
 
-/* 6.5: block devices are opened with a mode type of their own; open and release take the disk. */
-#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 5, 0)
+#if SNBF_HAVE_BLK_MODE
 typedef blk_mode_t snbf_blk_mode;
 #define SNBF_BLK_READ BLK_OPEN_READ
 #define SNBF_BLK_WRITE BLK_OPEN_WRITE
@@ -58,8 +52,8 @@ typedef struct block_device snbf_blk_opened;
 static inline struct block_device* snbf_opened_bdev(struct block_device* bdev) { return bdev; }
 #endif
 
-/* 6.9: an opened block device is a file. */
-#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 9, 0)
+/* An opening, and what it is closed by. One with a holder is exclusive. */
+#if SNBF_HAVE_BDEV_FILE
 typedef struct file snbf_bdev_handle;
 static inline snbf_bdev_handle* snbf_bdev_open(dev_t device, snbf_blk_mode mode, void* holder) {
   return bdev_file_open_by_dev(device, mode, holder, NULL);
@@ -70,7 +64,27 @@ static inline struct block_device* snbf_bdev_of_handle(snbf_bdev_handle* handle)
 static inline void snbf_bdev_close(snbf_bdev_handle* handle, snbf_blk_mode mode, void* holder) {
   bdev_fput(handle);
 }
-#else
+#elif SNBF_HAVE_BDEV_HANDLE
+typedef struct bdev_handle snbf_bdev_handle;
+static inline snbf_bdev_handle* snbf_bdev_open(dev_t device, snbf_blk_mode mode, void* holder) {
+  return bdev_open_by_dev(device, mode, holder, NULL);
+}
+static inline struct block_device* snbf_bdev_of_handle(snbf_bdev_handle* handle) {
+  return handle->bdev;
+}
+static inline void snbf_bdev_close(snbf_bdev_handle* handle, snbf_blk_mode mode, void* holder) {
+  bdev_release(handle);
+}
+#elif SNBF_HAVE_GET_BY_DEV_WITH_OPS
+typedef struct block_device snbf_bdev_handle;
+static inline snbf_bdev_handle* snbf_bdev_open(dev_t device, snbf_blk_mode mode, void* holder) {
+  return blkdev_get_by_dev(device, mode, holder, NULL);
+}
+static inline struct block_device* snbf_bdev_of_handle(snbf_bdev_handle* handle) { return handle; }
+static inline void snbf_bdev_close(snbf_bdev_handle* handle, snbf_blk_mode mode, void* holder) {
+  blkdev_put(handle, holder);
+}
+#elif SNBF_HAVE_GET_BY_DEV_WITH_MODE
 typedef struct block_device snbf_bdev_handle;
 static inline snbf_bdev_handle* snbf_bdev_open(dev_t device, snbf_blk_mode mode, void* holder) {
   return blkdev_get_by_dev(device, mode | (holder ? FMODE_EXCL : 0), holder);
@@ -79,33 +93,41 @@ static inline struct block_device* snbf_bdev_of_handle(snbf_bdev_handle* handle)
 static inline void snbf_bdev_close(snbf_bdev_handle* handle, snbf_blk_mode mode, void* holder) {
   blkdev_put(handle, mode | (holder ? FMODE_EXCL : 0));
 }
+#else
+#error "this kernel opens block devices in a way that snbf does not know"
 #endif
 
 /* Who holds a device, as a file system that is mounted on it does. */
 static inline bool snbf_bdev_has_file_system(struct block_device* bdev) {
-#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 6, 0)
+#if SNBF_HAVE_FS_HOLDER_OPS
   return READ_ONCE(bdev->bd_holder_ops) == &fs_holder_ops;
-#else
+#elif SNBF_HAVE_BD_SUPER
   return READ_ONCE(bdev->bd_super) != NULL;
+#else
+#error "this kernel shows in no way that snbf knows whether a block device is mounted"
 #endif
 }
 
-/* 6.8: counted as a writer of its file system by itself; before, by its caller. */
+/*
+ * What vfs_iter_write() does, but for the counting as a writer of the file system: some kernels
+ * count there by themselves and some leave it to the caller, and no header tells which.
+ */
 static inline ssize_t snbf_iter_write(struct file* file, struct iov_iter* from, loff_t* at) {
-#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 8, 0)
-  return vfs_iter_write(file, from, at, 0);
-#else
+  struct kiocb iocb;
   ssize_t rc;
 
+  if (!(file->f_mode & FMODE_CAN_WRITE) || !file->f_op->write_iter) return -EINVAL;
+  init_sync_kiocb(&iocb, file);
+  iocb.ki_pos = *at;
   file_start_write(file);
-  rc = vfs_iter_write(file, from, at, 0);
+  rc = file->f_op->write_iter(&iocb, from);
   file_end_write(file);
+  if (rc > 0) *at = iocb.ki_pos;
   return rc;
-#endif
 }
 
 static inline int snbf_bdev_freeze(struct block_device* bdev) {
-#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 8, 0)
+#if SNBF_HAVE_BDEV_FREEZE
   return bdev_freeze(bdev);
 #else
   return freeze_bdev(bdev);
@@ -113,11 +135,11 @@ static inline int snbf_bdev_freeze(struct block_device* bdev) {
 }
 
 /*
- * Since 6.8 freezes nest: one by hand and one of the device. But taking back one of several is answered with
+ * Where they are counted (6.8), freezes nest: one by hand and one of the device. But taking back one of several is answered with
  * -EINVAL, and the device then goes on counting it: no later freeze of it would freeze anything.
  */
 static inline int snbf_bdev_thaw(struct block_device* bdev) {
-#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 8, 0)
+#if SNBF_HAVE_BDEV_FREEZE
   const int rc = bdev_thaw(bdev);
 
   if (rc != -EINVAL) return rc;
@@ -130,23 +152,39 @@ static inline int snbf_bdev_thaw(struct block_device* bdev) {
 #endif
 }
 
+#if !SNBF_HAVE_LIMIT_FEATURES
+/* What stacked limits do not hold. */
+static inline void snbf_queue_flags(struct request_queue* queue, struct block_device* below) {
+  blk_queue_write_cache(queue, true, true);
+  blk_queue_flag_set(QUEUE_FLAG_IO_STAT, queue);
+  if (bdev_nonrot(below)) blk_queue_flag_set(QUEUE_FLAG_NONROT, queue);
+  if (bdev_stable_writes(below)) blk_queue_flag_set(QUEUE_FLAG_STABLE_WRITES, queue);
+}
+#endif
+
 /*
  * Disk whose limits are those of `below`, and which always has a write cache and FUA: what the
  * device below does not need, its own queue drops. No NOWAIT, no polling. With `whole_blocks`, no
  * memory of a request begins or ends within a logical block. Null on failure.
  */
-#if LINUX_VERSION_CODE >= KERNEL_VERSION(6, 11, 0)
+#if SNBF_HAVE_DISK_WITH_LIMITS
 static inline struct gendisk* snbf_disk_create(struct block_device* below, bool whole_blocks) {
   struct queue_limits limits;
   struct gendisk* disk;
 
   blk_set_stacking_limits(&limits);
   queue_limits_stack_bdev(&limits, below, 0, "snbf");
+  if (whole_blocks) limits.dma_alignment = max(limits.dma_alignment, limits.logical_block_size - 1);
+#if SNBF_HAVE_LIMIT_FEATURES
   limits.features &= ~(BLK_FEAT_NOWAIT | BLK_FEAT_POLL | BLK_FEAT_DAX);
   limits.features |= BLK_FEAT_WRITE_CACHE | BLK_FEAT_FUA | BLK_FEAT_IO_STAT;
-  if (whole_blocks) limits.dma_alignment = max(limits.dma_alignment, limits.logical_block_size - 1);
+#endif
   disk = blk_alloc_disk(&limits, NUMA_NO_NODE);
-  return IS_ERR(disk) ? NULL : disk;
+  if (IS_ERR(disk)) return NULL;
+#if !SNBF_HAVE_LIMIT_FEATURES
+  snbf_queue_flags(disk->queue, below);
+#endif
+  return disk;
 }
 #else
 static inline struct gendisk* snbf_disk_create(struct block_device* below, bool whole_blocks) {
@@ -156,10 +194,7 @@ static inline struct gendisk* snbf_disk_create(struct block_device* below, bool 
   blk_set_stacking_limits(&disk->queue->limits);
   disk_stack_limits(disk, below, 0);
   if (whole_blocks) blk_queue_update_dma_alignment(disk->queue, bdev_logical_block_size(below) - 1);
-  blk_queue_write_cache(disk->queue, true, true);
-  blk_queue_flag_set(QUEUE_FLAG_IO_STAT, disk->queue);
-  if (bdev_nonrot(below)) blk_queue_flag_set(QUEUE_FLAG_NONROT, disk->queue);
-  if (bdev_stable_writes(below)) blk_queue_flag_set(QUEUE_FLAG_STABLE_WRITES, disk->queue);
+  snbf_queue_flags(disk->queue, below);
   return disk;
 }
 #endif
