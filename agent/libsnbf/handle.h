@@ -76,6 +76,16 @@ int list_nodes(libsnbf* handle, Nodes* out);
 // The filter node that a snap hangs on.
 int filter_of(libsnbf* handle, uint32_t snap_minor, snbf_info* out);
 
+// The state record of a filter node; a node without one was attached by others, and that is no
+// failure. The first is for one that nothing writes to any more: both bitmaps are seen to be saved
+// before the record says so, and a failure leaves it "running". The second says "running".
+int record_clean_stop(libsnbf* handle, const snbf_info& filter);
+int record_running(const snbf_info& filter);
+
+// Has udev look at a filter node that was started, and forget one that was stopped. It opens a
+// started one for a moment.
+void announce(libsnbf* handle, uint32_t minor, bool started);
+
 // The commands that guard themselves, for callers that hold the host's lock.
 int add_snap_node_locked(libsnbf* handle, snbf_snap_node_cmd* record);
 int resume_snap_locked(libsnbf* handle, const snbf_resume_cmd& record);

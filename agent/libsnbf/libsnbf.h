@@ -144,11 +144,31 @@ int libsnbf_attach(struct libsnbf* handle, struct libsnbf_attach_request* reques
 /*
  * Start, stop and delete with the records kept in step: of the node, and of the snaps that stop
  * with it. A start of a snap that could be resumed answers -ENOTEMPTY: it would truncate its files.
- * A detach takes the node's snaps with it, and their files.
+ * A detach takes the node's snaps with it, and their files. udev is told of a filter node that
+ * was started, and has it open for a moment then; and of one that was stopped.
  */
 int libsnbf_start(struct libsnbf* handle, uint32_t minor);
 int libsnbf_stop(struct libsnbf* handle, uint32_t minor);
 int libsnbf_detach(struct libsnbf* handle, uint32_t minor);
+
+/*
+ * For the end of a started filter node that cannot be stopped. Both may sleep, and answer -EINVAL
+ * of any other node.
+ *
+ * Leave both bitmap files flagged as dirty, before the file system that holds them goes away: from
+ * then on the driver could flag them no more. The next attachment counts every extent as changed.
+ */
+int libsnbf_leave_dirty(struct libsnbf* handle, uint32_t minor);
+/*
+ * Record a clean stop of a node whose file system is mounted read-only, as the root's is at the
+ * very end. What is believed of it later rests on this: a write to the node that comes after all
+ * raises the flag in both files first, as long as the file system that holds them can be written;
+ * so leave that one as it is.
+ *
+ *   -EBUSY   it is not mounted, not read-only everywhere, or has a started snap
+ *   -EAGAIN  it was written meanwhile: nothing is recorded
+ */
+int libsnbf_rest(struct libsnbf* handle, uint32_t minor);
 
 /*
  * By which a file is known again. The device number holds for one boot; the time is that of its

@@ -207,30 +207,6 @@ int attach_locked(libsnbf* handle, libsnbf_attach_request* request) {
   return 0;
 }
 
-// 0 when the bitmap is seen to be in its file.
-int see_saved(libsnbf* handle, uint32_t minor, uint32_t type) {
-  int unsaved = 0;
-  if (int rc = libsnbf_bmp_unsaved(handle, minor, type, &unsaved); rc != 0 || !unsaved) return rc;
-  if (int rc = libsnbf_save_bmp(handle, minor, type); rc != 0) return rc;
-  if (int rc = libsnbf_bmp_unsaved(handle, minor, type, &unsaved); rc != 0) return rc;
-  return unsaved ? -EIO : 0;
-}
-
-// Of a node that the driver has stopped. A failure leaves the record "running": it errs towards all
-// ones.
-int record_clean_stop(libsnbf* handle, const snbf_info& info) {
-  const uint32_t minor = info.minor;
-  for (uint32_t type : {SNBF_BMP_INCR, SNBF_BMP_DIFF}) {
-    if (int rc = see_saved(handle, minor, type); rc != 0) return rc;
-  }
-  libsnbf_state state;
-  const std::string dir = bmp_dir_of(info);
-  if (libsnbf_state_read(dir.c_str(), minor, &state) != 0) return 0;  // attached without us
-  if (int rc = hash_head(info.hdd_name, &state.head_hash); rc != 0) return rc;
-  state.stopped_clean = 1;
-  return libsnbf_state_write(dir.c_str(), minor, &state);
-}
-
 // `recorded` is the answer of the second half; a node that is busy is not stopped at all.
 int stop_locked(libsnbf* handle, uint32_t minor, int* recorded) {
   *recorded = 0;
@@ -242,8 +218,9 @@ int stop_locked(libsnbf* handle, uint32_t minor, int* recorded) {
     if (int rc = snbf::lib::snaps_before_stop(handle, info, &snaps); rc != 0) return rc;
   }
   if (int rc = libsnbf_stop_node(handle, minor); rc != 0) return rc;
-  if (filter) *recorded = record_clean_stop(handle, info);
+  if (filter) *recorded = snbf::lib::record_clean_stop(handle, info);
   if (filter && *recorded == 0) *recorded = snbf::lib::record_snaps_stopped(handle, info, snaps);
+  if (filter) snbf::lib::announce(handle, minor, false);
   return 0;
 }
 
@@ -275,7 +252,9 @@ int start_locked(libsnbf* handle, uint32_t minor) {
     return holds_an_image(handle, info) ? -ENOTEMPTY : libsnbf_start_node(handle, minor);
   }
   if (int rc = record_start(handle, info); rc != 0) return rc;
-  return libsnbf_start_node(handle, minor);
+  if (int rc = libsnbf_start_node(handle, minor); rc != 0) return rc;
+  snbf::lib::announce(handle, minor, true);
+  return 0;
 }
 
 int detach_locked(libsnbf* handle, uint32_t minor) {

@@ -171,7 +171,6 @@ int resume_locked(libsnbf* handle, uint32_t filter_minor, uint32_t* resumed) {
   Ground ground;
   std::vector<Candidate> candidates;
   std::vector<Candidate*> chosen;
-  *resumed = 0;
   if (int rc = survey(handle, filter_minor, &ground); rc != 0) return rc;
   if (int rc = judge_all(handle, ground, &candidates); rc != 0) return rc;
   for (Candidate& candidate : candidates) {
@@ -222,7 +221,11 @@ int libsnbf_snap_each(libsnbf* handle, uint32_t filter_minor, libsnbf_snap_visit
 int libsnbf_snap_resume(libsnbf* handle, uint32_t filter_minor, uint32_t* resumed) {
   return snbf::lib::at_border([&] {
     HostLock lock(*handle);
-    return lock.error() ? lock.error() : resume_locked(handle, filter_minor, resumed);
+    if (lock.error()) return lock.error();
+    *resumed = 0;
+    const int rc = resume_locked(handle, filter_minor, resumed);
+    if (*resumed > 0) snbf::lib::announce(handle, filter_minor, true);
+    return rc;
   });
 }
 
