@@ -35,6 +35,8 @@ void add_attach(CLI::App& app, Chosen& chosen);
 void add_start(CLI::App& app, Chosen& chosen);
 void add_stop(CLI::App& app, Chosen& chosen);
 void add_detach(CLI::App& app, Chosen& chosen);
+void add_up(CLI::App& app, Chosen& chosen);
+void add_down(CLI::App& app, Chosen& chosen);
 void add_list(CLI::App& app, Chosen& chosen);
 void add_status(CLI::App& app, Chosen& chosen);
 void add_changes(CLI::App& app, Chosen& chosen);

@@ -75,7 +75,7 @@ snbf_info Driver::find(const std::string& text) const {
   const dev_t device = text.find('/') == std::string::npos ? 0 : device_of(text);
   const std::vector<snbf_info> nodes = filters();
   for (const snbf_info& node : nodes) {
-    if (text == node.name) return node;
+    if (file == node.name) return node;
   }
   for (const snbf_info& node : nodes) {
     const std::string minor = std::to_string(node.minor);

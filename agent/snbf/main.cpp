@@ -14,7 +14,8 @@ namespace {
 
 constexpr Command kCommands[] = {
     {"attach", add_attach},     {"start", add_start},     {"stop", add_stop},
-    {"detach", add_detach},     {"list", add_list},       {"status", add_status},
+    {"detach", add_detach},     {"up", add_up},
+    {"down", add_down},         {"list", add_list},       {"status", add_status},
     {"changes", add_changes},   {"bitmap", add_bitmap},   {"snap", add_snap},
     {"mount", add_mount},       {"umount", add_umount},   {"backup", add_backup},
     {"restore", add_restore},   {"verify", add_verify},   {"doctor", add_doctor},

@@ -4,13 +4,17 @@ _snbf_nodes() {
   snbf list -o name --noheadings 2>/dev/null
 }
 
+_snbf_boot_nodes() {
+  sed -n 's/^[[:blank:]]*\([A-Za-z0-9_-][^[:blank:]#]*\)[[:blank:]].*/\1/p' /etc/snbf/nodes 2>/dev/null
+}
+
 _snbf_snaps() {
   snbf snap list --noheadings 2>/dev/null | cut -d' ' -f1
 }
 
 _snbf() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} verb=${COMP_WORDS[1]}
-  local verbs="attach start stop detach list status changes bitmap snap mount umount backup restore verify doctor selftest version"
+  local verbs="attach start stop detach up down list status changes bitmap snap mount umount backup restore verify doctor selftest version"
   COMPREPLY=()
   if [ "$COMP_CWORD" -eq 1 ]; then
     mapfile -t COMPREPLY < <(compgen -W "$verbs --help" -- "$cur")
@@ -58,7 +62,8 @@ _snbf() {
       else
         mapfile -t COMPREPLY < <(compgen -d -- "$cur")
       fi ;;
-    start | stop | detach | status | changes)
+    up) mapfile -t COMPREPLY < <(compgen -W "$(_snbf_boot_nodes)" -- "$cur") ;;
+    start | stop | detach | down | status | changes)
       mapfile -t COMPREPLY < <(compgen -W "$(_snbf_nodes)" -- "$cur") ;;
     backup)
       if [ "$COMP_CWORD" -eq 2 ]; then

@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <filesystem>
 
+#include "attach.h"
+#include "boot_files.h"
 #include "command.h"
 #include "driver.h"
 #include "failure.h"
@@ -18,13 +20,17 @@ namespace snbf {
 
 namespace {
 
+constexpr const char* kBitmapDir = "/var/lib/snbf";
+
 struct Options {
   std::string partition;
   std::string name;
-  std::string bitmaps = "/var/lib/snbf";
+  std::string bitmaps = kBitmapDir;
+  std::string store;
   std::string extent = "64K";
   int minor = -1;
   bool start = false;
+  bool at_boot = false;
   bool dry_run = false;
   bool json = false;
 };
@@ -38,59 +44,66 @@ uint32_t parse_extent(const std::string& text) {
   return static_cast<uint32_t>(*size);
 }
 
-Failure refusal(int rc, const Options& options, const Driver& driver) {
-  const Failure plain = failure_of(rc, fmt::format("attaching {}", options.partition));
-  for (const snbf_info& node : driver.filters()) {
-    if (rc == -EINVAL && device_of(node.hdd_name) == device_of(options.partition)) {
-      return {kFailed,
-              fmt::format("attaching {}: the node {} lies over it already", options.partition,
-                          node.name),
-              "use that node, or detach it first", rc};
-    }
-    if (rc == -EINVAL && options.minor >= 0 && node.minor == static_cast<uint32_t>(options.minor)) {
-      return {kFailed, fmt::format("the minor {} belongs to the node {}", options.minor, node.name),
-              "leave --minor out, or choose another", rc};
-    }
+// What is written for the next boots.
+BootNode boot_node(const Options& options, const std::string& partition) {
+  BootNode node;
+  node.name = options.name;
+  node.partition = stable_name_of(partition);
+  node.bitmaps = std::filesystem::absolute(options.bitmaps).lexically_normal();
+  node.extent_size = parse_extent(options.extent);
+  node.minor = options.minor;
+  node.store = options.store.empty() ? "" : stable_name_of(options.store);
+  return node;
+}
+
+void check(const Options& options, const std::string& partition) {
+  if (!libsnbf_name_is_safe(options.name.c_str())) throw failure_of(-EILSEQ, options.name);
+  if (device_of(partition) == 0) throw failure_of(-ENOTBLK, options.partition);
+}
+
+// A root that is in use can have its node at the next boot only.
+int attach_early(const Options& options, const std::string& partition) {
+  BootNode node = boot_node(options, partition);
+  if (node.minor < 0) node.minor = minor_for_early(options.name, kBitmapDir);
+  if (options.bitmaps == kBitmapDir) node.bitmaps = std::string(kEarlyStore) + "/snbf";
+  if (options.dry_run) {
+    note(fmt::format("would write into {}: {}", kBootFile, print_boot_node(node)));
+    return kDone;
   }
-  if (rc != -EBUSY) return plain;
-  std::string who = joined(holders_of(device_of(options.partition)));
-  if (who.empty()) who = "somebody who cannot be seen from here holds it";
-  return {kBusy, fmt::format("attaching {}: the partition is in use: {}", options.partition, who),
-          "unmount it first; after the attach, mount the node in its place", rc};
+  put_boot_node(node);
+  note(fmt::format("{} comes up in the initramfs of the next boot", node.name));
+  note("run `update-initramfs -u` now");
+  return kDone;
 }
 
 int attach(const Options& options) {
-  const Driver driver;
-  libsnbf_attach_request request{};
   const std::string partition = std::filesystem::absolute(options.partition);
-  request.partition = partition.c_str();
-  request.name = options.name.c_str();
-  request.minor = options.minor;
-  request.extent_size = parse_extent(options.extent);
-  if (!libsnbf_name_is_safe(request.name)) throw failure_of(-EILSEQ, options.name);
-  if (device_of(partition) == 0) throw failure_of(-ENOTBLK, options.partition);
+  AttachWish wish{partition, options.name, options.bitmaps, parse_extent(options.extent),
+                  options.minor};
+  check(options, partition);
+  if (!options.store.empty()) return attach_early(options, partition);
+  const Driver driver;
+  BootNode boot = options.at_boot ? boot_node(options, partition) : BootNode{};
   if (options.dry_run) {
-    note(fmt::format("would attach {} as {} with extents of {} and bitmaps in {}{}", partition,
+    note(fmt::format("would attach {} as {} with extents of {} and bitmaps in {}{}{}", partition,
                      options.name, options.extent, options.bitmaps,
-                     options.start ? ", and start it" : ""));
+                     options.start ? ", and start it" : "",
+                     options.at_boot ? ", now and at every boot" : ""));
     return kDone;
   }
   if (::mkdir(options.bitmaps.c_str(), 0700) < 0 && errno != EEXIST) {
     throw failure_of(-errno, "making " + options.bitmaps);
   }
-  const std::string bitmaps = std::filesystem::canonical(options.bitmaps);
-  request.bmp_dir = bitmaps.c_str();
-  if (int rc = libsnbf_attach(driver.get(), &request); rc != 0) throw refusal(rc, options, driver);
+  std::string why;
+  const uint32_t minor = attach_node(driver, wish, &why).minor;
   int status = kDone;
-  if (options.start) {
-    status = start_node(driver, driver.info(request.minor_used), true);
-  }
-  const snbf_info node = driver.info(request.minor_used);
-  const std::string why = request.distrust;
+  if (options.start) status = start_node(driver, driver.info(minor), true);
+  const snbf_info node = driver.info(minor);
   if (options.json) {
     Json json = node_json(node);
     json["bitmaps_trusted"] = why.empty();
     json["distrust"] = why;
+    json["at_boot"] = options.at_boot;
     print_json(json);
   } else {
     fmt::print("{}\n", node_path(node));
@@ -99,6 +112,12 @@ int attach(const Options& options) {
     note(why.empty() ? "tracking goes on where it stopped"
                      : "every extent counts as changed: " + reason_text(why));
   }
+  if (options.at_boot) {
+    boot.minor = static_cast<int>(minor);  // its bitmap files are named by it
+    put_boot_node(boot);
+    tell_systemd(options.start ? boot.name : "");
+    note(fmt::format("it comes up by itself at every boot: {}", kBootFile));
+  }
   return status;
 }
 
@@ -106,10 +125,11 @@ int attach(const Options& options) {
 
 void add_attach(CLI::App& app, Chosen& chosen) {
   auto options = std::make_shared<Options>();
-  CLI::App* verb = add_verb(
-      app, chosen, "attach", "Lay a filter node over a partition, so that its changes are tracked",
-      "Example:\n  snbf attach /dev/sdb1 --name data --start\n  mount /dev/snbf/snbf0 /srv/data",
-      options, attach);
+  CLI::App* verb = add_verb(app, chosen, "attach",
+                            "Lay a filter node over a partition, so that its changes are tracked",
+                            "Example:\n  snbf attach /dev/sdb1 --name data --start --at-boot\n"
+                            "  mount /dev/snbf/data /srv/data",
+                            options, attach);
   verb->add_option("partition", options->partition, "The partition's device file")->required();
   verb->add_option("--name", options->name, "The node's name")->required();
   verb->add_option("--minor", options->minor,
@@ -118,6 +138,10 @@ void add_attach(CLI::App& app, Chosen& chosen) {
   verb->add_option("--bitmaps", options->bitmaps,
                    "Directory of the bitmap files, not on this partition (default /var/lib/snbf)");
   verb->add_flag("--start", options->start, "Start it as well");
+  verb->add_flag("--at-boot", options->at_boot, "Bring it up at every boot (/etc/snbf/nodes)");
+  verb->add_option("--store", options->store,
+                   "For the root's partition: the file system that is to hold the bitmaps, on "
+                   "another one; the node comes up in the initramfs of the next boot");
   verb->add_flag("--dry-run", options->dry_run, "Say what would be done");
   verb->add_flag("--json", options->json, "Print the new node as JSON");
 }

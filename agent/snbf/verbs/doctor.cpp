@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "boot_files.h"
 #include "command.h"
 #include "destination.h"
 #include "driver.h"
@@ -88,6 +89,35 @@ Finding check_bitmaps(const std::string& directory) {
                     kBitmapRoom, "make room: a bitmap that cannot be saved is lost with the power");
 }
 
+// What /etc/snbf/nodes would come to.
+Finding check_boot() {
+  const char* const kWhat = "at boot";
+  const BootNodes file = read_boot_nodes();
+  if (!file.problems.empty()) {
+    return {kWhat, Grade::Bad, fmt::format("{}, {}", kBootFile, file.problems[0]),
+            "correct that line; `snbf up --dry-run` shows what it comes to"};
+  }
+  try {
+    in_boot_order(file.nodes, mounts_of_fstab());
+  } catch (const Failure& ring) {
+    return {kWhat, Grade::Bad, ring.what(), ring.remedy()};
+  }
+  for (const BootNode& node : file.nodes) {
+    if (device_file_of(node.partition).empty()) {
+      return {kWhat, Grade::Warning,
+              fmt::format("the partition of {}, {}, is not there", node.name, node.partition),
+              fmt::format("connect its disk, or `snbf detach --forget {}`", node.name)};
+    }
+  }
+  const size_t count = file.nodes.size();
+  return {kWhat, Grade::Good,
+          count == 0
+              ? "no node comes up by itself"
+              : fmt::format("{} {}", count,
+                            count == 1 ? "node comes up by itself" : "nodes come up by themselves"),
+          ""};
+}
+
 // Other devices with a file system of that UUID. Nodes and snaps show their partition's, and are
 // none.
 std::vector<std::string> twins_of(dev_t device, const std::string& uuid) {
@@ -142,9 +172,9 @@ int doctor(const Options& options) {
   utsname name{};
   ::uname(&name);
   const bool loaded = fs::exists("/proc/snbf");
-  std::vector<Finding> findings = {judge_kernel(name.release), check_module(loaded),
-                                   check_majors(loaded), check_programs(),
-                                   check_bitmaps(options.bitmaps)};
+  std::vector<Finding> findings = {judge_kernel(name.release),     check_module(loaded),
+                                   check_majors(loaded),           check_programs(),
+                                   check_bitmaps(options.bitmaps), check_boot()};
   if (!options.partition.empty()) check_partition(options.partition, options.bitmaps, &findings);
   Grade worst = Grade::Good;
   Json list = Json::array();

@@ -2,10 +2,12 @@
 // snbf start, stop and detach.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <thread>
 
+#include "boot_files.h"
 #include "command.h"
 #include "driver.h"
 #include "failure.h"
@@ -18,6 +20,7 @@ namespace snbf {
 namespace {
 
 constexpr auto kRetry = std::chrono::milliseconds(200);
+constexpr int kProbes = 10;  // so often may udev be what holds it
 
 struct Options {
   std::string node;
@@ -26,6 +29,7 @@ struct Options {
   int wait_limit_s = 60;
   bool no_resume = false;
   bool yes = false;
+  bool forget = false;
   bool dry_run = false;
 };
 
@@ -36,6 +40,15 @@ Failure busy(const snbf_info& node, const std::string& doing) {
           "close or unmount it, or wait for that with --wait", -EBUSY};
 }
 
+// udev looks into a node for a moment when it has been started.
+bool is_probed(const snbf_info& node) {
+  const auto holders = holders_of(device_of(node_path(node)));
+  return std::all_of(holders.begin(), holders.end(), [](const std::string& holder) {
+    return holder.rfind("open in (udev-worker)", 0) == 0 ||
+           holder.rfind("open in systemd-udevd", 0) == 0;
+  });
+}
+
 // Runs `step` until it is no longer refused as busy, as long as --wait allows.
 void end_with(const Options& options, const snbf_info& node, const std::string& doing,
               int (*step)(libsnbf*, uint32_t), const Driver& driver) {
@@ -43,7 +56,11 @@ void end_with(const Options& options, const snbf_info& node, const std::string& 
       std::chrono::steady_clock::now() + std::chrono::seconds(options.wait_limit_s);
   int rc;
   bool told = false;
-  while ((rc = step(driver.get(), node.minor)) == -EBUSY) {
+  for (int probes = 0; (rc = step(driver.get(), node.minor)) == -EBUSY; ++probes) {
+    if (probes == kProbes || !is_probed(node)) break;
+    std::this_thread::sleep_for(kRetry);
+  }
+  while (rc == -EBUSY && (rc = step(driver.get(), node.minor)) == -EBUSY) {
     if (!options.wait || std::chrono::steady_clock::now() >= give_up) throw busy(node, doing);
     if (!told) note(fmt::format("waiting: {}", busy(node, doing).what()));
     told = true;
@@ -123,7 +140,39 @@ int stop(const Options& options) {
   return end(options, {"stop", "stopping", "stopped", false, libsnbf_stop});
 }
 
+int forget(const Options& options, const std::string& name) {
+  if (options.dry_run) {
+    note(fmt::format("would remove the line of {} from {}", name, kBootFile));
+    return kDone;
+  }
+  if (!drop_boot_node(name)) {
+    warn(fmt::format("{} has no line of {}", kBootFile, name));
+    return kWarned;
+  }
+  tell_systemd("");
+  note(fmt::format("{} comes up at boot no more", name));
+  return kDone;
+}
+
+// A node that is not there can be forgotten too: its disk may be gone for good.
+int detach_and_forget(const Options& options) {
+  if (options.all) throw Failure(kMisused, "--forget needs a node", "name it");
+  std::string name = options.node;
+  try {
+    const Driver driver;
+    const snbf_info node = driver.find(options.node);
+    name = node.name;
+    end_one(options, node, {"detach", "detaching", "detached", true, libsnbf_detach}, driver);
+  } catch (const Failure& failure) {
+    const bool known = boot_node_of(read_boot_nodes().nodes, name) != nullptr;
+    if (!known || failure.status() == kBusy || failure.status() == kUnsafe) throw;
+    note(failure.what());
+  }
+  return forget(options, name);
+}
+
 int detach(const Options& options) {
+  if (options.forget) return detach_and_forget(options);
   return end(options, {"detach", "detaching", "detached", true, libsnbf_detach});
 }
 
@@ -168,6 +217,7 @@ void add_detach(CLI::App& app, Chosen& chosen) {
   CLI::App* verb = add(app, chosen, "detach", "Stop the node, save its bitmaps and take it away",
                        "Example:\n  umount /srv/data && snbf detach data --wait", options, detach);
   add_ending(verb, *options);
+  verb->add_flag("--forget", options->forget, "And do not bring it up at boot any more");
   verb->add_flag("--yes", options->yes, "Although its snaps are deleted with it");
 }
 

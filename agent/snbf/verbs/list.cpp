@@ -4,6 +4,7 @@
 
 #include <sstream>
 
+#include "boot_files.h"
 #include "command.h"
 #include "driver.h"
 #include "failure.h"
@@ -25,6 +26,7 @@ struct Row {
   snbf_info node;
   uint64_t changed_bytes;
   char units;
+  bool at_boot;
 };
 
 struct Field {
@@ -51,6 +53,7 @@ const Field kFields[] = {
      [](const Row& row) { return std::string(row.node.hdd_name); }},
     {"device", "DEVICE", false, [](const Row& row) { return node_path(row.node); }},
     {"uuid", "UUID", false, [](const Row& row) { return std::string(row.node.uuid); }},
+    {"boot", "BOOT", false, [](const Row& row) { return std::string(row.at_boot ? "yes" : "no"); }},
     {"bitmaps", "BITMAPS", false, [](const Row& row) { return bmp_dir_of(row.node); }},
 };
 
@@ -80,13 +83,16 @@ int list(const Options& options) {
   for (const Field* field : fields) columns.push_back({field->title, field->right});
   Table table(columns);
   Json nodes = Json::array();
+  const std::vector<BootNode> at_boot = read_boot_nodes().nodes;
   for (const snbf_info& node : driver.filters()) {
-    const Row row{node, driver.get(node, SNBF_BMP_INCR).covered_bytes(), options.units[0]};
+    const Row row{node, driver.get(node, SNBF_BMP_INCR).covered_bytes(), options.units[0],
+                  boot_node_of(at_boot, node.name) != nullptr};
     std::vector<std::string> cells;
     for (const Field* field : fields) cells.push_back(field->text(row));
     table.add(cells);
     Json json = node_json(node);
     json["changed_bytes"] = row.changed_bytes;
+    json["at_boot"] = row.at_boot;
     nodes.push_back(json);
   }
   if (options.json) {

@@ -2,6 +2,7 @@
 // snbf status: all that is known of one node.
 #include <fmt/format.h>
 
+#include "boot_files.h"
 #include "capture_journal.h"
 #include "command.h"
 #include "driver.h"
@@ -52,6 +53,8 @@ int status(const Options& options) {
   const std::vector<Snap> snaps = snaps_of(driver, node);
   const Json full_in = cow_full_in(snaps);
   const bool pending = CaptureJournal(bmp_dir_of(node), node.minor).exists();
+  const std::vector<BootNode> boot = read_boot_nodes().nodes;
+  const BootNode* at_boot = boot_node_of(boot, node.name);
   const Json incr = bitmap_json(driver, node, SNBF_BMP_INCR, state.incr_point);
   const Json diff = bitmap_json(driver, node, SNBF_BMP_DIFF, state.diff_point);
   if (options.json) {
@@ -66,6 +69,7 @@ int status(const Options& options) {
     json["next_backup"] = why.empty() ? "incremental" : "full";
     json["next_backup_full_because"] = why;
     json["capture_pending"] = pending;
+    json["at_boot"] = at_boot != nullptr;
     print_json(json);
     return kDone;
   }
@@ -81,6 +85,9 @@ int status(const Options& options) {
   fmt::print("since backup   {}\n", bytes_of(incr));
   fmt::print("since full     {}\n", bytes_of(diff));
   fmt::print("bitmaps        {}\n", bmp_dir_of(node));
+  fmt::print("at boot        {}\n",
+             at_boot ? fmt::format("comes up by itself ({}, line {})", kBootFile, at_boot->line)
+                     : "is not attached by itself");
   for (const std::string& holder : holders) fmt::print("in use         {}\n", holder);
   for (const Snap& snap : snaps) {
     fmt::print("snap           {}: {}, {} copied, {} free\n", snap.name(), describe_state(snap),

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: GPL-2.0-only
+#include "attach.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "failure.h"
+#include "output.h"
+
+namespace snbf {
+
+namespace {
+
+Failure refusal(int rc, const AttachWish& wish, const Driver& driver) {
+  const Failure plain = failure_of(rc, fmt::format("attaching {}", wish.partition));
+  for (const snbf_info& node : driver.filters()) {
+    if (rc == -EINVAL && device_of(node.hdd_name) == device_of(wish.partition)) {
+      return {
+          kFailed,
+          fmt::format("attaching {}: the node {} lies over it already", wish.partition, node.name),
+          "use that node, or detach it first", rc};
+    }
+    if (rc == -EINVAL && wish.minor >= 0 && node.minor == static_cast<uint32_t>(wish.minor)) {
+      return {kFailed, fmt::format("the minor {} belongs to the node {}", wish.minor, node.name),
+              "leave --minor out, or choose another", rc};
+    }
+  }
+  if (rc != -EBUSY) return plain;
+  std::string who = joined(holders_of(device_of(wish.partition)));
+  if (who.empty()) who = "somebody who cannot be seen from here holds it";
+  return {kBusy, fmt::format("attaching {}: the partition is in use: {}", wish.partition, who),
+          "unmount it first; after the attach, mount the node in its place", rc};
+}
+
+}  // namespace
+
+snbf_info attach_node(const Driver& driver, const AttachWish& wish, std::string* distrust) {
+  const std::string bitmaps = std::filesystem::canonical(wish.bitmaps);
+  libsnbf_attach_request request{};
+  request.partition = wish.partition.c_str();
+  request.name = wish.name.c_str();
+  request.bmp_dir = bitmaps.c_str();
+  request.minor = wish.minor;
+  request.extent_size = wish.extent_size;
+  if (int rc = libsnbf_attach(driver.get(), &request); rc != 0) throw refusal(rc, wish, driver);
+  *distrust = request.distrust;
+  return driver.info(request.minor_used);
+}
+
+}  // namespace snbf
