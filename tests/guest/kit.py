@@ -9,6 +9,7 @@ A test is a file test_*.py beside this one. Its GUEST says what the runner gives
     kernels "installed": by default on that one alone, for it tests little that another kernel could change
     allow   patterns of kernel log lines that it provokes
     words   for the kernel's command line, beside slub_nomerge
+    long_boots  those that follow where tests may last longer (SNBF_LONG)
     machine "base" or "installed": it runs on a copy of that image (machine.py), and each boot but a power
             cut ends with the machine's shutdown
     chroot  by the name of a boot, what is done as root in the machine's system before it, while it is off
