@@ -55,7 +55,7 @@ TEST(ParseBootNodes, NamesTheLineAndTheCure) {
   EXPECT_THAT(problem_of("data sdb1 /x"), HasSubstr("sdb1 is no partition"));
   EXPECT_THAT(problem_of("data UUID=1 /x"), HasSubstr("names the file system"));
   EXPECT_THAT(problem_of("data PARTUUID=1 x"), HasSubstr("x is no absolute path"));
-  EXPECT_THAT(problem_of("data PARTUUID=1 /x extent=3K"), HasSubstr("extent=3K"));
+  EXPECT_THAT(problem_of("data PARTUUID=1 /x extent=96K"), HasSubstr("extent=96K"));
   EXPECT_THAT(problem_of("data PARTUUID=1 /x minor=-1"), HasSubstr("minor=-1"));
   EXPECT_THAT(problem_of("data PARTUUID=1 /x colour=red"), HasSubstr("colour=red is no option"));
   EXPECT_THAT(problem_of("root PARTUUID=1 /x store=UUID=2"), HasSubstr("/run/initramfs/snbf"));
