@@ -1,12 +1,18 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
+#include <string>
+#include <system_error>
 
 #include "command.h"
 #include "failure.h"
+#include "misuse.h"
 
 namespace snbf {
 
@@ -22,9 +28,12 @@ constexpr Command kCommands[] = {
     {"selftest", add_selftest}, {"version", add_version},
 };
 
-void tell(const Failure& failure) {
-  fmt::print(stderr, "snbf: {}\n", failure.what());
-  if (!failure.remedy().empty()) fmt::print(stderr, "      {}\n", failure.remedy());
+Failure output_failure(int error) {
+  if (error == EPIPE) {
+    return {kFailed, "the output was closed before all of it was written",
+            "read it to its end; what was done before stays done"};
+  }
+  return failure_of(-error, "writing the output");
 }
 
 int run_command_line(int argc, char** argv) {
@@ -39,8 +48,7 @@ int run_command_line(int argc, char** argv) {
   } catch (const CLI::Success& success) {
     return app.exit(success);
   } catch (const CLI::ParseError& error) {
-    app.exit(error);
-    return kMisused;
+    throw misuse_of(app, {argv + 1, argv + argc}, error);
   }
   return chosen();
 }
@@ -52,20 +60,26 @@ std::span<const Command> commands() { return kCommands; }
 }  // namespace snbf
 
 int main(int argc, char** argv) {
+  const bool json =
+      std::any_of(argv, argv + argc, [](const std::string& word) { return word == "--json"; });
   std::signal(SIGPIPE, SIG_IGN);  // a server that dies is an error of the call, not our end
   try {
     const int status = snbf::run_command_line(argc, argv);
-    if (std::fflush(stdout) != 0) {
-      fmt::print(stderr, "snbf: writing the output failed\n");
-      return status == snbf::kDone ? snbf::kFailed : status;
-    }
-    return status;
+    if (std::fflush(stdout) == 0) return status;
+    snbf::tell(snbf::output_failure(errno), false);
+    return status == snbf::kDone ? snbf::kFailed : status;
   } catch (const snbf::Failure& failure) {
+    snbf::tell(failure, json);
     std::fflush(stdout);
-    snbf::tell(failure);
     return failure.status();
+  } catch (const std::filesystem::filesystem_error& error) {
+    snbf::tell(snbf::failure_of(-error.code().value(), error.path1()), json);
+    return snbf::kFailed;
+  } catch (const std::system_error& error) {  // of fmt: the output
+    snbf::tell(snbf::output_failure(error.code().value()), false);
+    return snbf::kFailed;
   } catch (const std::exception& error) {
-    fmt::print(stderr, "snbf: {}\n", error.what());
+    snbf::tell(snbf::Failure(snbf::kFailed, error.what()), json);
     return snbf::kFailed;
   }
 }
