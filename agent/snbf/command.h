@@ -47,6 +47,7 @@ void add_verify(CLI::App& app, Chosen& chosen);
 void add_snap(CLI::App& app, Chosen& chosen);
 void add_mount(CLI::App& app, Chosen& chosen);
 void add_umount(CLI::App& app, Chosen& chosen);
+void add_export(CLI::App& app, Chosen& chosen);
 void add_doctor(CLI::App& app, Chosen& chosen);
 void add_selftest(CLI::App& app, Chosen& chosen);
 void add_version(CLI::App& app, Chosen& chosen);

@@ -25,7 +25,7 @@ constexpr Command kCommands[] = {
     {"changes", add_changes},   {"bitmap", add_bitmap},   {"snap", add_snap},
     {"mount", add_mount},       {"umount", add_umount},   {"backup", add_backup},
     {"restore", add_restore},   {"verify", add_verify},   {"doctor", add_doctor},
-    {"selftest", add_selftest}, {"version", add_version},
+    {"selftest", add_selftest}, {"export", add_export},   {"version", add_version},
 };
 
 Failure output_failure(int error) {

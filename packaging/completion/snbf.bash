@@ -14,7 +14,7 @@ _snbf_snaps() {
 
 _snbf() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} verb=${COMP_WORDS[1]}
-  local verbs="attach start stop detach up down list status changes bitmap snap mount umount backup restore verify doctor selftest version"
+  local verbs="attach start stop detach up down list status changes bitmap snap mount umount backup restore verify export doctor selftest version"
   COMPREPLY=()
   if [ "$COMP_CWORD" -eq 1 ]; then
     mapfile -t COMPREPLY < <(compgen -W "$verbs --help" -- "$cur")
@@ -29,6 +29,7 @@ _snbf() {
     --chunk) mapfile -t COMPREPLY < <(compgen -W "4K 16K 64K 256K 1M" -- "$cur"); return ;;
     --snap) mapfile -t COMPREPLY < <(compgen -W "auto always none" -- "$cur"); return ;;
     --all) [ "$verb" != snap ] || { mapfile -t COMPREPLY < <(compgen -W "$(_snbf_nodes)" -- "$cur"); return; } ;;
+    --nbd | --pid-file) mapfile -t COMPREPLY < <(compgen -f -- "$cur"); return ;;
     --bitmaps | --cow) mapfile -t COMPREPLY < <(compgen -d -- "$cur"); return ;;
   esac
   if [[ $cur == -* ]]; then
@@ -56,7 +57,7 @@ _snbf() {
       else
         mapfile -t COMPREPLY < <(compgen -W "$(_snbf_nodes)" -- "$cur")
       fi ;;
-    mount | umount)
+    mount | umount | export)
       if [ "$COMP_CWORD" -eq 2 ]; then
         mapfile -t COMPREPLY < <(compgen -W "$(_snbf_snaps)" -- "$cur")
       else
