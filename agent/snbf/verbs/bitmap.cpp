@@ -79,6 +79,24 @@ void act(const Driver& driver, const snbf_info& node, uint32_t type, const Optio
   }
 }
 
+// All that can be known to fail is tried.
+int rehearse(const Driver& driver, const snbf_info& node, uint32_t type, const Options& options) {
+  std::string how;
+  if (!options.file.empty() && (options.action == "set" || options.action == "merge")) {
+    how = fmt::format(" from {} extents of {}", read_raw(driver, node, options.file).count(),
+                      options.file);
+  } else if (options.action == "load") {
+    const std::string file = type == SNBF_BMP_INCR ? node.incr_bmp_fname : node.diff_bmp_fname;
+    libsnbf_verdict verdict = LIBSNBF_MISSING;
+    must(libsnbf_judge_bmp_file(file.c_str(), node.incr_bmp_size, &verdict), "reading " + file);
+    how = " from " + file +
+          (verdict == LIBSNBF_GOOD ? "" : ", which cannot be trusted: every bit would be set");
+  }
+  note(fmt::format("would {} the {} bitmap of {}{}", options.action, bitmap_name(type), node.name,
+                   how));
+  return kDone;
+}
+
 int bitmap(const Options& options) {
   const uint32_t type = parse_bitmap(options.bitmap);
   if (options.action == "merge" && options.file.empty()) {
@@ -90,15 +108,12 @@ int bitmap(const Options& options) {
     write_raw(driver.get(node, type), options.file);
     return kDone;
   }
-  if (options.dry_run) {
-    note(fmt::format("would {} the {} bitmap of {}", options.action, bitmap_name(type), node.name));
-    return kDone;
-  }
   if (may_lose_changes(options) && !options.yes) {
     throw Failure(kUnsafe,
                   fmt::format("bitmap {} can forget changes that no backup has", options.action),
                   "say --yes if that is meant; the next backup is then a full one");
   }
+  if (options.dry_run) return rehearse(driver, node, type, options);
   // A backup under way counts on the bitmap being its own.
   const UniqueFd lock = lock_file(fmt::format("{}/snbf{}.lock", bmp_dir_of(node), node.minor), node.name);
   if (may_lose_changes(options)) forget_point(node, type);

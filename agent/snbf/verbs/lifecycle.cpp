@@ -69,12 +69,26 @@ void end_with(const Options& options, const snbf_info& node, const std::string& 
   must(rc, fmt::format("{} {}", doing, node.name));
 }
 
+int rehearse_start(const Driver& driver, const snbf_info& node, const Options& options) {
+  if (node.started) must(-EALREADY, fmt::format("starting {}", node.name));
+  std::vector<std::string> resumed;
+  std::vector<std::string> lost;
+  for (const Snap& snap : snaps_of(driver, node)) {
+    if (snap.record.temporary) continue;
+    const bool comes_back = snap.state() == "resumable" && !options.no_resume;
+    (comes_back ? resumed : lost).push_back(snap.name());
+  }
+  note(fmt::format("would start {}{}", node.name,
+                   resumed.empty() ? "" : ", and resume its snaps: " + joined(resumed)));
+  if (!lost.empty()) note("these snaps would be of no use any more: " + joined(lost));
+  return kDone;
+}
+
 int start(const Options& options) {
   const Driver driver;
   const snbf_info node = driver.find(options.node);
   if (options.dry_run) {
-    note(fmt::format("would start {}{}", node.name, options.no_resume ? "" : ", and its snaps"));
-    return kDone;
+    return rehearse_start(driver, node, options);
   }
   return start_node(driver, node, !options.no_resume);
 }
@@ -101,12 +115,14 @@ void refuse_to_take(const Driver& driver, const snbf_info& node) {
 
 void end_one(const Options& options, const snbf_info& node, const Ending& ending,
              const Driver& driver) {
+  if (ending.takes_snaps && !options.yes) refuse_to_take(driver, node);
   if (options.dry_run) {
-    note(fmt::format("would {} {}{}", ending.verb, node.name,
+    if (node.use_cnt > 0 && !options.wait) throw busy(node, ending.doing);
+    note(fmt::format("would {}{} {}{}", node.use_cnt > 0 ? "wait, and then " : "", ending.verb,
+                     node.name,
                      node.snap_cnt ? fmt::format(" and its {} snaps", node.snap_cnt) : ""));
     return;
   }
-  if (ending.takes_snaps && !options.yes) refuse_to_take(driver, node);
   end_with(options, node, ending.doing, ending.step, driver);
   note(fmt::format("{} is {}; its bitmaps are saved in {}", node.name, ending.done,
                    bmp_dir_of(node)));

@@ -69,6 +69,7 @@ int mount(const MountOptions& options) {
   }
   const std::string dir = std::filesystem::absolute(options.dir).lexically_normal();
   if (options.dry_run) {
+    if (!std::filesystem::is_directory(dir)) throw failure_of(-ENOTDIR, "mounting at " + dir);
     note(fmt::format("would mount {} at {} as {} with {}", device, dir, type, how));
     return kDone;
   }
@@ -111,9 +112,17 @@ std::vector<std::string> mount_points(const UmountOptions& options) {
   return found;
 }
 
+void refuse_if_not_mounted(const std::string& dir) {
+  std::unique_ptr<libmnt_table, decltype(&mnt_unref_table)> table(
+      mnt_new_table_from_file("/proc/self/mountinfo"), mnt_unref_table);
+  if (table && mnt_table_find_target(table.get(), dir.c_str(), MNT_ITER_BACKWARD)) return;
+  throw Failure(kFailed, "nothing is mounted at " + dir, "`snbf mount` mounts a snap there");
+}
+
 int umount(const UmountOptions& options) {
   for (const std::string& dir : mount_points(options)) {
     if (options.dry_run) {
+      refuse_if_not_mounted(dir);
       note("would unmount " + dir);
       continue;
     }

@@ -87,6 +87,18 @@ void tell_room(const std::string& dir, const snbf_info& node) {
   }
 }
 
+int rehearse_create(const Driver& driver, const snbf_info& filter, const NewSnap& wanted) {
+  const std::string doing = fmt::format("making the snap {}", wanted.name);
+  if (!libsnbf_name_is_safe(wanted.name.c_str())) throw failure_of(-EILSEQ, doing);
+  if (std::filesystem::exists(wanted.cow_dir)) check_cow_dir(driver, filter, wanted.cow_dir);
+  for (const Snap& snap : snaps_of(driver, filter)) {
+    if (wanted.name_is_fixed && snap.name() == wanted.name) throw failure_of(-EEXIST, doing);
+  }
+  note(fmt::format("would make the snap {} of {}, with its COW files in {}", wanted.name,
+                   filter.name, wanted.cow_dir));
+  return kDone;
+}
+
 int create(const CreateOptions& options) {
   const uint32_t chunk = parse_chunk(options.chunk);
   const Driver driver;
@@ -97,11 +109,7 @@ int create(const CreateOptions& options) {
   wanted.name_is_fixed = !options.name.empty();
   wanted.name = wanted.name_is_fixed ? options.name : default_name(filter);
   wanted.overwrite = options.yes;
-  if (options.dry_run) {
-    note(fmt::format("would make the snap {} of {}, with its COW files in {}", wanted.name,
-                     filter.name, wanted.cow_dir));
-    return kDone;
-  }
+  if (options.dry_run) return rehearse_create(driver, filter, wanted);
   const MadeSnap made = make_snap(driver, filter, wanted);
   const double ms = static_cast<double>(made.start_us) / 1000;
   const bool mounted = !mounts_of(device_of(node_path(filter))).empty();
@@ -168,12 +176,13 @@ void warn_or_refuse(const Snap& snap, const std::vector<std::string>& older, boo
 
 void delete_one(const Driver& driver, const Snap& snap, const DeleteOptions& options) {
   const auto older = leaning_on(snap, snaps_of(driver, snap.filter));
+  warn_or_refuse(snap, older, options.yes);
   if (options.dry_run) {
+    if (snap.node && snap.node->use_cnt > 0) throw busy(snap);
     note(fmt::format("would delete {} and its COW files{}", snap.name(),
                      older.empty() ? "" : "; older snaps need it: " + joined(older)));
     return;
   }
-  warn_or_refuse(snap, older, options.yes);
   int postponed = 0;
   const int rc = snap.node
                      ? delete_snap(driver, *snap.node, &postponed)
