@@ -75,9 +75,11 @@ void PointView::copy(const std::string& image, uint64_t data_bytes) {
   const uint64_t free_bytes = fs::space(folder_).available;
   if (free_bytes < data_bytes) {
     throw Failure(kFailed,
-                  fmt::format("the kernel has no FUSE, and {} no room for a copy of {}",
+                  fmt::format("FUSE or qemu-storage-daemon is missing, and {} has no room for a "
+                              "copy of {}",
                               folder_of(folder_), show_size(data_bytes)),
-                  "load it with `modprobe fuse`, or name a roomier folder in TMPDIR");
+                  "`modprobe fuse` and the package qemu-system-common, or a roomier folder in "
+                  "TMPDIR");
   }
   run_or_throw({"qemu-img", "convert", "-f", "qcow2", "-O", "raw", image, path_});
 }

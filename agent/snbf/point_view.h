@@ -7,8 +7,8 @@
 
 namespace snbf {
 
-// By qemu-storage-daemon through FUSE, over an overlay of the image; where the kernel has no FUSE,
-// as a sparse copy, if there is room for one.
+// By qemu-storage-daemon through FUSE, over an overlay of the image; where one of them is
+// missing, as a sparse copy, if there is room for one.
 class PointView {
  public:
   // `data_bytes`: what a copy would take. Throws Failure if it can be had in neither way.
