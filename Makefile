@@ -26,13 +26,14 @@ module: ## build/snbf.ko, for KDIR (default: the newest installed kernel headers
 	@$(MODULE_MAKE) -j$(JOBS) module
 
 # One build folder with the tests, where they can be built: the tool is not compiled twice.
-agent: ## build/snbf, the command-line tool, and build/libsnbf.*
+agent: ## build/snbf, the command-line tool, build/libsnbf.*, and the manual in build/man
 	@if [ -d /usr/include/gtest ]; then folder=$(BUILD)/plain tests=ON; \
 	  else folder=$(BUILD)/agent tests=OFF; fi; mkdir -p $$folder && \
 	{ cmake -S . -B $$folder -G Ninja -Wno-dev -DSNBF_TESTS=$$tests >$$folder/cmake.log 2>&1 || \
 	  { cat $$folder/cmake.log; false; }; } && \
-	cmake --build $$folder -j $(JOBS) --target snbf libsnbf libsnbf_shared && \
-	cp -Pu $$folder/agent/snbf $$folder/agent/libsnbf.* $(BUILD)/
+	cmake --build $$folder -j $(JOBS) --target snbf libsnbf libsnbf_shared manual && \
+	cp -Pu $$folder/agent/snbf $$folder/agent/snbf.bash $$folder/agent/libsnbf.* $(BUILD)/ && \
+	mkdir -p $(BUILD)/man && cp -u $$folder/agent/man/*.[14] $(BUILD)/man/
 
 tests: ## the unit and simulation tests, plain and under sanitizers
 	@tests/check --build-only --jobs $(JOBS)

@@ -4,6 +4,7 @@
 
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <memory>
 #include <span>
 
 namespace snbf {
@@ -18,6 +19,9 @@ struct Command {
 };
 
 std::span<const Command> commands();
+
+// The parser of the whole command line; `chosen` must outlive it.
+std::unique_ptr<CLI::App> new_parser(Chosen& chosen);
 
 // Gives `options` to the handler when the verb is the one asked for.
 template <class Options>
@@ -50,6 +54,7 @@ void add_umount(CLI::App& app, Chosen& chosen);
 void add_export(CLI::App& app, Chosen& chosen);
 void add_doctor(CLI::App& app, Chosen& chosen);
 void add_selftest(CLI::App& app, Chosen& chosen);
+void add_completion(CLI::App& app, Chosen& chosen);
 void add_version(CLI::App& app, Chosen& chosen);
 
 }  // namespace snbf

@@ -11,8 +11,6 @@ namespace snbf {
 
 namespace {
 
-constexpr size_t kHelpWidth = 96;
-
 struct Sentence {
   int error;
   Exit status;
@@ -63,8 +61,8 @@ constexpr Sentence kSentences[] = {
 
 }  // namespace
 
-std::string exit_statuses() {
-  static constexpr std::pair<Exit, const char*> kMeanings[] = {
+std::span<const ExitMeaning> exit_meanings() {
+  static constexpr ExitMeaning kMeanings[] = {
       {kDone, "done"},
       {kFailed, "failed"},
       {kMisused, "misused"},
@@ -75,14 +73,14 @@ std::string exit_statuses() {
       {kDiffers, "verify found a difference"},
       {kBusy, "busy"},
   };
+  return kMeanings;
+}
+
+std::string exit_statuses() {
   std::string text = "Exit status:";
-  size_t width = text.size();
-  for (const auto& [status, meaning] : kMeanings) {
-    const std::string word =
-        fmt::format("{} {}{}", static_cast<int>(status), meaning, status == kBusy ? "." : ",");
-    const bool fits = width + 1 + word.size() <= kHelpWidth;
-    text += (fits ? " " : "\n") + word;
-    width = fits ? width + 1 + word.size() : word.size();
+  for (const ExitMeaning& exit : exit_meanings()) {
+    text += fmt::format(" {} {}{}", static_cast<int>(exit.status), exit.meaning,
+                        exit.status == kBusy ? "." : ",");
   }
   return text;
 }

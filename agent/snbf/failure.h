@@ -2,6 +2,7 @@
 // How a verb gives up: one sentence, one remedy, one exit status.
 #pragma once
 
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -21,7 +22,12 @@ enum Exit : int {
   kBusy = 8,
 };
 
-// All of them with their meanings, as the help shows them.
+struct ExitMeaning {
+  Exit status;
+  const char* meaning;
+};
+std::span<const ExitMeaning> exit_meanings();
+// All of them in one sentence.
 std::string exit_statuses();
 
 class Failure : public std::runtime_error {

@@ -18,16 +18,6 @@ namespace snbf {
 
 namespace {
 
-constexpr Command kCommands[] = {
-    {"attach", add_attach},     {"start", add_start},     {"stop", add_stop},
-    {"detach", add_detach},     {"up", add_up},
-    {"down", add_down},         {"list", add_list},       {"status", add_status},
-    {"changes", add_changes},   {"bitmap", add_bitmap},   {"snap", add_snap},
-    {"mount", add_mount},       {"umount", add_umount},   {"backup", add_backup},
-    {"restore", add_restore},   {"verify", add_verify},   {"doctor", add_doctor},
-    {"selftest", add_selftest}, {"export", add_export},   {"version", add_version},
-};
-
 Failure output_failure(int error) {
   if (error == EPIPE) {
     return {kFailed, "the output was closed before all of it was written",
@@ -37,25 +27,19 @@ Failure output_failure(int error) {
 }
 
 int run_command_line(int argc, char** argv) {
-  CLI::App app("Changed-block tracking, snaps and incremental backups of plain partitions", "snbf");
-  app.require_subcommand(1);
-  app.footer(exit_statuses() + "\n`snbf VERB --help` shows a verb's options and an example.");
-  app.get_formatter()->column_width(28);
   Chosen chosen;
-  for (const Command& command : commands()) command.add(app, chosen);
+  const auto app = new_parser(chosen);
   try {
-    app.parse(argc, argv);
+    app->parse(argc, argv);
   } catch (const CLI::Success& success) {
-    return app.exit(success);
+    return app->exit(success);
   } catch (const CLI::ParseError& error) {
-    throw misuse_of(app, {argv + 1, argv + argc}, error);
+    throw misuse_of(*app, {argv + 1, argv + argc}, error);
   }
   return chosen();
 }
 
 }  // namespace
-
-std::span<const Command> commands() { return kCommands; }
 
 }  // namespace snbf
 
