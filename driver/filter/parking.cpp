@@ -121,6 +121,8 @@ void raise_what_lacks(FilterNode& node) {
   for (const u32 type : kTypes) {
     const ChangeBitmap bitmap{node, type};
     KsMutexGuard file_work{node.bmp_mutex};
+    // The file work before this one may have outlasted the node: its file may be another's by now.
+    if (node.parking.stop.load() != 0) return;
     const bool covers = [&] {
       SpinGuard hold{bitmap.node.bmp_spin};
       return bitmap.guard().covers();

@@ -317,6 +317,34 @@ SIM_TEST_SEEDS(Parking, SavesWithoutAPauseDoNotKeepWritesForEver, 5) {
   EXPECT_FALSE(sim.log().contains("could not be raised"));
 }
 
+// The helper hangs in the first file while the node is deleted; the second file may be another's by then.
+SIM_TEST(Parking, AHelperThatOutlivesItsNodeTouchesNoOtherFile) {
+  Node3 rig(sim);
+  ASSERT_EQ(stop_node(sim, kFilter), 0);
+  UserBuffer bits = sim.user(Bytes(512, 0xFF));
+  sim.fail_always(Fault::FileOpen, -EPERM);
+  for (u32 type : {0u, 1u}) {
+    snbf_bmp_cmd record = {kFilter, type, 512, 0, bits.address()};
+    ASSERT_EQ(sim.ioctl(SNBF_MERGE_BMP, &record, sizeof(record)), 0);
+  }
+  sim.sleep_us(1'000'000);  // for the requests that they made
+  sim.clear_faults();
+  ASSERT_FALSE(rig.node->incr_guard.covers());
+  ASSERT_FALSE(rig.node->diff_guard.covers());
+  rig.store->hold(true);
+  rig.node->parking.help_wanted.store(1);
+  rig.node->parking.helper_wait.wake();
+  sim.sleep_us(1'000'000);
+  const Bytes diff = rig.file("diff");
+  ASSERT_NE(diff, kFlagged);
+  EXPECT_EQ(delete_node(sim, kFilter), 0);
+  rig.store->hold(false);
+  rig.store->release_all();
+  sim.sleep_us(1'000'000);
+  EXPECT_EQ(rig.file("incr"), kFlagged) << "the one that it hung in";
+  EXPECT_EQ(rig.file("diff"), diff);
+}
+
 SIM_TEST(Parking, WithoutAFolderForFilesNobodyWaits) {
   load_with_partition(sim);
   snbf_filter_node_cmd record = filter_record("/dev/sda1", kFilter, 4096, "/nowhere");
