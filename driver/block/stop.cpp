@@ -47,7 +47,10 @@ int stop_snaps(FilterNode& filter) {
 // node_mutex is held, and nobody has the device open: no write comes between the save and the end.
 int stop_filter(FilterNode& filter) {
   if (int rc = stop_snaps(filter); rc != 0) return rc;
-  // They may need the COW thread, and they change what is saved. Their own limit ends this.
+  // They may need the COW thread, and they change what is saved. No limit of its own: whoever sent
+  // such a write waits for it, and a stop that went on would fail it. Each leaves kFlagLimitMs after
+  // it was parked at the latest, nobody parks a new one any more, and what then holds it up is the
+  // partition alone: a deletion waits for that as well.
   while (!wait_for_parked(filter, kFlagLimitMs)) {
   }
   snbf_cowthread_shutdown(&filter.cowthread);
