@@ -8,7 +8,9 @@
 #include "fsread/blkbmp.h"
 #include "fsread/reader.h"
 #include "platform/log.h"
+#include "platform/task.h"
 #include "util/file.h"
+#include "util/path.h"
 
 namespace snbf {
 
@@ -21,6 +23,13 @@ constexpr u32 kChunkShiftMax = 30;
 constexpr u32 kChunksPerPortion[] = {1, 8, 61, 1024};
 constexpr u32 kPortionChunksMax = 1024;
 constexpr u64 kPortions = 16;  // of one chunk size and portion size
+// A power of two, as chunks are: each of its multiples begins a chunk, or each chunk begins at one.
+constexpr u64 kBlocksBetweenYields = 1 << 16;
+
+// The comparisons go through the blocks of a whole device without reading any of it.
+void yield_now_and_then(u64 block) {
+  if (block % kBlocksBetweenYields == 0) snbf_plat_yield();
+}
 
 // The device block by block as the reader told it, which everything else is compared with.
 struct BlockMap {
@@ -34,6 +43,7 @@ struct BlockMap {
   bool uses(u64 chunk, u32 shift) const {
     const u64 end = (chunk + 1) << shift;
     for (u64 block = chunk << shift; block < end && block < blocks; ++block) {
+      yield_now_and_then(block);
       if (bit_of(bits, block)) return true;
     }
     return false;
@@ -49,6 +59,7 @@ bool has_chunks_of(const BlockMap& map, u32 shift) {
 
 int compare_with_map(const BlockMap& blocks, const snbf_blkbmp& map) {
   for (u64 block = 0; block < blocks.blocks; ++block) {
+    yield_now_and_then(block);
     const int expected = bit_of(blocks.bits, block) ? 1 : 0;
     const int found = snbf_blkbmp_is_used(&map, block);
     if (found == expected) continue;
@@ -109,11 +120,14 @@ int compare_portion(const BlockMap& blocks, u32 shift, u64 first, u32 count, con
   return 0;
 }
 
+// Everybody may put names into that folder: one that is there, be it a link to somebody's file, is
+// taken away, and the file is a new one.
 snbf_file* open_portion_file(u32 chunk_size, u32 count) {
   char path[48];
   snbf_plat_snprintf(path, sizeof(path), "/tmp/bmp.%d.%d", static_cast<int>(chunk_size),
                      static_cast<int>(count));
-  return snbf_fopen(path, PLAT_O_WRONLY | PLAT_O_CREAT | PLAT_O_TRUNC | PLAT_O_LARGEFILE, 0600);
+  snbf_unlink(path);
+  return snbf_fopen(path, PLAT_O_WRONLY | PLAT_O_CREAT | PLAT_O_EXCL | PLAT_O_LARGEFILE, 0600);
 }
 
 // Portions of `count` chunks from places all over the device; the last one reaches its end.

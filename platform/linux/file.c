@@ -18,6 +18,7 @@
 
 static_assert(PLAT_O_RDONLY == O_RDONLY && PLAT_O_WRONLY == O_WRONLY && PLAT_O_RDWR == O_RDWR);
 static_assert(PLAT_O_ACCMODE == O_ACCMODE && PLAT_O_CREAT == O_CREAT && PLAT_O_TRUNC == O_TRUNC);
+static_assert(PLAT_O_EXCL == O_EXCL);
 static_assert(PLAT_S_IFMT == S_IFMT && PLAT_S_IFBLK == S_IFBLK && PLAT_S_IFCHR == S_IFCHR);
 
 struct plat_path {
@@ -43,7 +44,7 @@ static int lookup(const char* name, unsigned int flags, struct path* path) {
 }
 
 int snbf_plat_file_open(const char* path, int flags, int mode, plat_file** file) {
-  int open_flags = (flags & (O_ACCMODE | O_CREAT | O_TRUNC)) | O_LARGEFILE;
+  int open_flags = (flags & (O_ACCMODE | O_CREAT | O_EXCL | O_TRUNC)) | O_LARGEFILE;
   struct path root;
   struct file* opened;
 

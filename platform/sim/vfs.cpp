@@ -92,7 +92,9 @@ int resolve(Kernel& k, const std::string& path, bool follow, Place* place) {
 
 int open_inode(Kernel& k, const std::string& path, int flags, int mode, Inode** inode) {
   Place place;
-  if (const int error = resolve(k, path, true, &place); error != 0) return error;
+  const bool must_make = (flags & PLAT_O_CREAT) != 0 && (flags & PLAT_O_EXCL) != 0;
+  if (const int error = resolve(k, path, !must_make, &place); error != 0) return error;
+  if (place.inode != 0 && must_make) return -EEXIST;
   if (place.inode == 0) {
     if ((flags & PLAT_O_CREAT) == 0) return -ENOENT;
     if (place.trailing_slash || !place.last_normal) return -EISDIR;
@@ -105,7 +107,7 @@ int open_inode(Kernel& k, const std::string& path, int flags, int mode, Inode** 
     int made = fs_create(k, *place.fs, place.rel,
                          {.mode = kTypeFile | static_cast<u32>(mode & 0777)}, &place.inode);
     k.unlock(directory->lock);
-    // Somebody else made it meanwhile: as well.
+    // Somebody else made it meanwhile: as well, unless it must be new.
     if (made == -EEXIST) return open_inode(k, path, flags, mode, inode);
     if (made != 0) return made;
   }

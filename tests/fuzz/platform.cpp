@@ -146,6 +146,7 @@ void snbf_plat_task_put(plat_task*) {}
 int snbf_plat_in_interrupt() { return 0; }
 void snbf_plat_might_sleep() {}
 plat_u64 snbf_plat_ticks_ms() { return 0; }
+void snbf_plat_yield() {}
 void snbf_plat_sleep_ms(plat_u32) {}
 
 }  // extern "C"

@@ -15,6 +15,8 @@ PLAT_BEGIN_DECLS
 #define PLAT_O_RDWR 0x2
 #define PLAT_O_ACCMODE 0x3
 #define PLAT_O_CREAT 0x40
+#define PLAT_O_EXCL \
+  0x80 /* with O_CREAT: -EEXIST for a name that is there, also for a symbolic link that leads nowhere */
 #define PLAT_O_TRUNC 0x200
 #define PLAT_O_SYNC 0x1000
 #define PLAT_O_LARGEFILE 0x8000

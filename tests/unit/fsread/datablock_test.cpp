@@ -218,6 +218,30 @@ SIM_TEST(SelfTest, GoesOnWithoutAPlaceForItsFiles) {
   EXPECT_TRUE(sim.log().contains("Failed to open file /tmp/bmp.1024.1 for writing"));
 }
 
+// Anybody may have put the names there.
+SIM_TEST(SelfTest, WritesThroughNobodysLink) {
+  LoggedParts parts;
+  sim.make_dir("/tmp");
+  const Bytes secret(100, 's');
+  ASSERT_EQ(sim.write_file("/etc/secret", secret, true), 0);
+  ASSERT_EQ(sim.make_symlink("/etc/secret", "/tmp/bmp.1024.1"), 0);
+  ASSERT_EQ(sim.make_symlink("/etc/new", "/tmp/bmp.1024.8"), 0);
+  ASSERT_EQ(sim.write_file("/tmp/bmp.1024.61", secret, true), 0);
+  ImageOnDevice image(sim, Ext2Image{.used = {5, 6, 7}});
+  for (int run = 0; run < 2; ++run) {
+    EXPECT_EQ(snbf_blkbmp_test(image.bdev()), 0);
+    Bytes found;
+    ASSERT_EQ(sim.read_file("/etc/secret", &found), 0);
+    EXPECT_EQ(found, secret);
+    EXPECT_FALSE(sim.exists("/etc/new"));
+    for (const auto& [name, bytes] : {std::pair{"1", 1u}, {"8", 1u}, {"61", 8u}}) {
+      ASSERT_EQ(sim.read_file(std::string("/tmp/bmp.1024.") + name, &found), 0);
+      EXPECT_EQ(found.size(), 16 * bytes) << name;
+    }
+    EXPECT_FALSE(sim.log().has_errors());
+  }
+}
+
 SIM_TEST_SEEDS(SelfTest, EveryAllocationMayFail, 1) {
   LoggedParts parts(2);
   sim.make_dir("/tmp");

@@ -87,6 +87,23 @@ SIM_TEST(Files, AreShortWhenTheDiskIsFull) {
   EXPECT_EQ(sim.unmount(fs), 0);
 }
 
+SIM_TEST(Files, ThatMustBeNewAreNoOldOnesAndNoLinks) {
+  const auto make = [](const char* path) {
+    plat_file* file = nullptr;
+    const int rc =
+        snbf_plat_file_open(path, PLAT_O_WRONLY | PLAT_O_CREAT | PLAT_O_EXCL, 0600, &file);
+    if (rc == 0) EXPECT_EQ(snbf_plat_file_close(file), 0);
+    return rc;
+  };
+  EXPECT_EQ(make("/tmp/x"), 0);
+  EXPECT_EQ(make("/tmp/x"), -EEXIST);
+  ASSERT_EQ(sim.make_symlink("/tmp/x", "/tmp/link"), 0);
+  EXPECT_EQ(make("/tmp/link"), -EEXIST);
+  ASSERT_EQ(sim.make_symlink("/tmp/nowhere", "/tmp/dangling"), 0);
+  EXPECT_EQ(make("/tmp/dangling"), -EEXIST);
+  EXPECT_FALSE(sim.exists("/tmp/nowhere"));
+}
+
 SIM_TEST(Files, FailAndAreShortAtTheNthCall) {
   plat_file* file = nullptr;
   ASSERT_EQ(snbf_plat_file_open("/tmp/x", PLAT_O_RDWR | PLAT_O_CREAT | PLAT_O_TRUNC, 0600, &file),
