@@ -33,7 +33,7 @@ int record_clean_stop(libsnbf* handle, const snbf_info& info) {
   }
   libsnbf_state state;
   const std::string dir = bmp_dir_of(info);
-  if (libsnbf_state_read(dir.c_str(), minor, &state) != 0) return 0;  // attached without us
+  if (int rc = read_own_state(info, &state); rc != 0) return rc == -ENOENT ? 0 : rc;
   if (int rc = hash_head(info.hdd_name, &state.head_hash); rc != 0) return rc;
   state.stopped_clean = 1;
   return libsnbf_state_write(dir.c_str(), minor, &state);
@@ -42,7 +42,7 @@ int record_clean_stop(libsnbf* handle, const snbf_info& info) {
 int record_running(const snbf_info& filter) {
   libsnbf_state state;
   const std::string dir = bmp_dir_of(filter);
-  if (libsnbf_state_read(dir.c_str(), filter.minor, &state) != 0) return 0;
+  if (int rc = read_own_state(filter, &state); rc != 0) return rc == -ENOLINK ? rc : 0;
   state.stopped_clean = 0;
   return libsnbf_state_write(dir.c_str(), filter.minor, &state);
 }

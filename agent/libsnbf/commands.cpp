@@ -39,13 +39,33 @@ int send_bits(libsnbf* handle, uint32_t command, uint32_t minor, uint32_t type, 
   return send(handle, command, &record);
 }
 
+// The driver takes it, and then never lists it.
+bool is_highest_minor(libsnbf* handle, int32_t minor) {
+  uint32_t highest = 0;
+  return minor >= 0 && libsnbf_minor_max(handle, &highest) == 0 &&
+         static_cast<uint32_t>(minor) == highest;
+}
+
 const char* or_default(const char* text, const char* fallback) { return text ? text : fallback; }
 
 }  // namespace
 
 namespace snbf::lib {
 
+int del_node_locked(libsnbf* handle, uint32_t minor) {
+  return send_minor(handle, SNBF_DEL_NODE, minor);
+}
+
+int start_node_locked(libsnbf* handle, uint32_t minor) {
+  return send_minor(handle, SNBF_START_NODE, minor);
+}
+
+int stop_node_locked(libsnbf* handle, uint32_t minor) {
+  return send_minor(handle, SNBF_STOP_NODE, minor);
+}
+
 int add_snap_node_locked(libsnbf* handle, snbf_snap_node_cmd* record) {
+  if (is_highest_minor(handle, record->snap_minor)) return -ERANGE;
   snbf_info filter{};
   if (int rc = libsnbf_get_info(handle, record->snbf_minor, &filter); rc != 0) return rc;
   if (filter.dev_type != SNBF_DEV_FILTER) return -EINVAL;
@@ -103,6 +123,7 @@ void libsnbf_close(libsnbf* handle) {
 }
 
 int libsnbf_add_filter_node(libsnbf* handle, snbf_filter_node_cmd* record) {
+  if (is_highest_minor(handle, record->minor)) return -ERANGE;
   return send(handle, SNBF_ADD_FILTER_NODE, record);
 }
 
@@ -112,15 +133,18 @@ int libsnbf_add_snap_node(libsnbf* handle, snbf_snap_node_cmd* record) {
 }
 
 int libsnbf_del_node(libsnbf* handle, uint32_t minor) {
-  return send_minor(handle, SNBF_DEL_NODE, minor);
+  HostLock lock(*handle);
+  return lock.error() ? lock.error() : snbf::lib::del_node_locked(handle, minor);
 }
 
 int libsnbf_start_node(libsnbf* handle, uint32_t minor) {
-  return send_minor(handle, SNBF_START_NODE, minor);
+  HostLock lock(*handle);
+  return lock.error() ? lock.error() : snbf::lib::start_node_locked(handle, minor);
 }
 
 int libsnbf_stop_node(libsnbf* handle, uint32_t minor) {
-  return send_minor(handle, SNBF_STOP_NODE, minor);
+  HostLock lock(*handle);
+  return lock.error() ? lock.error() : snbf::lib::stop_node_locked(handle, minor);
 }
 
 int libsnbf_get_device_list(libsnbf* handle, uint32_t dev_type, snbf_device_list* out) {

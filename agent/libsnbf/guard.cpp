@@ -21,8 +21,8 @@ using snbf::lib::read_line;
 // The devices that `path` or anything below it stands on.
 class Stack {
  public:
-  // With `stores`, the COW files of the snaps of every filter node on the way belong to what it
-  // stands on.
+  // With `stores`, what a write to a filter node on the way waits for belongs to what it stands on:
+  // the node's bitmap files, whose dirty flag is raised first, and the COW files of its snaps.
   explicit Stack(libsnbf& handle, bool stores = false) : handle_(handle), stores_(stores) {
     const std::string major = read_line(handle.proc_root + "/snbf/blk_major");
     if (!major.empty()) node_major_ = std::atoi(major.c_str());
@@ -46,6 +46,8 @@ class Stack {
   }
 
   bool has(dev_t device) const { return seen_.contains(device); }
+  // The files of a node on the way are not where they were: what they lie on cannot be told.
+  bool lost_sight() const { return lost_sight_; }
 
  private:
   void add_device(dev_t device) {
@@ -72,10 +74,14 @@ class Stack {
     if (!backing.empty()) add_path(backing);
   }
 
-  // A write to a filter node waits for the COW files of its snaps.
   void add_stores(uint32_t node_minor) {
     snbf_info filter;
+    libsnbf_state state;
     if (libsnbf_get_info(&handle_, node_minor, &filter) != 0) return;
+    if (filter.dev_type == SNBF_DEV_FILTER) {
+      lost_sight_ = lost_sight_ || snbf::lib::read_own_state(filter, &state) != 0;
+      add_path(snbf::lib::bmp_dir_of(filter));
+    }
     for (uint32_t i = 0; filter.dev_type == SNBF_DEV_FILTER && i < filter.snap_cnt; ++i) {
       snbf_info snap;
       if (libsnbf_get_info(&handle_, filter.snap_minors[i], &snap) != 0) continue;
@@ -148,6 +154,7 @@ class Stack {
 
   libsnbf& handle_;
   bool stores_;
+  bool lost_sight_ = false;
   int node_major_ = -1;
   std::set<dev_t> seen_;
 };
@@ -165,6 +172,13 @@ bool is_name_character(char c, bool first) {
 }
 
 }  // namespace
+
+int snbf::lib::check_store(libsnbf* handle, const char* path, uint64_t device) {
+  Stack stack(*handle, true);
+  if (int rc = stack.add_path(path); rc != 0) return rc;
+  if (stack.has(device)) return -ELOOP;
+  return stack.lost_sight() ? -ENOLINK : 0;
+}
 
 extern "C" {
 
@@ -197,9 +211,7 @@ int libsnbf_cow_dir_check(libsnbf* handle, const char* dir, uint32_t filter_mino
     const std::string node = handle->proc_root + "/snbf/snbf" + std::to_string(filter_minor);
     if (int rc = read_number(node + "/hdd_major", &hdd[0]); rc != 0) return rc;
     if (int rc = read_number(node + "/hdd_minor", &hdd[1]); rc != 0) return rc;
-    Stack stack(*handle, true);
-    if (int rc = stack.add_path(dir); rc != 0) return rc;
-    return stack.has(makedev(hdd[0], hdd[1])) ? -ELOOP : 0;
+    return snbf::lib::check_store(handle, dir, makedev(hdd[0], hdd[1]));
   });
 }
 

@@ -66,6 +66,13 @@ std::string bmp_dir_of(const snbf_info& filter) {
   return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
 }
 
+int read_own_state(const snbf_info& filter, libsnbf_state* out) {
+  const int rc = libsnbf_state_read(bmp_dir_of(filter).c_str(), filter.minor, out);
+  // Another file system may be mounted where its own was.
+  if (rc == 0 && out->uuid[0] && std::strcmp(out->uuid, filter.uuid) != 0) return -ENOLINK;
+  return rc;
+}
+
 int hash_head(const char* partition, uint64_t* out) {
   int flags = O_RDONLY | O_CLOEXEC | O_DIRECT;
   int fd = ::open(partition, flags);

@@ -86,12 +86,19 @@ int record_running(const snbf_info& filter);
 // started one for a moment.
 void announce(libsnbf* handle, uint32_t minor, bool started);
 
-// The commands that guard themselves, for callers that hold the host's lock.
+// The commands that take the host's lock, for callers that hold it.
+int del_node_locked(libsnbf* handle, uint32_t minor);
+int start_node_locked(libsnbf* handle, uint32_t minor);
+int stop_node_locked(libsnbf* handle, uint32_t minor);
 int add_snap_node_locked(libsnbf* handle, snbf_snap_node_cmd* record);
 int resume_snap_locked(libsnbf* handle, const snbf_resume_cmd& record);
 
-// Where COW files may lie: not where a write to them could wait for the node's own COW thread.
-int check_cow_dir(libsnbf* handle, const char* dir, uint32_t filter_minor);
+// The record of a filter node. -ENOENT: its directory has none; -ENOLINK: it has another node's.
+int read_own_state(const snbf_info& filter, libsnbf_state* out);
+
+// What is needed for a write to `path` must not need a write to `device`: -ELOOP. -ENOLINK: it needs
+// the files of a node that are not in sight.
+int check_store(libsnbf* handle, const char* path, uint64_t device);
 
 // The snaps' side of what happens to their filter node.
 struct SnapsBefore {

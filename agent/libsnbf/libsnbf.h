@@ -39,7 +39,9 @@ void libsnbf_close(struct libsnbf* handle);
 /*
  * The commands, one function each, as the driver has them. Two of them refuse what would leave the
  * driver's node table locked (a snap with another chunk size than its siblings; resuming what is
- * unknown, not a snap, or started): -EINVAL or -EALREADY, and the command is never sent.
+ * unknown, not a snap, or started): -EINVAL or -EALREADY, and the command is never sent. So that
+ * this holds, whatever makes, deletes, starts or stops a node waits for the host's lock. The highest
+ * minor, which the driver never lists, is refused with -ERANGE.
  */
 int libsnbf_add_filter_node(struct libsnbf* handle, struct snbf_filter_node_cmd* record);
 int libsnbf_add_snap_node(struct libsnbf* handle, struct snbf_snap_node_cmd* record);
@@ -100,6 +102,9 @@ struct libsnbf_state {
   char distrust[32];  /* why the bitmaps are all ones, until a full backup: see below */
   char incr_point[96]; /* what the Incremental bitmap counts from, as the agent names it */
   char diff_point[96]; /* the same of the Differential bitmap */
+  char device
+      [192]; /* "KIND:VALUE": by what the partition is known again, its PARTUUID above all; empty:
+                          by nothing */
 };
 int libsnbf_state_read(const char* bmp_dir, uint32_t minor, struct libsnbf_state* out);
 int libsnbf_state_write(const char* bmp_dir, uint32_t minor, const struct libsnbf_state* state);
@@ -113,6 +118,7 @@ int libsnbf_state_write(const char* bmp_dir, uint32_t minor, const struct libsnb
 #define LIBSNBF_WHY_UNCLEAN "unclean-stop"
 #define LIBSNBF_WHY_OUTSIDE "changed-untracked"
 #define LIBSNBF_WHY_OTHER_NODE "other-node"
+#define LIBSNBF_WHY_ADOPTED "adopted"
 
 /*
  * Attach: create a filter node over a partition, judge what is left of its last attachment, and
@@ -123,7 +129,12 @@ int libsnbf_state_write(const char* bmp_dir, uint32_t minor, const struct libsnb
  *   -EEXIST   another node has the name
  *   -ENOTBLK  not a block device
  *   -ERANGE   the minor is the driver's highest, which is never listed, or beyond it
- *   -ELOOP    the bitmap directory lies on the partition, however it is reached
+ *   -ELOOP    the bitmap directory lies on the partition, or on what is kept on it, however it is
+ *             reached
+ *   -EMEDIUMTYPE  the record in the directory, of that minor (`minor_used`), belongs to another
+ *             partition, and `adopt` is 0
+ *   -ENOLINK  the directory lies on a node whose own record is not where it was: nobody can see what
+ *             that node's files lie on
  *   -ENOTDIR, -ENOENT  the bitmap directory is none
  *   -EIO      the bitmaps could not be saved; the node is gone again
  *   and the driver's own
@@ -134,6 +145,7 @@ struct libsnbf_attach_request {
   const char* bmp_dir;
   int32_t minor; /* negative: the one that the name had last, or the lowest free one */
   uint32_t extent_size;
+  int adopt; /* 1: take over the files of another partition; both bitmaps are set to all ones */
   /* out */
   uint32_t minor_used;
   char uuid[SNBF_UUID_BYTES];
@@ -146,6 +158,12 @@ int libsnbf_attach(struct libsnbf* handle, struct libsnbf_attach_request* reques
  * with it. A start of a snap that could be resumed answers -ENOTEMPTY: it would truncate its files.
  * A detach takes the node's snaps with it, and their files. udev is told of a filter node that
  * was started, and has it open for a moment then; and of one that was stopped.
+ *
+ * -ENOLINK: the filter node's record is not in its bitmap directory, or another node's is: the file
+ * system that held it is gone, another one is in its place, or the node was not attached by this
+ * library. A start would leave a record behind that says "clean"; a stop would save the bitmaps where
+ * nobody finds them. Nothing was done. A detach is refused only where another node's files would be
+ * written over; without its record, the next attach starts from all ones.
  */
 int libsnbf_start(struct libsnbf* handle, uint32_t minor);
 int libsnbf_stop(struct libsnbf* handle, uint32_t minor);
@@ -238,6 +256,7 @@ int libsnbf_snap_each(struct libsnbf* handle, uint32_t filter_minor, libsnbf_sna
  *   -EILSEQ    the name is not safe, or is "snbf" and a number: the driver's own names
  *   -EEXIST    a node has the name, or a snap that is left over
  *   -ELOOP     the directory lies on the partition, or on what is kept on it, however it is reached
+ *   -ENOLINK   the directory lies on a node whose own record is not where it was
  *   -EXDEV     the directory's file system has no disk of its own (tmpfs, overlay, btrfs, a
  *              network's)
  *   -ENOTEMPTY files of these names are there, and `overwrite` is 0
@@ -283,7 +302,7 @@ int libsnbf_name_is_safe(const char* name);
 int libsnbf_path_is_on(struct libsnbf* handle, const char* path, uint32_t major, uint32_t minor,
                        int* answer);
 /*
- * What a snap's files may lie on: -ELOOP and -EXDEV as at libsnbf_snap_create(), -ENOTDIR, -ENOENT.
+ * What a snap's files may lie on: -ELOOP, -ENOLINK and -EXDEV as at libsnbf_snap_create(), -ENOTDIR, -ENOENT.
  */
 int libsnbf_cow_dir_check(struct libsnbf* handle, const char* dir, uint32_t filter_minor);
 /* What the driver makes of a chunk size on a partition of that size. */

@@ -2,7 +2,8 @@
 // Attach, start, stop and detach, with the clean-stop record kept in step.
 //
 // Order at an attach, so that a crash at any point errs towards all ones:
-//   1. judge the record and both files of the last attachment
+//   1. judge the record and both files of the last attachment; a record that belongs to another
+//      partition is the end of it, or, if it is adopted, worth nothing
 //   2. the record says "running, in this boot", and why the bitmaps are distrusted, if they are
 //   3. the driver creates the node and loads the files
 //   4. both bitmaps are set to all ones (distrusted) or saved as loaded; either writes both files
@@ -15,10 +16,14 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <filesystem>
 #include <optional>
 
 #include "handle.h"
+#include "identity.h"
 
 namespace {
 
@@ -29,6 +34,7 @@ using snbf::lib::hash_head;
 using snbf::lib::HostLock;
 using snbf::lib::Nodes;
 using snbf::lib::put_text;
+using snbf::lib::read_own_state;
 
 const char* why_of(libsnbf_verdict verdict) {
   switch (verdict) {
@@ -111,13 +117,30 @@ int check(libsnbf* handle, const libsnbf_attach_request& request, Partition* par
   if (::stat(request.bmp_dir, &about) < 0) return -errno;
   if (!S_ISDIR(about.st_mode)) return -ENOTDIR;
   if (request.extent_size == 0 || partition->size_bytes == 0) return -EINVAL;
-  int inside = 0;
-  if (int rc = libsnbf_path_is_on(handle, request.bmp_dir, major(partition->device),
-                                  minor(partition->device), &inside);
-      rc != 0) {
-    return rc;
+  return snbf::lib::check_store(handle, request.bmp_dir, partition->device);
+}
+
+// A record without a tie is of a device that nothing lasting was known of, or of an earlier version.
+bool is_of_another(const libsnbf_state& state, const std::vector<std::string>& identities) {
+  return state.device[0] &&
+         std::find(identities.begin(), identities.end(), state.device) == identities.end();
+}
+
+// Under another name the partition has a record of its own. What happens to it from now on is not in
+// that one's bitmaps.
+int distrust_twins(const char* bmp_dir, uint32_t minor,
+                   const std::vector<std::string>& identities) {
+  for (const auto& entry : std::filesystem::directory_iterator(bmp_dir)) {
+    uint32_t other = 0;
+    libsnbf_state state;
+    if (entry.path().extension() != ".state") continue;
+    if (std::sscanf(entry.path().stem().c_str(), "snbf%u", &other) != 1 || other == minor) continue;
+    if (libsnbf_state_read(bmp_dir, other, &state) != 0 || !state.stopped_clean) continue;
+    if (!state.device[0] || is_of_another(state, identities)) continue;
+    state.stopped_clean = 0;
+    if (int rc = libsnbf_state_write(bmp_dir, other, &state); rc != 0) return rc;
   }
-  return inside ? -ELOOP : 0;
+  return 0;
 }
 
 int settle_bitmaps(libsnbf* handle, uint32_t minor, bool believed) {
@@ -132,9 +155,18 @@ int settle_bitmaps(libsnbf* handle, uint32_t minor, bool believed) {
   return 0;
 }
 
-int attach_locked(libsnbf* handle, libsnbf_attach_request* request) {
+// What an attach has found out before it changes anything.
+struct Attachment {
   Partition partition;
-  if (int rc = check(handle, *request, &partition); rc != 0) return rc;
+  std::vector<std::string> identities;
+  uint32_t minor = 0;
+  int known = 0;  // 0: `before` is the record of the last attachment, else why there is none
+  libsnbf_state before{};
+  libsnbf_state state{};  // the new record
+  std::string why;        // the bitmaps are not believed
+};
+
+int choose_place(libsnbf* handle, libsnbf_attach_request* request, Attachment* out) {
   Nodes nodes;
   if (int rc = snbf::lib::list_nodes(handle, &nodes); rc != 0) return rc;
   if (nodes.names.contains(request->name)) return -EEXIST;
@@ -148,76 +180,107 @@ int attach_locked(libsnbf* handle, libsnbf_attach_request* request) {
       request->name != "snbf" + std::to_string(*minor)) {
     return -EILSEQ;
   }
-
-  libsnbf_state before;
-  const int known = nodes.minors.contains(*minor)
-                        ? -EEXIST
-                        : libsnbf_state_read(request->bmp_dir, *minor, &before);
-  if (known == -EEXIST) return -EINVAL;  // the driver's answer to a taken minor
-  libsnbf_state state = known == 0 ? before : libsnbf_state{};
-  std::string why = known == -ENOENT ? LIBSNBF_WHY_MISSING
-                    : known != 0     ? LIBSNBF_WHY_CORRUPT
-                                     : judge(*request, *minor, before, partition.size_bytes);
-  // Untouched since its clean stop: the epoch stays until the node is started.
-  if (!why.empty()) state.epoch = snbf::lib::new_epoch();
-  if (why == LIBSNBF_WHY_OTHER_NODE) {
-    state = libsnbf_state{};
-    state.epoch = snbf::lib::new_epoch();
-  } else if (state.distrust[0]) {
-    why = state.distrust;  // no full backup since
-  }
-
-  snbf_filter_node_cmd record{};
-  if (!put_text(record.hdd_name, request->partition) ||
-      !put_text(record.bmp_dir, request->bmp_dir)) {
-    return -ENAMETOOLONG;
-  }
-  put_text(record.name, request->name);
-  put_text(record.uuid, state.uuid);
-  record.minor = static_cast<int32_t>(*minor);
-  record.extent_size = request->extent_size;
-
-  put_text(state.name, request->name);
-  put_text(state.hdd_name, request->partition);
-  put_text(state.boot_id, boot_id(*handle));
-  put_text(state.distrust, why);
-  state.stopped_clean = 0;
-  if (int rc = libsnbf_state_write(request->bmp_dir, *minor, &state); rc != 0) return rc;
-  if (int rc = libsnbf_add_filter_node(handle, &record); rc != 0) {
-    // Nothing was attached: what was known still holds.
-    if (known == 0) {
-      libsnbf_state_write(request->bmp_dir, *minor, &before);
-    } else {
-      ::unlink(bmp_path(request->bmp_dir, *minor, ".state").c_str());
-    }
-    return rc;
-  }
-  if (int rc = settle_bitmaps(handle, *minor, why.empty()); rc != 0) {
-    libsnbf_del_node(handle, *minor);
-    return rc;
-  }
-  put_text(state.uuid, record.uuid);
-  if (int rc = libsnbf_state_write(request->bmp_dir, *minor, &state); rc != 0) {
-    libsnbf_del_node(handle, *minor);
-    return rc;
-  }
-  request->minor_used = *minor;
-  put_text(request->uuid, record.uuid);
-  put_text(request->distrust, why);
+  if (nodes.minors.contains(*minor)) return -EINVAL;  // the driver's answer to a taken minor
+  request->minor_used = out->minor = *minor;
   return 0;
 }
 
+// Whose the last record is, and what it and its files are worth.
+int judge_last(const libsnbf_attach_request& request, Attachment* at) {
+  at->known = libsnbf_state_read(request.bmp_dir, at->minor, &at->before);
+  if (at->known == 0 && is_of_another(at->before, at->identities)) {
+    if (!request.adopt) return -EMEDIUMTYPE;
+    at->why = LIBSNBF_WHY_ADOPTED;
+  } else if (at->known != 0) {
+    at->why = at->known == -ENOENT ? LIBSNBF_WHY_MISSING : LIBSNBF_WHY_CORRUPT;
+  } else {
+    at->why = judge(request, at->minor, at->before, at->partition.size_bytes);
+  }
+  const bool is_others = at->why == LIBSNBF_WHY_OTHER_NODE || at->why == LIBSNBF_WHY_ADOPTED;
+  if (at->known == 0 && !is_others) at->state = at->before;
+  // Untouched since its clean stop: the epoch stays until the node is started.
+  if (!at->why.empty()) at->state.epoch = snbf::lib::new_epoch();
+  if (at->state.distrust[0]) at->why = at->state.distrust;  // no full backup since
+  return 0;
+}
+
+void fill_record(const libsnbf& handle, const libsnbf_attach_request& request, Attachment* at) {
+  libsnbf_state& state = at->state;
+  const std::string known_by = at->identities.empty() ? "" : at->identities.front();
+  put_text(state.name, request.name);
+  put_text(state.hdd_name, request.partition);
+  put_text(state.boot_id, boot_id(handle));
+  put_text(state.distrust, at->why);
+  std::memset(state.device, 0, sizeof state.device);
+  put_text(state.device, known_by);
+  state.stopped_clean = 0;
+}
+
+int create_node(libsnbf* handle, const libsnbf_attach_request& request, Attachment* at) {
+  snbf_filter_node_cmd record{};
+  if (!put_text(record.hdd_name, request.partition) || !put_text(record.bmp_dir, request.bmp_dir)) {
+    return -ENAMETOOLONG;
+  }
+  put_text(record.name, request.name);
+  put_text(record.uuid, at->state.uuid);
+  record.minor = static_cast<int32_t>(at->minor);
+  record.extent_size = request.extent_size;
+  if (int rc = distrust_twins(request.bmp_dir, at->minor, at->identities); rc != 0) return rc;
+  if (int rc = libsnbf_state_write(request.bmp_dir, at->minor, &at->state); rc != 0) return rc;
+  const int rc = libsnbf_add_filter_node(handle, &record);
+  put_text(at->state.uuid, record.uuid);
+  if (rc == 0) return 0;
+  // Nothing was attached: what was known still holds.
+  if (at->known == 0) {
+    libsnbf_state_write(request.bmp_dir, at->minor, &at->before);
+  } else {
+    ::unlink(bmp_path(request.bmp_dir, at->minor, ".state").c_str());
+  }
+  return rc;
+}
+
+int attach_locked(libsnbf* handle, libsnbf_attach_request* request) {
+  Attachment at;
+  if (int rc = check(handle, *request, &at.partition); rc != 0) return rc;
+  if (int rc = choose_place(handle, request, &at); rc != 0) return rc;
+  at.identities = snbf::lib::identities_of(*handle, at.partition.device);
+  if (int rc = judge_last(*request, &at); rc != 0) return rc;
+  fill_record(*handle, *request, &at);
+  if (int rc = create_node(handle, *request, &at); rc != 0) return rc;
+  int rc = settle_bitmaps(handle, at.minor, at.why.empty());
+  if (rc == 0) rc = libsnbf_state_write(request->bmp_dir, at.minor, &at.state);
+  if (rc != 0) {
+    snbf::lib::del_node_locked(handle, at.minor);
+    return rc;
+  }
+  put_text(request->uuid, at.state.uuid);
+  put_text(request->distrust, at.why);
+  return 0;
+}
+
+// The bitmaps are saved by path. Where the record is not, they would be saved beside the store, and
+// the store would not know; where another node's is, over that node's.
+int refuse_without_record(const snbf_info& filter, bool may_lose_it) {
+  libsnbf_state state;
+  const int rc = read_own_state(filter, &state);
+  if (rc == -ENOENT) return may_lose_it ? 0 : -ENOLINK;
+  return rc == -ENOLINK ? rc : 0;
+}
+
 // `recorded` is the answer of the second half; a node that is busy is not stopped at all.
-int stop_locked(libsnbf* handle, uint32_t minor, int* recorded) {
+int stop_locked(libsnbf* handle, uint32_t minor, bool may_lose_record, int* recorded) {
   *recorded = 0;
   snbf_info info;
   snbf::lib::SnapsBefore snaps;
   if (int rc = libsnbf_get_info(handle, minor, &info); rc != 0) return rc;
   const bool filter = info.dev_type == SNBF_DEV_FILTER;
+  if (filter && info.started) {
+    if (int rc = refuse_without_record(info, may_lose_record); rc != 0) return rc;
+  }
   if (filter) {
     if (int rc = snbf::lib::snaps_before_stop(handle, info, &snaps); rc != 0) return rc;
   }
-  if (int rc = libsnbf_stop_node(handle, minor); rc != 0) return rc;
+  if (int rc = snbf::lib::stop_node_locked(handle, minor); rc != 0) return rc;
   if (filter) *recorded = snbf::lib::record_clean_stop(handle, info);
   if (filter && *recorded == 0) *recorded = snbf::lib::record_snaps_stopped(handle, info, snaps);
   if (filter) snbf::lib::announce(handle, minor, false);
@@ -228,7 +291,9 @@ int stop_locked(libsnbf* handle, uint32_t minor, int* recorded) {
 int record_start(libsnbf* handle, const snbf_info& info) {
   libsnbf_state state;
   const std::string dir = bmp_dir_of(info);
-  if (libsnbf_state_read(dir.c_str(), info.minor, &state) != 0) return 0;  // attached without us
+  const int rc = read_own_state(info, &state);
+  if (rc == -EBADMSG) return 0;  // it says "clean" to nobody
+  if (rc != 0) return rc == -ENOENT ? -ENOLINK : rc;
   state.stopped_clean = 0;
   state.epoch = snbf::lib::new_epoch();
   put_text(state.boot_id, boot_id(*handle));
@@ -249,10 +314,10 @@ int start_locked(libsnbf* handle, uint32_t minor) {
   if (int rc = libsnbf_get_info(handle, minor, &info); rc != 0) return rc;
   if (info.started) return -EALREADY;
   if (info.dev_type == SNBF_DEV_SNAP) {
-    return holds_an_image(handle, info) ? -ENOTEMPTY : libsnbf_start_node(handle, minor);
+    return holds_an_image(handle, info) ? -ENOTEMPTY : snbf::lib::start_node_locked(handle, minor);
   }
   if (int rc = record_start(handle, info); rc != 0) return rc;
-  if (int rc = libsnbf_start_node(handle, minor); rc != 0) return rc;
+  if (int rc = snbf::lib::start_node_locked(handle, minor); rc != 0) return rc;
   snbf::lib::announce(handle, minor, true);
   return 0;
 }
@@ -268,8 +333,8 @@ int detach_locked(libsnbf* handle, uint32_t minor) {
   // A partition or a bitmap directory that has gone away must not keep its node for ever: without a
   // record of a clean stop the next attach starts from all ones.
   int recorded = 0;
-  if (int rc = stop_locked(handle, minor, &recorded); rc != 0) return rc;
-  if (int rc = libsnbf_del_node(handle, minor); rc != 0) return rc;
+  if (int rc = stop_locked(handle, minor, true, &recorded); rc != 0) return rc;
+  if (int rc = snbf::lib::del_node_locked(handle, minor); rc != 0) return rc;
   snbf::lib::forget_snaps(info, snaps);
   return 0;
 }
@@ -298,7 +363,7 @@ int libsnbf_stop(libsnbf* handle, uint32_t minor) {
     HostLock lock(*handle);
     if (lock.error()) return lock.error();
     int recorded = 0;
-    const int rc = stop_locked(handle, minor, &recorded);
+    const int rc = stop_locked(handle, minor, false, &recorded);
     return rc != 0 ? rc : recorded;
   });
 }

@@ -148,12 +148,12 @@ int create_locked(libsnbf* handle, libsnbf_snap_request* request) {
     return rc;
   }
   const auto began = std::chrono::steady_clock::now();
-  int rc = libsnbf_start_node(handle, static_cast<uint32_t>(made.node.snap_minor));
+  int rc = snbf::lib::start_node_locked(handle, static_cast<uint32_t>(made.node.snap_minor));
   const auto took = std::chrono::steady_clock::now() - began;
   if (rc == 0) rc = see_started(handle, &made);
   if (rc != 0) {
     // The record stays if the node does: there is still something to take away.
-    if (libsnbf_del_node(handle, static_cast<uint32_t>(made.node.snap_minor)) == 0) {
+    if (snbf::lib::del_node_locked(handle, static_cast<uint32_t>(made.node.snap_minor)) == 0) {
       snbf::lib::remove_snap_record(made.dir, made.record.name);
     }
     return rc;
@@ -224,7 +224,7 @@ int delete_locked(libsnbf* handle, uint32_t minor, const char* uuid, int* postpo
     if (int rc = libsnbf_snap_record_write(dir.c_str(), &going); rc != 0) return rc;
     if (int rc = distrust_older(filter, record); rc != 0) return rc;
   }
-  if (int rc = libsnbf_del_node(handle, minor); rc != 0) {
+  if (int rc = snbf::lib::del_node_locked(handle, minor); rc != 0) {
     record.stopped_clean = 0;
     if (known) libsnbf_snap_record_write(dir.c_str(), &record);
     return rc;

@@ -193,7 +193,7 @@ int resume_locked(libsnbf* handle, uint32_t filter_minor, uint32_t* resumed) {
   }
   if (writes_of(handle, filter_minor) == writes_before) return 0;
   std::reverse(chosen.begin(), chosen.end());
-  for (Candidate* candidate : chosen) libsnbf_stop_node(handle, candidate->node->minor);
+  for (Candidate* candidate : chosen) snbf::lib::stop_node_locked(handle, candidate->node->minor);
   *resumed = 0;
   return -ESTALE;
 }

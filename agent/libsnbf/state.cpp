@@ -31,6 +31,7 @@ bool take(libsnbf_state& state, const std::string& key, const std::string& value
   if (key == "distrust") return put_text(state.distrust, value);
   if (key == "incr-point") return put_text(state.incr_point, value);
   if (key == "diff-point") return put_text(state.diff_point, value);
+  if (key == "device") return put_text(state.device, value);
   if (key == "clean") state.stopped_clean = value == "1";
   if (key == "head") state.head_hash = std::strtoull(value.c_str(), nullptr, 16);
   if (key == "epoch") state.epoch = std::strtoull(value.c_str(), nullptr, 16);
@@ -80,7 +81,8 @@ int libsnbf_state_write(const char* bmp_dir, uint32_t minor, const libsnbf_state
                                     {"epoch", hex64(state->epoch)},
                                     {"distrust", state->distrust},
                                     {"incr-point", state->incr_point},
-                                    {"diff-point", state->diff_point}});
+                                    {"diff-point", state->diff_point},
+                                    {"device", state->device}});
   });
 }
 

@@ -13,6 +13,20 @@ namespace snbf {
 
 namespace {
 
+// Of the minor whose files are in the way.
+Failure belongs_to_another(const AttachWish& wish, uint32_t minor) {
+  libsnbf_state state{};
+  libsnbf_state_read(wish.bitmaps.c_str(), minor, &state);
+  return {kUnsafe,
+          fmt::format("attaching {}: the files snbf{}.* in {} belong to {}, which lay over another "
+                      "partition: {} ({})",
+                      wish.partition, minor, wish.bitmaps, state.name, state.hdd_name,
+                      state.device),
+          "choose another --name, --minor or --bitmaps; or take them over with --adopt: every "
+          "extent then counts as changed",
+          -EMEDIUMTYPE};
+}
+
 Failure refusal(int rc, const AttachWish& wish, const Driver& driver) {
   const Failure plain = failure_of(rc, fmt::format("attaching {}", wish.partition));
   for (const snbf_info& node : driver.filters()) {
@@ -44,7 +58,10 @@ snbf_info attach_node(const Driver& driver, const AttachWish& wish, std::string*
   request.bmp_dir = bitmaps.c_str();
   request.minor = wish.minor;
   request.extent_size = wish.extent_size;
-  if (int rc = libsnbf_attach(driver.get(), &request); rc != 0) throw refusal(rc, wish, driver);
+  request.adopt = wish.adopt;
+  const int rc = libsnbf_attach(driver.get(), &request);
+  if (rc == -EMEDIUMTYPE) throw belongs_to_another(wish, request.minor_used);
+  if (rc != 0) throw refusal(rc, wish, driver);
   *distrust = request.distrust;
   return driver.info(request.minor_used);
 }

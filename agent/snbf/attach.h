@@ -14,7 +14,8 @@ struct AttachWish {
   std::string name;
   std::string bitmaps;  // a directory that is there
   uint32_t extent_size = 65536;
-  int minor = -1;  // negative: the one it had last, or a free one
+  int minor = -1;      // negative: the one it had last, or a free one
+  bool adopt = false;  // take over bitmap files that belong to another partition
 };
 
 // The node, not yet started; `distrust` is why every extent counts as changed, or empty. Throws

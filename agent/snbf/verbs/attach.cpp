@@ -31,6 +31,7 @@ struct Options {
   int minor = -1;
   bool start = false;
   bool at_boot = false;
+  bool adopt = false;
   bool dry_run = false;
   bool json = false;
 };
@@ -79,7 +80,7 @@ int attach_early(const Options& options, const std::string& partition) {
 int attach(const Options& options) {
   const std::string partition = std::filesystem::absolute(options.partition);
   AttachWish wish{partition, options.name, options.bitmaps, parse_extent(options.extent),
-                  options.minor};
+                  options.minor, options.adopt};
   check(options, partition);
   if (!options.store.empty()) return attach_early(options, partition);
   const Driver driver;
@@ -138,6 +139,9 @@ void add_attach(CLI::App& app, Chosen& chosen) {
   verb->add_option("--bitmaps", options->bitmaps,
                    "Directory of the bitmap files, not on this partition (default /var/lib/snbf)");
   verb->add_flag("--start", options->start, "Start it as well");
+  verb->add_flag("--adopt", options->adopt,
+                 "Take over bitmap files that belong to another partition; every extent then "
+                 "counts as changed");
   verb->add_flag("--at-boot", options->at_boot, "Bring it up at every boot (/etc/snbf/nodes)");
   verb->add_option("--store", options->store,
                    "For the root's partition: the file system that is to hold the bitmaps, on "

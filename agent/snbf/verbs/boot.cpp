@@ -90,7 +90,7 @@ int bring_up(const UpOptions& options, const Driver& driver, const BootNode& nod
   if (options.initramfs) mount_early_store(node);
   check_ground(node, device);
   std::string why;
-  const AttachWish wish{device, node.name, node.bitmaps, node.extent_size, node.minor};
+  const AttachWish wish{device, node.name, node.bitmaps, node.extent_size, node.minor, false};
   const snbf_info made = attach_node(driver, wish, &why);
   note(why.empty()
            ? fmt::format("{}: tracking goes on where it stopped", node.name)

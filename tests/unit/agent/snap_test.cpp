@@ -41,6 +41,22 @@ TEST_F(Snaps, ANameThatIsNotItsOwnIsRefused) {
   EXPECT_EQ(create("snbf"), -EEXIST);
 }
 
+TEST_F(Snaps, OneWhoseNameAnotherNodeHasTakenIsNotResumed) {
+  two_snaps_stopped_with_their_node();
+  driver_->add_filter(1, dir_);
+  std::strcpy(driver_->node(1).name, "newer");
+  EXPECT_THAT(judged(), ElementsAre("older=newer-lost", "newer=name-taken"));
+  EXPECT_EQ(resume(), 0u);
+  EXPECT_THAT(driver_->sent_, Not(Contains(SNBF_RESUME_SNAP)));
+}
+
+TEST_F(Snaps, TheHighestMinorIsNoSnaps) {
+  put("module/snbf/parameters/snbf_max_blk_minor", "2\n");
+  ASSERT_EQ(create("one"), 0);
+  EXPECT_EQ(made_.minor_used, 1u);
+  EXPECT_EQ(create("two"), -ENOSPC);
+}
+
 TEST_F(Snaps, AnotherChunkSizeIsNeverSent) {
   ASSERT_EQ(create("one", 4096), 0);
   driver_->sent_.clear();
