@@ -87,7 +87,7 @@ std::string statuses() {
 std::string tail(const Verb& verb) {
   std::string out;
   for (const Verb& below : verb.verbs) {
-    std::string title = "SNBF " + below.name;
+    std::string title = below.name;
     for (char& c : title) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
     out += fmt::format("# {}\n\n{}.\n\n{}{}Examples:\n\n{}", title, plain(below.summary),
                        prose(below), options(below), examples(below));

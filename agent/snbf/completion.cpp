@@ -59,7 +59,8 @@ void add_verb_to(const Verb& verb, Tables* tables) {
   for (size_t i = 0; i < verb.arguments.size(); ++i) {
     const Argument& argument = verb.arguments[i];
     tables->arguments +=
-        fmt::format("    '{} {}'{}) echo '{}' ;;\n", verb.name, i, argument.many ? "*" : "",
+        fmt::format("    '{} '{}) echo '{}' ;;\n", verb.name,
+                    argument.many ? "*" : std::to_string(i),
                     proposal(argument.kind, argument.choices));
   }
 }

@@ -20,6 +20,10 @@ struct Meaning {
 
 constexpr Meaning kMeanings[] = {
     {"node", "NODE", ValueKind::Node},
+    {"names", "NODE", ValueKind::Node},
+    {"store", "DEVICE", ValueKind::Device},
+    {"nbd", "SOCKET", ValueKind::File},
+    {"pid-file", "FILE", ValueKind::File},
     {"all", "NODE", ValueKind::Node},
     {"snap", "SNAP", ValueKind::Snap},
     {"snaps", "SNAP", ValueKind::Snap},

@@ -104,9 +104,9 @@ void add_export(CLI::App& app, Chosen& chosen) {
   auto options = std::make_shared<Options>();
   CLI::App* verb = add_verb(
       app, chosen, "export", "Serve a snap over NBD, with a bitmap of what changed",
-      "Examples:\n  snbf export monday --nbd /run/monday.sock --bitmap incr\n"
-      "  nbdinfo --map=qemu:dirty-bitmap:incr \"nbd+unix:///monday?socket=/run/monday.sock\"\n"
-      "  nbdcopy \"nbd+unix:///monday?socket=/run/monday.sock\" monday.img\n"
+      "Examples:\n  snbf export monday --nbd /run/m.sock --bitmap incr\n"
+      "  nbdinfo --map=qemu:dirty-bitmap:incr \"nbd+unix:///monday?socket=/run/m.sock\"\n"
+      "  nbdcopy \"nbd+unix:///monday?socket=/run/m.sock\" monday.img\n"
       "It serves in the foreground, read-only, until SIGINT or SIGTERM. The URI on the output, and "
       "the\nfile of --pid-file, say that clients can connect. The bitmap is the node's as it is at "
       "the\nstart of the export: what changed after the snap is marked, too.",

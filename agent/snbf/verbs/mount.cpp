@@ -141,8 +141,8 @@ int umount(const UmountOptions& options) {
 void add_mount(CLI::App& app, Chosen& chosen) {
   auto options = std::make_shared<MountOptions>();
   CLI::App* verb = add_verb(app, chosen, "mount", "Mount a snap's file system, read-only",
-                            "Example:\n  snbf mount monday /mnt/monday && cp /mnt/monday/lost.txt "
-                            ". && snbf umount monday\n"
+                            "Example:\n  snbf mount monday /mnt/monday\n"
+                            "  cp /mnt/monday/lost.txt . && snbf umount monday\n"
                             "The file system's log is not replayed, and its UUID may be that of "
                             "the origin, mounted beside.",
                             options, mount);

@@ -300,6 +300,7 @@ void add_resume(CLI::App& snap, Chosen& chosen) {
 void add_snap(CLI::App& app, Chosen& chosen) {
   CLI::App* snap = app.add_subcommand("snap", "Make, list, delete and resume snaps");
   snap->require_subcommand(1);
+  snap->footer("");  // else it takes the whole tool's
   add_create(*snap, chosen);
   add_snap_list(*snap, chosen);
   add_delete(*snap, chosen);

@@ -265,8 +265,12 @@ class CaptureSteps : public Captures, public testing::WithParamInterface<Course>
     const bool counts = std::string(state().incr_point) == "chain:7";
     EXPECT_EQ(counts, committed());
     EXPECT_EQ(std::string(state().diff_point) == "chain:7", committed() && full);
-    if (!counts) EXPECT_THAT(marked(SNBF_BMP_INCR), IsSupersetOf(kIncr));
-    if (!counts || !full) EXPECT_THAT(marked(SNBF_BMP_DIFF), IsSupersetOf(kDiff));
+    if (!counts) {
+      EXPECT_THAT(marked(SNBF_BMP_INCR), IsSupersetOf(kIncr));
+    }
+    if (!counts || !full) {
+      EXPECT_THAT(marked(SNBF_BMP_DIFF), IsSupersetOf(kDiff));
+    }
     if (GetParam().with_snap && bitmaps_->written) {
       EXPECT_THAT(marked(SNBF_BMP_INCR), testing::Contains(15)) << "written behind the taking";
     }

@@ -134,7 +134,7 @@ TEST(Manual, APageHoldsTheVerbsOwnOptions) {
   ASSERT_NE(verb, nullptr);
   const std::string page = fill_page("@HEAD@\n@TAIL@\n", tool, verb, "1");
   EXPECT_THAT(page, HasSubstr("*\\-\\-extent* _SIZE_\n\tBytes that one bit stands for"));
-  EXPECT_THAT(page, HasSubstr("_partition_\n\tThe partition's device file."));
+  EXPECT_THAT(page, HasSubstr("_partition_\n\tThe partition's device file\\."));
   EXPECT_THAT(page, HasSubstr("```\nsnbf attach /dev/sdb1"));
   EXPECT_THAT(page, HasSubstr("*6*\n\trefused as unsafe"));
 }
@@ -240,7 +240,11 @@ TEST(Completion, ProposesEveryVerbAndEveryOption) {
     for (std::string word; words >> word;) line.push_back(word);
     line.push_back("--");
     std::vector<std::string> options;
-    for (const Option& option : verb.options) options.push_back(option.names.back());
+    for (const Option& option : verb.options) {
+      for (const std::string& name : option.names) {
+        if (name.starts_with("--")) options.push_back(name);
+      }
+    }
     EXPECT_THAT(completed(line), testing::UnorderedElementsAreArray(options)) << verb.name;
   });
 }
