@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 
 #include "block_dev.h"
 
@@ -13,13 +14,16 @@ constexpr std::size_t kDeadBios = 512;
 
 }  // namespace
 
+// What a power cut left in flight. Two parts of a split request share the page that the cut goes through.
 BlockState::~BlockState() {
+  std::set<void*> pages;
   for (plat_bio* bio : bios) {
-    if (bio->kind == plat_bio::Kind::Caller) {
-      for (auto& piece : bio->pieces) free(piece.page);
+    if (bio->kind == plat_bio::Kind::Caller && !bio->borrows_pages) {
+      for (auto& piece : bio->pieces) pages.insert(piece.page);
     }
     delete bio;
   }
+  for (void* page : pages) free(page);
   for (plat_bio* bio : dead_bios) delete bio;
 }
 

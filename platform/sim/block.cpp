@@ -175,6 +175,7 @@ void Kernel::node_submit(plat_bio* bio) {
     outer->sector = bio->sector;
     outer->bytes = outer->left = bio->bytes;
     outer->pieces = bio->pieces;
+    outer->borrows_pages = true;
     outer->target = bio->target;
     outer->in_flight = true;
     outer->on_end = [this, bio](plat_bio* done, int error) {

@@ -120,6 +120,7 @@ struct plat_bio {
   snbf::sim::u64 magic = 0;
   snbf::sim::u64 id = 0;
   Kind kind = Kind::Caller;
+  bool borrows_pages = false;  // they are the driver's, or of another request
   snbf::sim::Op op = snbf::sim::Op::Read;
   bool fua = false;
   bool preflush = false;
