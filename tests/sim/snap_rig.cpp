@@ -154,6 +154,7 @@ int SnapRig::read(plat_devt device, u64 sector, u32 sectors, Bytes* data) {
 
 int SnapRig::write(u64 sector, u64 sectors) {
   const u64 sent_us = sim.now_us();
+  const u64 told = listener != nullptr ? listener->sent(sector, sectors) : 0;
   const model::WriteTicket ticket = partition.send(sector, sectors, false);
   const int rc = sim.submit(node(), {.op = sim::Op::Write,
                                      .sector = sector,
@@ -161,16 +162,19 @@ int SnapRig::write(u64 sector, u64 sectors) {
                                      .fua = sim.random(8) == 0,
                                      .first_piece_offset = piece_offset()})
                      .wait();
+  if (listener != nullptr) listener->ended(told, rc == 0);
   judge_write(ticket, rc, sent_us);
   return rc;
 }
 
 int SnapRig::discard(u64 sector, u64 sectors) {
   const u64 sent_us = sim.now_us();
+  const u64 told = listener != nullptr ? listener->sent(sector, sectors) : 0;
   const model::WriteTicket ticket = partition.send(sector, sectors, true);
   const u32 bytes = static_cast<u32>(sectors * 512);
   const int rc = sim.random(2) == 0 ? sim.discard(node(), sector, bytes)
                                     : sim.write_zeroes(node(), sector, bytes);
+  if (listener != nullptr) listener->ended(told, rc == 0);
   judge_write(ticket, rc, sent_us);
   return rc;
 }

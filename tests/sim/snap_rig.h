@@ -43,6 +43,14 @@ struct Snap {
   std::shared_ptr<SnapImage> image;
 };
 
+// Told of each write that the rig's people send to the node, before it goes and when it has ended.
+class WriteListener {
+ public:
+  virtual ~WriteListener() = default;
+  virtual u64 sent(u64 sector, u64 sectors) = 0;  // a ticket
+  virtual void ended(u64 ticket, bool ok) = 0;
+};
+
 class SnapRig {
  public:
   // `shared`: what the partition holds since an earlier boot.
@@ -114,6 +122,7 @@ class SnapRig {
   model::Partition& partition;
   std::vector<std::shared_ptr<Snap>> snaps;
   int snaps_max = 4;
+  WriteListener* listener = nullptr;
   u64 write_sectors_max = 64;
   bool copies_may_fail = false;     // the COW store is broken: snaps may become invalid
   bool partition_may_fail = false;  // so is the partition: requests to it may fail
