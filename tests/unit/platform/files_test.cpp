@@ -92,7 +92,9 @@ SIM_TEST(Files, ThatMustBeNewAreNoOldOnesAndNoLinks) {
     plat_file* file = nullptr;
     const int rc =
         snbf_plat_file_open(path, PLAT_O_WRONLY | PLAT_O_CREAT | PLAT_O_EXCL, 0600, &file);
-    if (rc == 0) EXPECT_EQ(snbf_plat_file_close(file), 0);
+    if (rc == 0) {
+      EXPECT_EQ(snbf_plat_file_close(file), 0);
+    }
     return rc;
   };
   EXPECT_EQ(make("/tmp/x"), 0);
