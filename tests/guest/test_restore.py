@@ -198,7 +198,7 @@ def one_that_is_interrupted_says_what_the_target_holds():
     slow.become(f"0 {slow.sectors} delay {BACK} 0 0 {BACK} 0 400")
     with subprocess.Popen([TOOL, "restore", DEST, slow.path, "--yes"], stdin=subprocess.DEVNULL,
                           stderr=subprocess.PIPE, text=True) as process:
-        kit.wait_until(lambda: "qemu-img" in kit.run("ps", "-A", "-o", "comm"), seconds=60, what="the copy")
+        kit.wait_until(lambda: "qemu-img convert" in kit.run("ps", "-A", "-o", "args"), seconds=60, what="the copy")
         process.send_signal(signal.SIGTERM)
         err = process.communicate()[1]
     print(err)
