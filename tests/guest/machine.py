@@ -105,8 +105,11 @@ def chroot(image, name, job, packages=""):
 
 
 def debs():
-    """The packages of this tree, built if they are not."""
-    logged("deb", os.path.join(guest.TOP, "packaging", "deb"), PACKAGES)
+    """The packages of this tree, built if they are not; once, however many tests ask at a time."""
+    os.makedirs(FOLDER, exist_ok=True)
+    with open(os.path.join(FOLDER, "deb.lock"), "w", encoding="ascii") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        logged("deb", os.path.join(guest.TOP, "packaging", "deb"), PACKAGES)
     return sorted(glob.glob(os.path.join(PACKAGES, "*.deb")))
 
 
