@@ -117,9 +117,10 @@ s64 write_pages(Kernel& k, Inode& inode, u64 position, const u8* from, u64 bytes
   while (done < bytes) {
     const u64 at = position + done;
     const u64 piece = std::min<u64>(bytes - done, kBlockBytes - at % kBlockBytes);
-    int error = map_page(k, inode, at / kBlockBytes);
-    FilePage* page = nullptr;
-    if (error == 0) page = get_page(k, inode, at / kBlockBytes, piece == kBlockBytes, &error);
+    // The page first: a block that is not the file's yet must not be read, it holds somebody's past.
+    int error = 0;
+    FilePage* page = get_page(k, inode, at / kBlockBytes, piece == kBlockBytes, &error);
+    if (error == 0) error = map_page(k, inode, at / kBlockBytes);
     if (error != 0) return done > 0 ? static_cast<s64>(done) : error;
     memcpy(page->data->data() + at % kBlockBytes, from + done, piece);
     page->dirty = true;

@@ -33,9 +33,6 @@ std::uint32_t reconciled(std::uint32_t traits) {
   drop(Trait::Restarts, bit(Trait::Snaps) | bit(Trait::NoMemory) | bit(Trait::Files));
   // A file system over what fails answers errors of its own, at any later time.
   drop(Trait::Files, bit(Trait::DiskFails) | bit(Trait::NoMemory));
-  // Left out until it is understood: on the boot after a cut, with the store on another node, images
-  // have read zeros. SNBF_PLAN="seed=515 on=snaps,below,cut steps=10 lives=2" shows it.
-  if ((traits & bit(Trait::Cut)) != 0) drop(Trait::Below, bit(Trait::Snaps));
   drop(Trait::Below, bit(Trait::StoreFails) | bit(Trait::Stall) | bit(Trait::NoMemory));
   return traits;
 }

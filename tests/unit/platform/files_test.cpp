@@ -45,6 +45,26 @@ SIM_TEST(Files, HoldWhatWasWrittenOverAMount) {
   EXPECT_EQ(sim.unmount(fs), 0);
 }
 
+SIM_TEST(Files, HoldZeroesWhereNobodyWroteWhateverTheirBlocksHeld) {
+  Device* disk = sim.add_device({.name = "sda"});
+  disk->poke(0, Bytes(disk->bytes(), 0xAA));
+  FileSystem* fs = sim.add_fs("a", disk->number());
+  ASSERT_EQ(sim.mount(fs, "/mnt/a"), 0);
+  Bytes expected(2 * 4096 + 9);
+  EXPECT_EQ(sim.write_at("/mnt/a/file", 5, Bytes(1, 1), true), 0);
+  EXPECT_EQ(sim.write_at("/mnt/a/file", 2 * 4096 + 8, Bytes(1, 2), true), 0);
+  expected[5] = 1;
+  expected.back() = 2;
+  Bytes back;
+  EXPECT_EQ(sim.read_file("/mnt/a/file", &back), 0);
+  EXPECT_EQ(back, expected);
+  ASSERT_EQ(sim.unmount(fs), 0);
+  ASSERT_EQ(sim.mount(fs, "/mnt/a"), 0);
+  EXPECT_EQ(sim.read_file("/mnt/a/file", &back), 0);
+  EXPECT_EQ(back, expected);
+  EXPECT_EQ(sim.unmount(fs), 0);
+}
+
 TEST(Files, AreDurableWhenWrittenSynchronouslyAndElsePerhaps) {
   int kept = 0, missing = 0;
   for_seeds(40, [&](u64 seed) {
