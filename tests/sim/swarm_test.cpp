@@ -293,8 +293,7 @@ class Swarm {
   // A backup that failed gives back what it took. Where its save may fail it is in memory alone.
   void merge(u32 type) {
     const int rc = rig_.base.merge(type, taken_[type]);
-    if (rc == 0 && !breaks() && !plan_.has(Trait::Restarts))
-      bitmaps_.models[type].add(taken_[type]);
+    if (rc == 0 && !breaks()) bitmaps_.models[type].add(taken_[type]);
   }
 
   // ---- Those who ask for what there is not, and those who look at everything
