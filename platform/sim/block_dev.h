@@ -37,6 +37,7 @@ struct Storage {
     u64 write;  // number of the write that made it
     Sector data;
   };
+  u8 blank = 0;  // what was never written
   std::unordered_map<u64, std::unique_ptr<Page>> current;
   std::unordered_map<u64, std::unique_ptr<Page>> older;
   std::map<u64, std::vector<Version>> pending;

@@ -18,6 +18,7 @@ Device* Sim::add_device(const DeviceOptions& options) {
   dev->block_bytes = options.block_bytes;
   dev->zoned = options.zoned;
   dev->storage = std::make_shared<Storage>();
+  dev->storage->blank = options.blank;
   if (!blocks.by_number.emplace(dev->number, dev.get()).second) {
     k.fatal("add_device: there is a device %u:%u", dev->number >> 20, dev->number & 0xFFFFF);
   }

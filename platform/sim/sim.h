@@ -215,6 +215,7 @@ struct DeviceOptions {
   u32 queue_depth =
       0;  // requests that may be in flight, 0: any; a submitter sleeps for a free place
   bool write_cache = true;  // false: a write is durable when it completes
+  u8 blank = 0;             // each byte of it at first: few disks are new
 };
 
 class Device {

@@ -19,7 +19,10 @@ const Page* find(const std::unordered_map<u64, std::unique_ptr<Page>>& pages, u6
 
 Page& Storage::page(u64 index) {
   auto& slot = current[index];
-  if (slot == nullptr) slot = std::make_unique<Page>(Page{});
+  if (slot == nullptr) {
+    slot = std::make_unique<Page>();
+    slot->fill(blank);
+  }
   return *slot;
 }
 
@@ -31,7 +34,7 @@ void Storage::read(u64 sector, u8* to, u64 bytes) const {
     if (from != nullptr) {
       memcpy(to, from->data() + at % 4096, in_page);
     } else {
-      memset(to, 0, in_page);
+      memset(to, blank, in_page);
     }
     to += in_page;
     at += in_page;
@@ -46,7 +49,7 @@ void Storage::read_durable(u64 sector, u8* to, u64 bytes) const {
     if (from != nullptr) {
       memcpy(to + done, from->data() + sector % kSectorsPerPage * kSectorBytes, kSectorBytes);
     } else {
-      memset(to + done, 0, kSectorBytes);
+      memset(to + done, blank, kSectorBytes);
     }
   }
 }
@@ -105,6 +108,7 @@ void Storage::harden_range(u64 sector, u64 sectors) {
 
 std::shared_ptr<Storage> Storage::copy() const {
   auto image = std::make_shared<Storage>();
+  image->blank = blank;
   for (const auto& [index, page] : current) image->current[index] = std::make_unique<Page>(*page);
   return image;
 }

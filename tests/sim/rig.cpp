@@ -50,7 +50,7 @@ std::string show(const Extents& extents) {
 void Rig::make_devices(bool fresh) {
   if (fresh) {
     sim.add_device({.name = "sda1", .bytes = kDiskBytes});
-    sim::Device* store = sim.add_device({.name = "sdb1", .bytes = 4 << 20});
+    sim::Device* store = sim.add_device({.name = "sdb1", .bytes = 4 << 20, .blank = 0xA5});
     sim.add_fs("store", store->number());
   }
   ASSERT_EQ(sim.mount(sim.fs("store"), "/store"), 0);

@@ -30,8 +30,10 @@ void SnapRig::make_devices() {
                                       .latency_max_us = setup.latency_max_us,
                                       .queue_depth = setup.queue_depth});
   disk->poke(0, partition.initial());
-  sim::Device* store = sim.add_device(
-      {.name = "sdb1", .bytes = setup.store_bytes, .latency_max_us = setup.store_latency_max_us});
+  sim::Device* store = sim.add_device({.name = "sdb1",
+                                       .bytes = setup.store_bytes,
+                                       .latency_max_us = setup.store_latency_max_us,
+                                       .blank = 0xA5});
   if (!setup.store_on_node && !setup.store_by_test) sim.add_fs("store", store->number());
 }
 

@@ -46,8 +46,7 @@ SIM_TEST(Files, HoldWhatWasWrittenOverAMount) {
 }
 
 SIM_TEST(Files, HoldZeroesWhereNobodyWroteWhateverTheirBlocksHeld) {
-  Device* disk = sim.add_device({.name = "sda"});
-  disk->poke(0, Bytes(disk->bytes(), 0xAA));
+  Device* disk = sim.add_device({.name = "sda", .blank = 0xAA});
   FileSystem* fs = sim.add_fs("a", disk->number());
   ASSERT_EQ(sim.mount(fs, "/mnt/a"), 0);
   Bytes expected(2 * 4096 + 9);
