@@ -1,0 +1,179 @@
+// Who is about in a run of the swarm: see swarm_run.h.
+#include <algorithm>
+
+#include "swarm_run.h"
+
+namespace snbf::rig {
+
+void Swarm::person(const char* name, std::function<void()> body) {
+  people_.push_back(sim.spawn(name, std::move(body)));
+}
+
+void Swarm::writer(int steps) {
+  while (steps > 0 && !failed()) {
+    sim::OpenNode opening;
+    const int count = 1 + static_cast<int>(sim.random(8));
+    if (sim.open_node(rig_.node(), PLAT_MODE_READ | PLAT_MODE_WRITE, &opening) == 0) {
+      rig_.writer(std::min(count, steps));
+      EXPECT_EQ(sim.close_node(&opening), 0);
+    }
+    steps -= count;
+    sim.sleep_us(sim.random(5000));
+  }
+}
+
+void Swarm::origin_reader(int steps) {
+  sim::OpenNode opening;
+  if (sim.open_node(rig_.node(), PLAT_MODE_READ, &opening) != 0) return;
+  rig_.origin_reader(steps);
+  EXPECT_EQ(sim.close_node(&opening), 0);
+}
+
+void Swarm::opener(int steps) {
+  for (int i = 0; i < steps && !failed(); ++i) {
+    sim::OpenNode opening;
+    const int rc = sim.open_node(rig_.node(), PLAT_MODE_READ | PLAT_MODE_WRITE, &opening);
+    if (rc == 0) {
+      sim.sleep_us(sim.random(1000));
+      EXPECT_EQ(sim.close_node(&opening), 0);
+    } else if (!plan_.has(Trait::Restarts) && !plan_.has(Trait::NoMemory)) {
+      ADD_FAILURE() << "the node could not be opened: " << rc;
+    }
+    sim.sleep_us(sim.random(3000));
+  }
+}
+
+void Swarm::saver(int steps) {
+  for (int i = 0; i < steps && !failed(); ++i) {
+    rig_.base.save(kTypes[sim.random(2)]);
+    if (!plan_.has(Trait::Hurry)) sim.sleep_us(sim.random(6000));
+  }
+}
+
+void Swarm::restarter(int steps) {
+  for (int i = 0; i < steps && !failed(); ++i) {
+    sim.sleep_us(sim.random(20'000));
+    if (sim.random(2) == 0) {
+      if (rig_.base.stop() == 0) rig_.base.start();
+    } else if (rig_.base.remove() == 0) {
+      rig_.base.add("/dev/sda1", 0);
+      rig_.base.start();
+    }
+  }
+}
+
+// ---- The agent
+
+void Swarm::agent(int steps) {
+  for (int i = 0; i < steps && !failed(); ++i) {
+    one_command(kTypes[sim.random(2)]);
+    if (!plan_.has(Trait::Hurry)) sim.sleep_us(sim.random(4000));
+  }
+}
+
+void Swarm::one_command(u32 type) {
+  switch (sim.random(8)) {
+    case 0:
+    case 1:
+      take(type, SNBF_GET_AND_CLR_BMP);
+      break;
+    case 2:
+      take(type, SNBF_CLR_BMP);
+      break;
+    case 3:
+      take_into_bad_memory(type);
+      break;
+    case 4:
+      merge(type);
+      break;
+    default:
+      look_at(type);
+  }
+}
+
+void Swarm::judge_map(u32 type, const Extents& must, const Extents& map) {
+  expect_covers(must, map);
+  if (!may_is_known()) return;
+  const Extents surplus = missing(map, bitmaps_.models[type].may());
+  EXPECT_TRUE(surplus.empty()) << "never written: " << show(surplus);
+}
+
+void Swarm::expect_covers(const Extents& must, const Extents& map) {
+  EXPECT_TRUE(missing(must, map).empty()) << "lost changes: " << show(missing(must, map));
+}
+
+void Swarm::look_at(u32 type) {
+  const Extents must = bitmaps_.models[type].must();
+  Extents map;
+  if (rig_.base.get(type, &map) == 0) judge_map(type, must, map);
+}
+
+void Swarm::take(u32 type, u32 command) {
+  BitmapModel& model = bitmaps_.models[type];
+  bitmaps_.taking[type] = true;
+  model.begin_taking();
+  const Extents must = model.must();
+  Extents map;
+  const bool tells = command == SNBF_GET_AND_CLR_BMP;
+  const int rc = tells ? rig_.base.get(type, &map, command) : rig_.base.clear(type);
+  if (rc != 0) {
+    model.cancel_taking();
+  } else {
+    if (tells) judge_map(type, must, map);
+    model.end_taking(tells ? &map : nullptr);
+    taken_[type] = map;
+  }
+  bitmaps_.taking[type] = false;
+}
+
+void Swarm::take_into_bad_memory(u32 type) {
+  bitmaps_.models[type].begin_taking();
+  sim::UserBuffer buffer = sim.user(kMapBytes);
+  buffer.fault_at(sim.random(kMapBytes));
+  snbf_bmp_cmd record = {0, type, static_cast<int>(kMapBytes), 0, buffer.address()};
+  EXPECT_NE(sim.ioctl(SNBF_GET_AND_CLR_BMP, &record, sizeof(record)), 0);
+  buffer.unmap();
+  bitmaps_.models[type].cancel_taking();
+}
+
+void Swarm::merge(u32 type) {
+  const int rc = rig_.base.merge(type, taken_[type]);
+  if (rc == 0 && !breaks()) bitmaps_.models[type].add(taken_[type]);
+}
+
+// ---- The odd and the curious
+
+void Swarm::odd_commands(int steps) {
+  constexpr u32 kOfNode[] = {SNBF_DEL_NODE, SNBF_START_NODE, SNBF_STOP_NODE};
+  constexpr u32 kAll[] = {SNBF_DEL_NODE, SNBF_GET_INFO,  SNBF_SAVE_BMP, SNBF_CLR_BMP,
+                          SNBF_SET_BMP,  SNBF_MERGE_BMP, SNBF_GET_BMP,  SNBF_GET_DEVICE_LIST};
+  for (int i = 0; i < steps && !failed(); ++i) {
+    snbf_minor_cmd nobody = {static_cast<u32>(90 + sim.random(100))};
+    snbf_bmp_cmd senseless = {0, static_cast<u32>(2 + sim.random(1u << 30)), 25, 0, 0x10};
+    switch (sim.random(4)) {
+      case 0:
+        EXPECT_NE(sim.ioctl(kOfNode[sim.random(3)], &nobody, sizeof(nobody)), 0);
+        break;
+      case 1:
+        EXPECT_NE(sim.ioctl_at(kAll[sim.random(std::size(kAll))], Sim::kBadUserAddress), 0);
+        break;
+      case 2:
+        EXPECT_NE(sim.ioctl(SNBF_GET_BMP, &senseless, sizeof(senseless)), 0);
+        break;
+      default:
+        EXPECT_NE(sim.ioctl_at(static_cast<u32>(sim.random()) | 0xff, Sim::kBadUserAddress), 0);
+    }
+    sim.sleep_us(sim.random(3000));
+  }
+}
+
+void Swarm::look(int steps) {
+  for (int i = 0; i < steps && !failed(); ++i) {
+    for (const std::string& name : sim.list_proc("/proc/snbf")) sim.proc("/proc/snbf/" + name);
+    for (const std::string& name : sim.list_proc("/proc/snbf/snbf0"))
+      sim.proc("/proc/snbf/snbf0/" + name);
+    sim.sleep_us(sim.random(6000));
+  }
+}
+
+}  // namespace snbf::rig

@@ -1,0 +1,117 @@
+// A run of the swarm: what its plan says, on one kernel after another. The people who are about act
+// at once, and beside them things break; it is judged by the models of both bitmaps, of the
+// partition and of every snap's image.
+#pragma once
+
+#include <functional>
+
+#include "snap_rig.h"
+#include "swarm.h"
+
+namespace snbf::rig {
+
+// What each bitmap must hold, over all lives of a run.
+class Bitmaps : public WriteListener {
+ public:
+  u64 sent(u64 sector, u64 sectors) override {
+    for (const u32 type : kTypes)
+      tickets_[next_][type] =
+          models[type].send(extents_of(sector, static_cast<u32>(sectors * 512)));
+    return next_++;
+  }
+  void ended(u64 ticket, bool ok) override {
+    for (const u32 type : kTypes) models[type].end(tickets_[ticket][type], ok);
+    tickets_.erase(ticket);
+  }
+  // Nobody is about, and the bitmap is known to be `map`.
+  void begin_from(u32 type, const Extents& map) {
+    models[type] = BitmapModel(kExtents);
+    models[type].add(map);
+    taking[type] = false;
+  }
+
+  BitmapModel models[2] = {BitmapModel{kExtents}, BitmapModel{kExtents}};
+  bool taking[2] = {};  // a command that takes bits away is under way: it has or has not
+
+ private:
+  std::map<u64, std::map<u32, u64>> tickets_;
+  u64 next_ = 0;
+};
+
+// One boot of a run: lives, until its end or a power cut.
+class Swarm {
+ public:
+  Swarm(Sim& kernel, const Plan& plan, Bitmaps& bitmaps, bool first_boot);
+  // In a task.
+  void run();
+
+ private:
+  using Trouble = std::pair<Trait, std::function<void()>>;
+
+  static bool failed() { return testing::Test::HasFailure(); }
+  bool breaks_copies() const;
+  bool breaks() const { return breaks_copies() || plan_.has(Trait::DiskFails); }
+  // Also the file system's own writes set bits, and a file that is not trusted sets them all.
+  bool may_is_known() const;
+
+  void begin();
+  // After a power cut: each bitmap covers what was acknowledged, whatever its file went through.
+  void begin_again();
+  // A life: all people, and what breaks beside them until the last has gone.
+  void live();
+  void send_people(int steps);
+  // Between lives, with nobody about.
+  void settle();
+  void rest();
+
+  // People. Each goes on for so many steps.
+  void person(const char* name, std::function<void()> body);
+  void writer(int steps);
+  void origin_reader(int steps);
+  void opener(int steps);
+  void saver(int steps);
+  void restarter(int steps);
+  void agent(int steps);
+  // Those who ask for what there is not, and those who look at everything.
+  void odd_commands(int steps);
+  void look(int steps);
+
+  // What the agent does.
+  void one_command(u32 type);
+  void take(u32 type, u32 command);
+  void take_into_bad_memory(u32 type);
+  // A backup that failed gives back what it took. Where its save may fail it is in memory alone.
+  void merge(u32 type);
+  void look_at(u32 type);
+  void judge_map(u32 type, const Extents& must, const Extents& map);
+  void expect_covers(const Extents& must, const Extents& map);
+
+  // What breaks.
+  std::vector<Trouble> troubles_of();
+  void fail_files();
+  void fail_memory();
+  void fail_device(const char* name);
+  // Each file operation has its ten seconds, so what comes before must be over.
+  void stall();
+  void mend();
+
+  Sim& sim;
+  const Plan& plan_;
+  Bitmaps& bitmaps_;
+  const bool first_boot_;
+  SnapRig rig_;
+  std::vector<sim::Task*> people_;
+  Extents taken_[2];
+  bool over_ = false;
+};
+
+struct Outcome {
+  u64 steps = 0;
+  u64 hash = 0;
+  int cuts = 0;
+};
+
+// One run. What it finds wrong is a failure of the running test.
+Outcome run_plan(const Plan& plan);
+
+}  // namespace snbf::rig

@@ -1,0 +1,66 @@
+// What breaks in a run of the swarm: see swarm_run.h.
+#include "swarm_run.h"
+
+namespace snbf::rig {
+
+using sim::Fault;
+using sim::Op;
+
+auto Swarm::troubles_of() -> std::vector<Trouble> {
+  return {{Trait::FileFaults, [this] { fail_files(); }},
+          {Trait::NoMemory, [this] { fail_memory(); }},
+          {Trait::StoreFails, [this] { fail_device("sdb1"); }},
+          {Trait::DiskFails, [this] { fail_device("sda1"); }},
+          {Trait::StoreFull,
+           [this] {
+             sim.sleep_us(sim.random(20'000));
+             sim.fs("store")->set_free_blocks(sim.random(60));
+           }},
+          {Trait::Stall, [this] { stall(); }}};
+}
+
+void Swarm::fail_files() {
+  constexpr Fault kKinds[] = {Fault::FileWrite,  Fault::FileSync,   Fault::ZeroWrite,
+                              Fault::ShortWrite, Fault::FileRead,   Fault::ShortRead,
+                              Fault::FileOpen,   Fault::DirectWrite};
+  sim.fail_nth(kKinds[sim.random(std::size(kKinds))], 1 + sim.random(6));
+  sim.sleep_us(2000 + sim.random(20'000));
+}
+
+void Swarm::fail_memory() {
+  constexpr Fault kKinds[] = {Fault::Heap, Fault::Virt, Fault::Page, Fault::BioAlloc,
+                              Fault::ThreadStart};
+  if (sim.random(4) == 0) sim.set_memory_pressure(true);
+  sim.fail_nth(kKinds[sim.random(std::size(kKinds))], 1 + sim.random(12));
+  sim.sleep_us(2000 + sim.random(20'000));
+  sim.set_memory_pressure(false);
+}
+
+void Swarm::fail_device(const char* name) {
+  constexpr Op kOps[] = {Op::Write, Op::Read, Op::Flush};
+  const u64 sectors = sim.device(name)->bytes() / 512;
+  sim.sleep_us(sim.random(15'000));
+  sim.device(name)->fail_range(sim.random(sectors), 1 + sim.random(sectors / 8),
+                               kOps[sim.random(3)], kIoError);
+  sim.sleep_us(sim.random(10'000));
+  sim.device(name)->clear_failures();
+}
+
+void Swarm::stall() {
+  sim.sleep_us(sim.random(50'000));
+  sim.device("sdb1")->hold(true);
+  sim.sleep_us(12'000'000 + sim.random(15'000'000));
+  sim.device("sdb1")->hold(false);
+  sim.device("sdb1")->release_all();
+}
+
+void Swarm::mend() {
+  sim.clear_faults();
+  sim.set_memory_pressure(false);
+  sim.fs("store")->set_free_blocks(~0ull);
+  for (const char* name : {"sda1", "sdb1"}) sim.device(name)->clear_failures();
+  if (rig_.exists(0)) return;
+  ASSERT_EQ(rig_.base.add("/dev/sda1", 0), 0);
+}
+
+}  // namespace snbf::rig
