@@ -5,7 +5,7 @@ import os
 import subprocess
 
 import kit
-from tool import TOOL, good, refused, tool
+from tool import TOOL, a_backed_up_node, good, refused, tool
 
 GUEST = {"minutes": 2, "kernels": "installed", "disks": ["a:32M", "back:32M", "store:128M", "state:32M", "tiny:16M"],
          "limit": 300}
@@ -52,13 +52,7 @@ def what_every_verb_says_without_the_driver():
 @kit.case
 @kit.essential
 def a_node_a_chain_and_a_snap():
-    kit.state_folder()
-    kit.state_folder("store")
-    kit.load()
-    kit.run("mkfs.ext4", "-q", "-F", kit.disk("a"))
-    good("attach", kit.disk("a"), "--name", "data", "--bitmaps", "/mnt/state", "--start")
-    good("backup", "data", DEST)
-    good("snap", "create", "data", "--name", "monday", "--cow", "/mnt/store/cow")
+    a_backed_up_node(DEST)
 
 
 @kit.case

@@ -3,7 +3,7 @@
 import os
 
 import kit
-from tool import good, refused, tool, tree_of
+from tool import a_backed_up_node, good, refused, tool, tree_of
 
 GUEST = {"minutes": 2, "kernels": "installed", "disks": ["a:32M", "back:32M", "store:128M", "state:32M"], "limit": 300}
 
@@ -30,13 +30,7 @@ def verbs(*above):
 @kit.case
 @kit.essential
 def a_node_a_chain_and_a_snap():
-    kit.state_folder()
-    kit.state_folder("store")
-    kit.load()
-    kit.run("mkfs.ext4", "-q", "-F", kit.disk("a"))
-    good("attach", kit.disk("a"), "--name", "data", "--bitmaps", "/mnt/state", "--start")
-    good("backup", "data", DEST)
-    good("snap", "create", "data", "--name", "monday", "--cow", "/mnt/store/cow")
+    a_backed_up_node(DEST)
 
 
 @kit.case

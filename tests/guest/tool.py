@@ -37,6 +37,17 @@ def refused(wanted, *words):
     return out + err
 
 
+def a_backed_up_node(dest):
+    """The driver, the node "data" over the disk a with one full backup in `dest`, and its snap "monday"."""
+    kit.state_folder()
+    kit.state_folder("store")
+    kit.load()
+    kit.run("mkfs.ext4", "-q", "-F", kit.disk("a"))
+    good("attach", kit.disk("a"), "--name", "data", "--bitmaps", "/mnt/state", "--start")
+    good("backup", "data", dest)
+    good("snap", "create", "data", "--name", "monday", "--cow", "/mnt/store/cow")
+
+
 def holds(dest, restored, device):
     """That a disk has what the newest point of `dest` promises of the device: its bytes, and zeros in what
     the point has left out."""

@@ -4,11 +4,15 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <thread>
 
 #include "command.h"
 #include "convert.h"
 #include "destination.h"
 #include "failure.h"
+#include "instant.h"
 #include "output.h"
 #include "restore_target.h"
 #include "signals.h"
@@ -21,6 +25,8 @@ namespace {
 struct Options {
   std::string source;
   std::string target;
+  std::string instant;
+  std::string scratch = "/var/lib/snbf";
   bool yes = false;
   bool compare = true;
   bool dry_run = false;
@@ -152,7 +158,75 @@ void compare(const Job& job, const RawPlace& place) {
                 "the target does not keep what is written to it: use another");
 }
 
+void tell_usable(const Job& job, const Options& options, const Instant& instant) {
+  if (options.json) {
+    Json json = job_json(job);
+    json["device"] = instant.device();
+    print_json(json);
+  } else {
+    fmt::print("{}\n", instant.device());
+  }
+  std::fflush(stdout);
+  note(fmt::format("{} is there as {}: mount it now, it is copied to {} meanwhile", job.what(),
+                   instant.device(), job.target.path));
+}
+
+// Until all is copied; false if a signal wants us to go, which ends nothing.
+bool attend(const Job& job, const Instant& instant) {
+  constexpr auto kLook = std::chrono::milliseconds(500);
+  Share share("copying", job.chosen.manifest.size);
+  for (;;) {
+    share(instant.percent());
+    if (share.percent() >= 100) return true;
+    if (SignalsNoted::any()) return false;
+    std::this_thread::sleep_for(kLook);
+  }
+}
+
+InstantWish wish_of(const Options& options) {
+  const ChosenPoint chosen = choose_point(options.source);
+  InstantWish wish{options.instant,
+                   std::filesystem::canonical(chosen.destination + "/" + chosen.point.file),
+                   std::filesystem::absolute(options.scratch).lexically_normal(),
+                   std::filesystem::weakly_canonical(options.target), chosen.manifest.size};
+  if (!std::filesystem::is_block_file(wish.target)) {
+    throw Failure(kMisused, wish.target + " is no block device",
+                  "--instant takes one; a file is restored without it");
+  }
+  if (!std::filesystem::is_directory(wish.scratch)) throw failure_of(-ENOENT, wish.scratch);
+  return wish;
+}
+
+int restore_instantly(const Options& options) {
+  Instant instant(wish_of(options));
+  const SignalsNoted signals;
+  Job job;
+  if (instant.is_running()) {
+    job.chosen = choose_point(options.source);
+    job.target.path = std::filesystem::weakly_canonical(options.target);
+    job.data_bytes = data_bytes_of(job.image());
+  } else {
+    job = check(options);
+    if (options.dry_run) return rehearse(job, options);
+    job.target.claim.reset();  // to be the mirror's
+    instant.begin();
+    if (instant.is_left_over()) note("what was written to it since is still there");
+  }
+  tell_usable(job, options, instant);
+  if (!attend(job, instant)) {
+    note("the copy goes on without us; the same command again looks after it, and ends it");
+    return kDone;
+  }
+  instant.finish();
+  note(fmt::format("{} has all of it, and {} is the same device now", job.target.path,
+                   instant.device()));
+  note(fmt::format("when it is not in use: `dmsetup remove {}`, and use {}", options.instant,
+                   job.target.path));
+  return kDone;
+}
+
 int restore(const Options& options) {
+  if (!options.instant.empty()) return restore_instantly(options);
   const Job job = check(options);
   if (options.dry_run) return rehearse(job, options);
   const auto began = std::chrono::steady_clock::now();
@@ -184,13 +258,23 @@ void add_restore(CLI::App& app, Chosen& chosen) {
       app, chosen, "restore", "Write a point back onto a device, or into a file",
       "Examples:\n  snbf restore /backups/data /dev/sdc1 --dry-run\n"
       "  snbf restore /backups/data /dev/sdc1\n  snbf restore /backups/data@2 old.img\n"
+      "  snbf restore /backups/data /dev/sdc1 --instant shop\n"
       "The chain is checked before anything is written, and the target is read back from its disk\n"
       "and compared afterwards. A target that holds anything needs --yes; one that is mounted or\n"
       "too small is refused. A file is raw and sparse, and takes its name when it is whole. A "
-      "restore\nthat is interrupted can only be run again: it says what the target holds then.",
+      "restore\nthat is interrupted can only be run again: it says what the target holds then.\n"
+      "With --instant the point can be mounted and written to within seconds, while the kernel\n"
+      "copies it to the target; it is not compared. What is written goes to both, so whatever\n"
+      "happens meanwhile, the same command again goes on with it.",
       options, restore);
   verb->add_option("dest", options->source, "DEST for the newest point, or DEST@POINT")->required();
   verb->add_option("target", options->target, "Block device or file")->required();
+  verb->add_option("--instant", options->instant,
+                   "Usable at once as /dev/mapper/NAME, copied meanwhile")
+      ->type_name("NAME");
+  verb->add_option("--scratch", options->scratch,
+                   "Folder for what is written until all is copied (default /var/lib/snbf)")
+      ->type_name("DIR");
   verb->add_flag("--yes", options->yes, "Overwrite what the target holds");
   verb->add_flag("--compare,!--no-compare,!--no-verify", options->compare,
                  "Read the target back at the end and compare (default: yes)");
