@@ -48,10 +48,16 @@ class Failed(AssertionError):
 cases = []
 
 
-def case(function=None, *, boot=None):
-    """Registers a test case; its name is its sentence. With boot= it runs only in that life."""
+# Of the kernel that a test runs on in addition, if it is such a one and not every case is wanted.
+EXTRA_SERIES = os.environ.get("SNBF_EXTRA_SERIES", "")
+
+
+def case(function=None, *, boot=None, once=False):
+    """Registers a test case; its name is its sentence. With boot= it runs only in that life, with once= on one
+    kernel: what it adds to the others of its file does not depend on the kernel."""
     def register(body):
-        cases.append((boot, body))
+        if not (once and EXTRA_SERIES):
+            cases.append((boot, body))
         return body
     return register(function) if function else register
 

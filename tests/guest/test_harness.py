@@ -4,7 +4,7 @@ import os
 
 import kit
 
-GUEST = {"disks": ["a:64M", "b:8M"], "boots": ["first!", "second"], "limit": 200}
+GUEST = {"kernels": "installed", "disks": ["a:64M", "b:8M"], "boots": ["first!", "second"], "limit": 200}
 
 
 @kit.case(boot="first")

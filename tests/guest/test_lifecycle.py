@@ -13,10 +13,11 @@ import threading
 
 import kit
 
-GUEST = {"minutes": 8, "kernels": "installed", "disks": ["a:64M", "b:64M", "state:64M"], "limit": 900, "words": ["slub_debug=FZP"]}
+GUEST = {"minutes": 4, "kernels": "installed", "disks": ["a:64M", "b:64M", "state:64M"], "limit": 900, "words": ["slub_debug=FZP"]}
 
-ROUNDS = int(os.environ.get("SNBF_ROUNDS", "150"))
-LOADS = int(os.environ.get("SNBF_LOADS", "40"))
+LONG = int(os.environ.get("SNBF_LONG") or 1)
+ROUNDS = 60 * LONG
+LOADS = 16 * LONG
 
 
 def traces():

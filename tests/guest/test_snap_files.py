@@ -193,12 +193,12 @@ def ext4_with_chunks_of_4_kib():
     file_system("ext4", kit.disk("ext4"), 4 * KIB)
 
 
-@kit.case
+@kit.case(once=True)
 def xfs_with_chunks_of_64_kib():
     file_system("xfs", kit.disk("xfs"), 64 * KIB)
 
 
-@kit.case
+@kit.case(once=True)
 def ext3_whose_snaps_lie_on_the_same_disk():
     volume, store = kit.partitions(kit.disk("both"), 2, 190)
     kit.run("umount", "/mnt/store")

@@ -12,7 +12,7 @@ import kit
 import writers
 from kit import KIB, MIB
 
-GUEST = {"minutes": 2, "disks": ["raw:32M", "store:256M"], "limit": 300}
+GUEST = {"kernels": "installed", "minutes": 2, "disks": ["raw:32M", "store:256M"], "limit": 300}
 
 SEED = 20240719
 AREA = 2 * MIB  # of each sequence; fio has what lies behind theirs

@@ -10,7 +10,7 @@ import images
 import kit
 from kit import KIB, MIB
 
-GUEST = {"minutes": 3, "disks": ["raw:24M", "store:256M", "keep0:24M", "keep1:24M", "keep2:24M", "keep3:24M", "keep4:24M"],
+GUEST = {"kernels": "installed", "minutes": 3, "disks": ["raw:24M", "store:256M", "keep0:24M", "keep1:24M", "keep2:24M", "keep3:24M", "keep4:24M"],
          "limit": 300, "boots": ["unload!", "killed1!", "killed2!", "killed3"]}
 
 SEED = 20240715

@@ -8,7 +8,7 @@ import kit
 import mapper
 from kit import KIB
 
-GUEST = {"disks": ["xfs4:310M", "xfs5:310M", "ext3:64M", "ext4:64M", "reiserfs:128M", "store:200M"],
+GUEST = {"kernels": "installed", "disks": ["xfs4:310M", "xfs5:310M", "ext3:64M", "ext4:64M", "reiserfs:128M", "store:200M"],
          "boots": ["work!", "main"], "limit": 400, "allow": [r"reiserfs", r"REISERFS"]}
 
 LOG = "has a log that is not replayed"
