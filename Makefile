@@ -12,7 +12,7 @@ export SNBF_BUILD := $(abspath $(BUILD))
 MODULE_MAKE := $(MAKE) --no-print-directory -f platform/linux/module.mk BUILD=$(BUILD) $(if $(KDIR),KDIR=$(KDIR))
 
 .DEFAULT_GOAL := all
-.PHONY: all help setup module agent tests check check-rows check-locks check-unit check-guest demo bench deb install format clean
+.PHONY: all help setup module agent tests check check-rows check-locks check-unit check-guest simulate demo bench deb install format clean
 
 all: check-rows module agent tests ## everything that this machine can build
 
@@ -55,6 +55,9 @@ check-unit: tests ## the unit and simulation tests alone
 
 check-guest: module agent ## the guest tests alone; TESTS="name..." chooses
 	@tests/guest/check $(TESTS)
+
+simulate: tests ## whole-driver runs by seed, SEEDS="1-5000"; a failing one is cut down
+	@tools/simulate $(or $(SEEDS),1-5000)
 
 demo: setup ## a real file system, backed up, changed, backed up again, restored
 	@$(MAKE) --no-print-directory module agent

@@ -14,8 +14,6 @@ namespace snbf {
 
 namespace {
 
-constexpr uint32_t kExtentMin = 4096;
-constexpr uint64_t kExtentMax = uint64_t{1} << 30;
 constexpr int kMinorEnd = 1 << 20;
 
 // What is wrong with a line, and what to do about it.
@@ -59,14 +57,14 @@ std::vector<std::string> words_of(const std::string& line) {
 }
 
 uint32_t extent_of(const std::string& text) {
-  const auto size = parse_size(text);
-  if (!size || *size < kExtentMin || *size > kExtentMax || (*size & (*size - 1)) != 0) {
+  const auto size = parse_extent_size(text);
+  if (!size) {
     throw Wrong{
         fmt::format("extent={} is no extent size: write a power of two from 4K to 1G, as "
                     "extent=64K",
                     text)};
   }
-  return static_cast<uint32_t>(*size);
+  return *size;
 }
 
 int minor_of(const std::string& text) {

@@ -115,7 +115,7 @@ Finding judge_uuid(const std::string& type, const std::vector<std::string>& othe
 Finding judge_room(const std::string& what, const std::string& directory, bool exists,
                    uint64_t free_bytes, uint64_t wanted_bytes, const std::string& fix) {
   if (!exists) {
-    return {what, Grade::Warning, directory + " does not exist yet", "`snbf attach` makes it"};
+    return {what, Grade::Good, fmt::format("{}, which `snbf attach` makes", directory), ""};
   }
   const std::string text = fmt::format("{} free in {}", show_size(free_bytes), directory);
   if (free_bytes >= wanted_bytes) return {what, Grade::Good, text, ""};

@@ -68,7 +68,9 @@ std::string hint(const std::string& meant, const std::string& rest) {
 
 Failure about_verb(const Reached& reached) {
   std::vector<std::string> verbs;
-  for (const CLI::App* sub : reached.verb->get_subcommands({})) verbs.push_back(sub->get_name());
+  for (const CLI::App* sub : reached.verb->get_subcommands({})) {
+    if (!sub->get_group().empty()) verbs.push_back(sub->get_name());  // else it is hidden
+  }
   const std::string rest = fmt::format("`{} --help` lists the verbs", reached.typed);
   if (reached.next.empty()) return {kMisused, reached.typed + " needs a verb", rest};
   return {kMisused, fmt::format("{} has no verb \"{}\"", reached.typed, reached.next),

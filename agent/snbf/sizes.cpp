@@ -49,6 +49,14 @@ std::optional<uint64_t> parse_size(std::string_view text) {
   return static_cast<uint64_t>(value);
 }
 
+std::optional<uint32_t> parse_extent_size(const std::string& text) {
+  constexpr uint64_t kLeast = 4096;
+  constexpr uint64_t kMost = uint64_t{1} << 30;
+  const auto size = parse_size(text);
+  if (!size || *size < kLeast || *size > kMost || (*size & (*size - 1)) != 0) return std::nullopt;
+  return static_cast<uint32_t>(*size);
+}
+
 std::string show_size(uint64_t size_bytes) {
   double value = static_cast<double>(size_bytes);
   size_t power = 0;

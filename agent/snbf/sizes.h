@@ -13,6 +13,9 @@ namespace snbf {
 // is 64,000. Nothing if it is no size or more than 2^63 - 1 bytes.
 std::optional<uint64_t> parse_size(std::string_view text);
 
+// What one bit of a change bitmap can stand for: a power of two from 4K to 1G.
+std::optional<uint32_t> parse_extent_size(const std::string& text);
+
 // "64K", "1.5G", "0": at most one digit behind the point.
 std::string show_size(uint64_t size_bytes);
 

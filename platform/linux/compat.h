@@ -135,8 +135,9 @@ static inline int snbf_bdev_freeze(struct block_device* bdev) {
 }
 
 /*
- * Where they are counted (6.8), freezes nest: one by hand and one of the device. But taking back one of several is answered with
- * -EINVAL, and the device then goes on counting it: no later freeze of it would freeze anything.
+ * Where they are counted (6.8), freezes nest: one by hand and one of the device. But taking back one
+ * of several is answered with -EINVAL, and the device then goes on counting it: no later freeze of it
+ * would freeze anything.
  */
 static inline int snbf_bdev_thaw(struct block_device* bdev) {
 #if SNBF_HAVE_BDEV_FREEZE

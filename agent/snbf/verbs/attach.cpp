@@ -37,12 +37,12 @@ struct Options {
 };
 
 uint32_t parse_extent(const std::string& text) {
-  const auto size = parse_size(text);
-  if (!size || *size < 4096 || *size > (uint64_t{1} << 30) || (*size & (*size - 1)) != 0) {
+  const auto size = parse_extent_size(text);
+  if (!size) {
     throw Failure(kMisused, fmt::format("{} is no extent size", text),
                   "use a power of two from 4K to 1G; 64K suits most");
   }
-  return static_cast<uint32_t>(*size);
+  return *size;
 }
 
 // What is written for the next boots.

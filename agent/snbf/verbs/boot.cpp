@@ -126,7 +126,23 @@ std::vector<BootNode> chosen_nodes(const UpOptions& options, const BootNodes& fi
   return chosen;
 }
 
-// One that fails does not keep the others down; the first failure is the answer.
+// One that fails does not hold the others up. The first status that is not "done" is the answer.
+template <class Nodes, class Step>
+int for_each_of(const Nodes& nodes, int status, Step step) {
+  for (const auto& node : nodes) {
+    int rc = kDone;
+    try {
+      rc = step(node);
+    } catch (const Failure& failure) {
+      warn(failure.what());
+      if (!failure.remedy().empty()) note("      " + failure.remedy());
+      rc = failure.status();
+    }
+    if (status == kDone) status = rc;
+  }
+  return status;
+}
+
 int up(const UpOptions& options) {
   const BootNodes file = read_boot_nodes();
   int status = kDone;
@@ -140,16 +156,9 @@ int up(const UpOptions& options) {
     return status;
   }
   const Driver driver;
-  for (const BootNode& node : nodes) {
-    try {
-      const int rc = bring_up(options, driver, node);
-      if (status == kDone) status = rc;
-    } catch (const Failure& failure) {
-      warn(failure.what());
-      if (!failure.remedy().empty()) note("      " + failure.remedy());
-      if (status == kDone) status = failure.status();
-    }
-  }
+  status = for_each_of(nodes, status, [&](const BootNode& node) {
+    return bring_up(options, driver, node);
+  });
   tell_root(options, driver);
   return status;
 }
@@ -239,18 +248,8 @@ int down(const DownOptions& given) {
   DownOptions options = given;
   if (options.shutdown && !system_goes_down()) options.shutdown = false;
   const Driver driver;
-  int status = kDone;
-  for (const snbf_info& node : nodes_to_end(options, driver)) {
-    try {
-      const int rc = take_down(options, driver, node);
-      if (status == kDone) status = rc;
-    } catch (const Failure& failure) {
-      warn(failure.what());
-      if (!failure.remedy().empty()) note("      " + failure.remedy());
-      if (status == kDone) status = failure.status();
-    }
-  }
-  return status;
+  return for_each_of(nodes_to_end(options, driver), kDone,
+                     [&](const snbf_info& node) { return take_down(options, driver, node); });
 }
 
 struct UnitOptions {
