@@ -21,6 +21,7 @@
 
 #include "capture_journal.h"
 #include "handle.h"
+#include "last_capture.h"
 #include "libsnbf_capture.h"
 #include "snap_record.h"
 
@@ -326,7 +327,9 @@ int libsnbf_capture::record_point(const std::string& name, bool full) {
     snbf::lib::put_text(state.diff_point, name);
     snbf::lib::put_text(state.distrust, "");
   }
-  return libsnbf_state_write(dir.c_str(), node.minor, &state);
+  if (int rc = libsnbf_state_write(dir.c_str(), node.minor, &state); rc != 0) return rc;
+  snbf::lib::note_capture(node, full);
+  return 0;
 }
 
 int libsnbf_capture::commit() {

@@ -50,6 +50,17 @@ int libsnbf_capture_pending(struct libsnbf* handle, uint32_t filter_minor, int* 
 /* Aborts what is neither committed nor aborted. Null is allowed. */
 void libsnbf_capture_close(struct libsnbf_capture* capture);
 
+/*
+ * When the last capture of the node was committed, and the last full one, in seconds since 1970; 0:
+ * none is known. It stands in the file snbf<minor>.last of the bitmap directory, and only informs.
+ */
+struct libsnbf_last_capture {
+  int64_t any;
+  int64_t full;
+};
+int libsnbf_capture_last(struct libsnbf* handle, uint32_t filter_minor,
+                         struct libsnbf_last_capture* out);
+
 /* 1: the destination names the point, durably. 0: it does not, or nobody can tell. */
 typedef int (*libsnbf_capture_known_fn)(void* context, const char* destination, const char* point);
 

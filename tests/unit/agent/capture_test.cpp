@@ -43,6 +43,8 @@ TEST_F(Capture, AnIncrementalOneTakesOneBitmap) {
   EXPECT_FALSE(a_snap_is_left());
   EXPECT_STREQ(state().incr_point, "chain:7");
   EXPECT_STREQ(state().diff_point, "");
+  EXPECT_NE(last().any, 0);
+  EXPECT_EQ(last().full, 0);
   EXPECT_EQ(marked(SNBF_BMP_INCR), Marks{});
 }
 
@@ -63,6 +65,8 @@ TEST_F(Capture, AFullOneTakesBothAndEndsTheDistrust) {
   ASSERT_EQ(libsnbf_capture_commit(capture_, nullptr), 0);
   EXPECT_STREQ(state().incr_point, "chain:7");
   EXPECT_STREQ(state().diff_point, "chain:7");
+  EXPECT_NE(last().full, 0);
+  EXPECT_EQ(last().full, last().any);
   EXPECT_STREQ(state().distrust, "");
 }
 

@@ -104,6 +104,11 @@ class Captures : public Snaps {
     EXPECT_EQ(libsnbf_state_read(dir_.c_str(), 0, &found), 0);
     return found;
   }
+  libsnbf_last_capture last() {
+    libsnbf_last_capture found{};
+    EXPECT_EQ(libsnbf_capture_last(handle_, 0, &found), 0);
+    return found;
+  }
   bool pending() {
     int answer = 0;
     EXPECT_EQ(libsnbf_capture_pending(handle_, 0, &answer), 0);
