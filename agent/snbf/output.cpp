@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "layout.h"
 #include "sizes.h"
 
 namespace snbf {
@@ -37,27 +38,9 @@ bool terminal_out() {
 bool terminal_err() { return ::isatty(2) != 0; }
 
 void Table::print(bool headings) const {
-  std::vector<size_t> widths;
-  for (const Column& column : columns_) widths.push_back(headings ? column.title.size() : 0);
-  for (const auto& row : rows_) {
-    for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
-  }
-  const auto line = [&](const std::vector<std::string>& cells) {
-    std::string text;
-    for (size_t i = 0; i < cells.size(); ++i) {
-      text += columns_[i].right ? fmt::format("{:>{}}", cells[i], widths[i])
-                                : fmt::format("{:<{}}", cells[i], widths[i]);
-      text += "  ";
-    }
-    text.erase(text.find_last_not_of(' ') + 1);
-    fmt::print("{}\n", text);
-  };
-  if (headings) {
-    std::vector<std::string> titles;
-    for (const Column& column : columns_) titles.push_back(column.title);
-    line(titles);
-  }
-  for (const auto& row : rows_) line(row);
+  std::vector<TableColumn> columns;
+  for (const Column& column : columns_) columns.push_back({column.title, column.right});
+  fmt::print("{}", table_text(columns, rows_, headings, terminal_columns(), terminal_out()));
 }
 
 Progress::Progress(std::string label, uint64_t total_bytes)
