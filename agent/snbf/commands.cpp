@@ -2,6 +2,7 @@
 #include "command.h"
 #include "failure.h"
 #include "help.h"
+#include "looking.h"
 
 namespace snbf {
 
@@ -28,6 +29,7 @@ constexpr Command kCommands[] = {
     {"verify", add_verify},
     {"doctor", add_doctor},
     {"selftest", add_selftest},
+    {"metrics", add_metrics},
     {"completion", add_completion},
     {"version", add_version},
 };

@@ -15,6 +15,7 @@
 
 #include "attended.h"
 #include "failure.h"
+#include "file_mode.h"
 
 namespace snbf {
 
@@ -59,9 +60,13 @@ std::string folder_of(const std::string& path) {
 }
 
 void replace_file(const std::string& path, const std::string& contents) {
+  replace_file_of_mode(path, contents, 0600);
+}
+
+void replace_file_of_mode(const std::string& path, const std::string& contents, unsigned mode) {
   const std::string aside = path + ".new";
   {
-    UniqueFd file(::open(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    UniqueFd file(::open(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
     if (!file) throw failure_of(-errno, "writing " + aside);
     for (size_t done = 0; done < contents.size();) {
       const ssize_t n = ::write(file.get(), contents.data() + done, contents.size() - done);

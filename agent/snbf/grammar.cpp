@@ -84,6 +84,11 @@ Option option_of(const CLI::Option& from) {
   option.required = from.get_required();
   if (from.get_items_expected_max() == 0) return option;
   option.choices = choices_of(from);
+  if (from.get_type_name() == "FILE") {  // a verb may say so of a name that means something else
+    option.kind = ValueKind::File;
+    option.word = "FILE";
+    return option;
+  }
   const Meaning meaning = meaning_of(from.get_lnames().empty() ? "" : from.get_lnames().front());
   option.kind = option.choices.empty() ? meaning.kind : ValueKind::Choice;
   option.word = !option.choices.empty() ? joined_with(option.choices, '|')

@@ -2,32 +2,28 @@
 // snbf version.
 #include <fmt/format.h>
 
-#include <fstream>
-
 #include "command.h"
 #include "failure.h"
 #include "output.h"
+#include "version.h"
 
 namespace snbf {
 
 namespace {
-
-constexpr const char* kVersion = "0.1.0";
 
 struct Options {
   bool json = false;
 };
 
 int version(const Options& options) {
-  std::ifstream file("/sys/module/snbf/version");
-  std::string driver;
-  std::getline(file, driver);
-  const bool loaded = std::ifstream("/proc/snbf/blk_major").good();
-  const std::string shown = !loaded ? "not loaded" : driver.empty() ? "loaded" : driver;
+  const LoadedDriver driver = loaded_driver();
+  const std::string shown = !driver.loaded           ? "not loaded"
+                            : driver.version.empty() ? "loaded"
+                                                     : driver.version;
   if (options.json) {
-    print_json({{"tool", kVersion}, {"driver", shown}, {"driver_loaded", loaded}});
+    print_json({{"tool", tool_version()}, {"driver", shown}, {"driver_loaded", driver.loaded}});
   } else {
-    fmt::print("snbf {}\ndriver {}\n", kVersion, shown);
+    fmt::print("snbf {}\ndriver {}\n", tool_version(), shown);
   }
   return kDone;
 }

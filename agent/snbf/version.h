@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Which tool this is, and which driver is loaded.
+#pragma once
+
+#include <string>
+
+namespace snbf {
+
+std::string tool_version();
+
+struct LoadedDriver {
+  bool loaded = false;
+  std::string version;  // empty: it does not say
+};
+LoadedDriver loaded_driver();
+
+}  // namespace snbf
