@@ -30,6 +30,7 @@ constexpr Command kCommands[] = {
     {"doctor", add_doctor},
     {"selftest", add_selftest},
     {"metrics", add_metrics},
+    {"watch", add_watch},
     {"completion", add_completion},
     {"version", add_version},
 };

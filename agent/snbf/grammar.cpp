@@ -21,6 +21,9 @@ struct Meaning {
 constexpr Meaning kMeanings[] = {
     {"node", "NODE", ValueKind::Node},
     {"names", "NODE", ValueKind::Node},
+    {"nodes", "NODE", ValueKind::Node},
+    {"interval", "SECONDS", ValueKind::Number},
+    {"count", "N", ValueKind::Number},
     {"store", "DEVICE", ValueKind::Device},
     {"nbd", "SOCKET", ValueKind::File},
     {"pid-file", "FILE", ValueKind::File},

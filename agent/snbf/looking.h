@@ -7,5 +7,6 @@
 namespace snbf {
 
 void add_metrics(CLI::App& app, Chosen& chosen);
+void add_watch(CLI::App& app, Chosen& chosen);
 
 }  // namespace snbf
