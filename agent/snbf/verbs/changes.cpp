@@ -3,8 +3,11 @@
 #include <fmt/format.h>
 
 #include "command.h"
+#include "costs.h"
 #include "driver.h"
 #include "failure.h"
+#include "hilbert_map.h"
+#include "layout.h"
 #include "maps.h"
 #include "output.h"
 #include "sizes.h"
@@ -24,6 +27,7 @@ struct Options {
   bool json = false;
   bool runs = false;
   bool used_only = false;
+  bool costs = false;
 };
 
 // What is shown: all that changed, or the part of it that a snap's file system uses.
@@ -34,12 +38,17 @@ struct Shown {
   std::string why_all;  // why all of it counts as used; empty: it is known
 };
 
-// The newest started snap: the one that knows best what is in use.
-snbf_info snap_with_map(const Driver& driver, const snbf_info& node) {
+// The newest started snap, if there is one: it knows best what is in use.
+std::optional<snbf_info> newest_started(const Driver& driver, const snbf_info& node) {
   const std::vector<Snap> snaps = snaps_of(driver, node);
   for (auto at = snaps.rbegin(); at != snaps.rend(); ++at) {
-    if (at->readable()) return *at->node;
+    if (at->readable()) return at->node;
   }
+  return std::nullopt;
+}
+
+snbf_info snap_with_map(const Driver& driver, const snbf_info& node) {
+  if (const auto snap = newest_started(driver, node)) return *snap;
   throw Failure(kFailed,
                 fmt::format("what is in use on {} is not known: only a started snap shows it, and "
                             "there is none",
@@ -64,24 +73,64 @@ Shown look(const Driver& driver, const snbf_info& node, const Options& options) 
   return shown;
 }
 
+std::string since_what(const Options& options) {
+  return options.bitmap == "incr" ? "since the last backup" : "since the last full backup";
+}
+
+std::string totals(const snbf_info& node, const Shown& shown, const Options& options) {
+  const Extents& extents = shown.extents;
+  const uint64_t covered = extents.covered_bytes();
+  const std::string what =
+      options.used_only
+          ? fmt::format("{} of the {} that changed was in use when {} was made", show_size(covered),
+                        show_size(shown.changed.covered_bytes()), shown.snap)
+          : fmt::format(
+                "{} of {} changed {} ({:.1f} %)", show_size(covered), show_size(extents.dev_size()),
+                since_what(options),
+                100.0 * static_cast<double>(covered) / static_cast<double>(extents.dev_size()));
+  return fmt::format("{}: {}, {} of {} extents in {} runs", node.name, what, extents.count(),
+                     extents.extent_cnt(), extents.runs().size());
+}
+
 void print_text(const snbf_info& node, const Shown& shown, const Options& options) {
   const Extents& extents = shown.extents;
-  const auto runs = extents.runs();
-  const uint64_t covered = extents.covered_bytes();
-  if (options.used_only) {
-    fmt::print("{}: {} of the {} that changed was in use when {} was made", node.name,
-               show_size(covered), show_size(shown.changed.covered_bytes()), shown.snap);
-  } else {
-    fmt::print("{}: {} of {} changed since the last {} ({:.1f} %)", node.name, show_size(covered),
-               show_size(extents.dev_size()), options.bitmap == "incr" ? "backup" : "full backup",
-               100.0 * static_cast<double>(covered) / static_cast<double>(extents.dev_size()));
-  }
-  fmt::print(", {} of {} extents in {} runs\n", extents.count(), extents.extent_cnt(), runs.size());
+  print_entry("", totals(node, shown, options));
   fmt::print("[{}]\n", strip(extents, kStripWidth, terminal_out()));
   if (!options.runs) return;
-  for (const Run& run : runs) {
+  for (const Run& run : extents.runs()) {
     const ByteRange range = extents.range_of(run);
     fmt::print("{:>16} {:>14}\n", range.offset, range.length);
+  }
+}
+
+// With what is in use, where a snap can tell.
+std::string drawing(const Driver& driver, const snbf_info& node, const Shown& shown,
+                    const Options& options) {
+  DeviceMap map{node.name, since_what(options), shown.changed, std::nullopt, ""};
+  if (const auto snap = newest_started(driver, node)) {
+    Usage usage = usage_of(driver, node, *snap, snap_path(*snap));
+    if (usage.why_all.empty()) {
+      map.used = std::move(usage.used);
+      map.used_by = snap->name;
+    }
+  }
+  return hilbert_svg(map);
+}
+
+void print_costs(const snbf_info& node, const Shown& shown, const Options& options) {
+  const std::vector<Cost> costs = cost_curve(shown.extents);
+  const std::string what = since_what(options) + (options.used_only ? " and is in use" : "");
+  if (options.json || options.as == "json") {
+    print_json({{"name", node.name},
+                {"bitmap", options.bitmap},
+                {"size", node.dev_size},
+                {"costs", costs_json(costs)}});
+  } else if (options.as == "svg") {
+    fmt::print("{}", costs_svg(node.name, what, node.dev_size, costs));
+  } else {
+    print_entry("",
+                fmt::format("{}: what a backup would copy of what changed {}", node.name, what));
+    fmt::print("{}", costs_text(node.dev_size, costs, terminal_out()));
   }
 }
 
@@ -141,21 +190,33 @@ void print_qemu(const Extents& extents) {
   fmt::print("]\n");
 }
 
-int changes(const Options& options) {
-  const Driver driver;
-  const snbf_info node = driver.find(options.node);
-  const Shown shown = look(driver, node, options);
-  const Extents& extents = shown.extents;
+void print_changes(const Driver& driver, const snbf_info& node, const Shown& shown,
+                   const Options& options) {
   if (options.json || options.as == "json") {
     print_changes_json(node, shown, options);
   } else if (options.as == "nbdinfo") {
-    print_nbdinfo(extents);
+    print_nbdinfo(shown.extents);
   } else if (options.as == "qemu") {
-    print_qemu(extents);
+    print_qemu(shown.extents);
   } else if (options.as == "svg") {
-    fmt::print("{}", hilbert_svg(extents, node.name));
+    fmt::print("{}", drawing(driver, node, shown, options));
   } else {
     print_text(node, shown, options);
+  }
+}
+
+int changes(const Options& options) {
+  if (options.costs && (options.as == "nbdinfo" || options.as == "qemu")) {
+    throw Failure(kMisused, "--costs and --as " + options.as + " do not go together",
+                  "the costs come as text, json or svg");
+  }
+  const Driver driver;
+  const snbf_info node = driver.find(options.node);
+  const Shown shown = look(driver, node, options);
+  if (options.costs) {
+    print_costs(node, shown, options);
+  } else {
+    print_changes(driver, node, shown, options);
   }
   if (shown.why_all.empty()) return kDone;
   warn("all that changed counts as in use: " + shown.why_all);
@@ -169,10 +230,12 @@ void add_changes(CLI::App& app, Chosen& chosen) {
   CLI::App* verb = add_verb(
       app, chosen, "changes", "Show what has changed, and where",
       "Examples:\n  snbf changes data\n  snbf changes data --bitmap diff --as svg > changes.svg\n"
+      "  snbf changes data --costs\n"
       "  snbf snap create data && snbf changes data --used-only\n"
       "The forms: text, a line of totals and a strip from the device's start to its end;\n"
       "json; nbdinfo, as `nbdinfo --map` prints it; qemu, as `qemu-img map --output=json`\n"
-      "does (data: true where it changed); svg, a drawing along a Hilbert curve.\n"
+      "does (data: true where it changed); svg, a drawing along a Hilbert curve, which also shows\n"
+      "what is in use and what is free while a snap is started.\n\n"
       "With --used-only, what was free when the newest started snap was made is left out: make the "
       "snap\nright before. Status 3: what is in use cannot be told.",
       options, changes);
@@ -185,6 +248,8 @@ void add_changes(CLI::App& app, Chosen& chosen) {
   verb->add_flag("--json", options->json, "The same as --as json");
   verb->add_flag("--used-only", options->used_only,
                  "Only what the file system used when the newest started snap was made");
+  verb->add_flag("--costs", options->costs,
+                 "What a backup would copy at other extent sizes; as text, json or svg");
   verb->add_flag("--runs", options->runs, "With text: every run as offset and length in bytes");
 }
 

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
-// Sizes as people write them, and the drawings.
+// Sizes as people write them, and the strip.
 #include <gtest/gtest.h>
-
-#include <set>
 
 #include "failure.h"
 #include "maps.h"
@@ -49,28 +47,6 @@ TEST(Strip, ASliceWithAnyChangeIsNeverBlank) {
   EXPECT_EQ(text, ".........-");
   extents.set_all();
   EXPECT_EQ(strip(extents, 4, false), "####");
-}
-
-TEST(Hilbert, VisitsEveryCellOnceAndStepsToANeighbour) {
-  for (uint32_t order = 1; order <= 5; ++order) {
-    std::set<std::pair<uint32_t, uint32_t>> seen;
-    Point2 before = hilbert(order, 0);
-    for (uint64_t distance = 0; distance < (uint64_t{1} << (2 * order)); ++distance) {
-      const Point2 at = hilbert(order, distance);
-      ASSERT_LT(at.x, 1u << order);
-      ASSERT_LT(at.y, 1u << order);
-      ASSERT_TRUE(seen.emplace(at.x, at.y).second);
-      const auto step = std::abs(int(at.x) - int(before.x)) + std::abs(int(at.y) - int(before.y));
-      ASSERT_EQ(step, distance == 0 ? 0 : 1);
-      before = at;
-    }
-  }
-}
-
-TEST(HilbertSvg, EscapesTheTitle) {
-  const std::string svg = hilbert_svg(Extents(4, 4096, 4 * 4096), "<a&b>");
-  EXPECT_NE(svg.find("&lt;a&amp;b&gt;"), std::string::npos);
-  EXPECT_EQ(svg.find("<a&b>"), std::string::npos);
 }
 
 TEST(Failure, ARefusalHasAStatusAndARemedy) {
