@@ -18,6 +18,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <map>
 #include <optional>
 
 #include "handle.h"
@@ -91,19 +92,46 @@ std::string judge(const libsnbf_attach_request& request, uint32_t minor, const l
   return "";
 }
 
+// Those in the directory that can be read, by minor.
+std::map<uint32_t, libsnbf_state> records_in(const char* bmp_dir) {
+  std::map<uint32_t, libsnbf_state> records;
+  for (const auto& entry : std::filesystem::directory_iterator(bmp_dir)) {
+    uint32_t minor = 0;
+    libsnbf_state state;
+    if (entry.path().extension() != ".state") continue;
+    if (std::sscanf(entry.path().stem().c_str(), "snbf%u", &minor) != 1) continue;
+    if (libsnbf_state_read(bmp_dir, minor, &state) == 0) records.emplace(minor, state);
+  }
+  return records;
+}
+
+// The minor that the name had last, of those that `may_be`. A partition that got another one has a
+// record of each; only the last can have been stopped cleanly.
+template <typename MayBe>
+std::optional<uint32_t> last_minor(const libsnbf_attach_request& request, MayBe may_be) {
+  std::optional<uint32_t> last;
+  for (const auto& [minor, state] : records_in(request.bmp_dir)) {
+    if (std::string(state.name) != request.name || !may_be(minor, state)) continue;
+    if (state.stopped_clean) return minor;
+    if (!last) last = minor;
+  }
+  return last;
+}
+
 // The minor decides the names of the bitmap files, so a name gets its old one back, and never one
 // whose files belong to another name.
 std::optional<uint32_t> choose_minor(const libsnbf_attach_request& request, const Nodes& nodes,
                                      uint32_t minor_max) {
-  std::optional<uint32_t> free_one;
+  const auto is_free = [&](uint32_t minor, const libsnbf_state&) {
+    return minor < minor_max && !nodes.minors.contains(minor);
+  };
+  if (const auto own = last_minor(request, is_free)) return own;
+  libsnbf_state state{};
   for (uint32_t minor = 0; minor < minor_max; ++minor) {
-    if (nodes.minors.contains(minor)) continue;
-    libsnbf_state state;
-    const int rc = libsnbf_state_read(request.bmp_dir, minor, &state);
-    if (rc == 0 && std::string(state.name) == request.name) return minor;
-    if (rc == -ENOENT && !free_one) free_one = minor;
+    if (!is_free(minor, state)) continue;
+    if (libsnbf_state_read(request.bmp_dir, minor, &state) == -ENOENT) return minor;
   }
-  return free_one;
+  return std::nullopt;
 }
 
 int check(libsnbf* handle, const libsnbf_attach_request& request, Partition* partition) {
@@ -126,12 +154,8 @@ bool is_of_another(const libsnbf_state& state, const std::vector<std::string>& i
 // that one's bitmaps.
 int distrust_twins(const char* bmp_dir, uint32_t minor,
                    const std::vector<std::string>& identities) {
-  for (const auto& entry : std::filesystem::directory_iterator(bmp_dir)) {
-    uint32_t other = 0;
-    libsnbf_state state;
-    if (entry.path().extension() != ".state") continue;
-    if (std::sscanf(entry.path().stem().c_str(), "snbf%u", &other) != 1 || other == minor) continue;
-    if (libsnbf_state_read(bmp_dir, other, &state) != 0 || !state.stopped_clean) continue;
+  for (auto& [other, state] : records_in(bmp_dir)) {
+    if (other == minor || !state.stopped_clean) continue;
     if (!state.device[0] || is_of_another(state, identities)) continue;
     state.stopped_clean = 0;
     if (int rc = libsnbf_state_write(bmp_dir, other, &state); rc != 0) return rc;
@@ -156,6 +180,7 @@ struct Attachment {
   Partition partition;
   std::vector<std::string> identities;
   uint32_t minor = 0;
+  int32_t minor_before = -1;
   int known = 0;  // 0: `before` is the record of the last attachment, else why there is none
   libsnbf_state before{};
   libsnbf_state state{};  // the new record
@@ -183,12 +208,19 @@ int choose_place(libsnbf* handle, libsnbf_attach_request* request, Attachment* o
 
 // Whose the last record is, and what it and its files are worth.
 int judge_last(const libsnbf_attach_request& request, Attachment* at) {
+  const auto is_its = [at](uint32_t, const libsnbf_state& state) {
+    return !is_of_another(state, at->identities);
+  };
+  const auto last = last_minor(request, is_its);
+  if (last && *last != at->minor) at->minor_before = static_cast<int32_t>(*last);
   at->known = libsnbf_state_read(request.bmp_dir, at->minor, &at->before);
   if (at->known == 0 && is_of_another(at->before, at->identities)) {
     if (!request.adopt) return -EMEDIUMTYPE;
     at->why = LIBSNBF_WHY_ADOPTED;
+  } else if (at->known == -ENOENT) {
+    at->why = at->minor_before < 0 ? LIBSNBF_WHY_MISSING : LIBSNBF_WHY_OTHER_MINOR;
   } else if (at->known != 0) {
-    at->why = at->known == -ENOENT ? LIBSNBF_WHY_MISSING : LIBSNBF_WHY_CORRUPT;
+    at->why = LIBSNBF_WHY_CORRUPT;
   } else {
     at->why = judge(request, at->minor, at->before, at->partition.size_bytes);
   }
@@ -251,6 +283,7 @@ int attach_locked(libsnbf* handle, libsnbf_attach_request* request) {
   }
   put_text(request->uuid, at.state.uuid);
   put_text(request->distrust, at.why);
+  request->minor_before = at.minor_before;
   return 0;
 }
 

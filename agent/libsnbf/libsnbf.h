@@ -119,6 +119,7 @@ int libsnbf_state_write(const char* bmp_dir, uint32_t minor, const struct libsnb
 #define LIBSNBF_WHY_OUTSIDE "changed-untracked"
 #define LIBSNBF_WHY_OTHER_NODE "other-node"
 #define LIBSNBF_WHY_ADOPTED "adopted"
+#define LIBSNBF_WHY_OTHER_MINOR "other-minor"
 
 /*
  * Attach: create a filter node over a partition, judge what is left of its last attachment, and
@@ -143,13 +144,14 @@ struct libsnbf_attach_request {
   const char* partition;
   const char* name;
   const char* bmp_dir;
-  int32_t minor; /* negative: the one that the name had last, or the lowest free one */
+  int32_t minor; /* negative: the one that the name had last; where that is taken, a free one */
   uint32_t extent_size;
   int adopt; /* 1: take over the files of another partition; both bitmaps are set to all ones */
   /* out */
   uint32_t minor_used;
   char uuid[SNBF_UUID_BYTES];
   char distrust[32]; /* empty: the bitmaps were loaded and are believed */
+  int32_t minor_before; /* the one that the name had last, where it gets another; else negative */
 };
 int libsnbf_attach(struct libsnbf* handle, struct libsnbf_attach_request* request);
 

@@ -48,9 +48,26 @@ Failure refusal(int rc, const AttachWish& wish, const Driver& driver) {
           "unmount it first; after the attach, mount the node in its place", rc};
 }
 
+// The bitmap files are named by the minor, so that a name that gets another one starts afresh.
+std::string why_other_minor(const Driver& driver, const AttachWish& wish, int before) {
+  snbf_info holder;
+  if (wish.minor >= 0) return "asked for with --minor";
+  if (libsnbf_get_info(driver.get(), static_cast<uint32_t>(before), &holder) != 0) {
+    return "beyond what the driver was loaded for";
+  }
+  const char* kind = holder.dev_type == SNBF_DEV_SNAP ? "snap" : "node";
+  return fmt::format("{} belongs to the {} {} now", before, kind, holder.name);
+}
+
 }  // namespace
 
-snbf_info attach_node(const Driver& driver, const AttachWish& wish, std::string* distrust) {
+std::string minor_text(const Attached& made) {
+  if (made.minor_before < 0) return "";
+  return fmt::format("{} had the minor {} before and gets {}, with other bitmap files: {}",
+                     made.node.name, made.minor_before, made.node.minor, made.minor_reason);
+}
+
+Attached attach_node(const Driver& driver, const AttachWish& wish) {
   const std::string bitmaps = std::filesystem::canonical(wish.bitmaps);
   libsnbf_attach_request request{};
   request.partition = wish.partition.c_str();
@@ -62,8 +79,9 @@ snbf_info attach_node(const Driver& driver, const AttachWish& wish, std::string*
   const int rc = libsnbf_attach(driver.get(), &request);
   if (rc == -EMEDIUMTYPE) throw belongs_to_another(wish, request.minor_used);
   if (rc != 0) throw refusal(rc, wish, driver);
-  *distrust = request.distrust;
-  return driver.info(request.minor_used);
+  Attached made{driver.info(request.minor_used), request.distrust, request.minor_before, ""};
+  if (made.minor_before >= 0) made.minor_reason = why_other_minor(driver, wish, made.minor_before);
+  return made;
 }
 
 }  // namespace snbf

@@ -18,8 +18,17 @@ struct AttachWish {
   bool adopt = false;  // take over bitmap files that belong to another partition
 };
 
-// The node, not yet started; `distrust` is why every extent counts as changed, or empty. Throws
-// what stands against it, with who holds the partition.
-snbf_info attach_node(const Driver& driver, const AttachWish& wish, std::string* distrust);
+struct Attached {
+  snbf_info node;            // not yet started
+  std::string distrust;      // why every extent counts as changed, or empty
+  int minor_before = -1;     // the one that the name had last, where it got another
+  std::string minor_reason;  // and how that came, in words
+};
+
+// "data had the minor 3 before and gets 4: 3 belongs to ..."; empty where it is as it was.
+std::string minor_text(const Attached& made);
+
+// Throws what stands against it, with who holds the partition.
+Attached attach_node(const Driver& driver, const AttachWish& wish);
 
 }  // namespace snbf

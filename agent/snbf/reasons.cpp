@@ -26,6 +26,7 @@ std::string reason_text(const std::string& code) {
       {LIBSNBF_WHY_UNCLEAN, "the node was not stopped cleanly before the machine went down"},
       {LIBSNBF_WHY_OUTSIDE, "the partition was changed while it was not tracked"},
       {LIBSNBF_WHY_OTHER_NODE, "the bitmap files belong to a node of another name"},
+      {LIBSNBF_WHY_OTHER_MINOR, "its bitmap files are those of another minor"},
       {LIBSNBF_WHY_ADOPTED, "the bitmap files were taken over from another partition"},
       {LIBSNBF_SNAP_UNCLEAN, "it was not stopped cleanly with its node"},
       {LIBSNBF_SNAP_RUNS, "it is started"},

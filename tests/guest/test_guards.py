@@ -6,7 +6,7 @@ import os
 import kit
 import mapper
 from kit import KIB, MIB
-from tool import answer, good, refused
+from tool import answer, good, refused, tool
 
 GUEST = {"minutes": 2, "kernels": "installed",
          "disks": ["p:64M", "a:96M", "b:48M", "state:64M", "store:32M"], "limit": 300}
@@ -99,6 +99,27 @@ def bitmap_files_are_tied_to_the_partition():
     kit.equal(state(STATE)["device"], "partuuid:" + partuuid(parts[1]), "tie")
     good("detach", "data")
     os.unlink(f"{STATE}/snbf0.state")
+
+
+@kit.case
+def a_name_whose_minor_is_taken_gets_another_and_says_so():
+    good("attach", parts[0], "--name", "data", "--bitmaps", STATE)
+    good("detach", "data")
+    with attached(parts[1], "other", STORE):
+        status, _, said = tool("attach", parts[0], "--name", "data", "--bitmaps", STATE)
+        kit.equal(status, 0, "status")
+        kit.check("data had the minor 0 before and gets 1" in said, said)
+        kit.check("0 belongs to the node other now" in said, said)
+        kit.equal(len(kit.marked(1, kit.INCR)), kit.info(1).extent_cnt, "extents marked")
+        good("detach", "data")
+    again = answer("attach", parts[0], "--name", "data", "--bitmaps", STATE, "--minor", "2")
+    kit.equal((again["minor"], again["minor_before"], again["distrust"]), (2, 1, "other-minor"), "asked for")
+    good("detach", "data")
+    found = answer("attach", parts[0], "--name", "data", "--bitmaps", STATE)
+    kit.equal((found["minor"], found["minor_before"]), (2, None), "the last one it had")
+    good("detach", "data")
+    for file in [f"{STORE}/snbf0.state"] + [f"{STATE}/snbf{minor}.state" for minor in range(3)]:
+        os.unlink(file)
 
 
 @kit.case

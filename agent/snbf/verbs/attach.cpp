@@ -95,8 +95,9 @@ int attach(const Options& options) {
   if (::mkdir(options.bitmaps.c_str(), 0700) < 0 && errno != EEXIST) {
     throw failure_of(-errno, "making " + options.bitmaps);
   }
-  std::string why;
-  const uint32_t minor = attach_node(driver, wish, &why).minor;
+  const Attached made = attach_node(driver, wish);
+  const std::string& why = made.distrust;
+  const uint32_t minor = made.node.minor;
   int status = kDone;
   if (options.start) status = start_node(driver, driver.info(minor), true);
   const snbf_info node = driver.info(minor);
@@ -104,12 +105,14 @@ int attach(const Options& options) {
     Json json = node_json(node);
     json["bitmaps_trusted"] = why.empty();
     json["distrust"] = why;
+    json["minor_before"] = made.minor_before < 0 ? Json(nullptr) : Json(made.minor_before);
     json["at_boot"] = options.at_boot;
     print_json(json);
   } else {
     fmt::print("{}\n", node_path(node));
     note(fmt::format("{} lies over {}{}", node.name, node.hdd_name,
                      node.started ? "; use the node in its place" : ", not started yet"));
+    if (made.minor_before >= 0) note(minor_text(made));
     note(why.empty() ? "tracking goes on where it stopped"
                      : "every extent counts as changed: " + reason_text(why));
   }

@@ -89,13 +89,14 @@ int bring_up(const UpOptions& options, const Driver& driver, const BootNode& nod
   const std::string device = device_file_of(node.partition);
   if (options.initramfs) mount_early_store(node);
   check_ground(node, device);
-  std::string why;
   const AttachWish wish{device, node.name, node.bitmaps, node.extent_size, node.minor, false};
-  const snbf_info made = attach_node(driver, wish, &why);
+  const Attached made = attach_node(driver, wish);
+  const std::string& why = made.distrust;
+  if (made.minor_before >= 0) note(minor_text(made));
   note(why.empty()
            ? fmt::format("{}: tracking goes on where it stopped", node.name)
            : fmt::format("{}: every extent counts as changed: {}", node.name, reason_text(why)));
-  return start_node(driver, made, true);
+  return start_node(driver, made.node, true);
 }
 
 // What the initramfs is to mount as the root: its script reads this.

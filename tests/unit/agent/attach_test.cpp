@@ -381,6 +381,53 @@ TEST_F(Attach, APartitionThatWasAttachedUnderAnotherNameIsNotBelievedUnderItsFir
   EXPECT_EQ(distrust(), LIBSNBF_WHY_UNCLEAN);
 }
 
+// --- which minor it gets --------------------------------------------------------------------------------
+
+TEST_F(Attach, WhereItsMinorIsTakenItGetsAnotherAndSaysSo) {
+  leave_trusted();
+  nodes_[0].dev_type = SNBF_DEV_SNAP;
+  ASSERT_EQ(attach(), 0);
+  EXPECT_EQ(request_.minor_used, 1u);
+  EXPECT_EQ(request_.minor_before, 0);
+  EXPECT_EQ(distrust(), LIBSNBF_WHY_OTHER_MINOR);
+  EXPECT_EQ(bitmap_file(".incr", 1), clean_file(std::string(8, '\xFF')));
+  EXPECT_EQ(record().stopped_clean, 0) << "what happens to it now is not in its old files";
+}
+
+TEST_F(Attach, GoesOnUnderTheMinorThatItHadLast) {
+  leave_trusted();
+  nodes_[0].dev_type = SNBF_DEV_SNAP;
+  ASSERT_EQ(attach(), 0);
+  detach(1);
+  libsnbf_state state = record(1);
+  std::memset(state.distrust, 0, sizeof state.distrust);  // a full backup has been made
+  write_record(state, 1);
+  nodes_.clear();
+  ASSERT_EQ(attach(), 0);
+  EXPECT_EQ(request_.minor_used, 1u) << "0 is free again, and its files are the old ones";
+  EXPECT_EQ(request_.minor_before, -1);
+  EXPECT_EQ(distrust(), "");
+}
+
+TEST_F(Attach, AMinorThatIsAskedForIsNoSurpriseButItsFilesAreOthers) {
+  leave_trusted();
+  ASSERT_EQ(attach("disk", "data", 5), 0);
+  EXPECT_EQ(request_.minor_used, 5u);
+  EXPECT_EQ(request_.minor_before, 0);
+  EXPECT_EQ(distrust(), LIBSNBF_WHY_OTHER_MINOR);
+}
+
+TEST_F(Attach, ANameThatIsNewHasNoMinorBefore) {
+  leave_trusted();
+  make_disk("other", makedev(7, 2), "two");
+  ASSERT_EQ(attach("other", "second"), 0);
+  EXPECT_EQ(request_.minor_before, -1);
+  EXPECT_EQ(distrust(), LIBSNBF_WHY_MISSING);
+  detach(1);
+  ASSERT_EQ(attach("other", "data", 2), 0);
+  EXPECT_EQ(request_.minor_before, -1) << "the record of the name is of another partition";
+}
+
 TEST_F(Attach, ARecordOfAnotherPartitionIsLeftAloneByItsNeighbour) {
   leave_trusted();
   make_disk("other", makedev(7, 2), "two");
