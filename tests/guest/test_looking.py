@@ -204,10 +204,13 @@ def watch_prints_lines_where_there_is_no_terminal():
     looks = [json.loads(line) for line in good("watch", "--count", "1", "--json").splitlines()]
     kit.equal(sorted(look["name"] for look in looks), sorted([LONG, "data"]), "all of them")
     refused(1, "watch", "nobody", "--count", "1")
-    with subprocess.Popen([TOOL, "watch", "data", "--interval", "0.1"], stdout=subprocess.PIPE) as watch:
-        watch.stdout.readline()
-        watch.stdout.close()
+    watch = subprocess.Popen([TOOL, "watch", "data", "--interval", "0.1"], stdout=subprocess.PIPE)
+    watch.stdout.readline()
+    watch.stdout.close()
+    try:
         kit.equal(watch.wait(60), 0, "the reader has enough")
+    finally:
+        watch.kill()
 
 
 @kit.case
