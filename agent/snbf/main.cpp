@@ -46,6 +46,7 @@ int run_command_line(int argc, char** argv) {
 int main(int argc, char** argv) {
   const bool json =
       std::any_of(argv, argv + argc, [](const std::string& word) { return word == "--json"; });
+  std::signal(SIGCHLD, SIG_DFL);  // ignored by whoever started us, no program would have a status
   std::signal(SIGPIPE, SIG_IGN);  // a server that dies is an error of the call, not our end
   try {
     const int status = snbf::run_command_line(argc, argv);

@@ -19,6 +19,7 @@ SignalsNoted::SignalsNoted() {
 }
 
 SignalsNoted::~SignalsNoted() {
+  noted = 0;
   for (size_t i = 0; i < 3; ++i) ::sigaction(kSignals[i], &before_[i], nullptr);
 }
 

@@ -14,6 +14,7 @@ class SignalsNoted {
   SignalsNoted(const SignalsNoted&) = delete;
   SignalsNoted& operator=(const SignalsNoted&) = delete;
 
+  // One came while one of these lives.
   static bool any();
 
  private:
