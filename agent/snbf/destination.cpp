@@ -4,6 +4,7 @@
 #include <blkid/blkid.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -184,5 +185,25 @@ std::string file_system_field(const std::string& path, const char* field) {
 std::string file_system_of(const std::string& path) { return file_system_field(path, "TYPE"); }
 
 std::string uuid_of(const std::string& path) { return file_system_field(path, "UUID"); }
+
+std::string readers_lock(const std::string& destination) { return destination + "/.reading"; }
+
+namespace {
+
+UniqueFd hold_for_reading(const std::string& destination) {
+  const std::string path = readers_lock(destination);
+  UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+  if (!file || ::flock(file.get(), LOCK_SH | LOCK_NB) == 0) return file;
+  throw Failure(kBusy, destination + ": points are being taken away here", "wait until it is done");
+}
+
+}  // namespace
+
+HeldPoint hold_point(const std::string& text) {
+  HeldPoint held{choose_point(text), {}};
+  held.lock = hold_for_reading(held.chosen.destination);
+  held.chosen = choose_point(text);  // the manifest may have been another one until now
+  return held;
+}
 
 }  // namespace snbf

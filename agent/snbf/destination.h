@@ -4,6 +4,7 @@
 
 #include <string>
 
+#include "files.h"
 #include "manifest.h"
 #include "output.h"
 
@@ -31,5 +32,15 @@ std::string contents_of(const std::string& path);
 std::string file_system_of(const std::string& path);
 // Of the file system; empty if none is recognised for certain.
 std::string uuid_of(const std::string& path);
+
+// A file whose lock keeps a chain as it is while it is read: shared by readers, exclusive for who
+// takes points away.
+std::string readers_lock(const std::string& destination);
+struct HeldPoint {
+  ChosenPoint chosen;
+  UniqueFd lock;  // none on a file system that cannot be written: nobody takes anything away there
+};
+// As choose_point(), for as long as the lock is held. Throws kBusy too.
+HeldPoint hold_point(const std::string& text);
 
 }  // namespace snbf

@@ -134,8 +134,7 @@ std::string hash_file(const std::string& path) {
 
 Ran run(const std::vector<std::string>& arguments) { return run_attended(arguments, {}); }
 
-std::string run_or_throw(const std::vector<std::string>& arguments) {
-  Ran ran = run(arguments);
+void require_success(const std::vector<std::string>& arguments, const Ran& ran) {
   if (ran.status == 127) {
     throw Failure(kFailed, fmt::format("{} could not be started", arguments[0]),
                   "install the package qemu-utils");
@@ -144,6 +143,11 @@ std::string run_or_throw(const std::vector<std::string>& arguments) {
     throw Failure(kFailed, fmt::format("{} {}: {}", arguments[0],
                                        arguments.size() > 1 ? arguments[1] : "", ran.errors));
   }
+}
+
+std::string run_or_throw(const std::vector<std::string>& arguments) {
+  Ran ran = run(arguments);
+  require_success(arguments, ran);
   return ran.output;
 }
 

@@ -49,6 +49,7 @@ struct Ran {
 };
 Ran run(const std::vector<std::string>& arguments);
 // Throws unless the status is 0.
+void require_success(const std::vector<std::string>& arguments, const Ran& ran);
 std::string run_or_throw(const std::vector<std::string>& arguments);
 
 }  // namespace snbf

@@ -43,6 +43,10 @@ constexpr Meaning kMeanings[] = {
     {"chunk", "SIZE", ValueKind::Size},
     {"timeout", "SECONDS", ValueKind::Number},
     {"freeze-limit", "SECONDS", ValueKind::Number},
+    {"hook-limit", "TIME", ValueKind::Any},
+    {"pipe", "COMMAND", ValueKind::Any},
+    {"before-freeze", "COMMAND", ValueKind::Any},
+    {"after-thaw", "COMMAND", ValueKind::Any},
     {"minor", "N", ValueKind::Number},
     {"name", "NAME", ValueKind::Any},
 };

@@ -22,6 +22,7 @@ constexpr uint64_t kClusterMin = 4096;
 constexpr uint64_t kClusterMax = 2 << 20;
 constexpr uint64_t kCompared = 4096;    // no extent is smaller
 constexpr uint64_t kZeroMax = 1 << 30;  // of one request
+constexpr int kStopAskedEveryMs = 200;
 
 bool all_zero(const uint8_t* bytes, size_t length) {
   return length == 0 || (bytes[0] == 0 && std::memcmp(bytes, bytes + 1, length - 1) == 0);
@@ -40,8 +41,8 @@ void read_at(int fd, uint8_t* to, uint64_t length, uint64_t offset) {
 }
 
 // Queue one buffer's worth, cut where zeros begin and end.
-void queue(ImageWriter* image, const uint8_t* bytes, uint64_t length, uint64_t offset,
-           uint64_t granule, bool leave_zeros, Copied* copied) {
+void queue(Sink* sink, const uint8_t* bytes, uint64_t length, uint64_t offset, uint64_t granule,
+           bool leave_zeros, Copied* copied) {
   for (uint64_t at = 0; at < length;) {
     const auto step_at = [&](uint64_t from) { return std::min(granule, length - from); };
     const bool zero = all_zero(bytes + at, step_at(at));
@@ -49,10 +50,10 @@ void queue(ImageWriter* image, const uint8_t* bytes, uint64_t length, uint64_t o
     while (end < length && all_zero(bytes + end, step_at(end)) == zero) end += step_at(end);
     if (zero) {
       copied->zero_bytes += end - at;
-      if (!leave_zeros) image->zero(end - at, offset + at);
+      if (!leave_zeros) sink->zero(end - at, offset + at);
     } else {
       copied->written_bytes += end - at;
-      image->write(bytes + at, end - at, offset + at);
+      sink->write(bytes + at, end - at, offset + at);
     }
     at = end;
   }
@@ -74,6 +75,17 @@ nbd_handle* serve(const std::vector<std::string>& command) {
   const std::string why = nbd_get_error();
   if (nbd) nbd_close(nbd);
   throw Failure(kFailed, "starting qemu-nbd: " + why, "install the package qemu-utils");
+}
+
+nbd_handle* connect_to(const std::string& uri) {
+  nbd_handle* nbd = nbd_create();
+  if (nbd && nbd_connect_uri(nbd, uri.c_str()) == 0 && nbd_is_read_only(nbd) == 0) return nbd;
+  const bool read_only = nbd && nbd_aio_is_ready(nbd) == 1;
+  const char* why = nbd_get_error();
+  const std::string text = read_only ? "it can only be read" : why ? why : "no reason given";
+  if (nbd) nbd_close(nbd);
+  throw Failure(kFailed, fmt::format("connecting to {}: {}", uri, text),
+                "check that the server runs, and serves a disk that can be written");
 }
 
 }  // namespace
@@ -98,10 +110,25 @@ void create_image(const std::string& path, uint64_t size_bytes, uint64_t cluster
   run_or_throw(command);
 }
 
-ImageWriter::ImageWriter(const std::string& path)
+ImageWriter::ImageWriter(const std::string& path, std::function<bool()> stop)
     : path_(path),
+      stop_(std::move(stop)),
       memory_(aligned_memory(kSlots * kSlotBytes)),
       nbd_(serve({"qemu-nbd", "-f", "qcow2", "--cache=writeback", "--discard=unmap", path})) {
+  divide_memory();
+}
+
+ImageWriter::ImageWriter(const ServerUri& server, std::function<bool()> stop)
+    : path_(server.uri),
+      stop_(std::move(stop)),
+      memory_(aligned_memory(kSlots * kSlotBytes)),
+      nbd_(connect_to(server.uri)) {
+  divide_memory();
+  can_zero_ = nbd_can_zero(nbd_) == 1;
+  if (!can_zero_) zeros_.resize(kSlotBytes);
+}
+
+void ImageWriter::divide_memory() {
   for (size_t i = 0; i < kSlots; ++i) slots_[i].bytes = memory_.get() + i * kSlotBytes;
 }
 
@@ -126,7 +153,15 @@ void ImageWriter::reap(Slot* slot) {
   });
 }
 
-void ImageWriter::wait_for_progress() { must(nbd_poll(nbd_, -1), "writing"); }
+void ImageWriter::wait_for_progress() {
+  if (must(nbd_poll(nbd_, kStopAskedEveryMs), "writing") == 1 || !stop_ || !stop_()) return;
+  throw Failure(kFailed, "interrupted while waiting for " + path_);
+}
+
+void ImageWriter::wait_for(int64_t cookie, const char* doing) {
+  const auto id = static_cast<uint64_t>(must(cookie, doing));
+  while (must(nbd_aio_command_completed(nbd_, id), doing) == 0) wait_for_progress();
+}
 
 uint8_t* ImageWriter::next_buffer() {
   current_ = (current_ + 1) % kSlots;
@@ -142,15 +177,34 @@ void ImageWriter::write(const uint8_t* bytes, uint64_t length, uint64_t offset) 
 }
 
 void ImageWriter::zero(uint64_t length, uint64_t offset) {
+  if (!can_zero_) {
+    for (uint64_t done = 0; done < length; done += zeros_.size()) {
+      write(zeros_.data(), std::min<uint64_t>(zeros_.size(), length - done), offset + done);
+    }
+    return;
+  }
   slots_[current_].cookies.push_back(
       must(nbd_aio_zero(nbd_, length, offset, NBD_NULL_COMPLETION, 0), "writing"));
 }
 
-void ImageWriter::finish() {
+void ImageWriter::drain() {
   for (Slot& slot : slots_) {
     for (reap(&slot); !slot.cookies.empty(); reap(&slot)) wait_for_progress();
   }
-  must(nbd_flush(nbd_, 0), "flushing");
+  if (nbd_can_flush(nbd_) != 1) return;
+  wait_for(nbd_aio_flush(nbd_, NBD_NULL_COMPLETION, 0), "flushing");
+}
+
+void ImageWriter::read(uint8_t* to, uint64_t length, uint64_t offset) {
+  wait_for(nbd_aio_pread(nbd_, to, length, offset, NBD_NULL_COMPLETION, 0), "reading");
+}
+
+uint64_t ImageWriter::size() const {
+  return static_cast<uint64_t>(must(nbd_get_size(nbd_), "asking for the size of"));
+}
+
+void ImageWriter::finish() {
+  drain();
   must(nbd_shutdown(nbd_, 0), "closing");
   nbd_close(nbd_);  // waits for the server's end
   nbd_ = nullptr;
@@ -166,17 +220,17 @@ void ImageReader::read(uint8_t* to, uint64_t length, uint64_t offset) {
   throw Failure(kFailed, fmt::format("reading {}: {}", path_, nbd_get_error()));
 }
 
-Copied copy_extents(int source_fd, const Extents& which, ImageWriter* image, bool leave_zeros,
+Copied copy_extents(int source_fd, const Extents& which, Sink* sink, bool leave_zeros,
                     const std::function<void(uint64_t)>& progress) {
   Copied copied;
   const uint64_t granule = cluster_for(which.extent_size());
   for (const Run& run : which.runs()) {
     const ByteRange range = which.range_of(run);
     for (uint64_t at = 0; at < range.length;) {
-      const uint64_t length = std::min<uint64_t>(ImageWriter::kSlotBytes, range.length - at);
-      uint8_t* buffer = image->next_buffer();
+      const uint64_t length = std::min<uint64_t>(Sink::kSlotBytes, range.length - at);
+      uint8_t* buffer = sink->next_buffer();
       read_at(source_fd, buffer, length, range.offset + at);
-      queue(image, buffer, length, range.offset + at, granule, leave_zeros, &copied);
+      queue(sink, buffer, length, range.offset + at, granule, leave_zeros, &copied);
       copied.read_bytes += length;
       progress(length);
       at += length;
@@ -188,14 +242,14 @@ Copied copy_extents(int source_fd, const Extents& which, ImageWriter* image, boo
 Extents compare_extents(int device_fd, const Extents& which, ImageReader* image,
                         const std::function<void(uint64_t)>& progress) {
   Extents different(which.extent_cnt(), which.extent_size(), which.dev_size());
-  const auto memory = aligned_memory(2 * ImageWriter::kSlotBytes);
+  const auto memory = aligned_memory(2 * Sink::kSlotBytes);
   uint8_t* const here = memory.get();
-  uint8_t* const there = here + ImageWriter::kSlotBytes;
+  uint8_t* const there = here + Sink::kSlotBytes;
   for (const Run& run : which.runs()) {
     const ByteRange range = which.range_of(run);
     for (uint64_t at = 0; at < range.length;) {
       const uint64_t first = range.offset + at;
-      const uint64_t length = std::min<uint64_t>(ImageWriter::kSlotBytes, range.length - at);
+      const uint64_t length = std::min<uint64_t>(Sink::kSlotBytes, range.length - at);
       read_at(device_fd, here, length, first);
       image->read(there, length, first);
       for (uint64_t k = 0; k < length; k += kCompared) {
@@ -210,12 +264,12 @@ Extents compare_extents(int device_fd, const Extents& which, ImageReader* image,
   return different;
 }
 
-void zero_extents(const Extents& which, ImageWriter* image) {
+void zero_extents(const Extents& which, Sink* sink) {
   for (const Run& run : which.runs()) {
     const ByteRange range = which.range_of(run);
     for (uint64_t at = 0; at < range.length; at += kZeroMax) {
-      image->next_buffer();  // bounds the requests in flight
-      image->zero(std::min(kZeroMax, range.length - at), range.offset + at);
+      sink->next_buffer();  // bounds the requests in flight
+      sink->zero(std::min(kZeroMax, range.length - at), range.offset + at);
     }
   }
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "extents.h"
+#include "sink.h"
 
 struct nbd_handle;
 
@@ -21,38 +22,51 @@ void create_image(const std::string& path, uint64_t size_bytes, uint64_t cluster
 // The cluster of an image whose extents are of this size: a request then fills whole clusters.
 uint64_t cluster_for(uint64_t extent_size);
 
-class ImageWriter {
+struct ServerUri {
+  std::string uri;
+};
+
+class ImageWriter : public Sink {
  public:
-  explicit ImageWriter(const std::string& path);
-  ~ImageWriter();
+  // An image at `path`, by a server of our own. A wait for a server that hangs ends with a Failure
+  // once `stop` says so.
+  explicit ImageWriter(const std::string& path, std::function<bool()> stop = nullptr);
+  // Whatever a server has.
+  explicit ImageWriter(const ServerUri& server, std::function<bool()> stop = nullptr);
+  ~ImageWriter() override;
   ImageWriter(const ImageWriter&) = delete;
   ImageWriter& operator=(const ImageWriter&) = delete;
 
-  static constexpr size_t kSlotBytes = 1 << 20;
-
-  // A free buffer of kSlotBytes, aligned for direct reads; waits for one if need be. It is the
-  // caller's until the next call of this function; what was queued from it stays until it is done.
-  uint8_t* next_buffer();
-  // Queue bytes of the buffer handed out last.
-  void write(const uint8_t* bytes, uint64_t length, uint64_t offset);
-  void zero(uint64_t length, uint64_t offset);
+  uint8_t* next_buffer() override;
+  void write(const uint8_t* bytes, uint64_t length, uint64_t offset) override;
+  void zero(uint64_t length, uint64_t offset) override;
   // Everything queued is in the image's file and the server is gone.
-  void finish();
+  void finish() override;
+  // Everything queued is durable; the server stays.
+  void drain();
+  // Of what was drained.
+  void read(uint8_t* to, uint64_t length, uint64_t offset);
+  uint64_t size() const;
 
  private:
   struct Slot {
     uint8_t* bytes = nullptr;
     std::vector<int64_t> cookies;
   };
+  void divide_memory();
   void reap(Slot* slot);
   void wait_for_progress();
+  void wait_for(int64_t cookie, const char* doing);
   [[noreturn]] void fail(const char* doing) const;
   int64_t must(int64_t rc, const char* doing) const;
 
   static constexpr size_t kSlots = 16;
   std::string path_;
+  std::function<bool()> stop_;
   std::unique_ptr<uint8_t, void (*)(void*)> memory_;
   nbd_handle* nbd_ = nullptr;
+  bool can_zero_ = true;
+  std::vector<uint8_t> zeros_;  // for a server that cannot
   Slot slots_[kSlots];
   size_t current_ = kSlots - 1;
 };
@@ -80,7 +94,7 @@ struct Copied {
 
 // Copy the set extents of the open source device. `leave_zeros`: zeros need not be written, since
 // nothing lies below. `progress` is called with the bytes read; it may throw to end the copy.
-Copied copy_extents(int source_fd, const Extents& which, ImageWriter* image, bool leave_zeros,
+Copied copy_extents(int source_fd, const Extents& which, Sink* sink, bool leave_zeros,
                     const std::function<void(uint64_t)>& progress);
 
 // The extents of `which` whose bytes the image does not share with the open device. `progress` is
@@ -89,6 +103,6 @@ Extents compare_extents(int device_fd, const Extents& which, ImageReader* image,
                         const std::function<void(uint64_t)>& progress);
 
 // The set extents read as zeros from the image, whatever lies below.
-void zero_extents(const Extents& which, ImageWriter* image);
+void zero_extents(const Extents& which, Sink* sink);
 
 }  // namespace snbf

@@ -17,7 +17,17 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr int kFormat = 1;
+// 1: every point holds all of the device. 2: a point may leave out what was free, and what it stands
+// on is not enough to make one on top of it; or the points lie on a target. A program that knows
+// format 1 alone must not read those.
+constexpr int kFormatWhole = 1;
+constexpr int kFormat = 2;
+
+int format_of(const Manifest& manifest) {
+  const bool skips = std::any_of(manifest.points.begin(), manifest.points.end(),
+                                 [](const Point& point) { return !point.skipped_file.empty(); });
+  return skips || manifest.merge || !manifest.target.empty() ? kFormat : kFormatWhole;
+}
 
 Json to_json(const Point& point) {
   return {{"id", point.id},
@@ -38,6 +48,7 @@ Json to_json(const Point& point) {
           {"moved_bytes", point.moved_bytes},
           {"file_bytes", point.file_bytes},
           {"xxh3_128", point.hash},
+          {"merged_from", point.merged_from ? Json(point.merged_from) : Json(nullptr)},
           {"skipped_extents", point.skipped_extents},
           {"skipped_bytes", point.skipped_bytes},
           {"skipped_file", point.skipped_file},
@@ -77,6 +88,9 @@ Point point_from(const Json& json) {
   point.moved_bytes = json.value("moved_bytes", uint64_t{0});
   point.file_bytes = json.at("file_bytes");
   point.hash = json.at("xxh3_128");
+  if (json.contains("merged_from") && !json.at("merged_from").is_null()) {
+    point.merged_from = json.at("merged_from");
+  }
   point.skipped_extents = json.value("skipped_extents", uint64_t{0});
   point.skipped_bytes = json.value("skipped_bytes", uint64_t{0});
   point.skipped_file = json.value("skipped_file", "");
@@ -130,20 +144,40 @@ std::string manifest_path(const std::string& destination) { return destination +
 std::string to_json_text(const Manifest& manifest) {
   Json points = Json::array();
   for (const Point& point : manifest.points) points.push_back(to_json(point));
-  const Json json = {{"snbf_manifest", kFormat},
-                     {"chain", manifest.chain},
-                     {"node", {{"name", manifest.node}, {"uuid", manifest.node_uuid}}},
-                     {"partition", manifest.partition},
-                     {"size", manifest.size},
-                     {"extent_size", manifest.extent_size},
-                     {"points", points}};
+  Json json = {{"snbf_manifest", format_of(manifest)},
+               {"chain", manifest.chain},
+               {"node", {{"name", manifest.node}, {"uuid", manifest.node_uuid}}},
+               {"partition", manifest.partition},
+               {"size", manifest.size},
+               {"extent_size", manifest.extent_size},
+               {"points", points}};
+  if (manifest.merge) {
+    json["merge"] = {{"from", manifest.merge->from},
+                     {"into", manifest.merge->into},
+                     {"xxh3_128", manifest.merge->hash},
+                     {"file_bytes", manifest.merge->file_bytes}};
+  }
+  if (!manifest.garbage.empty()) json["garbage"] = manifest.garbage;
+  if (!manifest.target.empty()) {
+    Json samples = Json::array();
+    for (const Sample& sample : manifest.samples) samples.push_back({sample.extent, sample.hash});
+    json["target"] = manifest.target;
+    json["unfinished"] = manifest.unfinished;
+    json["samples"] = samples;
+  }
   return json.dump(2) + "\n";
 }
 
 Manifest manifest_from_json(const std::string& text, const std::string& path) {
   try {
     const Json json = Json::parse(text);
-    if (json.at("snbf_manifest") != kFormat) throw std::invalid_argument("another format");
+    const int format = json.at("snbf_manifest");
+    if (format != kFormatWhole && format != kFormat) {
+      throw Failure(
+          kFailed,
+          fmt::format("{} is of format {}, which this program does not know", path, format),
+          "use a newer snbf");
+    }
     Manifest manifest;
     manifest.chain = json.at("chain");
     manifest.node = json.at("node").at("name");
@@ -151,6 +185,20 @@ Manifest manifest_from_json(const std::string& text, const std::string& path) {
     manifest.partition = json.value("partition", "");
     manifest.size = json.at("size");
     manifest.extent_size = json.at("extent_size");
+    manifest.target = json.value("target", "");
+    manifest.unfinished = json.value("unfinished", "");
+    if (json.contains("merge")) {
+      const Json& merge = json.at("merge");
+      manifest.merge =
+          Merge{merge.at("from"), merge.at("into"), merge.at("xxh3_128"), merge.at("file_bytes")};
+    }
+    for (const std::string file : json.value("garbage", Json::array())) {
+      check_file_name(file);
+      manifest.garbage.push_back(file);
+    }
+    for (const Json& sample : json.value("samples", Json::array())) {
+      manifest.samples.push_back({sample.at(0), sample.at(1)});
+    }
     for (const Json& point : json.at("points")) {
       manifest.points.push_back(point_from(point));
       const size_t n = manifest.points.size();
@@ -159,6 +207,8 @@ Manifest manifest_from_json(const std::string& text, const std::string& path) {
       }
     }
     return manifest;
+  } catch (const Failure&) {
+    throw;
   } catch (const std::exception& error) {
     throw Failure(kFailed, fmt::format("{} is damaged: {}", path, error.what()),
                   "restore the file from a copy, or back up to another destination");
@@ -176,20 +226,61 @@ std::string point_name(const Manifest& manifest, uint64_t id) {
   return fmt::format("{}:{}", manifest.chain, id);
 }
 
+namespace {
+
+bool is_there(const std::string& path) {
+  struct stat about;
+  return ::stat(path.c_str(), &about) == 0;
+}
+
+bool is_merged_away(const Manifest& manifest, const Point& point) {
+  return manifest.merge && manifest.merge->from == point.id;
+}
+
+// The file that a merge has made stands in the place of the later point's: the manifest alone is
+// behind.
+bool has_landed(const Manifest& manifest, const std::string& destination) {
+  if (!manifest.merge || manifest.merge->hash.empty()) return false;
+  const Point* from = manifest.find(manifest.merge->from);
+  return from && !is_there(destination + "/" + from->file);
+}
+
+}  // namespace
+
+std::string file_damage(const Manifest& manifest, const Point& point,
+                        const std::string& destination, bool contents) {
+  if (is_merged_away(manifest, point)) {
+    return fmt::format("{} is being merged into point {}", point.file, manifest.merge->into);
+  }
+  Point wanted = point;
+  if (has_landed(manifest, destination) && manifest.merge->into == point.id) {
+    wanted.hash = manifest.merge->hash;
+    wanted.file_bytes = manifest.merge->file_bytes;
+  }
+  const std::string path = destination + "/" + wanted.file;
+  struct stat about;
+  if (::stat(path.c_str(), &about) < 0) return wanted.file + " is missing";
+  if (static_cast<uint64_t>(about.st_size) != wanted.file_bytes) {
+    return fmt::format("{} has {} bytes instead of {}", wanted.file, about.st_size,
+                       wanted.file_bytes);
+  }
+  if (contents && hash_file(path) != wanted.hash) return wanted.file + " is not what was written";
+  return "";
+}
+
 std::string chain_damage(const Manifest& manifest, const Point& point,
                          const std::string& destination, bool contents) {
   const auto line = manifest.lineage(point);
   if (line.empty())
     return fmt::format("an earlier point that {} needs is not in the manifest", point.file);
   for (const Point* step : line) {
-    const std::string path = destination + "/" + step->file;
-    struct stat about;
-    if (::stat(path.c_str(), &about) < 0) return step->file + " is missing";
-    if (static_cast<uint64_t>(about.st_size) != step->file_bytes) {
-      return fmt::format("{} has {} bytes instead of {}", step->file, about.st_size,
-                         step->file_bytes);
+    // What is being merged changes, and whoever reads through it finds the same bytes.
+    if (is_merged_away(manifest, *step) && step != line.back()) {
+      if (is_there(destination + "/" + step->file) || has_landed(manifest, destination)) continue;
+      return step->file + " is missing";
     }
-    if (contents && hash_file(path) != step->hash) return step->file + " is not what was written";
+    const std::string damage = file_damage(manifest, *step, destination, contents);
+    if (!damage.empty()) return damage;
   }
   return "";
 }

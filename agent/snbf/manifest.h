@@ -29,6 +29,7 @@ struct Point {
   uint64_t moved_bytes = 0;  // written while the copy ran, and copied again
   uint64_t file_bytes = 0;
   std::string hash;  // XXH3-128 of the file
+  uint64_t merged_from = 0;  // the oldest point that was merged into it; 0: none
   // Free then, and left out: see skipped.h. No file: nothing was.
   uint64_t skipped_extents = 0;
   uint64_t skipped_bytes = 0;
@@ -39,6 +40,20 @@ struct Point {
   bool exact() const { return source != "moving"; }
 };
 
+// Of a target that cannot be named by its files: how an extent of it begins.
+struct Sample {
+  uint64_t extent = 0;
+  std::string hash;
+};
+
+// A merge under way: see prune.h.
+struct Merge {
+  uint64_t from = 0;
+  uint64_t into = 0;
+  std::string hash;  // of the file that it makes; empty: it is not made yet
+  uint64_t file_bytes = 0;
+};
+
 struct Manifest {
   std::string chain;  // names this destination in the nodes' state records
   std::string node;
@@ -47,6 +62,12 @@ struct Manifest {
   uint64_t size = 0;
   uint64_t extent_size = 0;
   std::vector<Point> points;
+  std::optional<Merge> merge;
+  std::vector<std::string> garbage;  // files that no point needs; they are about to go
+  // Of a disk behind a server (store_nbd.cpp) alone:
+  std::string target;
+  std::string unfinished;  // the level of a backup onto it that has begun; empty: it is complete
+  std::vector<Sample> samples;
 
   const Point* find(uint64_t id) const;
   const Point* newest() const { return points.empty() ? nullptr : &points.back(); }
@@ -65,8 +86,11 @@ std::optional<Manifest> read_manifest(const std::string& destination);
 // As the state record names a point: "CHAIN:ID".
 std::string point_name(const Manifest& manifest, uint64_t id);
 
-// What is wrong with the files below `point`: a sentence, or empty. Looks at their sizes, and with
+// What is wrong with the point's own file: a sentence, or empty. Looks at its size, and with
 // `contents` at every byte.
+std::string file_damage(const Manifest& manifest, const Point& point,
+                        const std::string& destination, bool contents);
+// The same of it and of all files below it.
 std::string chain_damage(const Manifest& manifest, const Point& point,
                          const std::string& destination, bool contents);
 

@@ -33,7 +33,9 @@ Plan plan_backup(const Situation& situation) {
   if (!parent) return full(kWhyChain, "the manifest has no full backup");
   if (!damage.empty()) return full(kWhyChain, damage);
   const std::string& counts_from = differential ? situation.diff_point : situation.incr_point;
-  if (const char* why = mismatch(counts_from, point_name(*manifest, parent->id))) return full(why);
+  // What was merged into the full point is older: the bitmap has more than it needs.
+  const uint64_t counted = differential && parent->merged_from ? parent->merged_from : parent->id;
+  if (const char* why = mismatch(counts_from, point_name(*manifest, counted))) return full(why);
   return {differential ? Level::Differential : Level::Incremental, "", "", parent};
 }
 

@@ -4,12 +4,14 @@
 #include <utility>
 
 #include "libsnbf.h"
+#include "store.h"
 
 namespace snbf {
 
 std::string reason_text(const std::string& code) {
   static constexpr std::pair<const char*, const char*> kTexts[] = {
       {kWhyAsked, "it was asked for"},
+      {kWhyWhole, "a program is given the whole image"},
       {kWhyFirst, "there is no earlier backup at the destination"},
       {kWhyChain, "the chain at the destination is broken"},
       {kWhyOtherChain, "the bitmap counts from a backup at another destination"},

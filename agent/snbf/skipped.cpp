@@ -27,13 +27,15 @@ Extents blank_extents(const Manifest& manifest) {
   return {(manifest.size - 1) / manifest.extent_size + 1, manifest.extent_size, manifest.size};
 }
 
+std::string skipped_name(uint64_t id) { return fmt::format("{:04}.skipped", id); }
+
 void store_skipped(const std::string& destination, const Extents& skipped, Point* point) {
   point->skipped_extents = skipped.count();
   point->skipped_bytes = skipped.covered_bytes();
   point->skipped_file.clear();
   point->skipped_hash.clear();
   if (skipped.none()) return;
-  point->skipped_file = fmt::format("{:04}.skipped", point->id);
+  point->skipped_file = skipped_name(point->id);
   const std::string path = destination + "/" + point->skipped_file;
   replace_file(path, {skipped.bytes().begin(), skipped.bytes().end()});
   point->skipped_hash = hash_file(path);

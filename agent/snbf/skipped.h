@@ -28,6 +28,9 @@ Sorted sort_out(const Extents& changed, const Extents& used, const Extents* pare
 // Of the chain's device, no bit set.
 Extents blank_extents(const Manifest& manifest);
 
+// The name of the file of a point that skips something.
+std::string skipped_name(uint64_t id);
+
 // Writes the file and names it in the point; a point that skips nothing has none.
 void store_skipped(const std::string& destination, const Extents& skipped, Point* point);
 

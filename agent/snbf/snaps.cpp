@@ -29,50 +29,6 @@ constexpr int kNameTries = 100;
 constexpr auto kLookersGoWithin = std::chrono::seconds(2);
 constexpr auto kLookAgain = std::chrono::milliseconds(50);
 
-Failure refusal(int rc, const snbf_info& filter, const NewSnap& wanted) {
-  const std::string doing = fmt::format("making a snap of {}", filter.name);
-  switch (-rc) {
-    case EEXIST:
-      return {kFailed, fmt::format("{}: the name {} is taken", doing, wanted.name),
-              "choose another with --name, or delete that snap", rc};
-    case ENOTEMPTY:
-      return {kUnsafe,
-              fmt::format("{}: {} holds COW files of that name already", doing, wanted.cow_dir),
-              "choose another --name; --yes overwrites them, and what image they hold", rc};
-    case ETXTBSY:
-      return {kUnsafe,
-              fmt::format("{}: the COW files of that name in {} belong to another snap", doing,
-                          wanted.cow_dir),
-              "choose another --name or --cow; `snbf snap list` shows the snaps", rc};
-    case ENODATA:
-      return {
-          kSnapLost,
-          fmt::format("{}: it was lost in the moment of its start: its COW files in {} could not "
-                      "be written ({} free)",
-                      doing, wanted.cow_dir, show_size(free_bytes_in(wanted.cow_dir))),
-          "make room there, or name another directory with --cow; the kernel log says more", rc};
-    case EDOM:
-      return {kMisused, fmt::format("{}: its other snaps have another chunk size", doing),
-              "leave --chunk out: all snaps of a node have the same", rc};
-    case EXDEV:
-      return {
-          kUnsafe,
-          fmt::format("{}: the file system of {} has no disk of its own", doing, wanted.cow_dir),
-          "COW files need a local disk: not tmpfs, overlay, btrfs or a network's", rc};
-    case ELOOP:
-      return {kUnsafe,
-              fmt::format("{}: {} lies on the partition itself, or on what is kept on it", doing,
-                          wanted.cow_dir),
-              "choose a directory on another device with --cow", rc};
-    case EILSEQ:
-      return {
-          kMisused, fmt::format("{} is no name for a snap", wanted.name),
-          "use letters, digits, '_', '-' and '.', not a '.' first, and no name of the driver's own",
-          rc};
-  }
-  return failure_of(rc, fmt::format("{} with its COW files in {}", doing, wanted.cow_dir));
-}
-
 std::string why_not_there(const Driver& driver, const snbf_info& node, const std::string& dir,
                           uint64_t needed, CowPlace* place) {
   switch (-libsnbf_cow_dir_check(driver.get(), dir.c_str(), node.minor)) {
@@ -210,7 +166,7 @@ void check_cow_dir(const Driver& driver, const snbf_info& node, const std::strin
   NewSnap wanted;
   wanted.cow_dir = dir;
   const int rc = libsnbf_cow_dir_check(driver.get(), dir.c_str(), node.minor);
-  if (rc != 0) throw refusal(rc, node, wanted);
+  if (rc != 0) throw snap_refusal(rc, node, wanted);
 }
 
 std::optional<CowPlace> find_cow_place(const Driver& driver, const snbf_info& node,
@@ -226,13 +182,56 @@ std::optional<CowPlace> find_cow_place(const Driver& driver, const snbf_info& no
   return std::nullopt;
 }
 
+Failure snap_refusal(int rc, const snbf_info& filter, const NewSnap& wanted) {
+  const std::string doing = fmt::format("making a snap of {}", filter.name);
+  switch (-rc) {
+    case EEXIST:
+      return {kFailed, fmt::format("{}: the name {} is taken", doing, wanted.name),
+              "choose another with --name, or delete that snap", rc};
+    case ENOTEMPTY:
+      return {kUnsafe,
+              fmt::format("{}: {} holds COW files of that name already", doing, wanted.cow_dir),
+              "choose another --name; --yes overwrites them, and what image they hold", rc};
+    case ETXTBSY:
+      return {kUnsafe,
+              fmt::format("{}: the COW files of that name in {} belong to another snap", doing,
+                          wanted.cow_dir),
+              "choose another --name or --cow; `snbf snap list` shows the snaps", rc};
+    case ENODATA:
+      return {
+          kSnapLost,
+          fmt::format("{}: it was lost in the moment of its start: its COW files in {} could not "
+                      "be written ({} free)",
+                      doing, wanted.cow_dir, show_size(free_bytes_in(wanted.cow_dir))),
+          "make room there, or name another directory with --cow; the kernel log says more", rc};
+    case EDOM:
+      return {kMisused, fmt::format("{}: its other snaps have another chunk size", doing),
+              "leave --chunk out: all snaps of a node have the same", rc};
+    case EXDEV:
+      return {
+          kUnsafe,
+          fmt::format("{}: the file system of {} has no disk of its own", doing, wanted.cow_dir),
+          "COW files need a local disk: not tmpfs, overlay, btrfs or a network's", rc};
+    case ELOOP:
+      return {kUnsafe,
+              fmt::format("{}: {} lies on the partition itself, or on what is kept on it", doing,
+                          wanted.cow_dir),
+              "choose a directory on another device with --cow", rc};
+    case EILSEQ:
+      return {
+          kMisused, fmt::format("{} is no name for a snap", wanted.name),
+          "use letters, digits, '_', '-' and '.', not a '.' first, and no name of the driver's own",
+          rc};
+  }
+  return failure_of(rc, fmt::format("{} with its COW files in {}", doing, wanted.cow_dir));
+}
+
 MadeSnap make_snap(const Driver& driver, const snbf_info& filter, const NewSnap& wanted) {
   libsnbf_snap_request request{};
   std::string name = wanted.name;
   request.filter_minor = filter.minor;
   request.cow_dir = wanted.cow_dir.c_str();
   request.chunk_size = wanted.chunk_size;
-  request.temporary = wanted.temporary;
   request.overwrite = wanted.overwrite;
   int rc = -EEXIST;
   for (int tries = 1; rc == -EEXIST && tries <= kNameTries; ++tries) {
@@ -241,7 +240,7 @@ MadeSnap make_snap(const Driver& driver, const snbf_info& filter, const NewSnap&
     request.name = name.c_str();
     rc = libsnbf_snap_create(driver.get(), &request);
   }
-  if (rc != 0) throw refusal(rc, filter, wanted);
+  if (rc != 0) throw snap_refusal(rc, filter, wanted);
   return {driver.info(request.minor_used), request.start_us};
 }
 
@@ -255,22 +254,6 @@ int delete_snap(const Driver& driver, const snbf_info& snap, int* postponed) {
     std::this_thread::sleep_for(kLookAgain);
   }
   return rc;
-}
-
-size_t remove_temporary_snaps(const Driver& driver, const snbf_info& filter) {
-  size_t removed = 0;
-  for (const Snap& snap : snaps_of(driver, filter)) {
-    if (!snap.record.temporary || (snap.node && snap.node->del_pending)) continue;
-    int postponed = 0;
-    const int rc = snap.node ? delete_snap(driver, *snap.node, &postponed)
-                             : libsnbf_snap_discard(driver.get(), filter.minor, snap.record.name);
-    if (rc == 0) {
-      ++removed;
-    } else {
-      warn(failure_of(rc, "removing the snap " + snap.name()).what());
-    }
-  }
-  return removed;
 }
 
 }  // namespace snbf

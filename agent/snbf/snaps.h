@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "driver.h"
+#include "failure.h"
 #include "output.h"
 
 namespace snbf {
@@ -66,7 +67,6 @@ struct NewSnap {
   std::string name;  // another one is taken, by a number behind it, if it is not free
   std::string cow_dir;
   uint32_t chunk_size = 0;
-  bool temporary = false;
   bool overwrite = false;
   bool name_is_fixed = false;
 };
@@ -74,12 +74,11 @@ struct MadeSnap {
   snbf_info node;
   uint64_t start_us = 0;
 };
+// What the library's refusal to make it means to whoever asked for it.
+Failure snap_refusal(int rc, const snbf_info& filter, const NewSnap& wanted);
 MadeSnap make_snap(const Driver& driver, const snbf_info& filter, const NewSnap& wanted);
 
 // Deletes the node, or waits a moment for whoever just looks at it: 0 or a negated error number.
 int delete_snap(const Driver& driver, const snbf_info& snap, int* postponed);
-
-// What backups that were cut off left behind. Answers how many; those that cannot go yet stay.
-size_t remove_temporary_snaps(const Driver& driver, const snbf_info& filter);
 
 }  // namespace snbf

@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // snbf backup: one more point at a destination.
 #include <fmt/format.h>
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
 
-#include <cerrno>
 #include <filesystem>
-#include <fstream>
 
+#include "backup_target.h"
 #include "capture.h"
 #include "command.h"
 #include "destination.h"
@@ -15,11 +12,10 @@
 #include "failure.h"
 #include "files.h"
 #include "output.h"
-#include "plan.h"
 #include "reasons.h"
 #include "sizes.h"
-#include "skipped.h"
 #include "snaps.h"
+#include "store_nbd.h"
 
 namespace snbf {
 
@@ -30,6 +26,11 @@ namespace fs = std::filesystem;
 struct Options {
   std::string node;
   std::string destination;
+  std::string pipe;
+  std::string before_freeze;
+  std::string after_thaw;
+  double hook_limit_s = 30;
+  bool yes = false;
   std::string level = "auto";
   std::string snap = "auto";
   bool no_snap = false;
@@ -42,61 +43,11 @@ struct Options {
   bool json = false;
 };
 
-std::string new_chain_name() {
-  std::ifstream file("/proc/sys/kernel/random/uuid");
-  std::string text;
-  if (!std::getline(file, text)) throw Failure(kFailed, "the kernel gives no random name");
-  return text;
-}
-
 std::optional<Level> asked_level(const std::string& text) {
   if (text == "full") return Level::Full;
   if (text == "incr") return Level::Incremental;
   if (text == "diff") return Level::Differential;
   return std::nullopt;
-}
-
-// Why nothing can stand on this point.
-std::string damage_of(const Manifest& manifest, const Point& point,
-                      const std::string& destination) {
-  const std::string damage = chain_damage(manifest, point, destination, false);
-  return damage.empty() ? skipped_damage(point, destination) : damage;
-}
-
-Plan make_plan(const Options& options, const snbf_info& node, const std::string& destination,
-               const std::optional<Manifest>& manifest) {
-  const libsnbf_state state = read_state(node);
-  Situation situation;
-  situation.asked = asked_level(options.level);
-  situation.manifest = manifest ? &*manifest : nullptr;
-  situation.distrust = state.distrust;
-  situation.incr_point = state.incr_point;
-  situation.diff_point = state.diff_point;
-  situation.size = node.dev_size;
-  situation.extent_size = node.extent_size;
-  if (manifest && manifest->newest()) {
-    situation.damage_newest = damage_of(*manifest, *manifest->newest(), destination);
-  }
-  if (manifest && manifest->newest_full()) {
-    situation.damage_full = damage_of(*manifest, *manifest->newest_full(), destination);
-  }
-  return plan_backup(situation);
-}
-
-void check_destination(const Driver& driver, const snbf_info& node,
-                       const std::string& destination) {
-  if (driver.lies_on(destination, node)) {
-    throw Failure(kUnsafe,
-                  fmt::format("{} lies on the partition that is to be backed up", destination),
-                  "choose a destination on another device");
-  }
-}
-
-void check_owner(const Manifest& manifest, const snbf_info& node, const std::string& destination) {
-  if (manifest.node_uuid == node.uuid || manifest.node == node.name) return;
-  throw Failure(kUnsafe,
-                fmt::format("{} holds backups of another node, {}", destination, manifest.node),
-                "give each node a destination of its own");
 }
 
 std::string full_because(const Plan& plan) {
@@ -126,19 +77,25 @@ void say_plan(const Driver& driver, const snbf_info& node, const Plan& plan,
 }
 
 // Whether there is a snap, and where its files lie. --cow asks for one.
-void choose_snap(const Driver& driver, const snbf_info& node, const std::string& destination,
+void choose_snap(const Driver& driver, const snbf_info& node, const BackupTarget& target,
                  const Options& options, CaptureOptions* how) {
+  how->snap_required = !options.pipe.empty();
+  if (how->snap_required && (options.no_snap || options.snap == "none")) {
+    throw Failure(kMisused, "a program reads once, from beginning to end: that takes a snap");
+  }
   const bool asked = !options.cow.empty();
   if (options.no_snap && asked) throw Failure(kMisused, "--no-snap and --cow do not go together");
   if (options.no_snap || (options.snap == "none" && !asked)) return;
-  how->snap_required = asked || options.snap == "always";
+  how->snap_required = how->snap_required || asked || options.snap == "always";
   if (asked) {
     how->cow_dir = fs::weakly_canonical(options.cow);
     check_cow_dir(driver, node, how->cow_dir);
     return;
   }
   std::string why;
-  const auto place = find_cow_place(driver, node, {bmp_dir_of(node), destination}, &why);
+  std::vector<std::string> dirs{bmp_dir_of(node)};
+  if (target.kind == BackupTarget::Kind::Directory) dirs.push_back(target.folder);
+  const auto place = find_cow_place(driver, node, dirs, &why);
   if (place) {
     how->cow_dir = place->dir;
   } else if (how->snap_required) {
@@ -149,13 +106,17 @@ void choose_snap(const Driver& driver, const snbf_info& node, const std::string&
   }
 }
 
-int report(const Point& point, const Options& options) {
+int report(const Captured& captured, const BackupTarget& target, const Options& options) {
+  const Point& point = captured.point;
   if (options.json) {
     print_json(point_json(point));
   } else {
-    fmt::print("point {}: {}, {} in {} extents, file {} ({}), {:.1f} s\n", point.id,
-               level_name(point.level), show_size(point.bytes), point.extents, point.file,
-               show_size(point.file_bytes), point.seconds);
+    fmt::print("point {}: {}, {} in {} extents, {}, {:.1f} s\n", point.id, level_name(point.level),
+               show_size(point.bytes), point.extents,
+               target.kind == BackupTarget::Kind::Directory
+                   ? fmt::format("file {} ({})", point.file, show_size(point.file_bytes))
+                   : "to " + target.place,
+               point.seconds);
   }
   if (point.frozen_ms) {
     note(fmt::format("the file system was frozen for {}{} ms",
@@ -170,7 +131,10 @@ int report(const Point& point, const Options& options) {
   } else if (point.skipped_bytes != 0) {
     note(show_size(point.skipped_bytes) + " is left out: the file system does not use it");
   }
-  if (point.exact()) return kDone;
+  if (!captured.hook_trouble.empty()) {
+    warn(captured.hook_trouble + "; the point is complete all the same");
+  }
+  if (point.exact()) return captured.hook_trouble.empty() ? kDone : kWarned;
   warn(
       "the device kept changing during the copy: this point is not of one moment. The next one "
       "copies what moved; a snap (--cow) or --freeze makes it exact");
@@ -178,7 +142,9 @@ int report(const Point& point, const Options& options) {
 }
 
 int list_points(const Options& options) {
-  const ChosenPoint at = choose_point(options.destination);
+  const ChosenPoint at = choose_point(
+      is_nbd_uri(options.destination) ? nbd_folder(Driver().find(options.node), options.destination)
+                                      : options.destination);
   Table table = point_table("FULL BECAUSE");
   Json points = Json::array();
   for (const Point& point : at.manifest.points) {
@@ -193,6 +159,45 @@ int list_points(const Options& options) {
   return kDone;
 }
 
+uint64_t bytes_to_copy(const Driver& driver, const snbf_info& node, const Plan& plan) {
+  if (plan.level == Level::Full) return node.dev_size;
+  const uint32_t type = plan.level == Level::Incremental ? SNBF_BMP_INCR : SNBF_BMP_DIFF;
+  return driver.get(node, type).covered_bytes();
+}
+
+int report_plan(const Driver& driver, const snbf_info& node, const BackupTarget& target,
+                const Plan& plan, const CaptureOptions& how, const Options& options) {
+  const uint64_t bytes = bytes_to_copy(driver, node, plan);
+  if (options.json) {
+    print_json({{"level", level_name(plan.level)},
+                {"full_because", plan.why},
+                {"detail", plan.detail},
+                {"parent", plan.parent ? Json(plan.parent->id) : Json(nullptr)},
+                {"bytes_at_most", bytes},
+                {"from", how.cow_dir.empty() ? "device" : "snap"},
+                {"cow_dir", how.cow_dir},
+                {"to", target.place}});
+  } else {
+    fmt::print("would copy at most {} from {} of {} to {}\n", show_size(bytes),
+               how.cow_dir.empty() ? "the device" : "a snap", node.name, target.place);
+  }
+  return kDone;
+}
+
+CaptureOptions capture_options(const Driver& driver, const snbf_info& node,
+                               const BackupTarget& target, const Options& options) {
+  const auto milliseconds = [](double seconds) {
+    return std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
+  };
+  CaptureOptions how;
+  how.whole = options.whole;
+  how.freeze = options.freeze;
+  how.freeze_limit = milliseconds(options.freeze_limit_s);
+  how.hooks = {options.before_freeze, options.after_thaw, milliseconds(options.hook_limit_s)};
+  choose_snap(driver, node, target, options, &how);
+  return how;
+}
+
 int backup(const Options& options) {
   if (options.list) return list_points(options);
   const Driver driver;
@@ -200,42 +205,23 @@ int backup(const Options& options) {
   if (!node.started) {
     throw Failure(kFailed, fmt::format("{} is not started", node.name), "`snbf start` starts it");
   }
-  const std::string destination = fs::absolute(options.destination).lexically_normal();
-  check_destination(driver, node, destination);
-  std::error_code failed;
-  if (!options.dry_run) fs::create_directories(destination, failed);
-  if (failed) throw failure_of(-failed.value(), "making " + destination);
-
-  UniqueFd destination_lock;
-  UniqueFd node_lock;
+  const BackupTarget target = backup_target(driver, node, options.destination, options.pipe);
+  UniqueFd target_lock;
+  std::optional<NodeCapture> taken;
   if (!options.dry_run) {
-    destination_lock = lock_file(destination + "/.lock", destination);
-    node_lock = lock_file(fmt::format("{}/snbf{}.lock", bmp_dir_of(node), node.minor), node.name);
-    const std::string recovered = recover_capture(driver, node);
+    target_lock = lock_target(target);
+    taken.emplace(driver, node);
+    const std::string recovered = taken->recover();
     if (!recovered.empty()) note(recovered);
   }
-  std::optional<Manifest> manifest = read_manifest(destination);
-  if (manifest) check_owner(*manifest, node, destination);
-  Plan plan = make_plan(options, node, destination, manifest);
-  CaptureOptions how;
-  how.whole = options.whole;
-  how.freeze = options.freeze;
-  how.freeze_limit = std::chrono::milliseconds(static_cast<int64_t>(options.freeze_limit_s * 1000));
-  choose_snap(driver, node, destination, options, &how);
+  const auto manifest = manifest_at(target, node);
+  const Plan plan =
+      plan_for(driver, node, target, manifest, asked_level(options.level), options.yes);
+  const CaptureOptions how = capture_options(driver, node, target, options);
   say_plan(driver, node, plan, how, options);
-  if (options.dry_run) {
-    if (options.json) {
-      print_json({{"level", level_name(plan.level)},
-                  {"full_because", plan.why},
-                  {"detail", plan.detail},
-                  {"cow_dir", how.cow_dir}});
-    }
-    return kDone;
-  }
-  Manifest result = manifest.value_or(Manifest{});
-  if (result.chain.empty()) result.chain = new_chain_name();
-  // The plan's parent lives in `manifest`; the point is added to `result`.
-  return report(capture(driver, node, plan, how, destination, &result), options);
+  if (options.dry_run) return report_plan(driver, node, target, plan, how, options);
+  const auto store = store_for(target, node, manifest);
+  return report(capture(driver, node, plan, how, &*taken, store.get()), target, options);
 }
 
 }  // namespace
@@ -244,25 +230,44 @@ void add_backup(CLI::App& app, Chosen& chosen) {
   auto options = std::make_shared<Options>();
   CLI::App* verb = add_verb(
       app, chosen, "backup", "Copy what changed since the last backup into a chain of qcow2 images",
-      "Examples:\n  snbf backup data /backups/data\n  snbf backup data /backups/data --cow "
-      "/var/cow\n"
-      "Levels: full, everything; incr, what changed since the last backup; diff, what changed "
-      "since\n"
-      "the last full one; auto, incr if that can be trusted, else full. A full backup says why it "
-      "is\n"
-      "full. The copy is made from a snap that lives as long as the backup: it is of one moment,\n"
-      "whatever is written meanwhile. Its COW files lie in --cow, or with the bitmaps, or at the\n"
-      "destination, where there is room; a snap that is lost on the way ends it with status 4, "
-      "and\n"
-      "no change is forgotten. What the file system does not use is left out, and reads as zeros "
-      "in\nthe point; what lies behind its end is always copied. Without a snap a point is exact "
-      "if nothing writes meanwhile, or "
-      "with\n"
-      "--freeze; one that is not ends with status 3.",
+      "Examples:\n  snbf backup data /backups/data\n"
+      "  snbf backup data /backups/data --cow /var/cow\n"
+      "  snbf backup data 'nbd+unix:///?socket=/run/nbd.sock'\n"
+      "  snbf backup data --pipe 'restic backup --stdin --stdin-filename data.raw'\n"
+      "  snbf backup data /backups/data --before-freeze ./rest --after-thaw ./go-on\n"
+      "Levels: full, everything; incr, what changed since the last backup; diff, what changed\n"
+      "since the last full one; auto, incr if that can be trusted, else full. A full backup says\n"
+      "why it is full. The copy is made from a snap that lives as long as the backup: it is of\n"
+      "one moment, whatever is written meanwhile. Its COW files lie in --cow, or with the\n"
+      "bitmaps, or at the destination, where there is room; a snap that is lost on the way ends\n"
+      "it with status 4, and no change is forgotten. What the file system does not use is left\n"
+      "out, and reads as zeros in the point; what lies behind its end is always copied. Without a\n"
+      "snap a point is exact if nothing writes meanwhile, or with --freeze; one that is not ends\n"
+      "with status 3.\n\n"
+      "A server's disk holds the newest point, in place: only what changed is written, and what\n"
+      "is not from the last backup is overwritten with --yes alone. A program is given the whole\n"
+      "image, free space as zeros; its exit status says whether it kept it, and the bitmaps stay\n"
+      "as they were.\n\n"
+      "If the hook before the freeze fails, nothing is backed up; the one after the thaw runs\n"
+      "whatever happens, and if it fails the status is 3.",
       options, backup);
   verb->add_option("node", options->node, "Name, minor, device file or partition")->required();
-  verb->add_option("dest", options->destination, "Directory of the chain; made if need be")
-      ->required();
+  verb->add_option("dest", options->destination,
+                   "Directory of the chain, made if need be; or the URI of an NBD server");
+  verb->add_option("--pipe", options->pipe,
+                   "In place of dest: a command that reads the whole image from its input");
+  verb->add_flag("--yes", options->yes, "Overwrite what a server's disk holds");
+  verb->add_option("--before-freeze", options->before_freeze,
+                   "Command to run before the instant of the backup, to bring programs to rest");
+  verb->add_option("--after-thaw", options->after_thaw,
+                   "Command to run behind it, whatever happened; without a snap, behind the copy");
+  verb->add_option(
+          "--hook-limit", options->hook_limit_s,
+          "Time that each hook may take, such as 30s or 2m (default 30s); then it is killed")
+      ->transform(
+          CLI::AsNumberWithUnit(std::map<std::string, double>{{"s", 1}, {"m", 60}, {"h", 3600}},
+                                CLI::AsNumberWithUnit::CASE_INSENSITIVE, "TIME"))
+      ->check(CLI::Range(0.1, 86400.0));
   verb->add_option("--level", options->level, "auto, full, incr or diff")
       ->check(CLI::IsMember({"auto", "full", "incr", "diff"}));
   verb->add_option("--snap", options->snap,
@@ -278,7 +283,7 @@ void add_backup(CLI::App& app, Chosen& chosen) {
                    "Seconds it may be frozen (default 10)")
       ->check(CLI::Range(0.1, 3600.0));
   verb->add_flag("--list", options->list, "Only list the points that are there");
-  verb->add_flag("--dry-run", options->dry_run, "Say which level it would be, and why");
+  verb->add_flag("--dry-run", options->dry_run, "Say which level it would be, why, and how much");
   verb->add_flag("--json", options->json, "Print the point as JSON");
 }
 

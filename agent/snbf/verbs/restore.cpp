@@ -38,6 +38,7 @@ struct Job {
   ChosenPoint chosen;
   Target target;
   uint64_t data_bytes = 0;
+  UniqueFd reading;  // nobody takes points away meanwhile
 
   std::string image() const { return chosen.destination + "/" + chosen.point.file; }
   std::string what() const {
@@ -47,7 +48,8 @@ struct Job {
 };
 
 Job check(const Options& options) {
-  Job job{choose_point(options.source), {}, 0};
+  auto [chosen, lock] = hold_point(options.source);
+  Job job{std::move(chosen), {}, 0, std::move(lock)};
   const Manifest& manifest = job.chosen.manifest;
   const Point& point = job.chosen.point;
   job.target = claim_target(options.target, job.chosen.destination);

@@ -31,11 +31,7 @@ struct Options {
 // The file alone; what lies below it is judged with its own point.
 std::string damage_of(const ChosenPoint& at, const Point& point, bool deep) {
   if (at.manifest.lineage(point).empty()) return "an earlier point is not in the manifest";
-  Manifest alone = at.manifest;
-  Point single = point;
-  single.parent.reset();
-  alone.points = {single};
-  std::string damage = chain_damage(alone, single, at.destination, true);
+  std::string damage = file_damage(at.manifest, point, at.destination, true);
   if (damage.empty()) damage = skipped_damage(point, at.destination);
   if (!damage.empty() || !deep) return damage;
   return image_damage(at.manifest, point, at.destination);
@@ -95,8 +91,7 @@ std::string device_for(const std::string& text) {
 }
 
 // A point holds what the device had, but for what it left out because that was free.
-int compare(const Options& options) {
-  const ChosenPoint at = choose_point(options.destination);
+int compare(const ChosenPoint& at, const Options& options) {
   const std::string damage = chain_damage(at.manifest, at.point, at.destination, options.deep);
   if (!damage.empty()) {
     throw Failure(kDiffers,
@@ -149,12 +144,15 @@ bool stands_on_sound_files(const ChosenPoint& at, const Json& points) {
 }
 
 int verify(const Options& options) {
-  if (!options.against.empty()) return compare(options);
-  const ChosenPoint at = choose_point(options.destination);
+  const HeldPoint held = hold_point(options.destination);
+  const ChosenPoint& at = held.chosen;
+  if (!options.against.empty()) return compare(at, options);
   Table table = point_table("STATE");
   Json points = Json::array();
   bool sound = true;
   for (const Point& point : at.manifest.points) {
+    // It is no point any more.
+    if (at.manifest.merge && at.manifest.merge->from == point.id) continue;
     const std::string damage = damage_of(at, point, options.deep);
     sound = sound && damage.empty();
     const std::string state = !damage.empty() ? damage
@@ -166,6 +164,9 @@ int verify(const Options& options) {
     points.push_back(json);
   }
   if (!options.json) table.print(true);
+  if (at.manifest.merge) {
+    note(fmt::format("a prune was cut off: `snbf prune {}` finishes it", at.destination));
+  }
   if (!sound) note("a damaged file spoils its point and every later one that stands on it");
   Json json = {
       {"destination", at.destination}, {"node", at.manifest.node}, {"size", at.manifest.size}};

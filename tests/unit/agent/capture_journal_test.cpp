@@ -3,11 +3,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
-namespace snbf {
+namespace snbf::lib {
 namespace {
 
 CaptureRecord taken() {
@@ -17,11 +18,8 @@ CaptureRecord taken() {
   record.node_uuid = "{a-node}";
   record.destination = "/backups/data";
   record.point = "chain:7";
-  record.incr = Extents(100, 65536, 100 * 65536 - 512);
-  record.incr.set(3);
-  record.incr.set(99);
-  record.diff = record.incr;
-  record.diff.set(50);
+  record.incr = {0x08, 0, 0x0a, 0xff};
+  record.diff = {0x09, 1, 0x0a, 0xff};
   return record;
 }
 
@@ -33,9 +31,8 @@ TEST(CaptureJournal, GivesBackWhatWasTaken) {
   EXPECT_EQ(back->node_uuid, "{a-node}");
   EXPECT_EQ(back->destination, "/backups/data");
   EXPECT_EQ(back->point, "chain:7");
-  EXPECT_TRUE(back->incr.same_shape(taken().incr));
-  EXPECT_EQ(back->incr.bytes(), taken().incr.bytes());
-  EXPECT_EQ(back->diff.bytes(), taken().diff.bytes());
+  EXPECT_EQ(back->incr, taken().incr);
+  EXPECT_EQ(back->diff, taken().diff);
 }
 
 TEST(CaptureJournal, AnIncrementalOneCarriesOneBitmap) {
@@ -43,7 +40,7 @@ TEST(CaptureJournal, AnIncrementalOneCarriesOneBitmap) {
   record.full = false;
   const auto back = decode(encode(record));
   ASSERT_TRUE(back);
-  EXPECT_EQ(back->incr.bytes(), record.incr.bytes());
+  EXPECT_EQ(back->incr, record.incr);
   EXPECT_LT(encode(record).size(), encode(taken()).size());
 }
 
@@ -53,7 +50,7 @@ TEST(CaptureJournal, OneThatOnlyBeganCarriesNone) {
   const auto back = decode(encode(record));
   ASSERT_TRUE(back);
   EXPECT_FALSE(back->captured);
-  EXPECT_TRUE(back->incr.none());
+  EXPECT_TRUE(back->incr.empty());
 }
 
 TEST(CaptureJournal, AnyFlippedByteAndAnyCutIsNoticed) {
@@ -76,28 +73,45 @@ class OnDisk : public testing::Test {
   std::string directory_;
 };
 
+std::optional<CaptureRecord> read(const CaptureJournal& journal) {
+  std::optional<CaptureRecord> record;
+  EXPECT_EQ(journal.read(&record), 0);
+  return record;
+}
+
 TEST_F(OnDisk, IsThereFromTheFirstWriteUntilItIsDropped) {
   const CaptureJournal journal(directory_, 3);
-  EXPECT_FALSE(journal.exists());
-  EXPECT_FALSE(journal.read());
-  journal.write(taken());
-  EXPECT_TRUE(journal.exists());
-  ASSERT_TRUE(journal.read());
-  EXPECT_EQ(journal.read()->point, "chain:7");
-  journal.drop();
-  EXPECT_FALSE(journal.exists());
+  EXPECT_FALSE(read(journal));
+  EXPECT_EQ(journal.write(taken()), 0);
+  ASSERT_TRUE(read(journal));
+  EXPECT_EQ(read(journal)->point, "chain:7");
+  EXPECT_EQ(journal.drop(), 0);
+  EXPECT_FALSE(read(journal));
+  EXPECT_EQ(journal.drop(), 0) << "it is gone, whoever took it away";
 }
 
 TEST_F(OnDisk, ADamagedOneCountsAsAFullCaptureThatOnlyBegan) {
   const CaptureJournal journal(directory_, 3);
-  journal.write(taken());
+  EXPECT_EQ(journal.write(taken()), 0);
   std::ofstream(directory_ + "/snbf3.capture", std::ios::app) << "x";
-  const auto record = journal.read();
+  const auto record = read(journal);
   ASSERT_TRUE(record);
   EXPECT_FALSE(record->captured);
   EXPECT_TRUE(record->full);
   EXPECT_EQ(record->node_uuid, "") << "nobody knows whose it is";
 }
 
+TEST_F(OnDisk, OneThatCannotBeReadIsNotTakenForNone) {
+  std::filesystem::create_directories(directory_ + "/snbf3.capture");
+  std::optional<CaptureRecord> record;
+  EXPECT_EQ(CaptureJournal(directory_, 3).read(&record), -EISDIR);
+}
+
+TEST_F(OnDisk, ALinesEndInATextIsRefused) {
+  CaptureRecord record = taken();
+  record.destination = "/backups\npoint=other";
+  EXPECT_EQ(CaptureJournal(directory_, 3).write(record), -EINVAL);
+}
+
 }  // namespace
-}  // namespace snbf
+}  // namespace snbf::lib

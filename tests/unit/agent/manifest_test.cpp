@@ -12,6 +12,7 @@
 #include "files.h"
 #include "plan.h"
 #include "reasons.h"
+#include "store.h"
 
 namespace snbf {
 namespace {
@@ -68,12 +69,48 @@ TEST(Manifest, RefusesWhatIsNotItsOwn) {
   EXPECT_THROW(manifest_from_json("[]", "m"), Failure);
   EXPECT_THROW(manifest_from_json("{}", "m"), Failure);
   EXPECT_THROW(manifest_from_json(good.substr(0, good.size() / 2), "m"), Failure);
-  EXPECT_THROW(manifest_from_json(with("\"snbf_manifest\": 1", "\"snbf_manifest\": 2"), "m"),
+  EXPECT_NO_THROW(manifest_from_json(with("\"snbf_manifest\": 1", "\"snbf_manifest\": 2"), "m"));
+  EXPECT_THROW(manifest_from_json(with("\"snbf_manifest\": 1", "\"snbf_manifest\": 3"), "m"),
                Failure);
   EXPECT_THROW(manifest_from_json(with("1.qcow2", "../1.qcow2"), "m"), Failure)
       << "leads out of it";
   EXPECT_THROW(manifest_from_json(with("\"id\": 2", "\"id\": 1"), "m"), Failure)
       << "an id used twice";
+}
+
+TEST(Manifest, IsOfTheFirstFormatOnlyWhileEveryPointHoldsAll) {
+  const auto format = [](const Manifest& manifest) {
+    const std::string text = to_json_text(manifest);
+    const std::string key = "\"snbf_manifest\": ";
+    return text.substr(text.find(key) + key.size(), 1);
+  };
+  Manifest manifest = chain_of_three();
+  EXPECT_EQ(format(manifest), "1");
+  manifest.points[1].skipped_file = "0002.skipped";
+  EXPECT_EQ(format(manifest), "2");
+  EXPECT_EQ(manifest_from_json(to_json_text(manifest), "m").points[1].skipped_file, "0002.skipped");
+  manifest = chain_of_three();
+  manifest.merge = Merge{1, 2, "", 0};
+  EXPECT_EQ(format(manifest), "2");
+  manifest = chain_of_three();
+  manifest.target = "nbd://disk";
+  EXPECT_EQ(format(manifest), "2");
+}
+
+TEST(Manifest, WhatAMergeAndATargetLeaveComesBack) {
+  Manifest manifest = chain_of_three();
+  manifest.merge = Merge{1, 2, "aa", 77};
+  manifest.garbage = {"0001.skipped"};
+  manifest.points[2].merged_from = 1;
+  manifest.target = "nbd://disk";
+  manifest.unfinished = "incr";
+  manifest.samples = {{5, "bb"}};
+  const Manifest back = manifest_from_json(to_json_text(manifest), "m");
+  EXPECT_EQ(to_json_text(back), to_json_text(manifest));
+  EXPECT_EQ(back.samples.at(0).extent, 5u);
+  EXPECT_EQ(back.merge->hash, "aa");
+  manifest.garbage = {"../../etc/passwd"};
+  EXPECT_THROW(manifest_from_json(to_json_text(manifest), "m"), Failure) << "leads out of it";
 }
 
 TEST(Manifest, LineageGoesFromTheFullPointToTheAskedOne) {
@@ -155,6 +192,18 @@ TEST_F(PlanBackup, ADifferentialStandsOnTheLastFullOne) {
   EXPECT_EQ(plan().parent->id, 1u);
 }
 
+TEST_F(PlanBackup, ADifferentialStandsOnAFullOneThatOlderOnesWereMergedInto) {
+  situation_.asked = Level::Differential;
+  situation_.diff_point = "chain:1";
+  manifest_.points.erase(manifest_.points.begin());
+  manifest_.points[0].level = Level::Full;
+  manifest_.points[0].parent.reset();
+  EXPECT_EQ(plan().level, Level::Full);
+  manifest_.points[0].merged_from = 1;
+  EXPECT_EQ(plan().level, Level::Differential);
+  EXPECT_EQ(plan().parent->id, 2u);
+}
+
 TEST_F(PlanBackup, SaysWhyItIsFull) {
   const auto why = [this](auto change) {
     const Situation kept = situation_;
@@ -180,6 +229,7 @@ TEST_F(PlanBackup, SaysWhyItIsFull) {
 
 TEST(ReasonText, EveryCodeHasASentence) {
   static constexpr const char* kCodes[] = {kWhyAsked,
+                                           kWhyWhole,
                                            kWhyFirst,
                                            kWhyChain,
                                            kWhyOtherChain,

@@ -1,0 +1,136 @@
+"""Backups around hooks, into a program, onto a server's disk; a dry run."""
+
+import os
+import subprocess
+
+import kit
+from kit import KIB, MIB
+from tool import answer, good, refused, tool
+
+GUEST = {"minutes": 3, "kernels": "installed", "disks": ["a:64M", "back:64M", "store:512M", "state:256M"],
+         "limit": 500}
+
+DEST = "/mnt/store/chain"
+NODE = "/dev/snbf/snbf0"
+SOCKET = "/tmp/nbd.sock"
+SERVER = f"nbd+unix:///?socket={SOCKET}"
+
+
+def changed():
+    return kit.marked(0, kit.INCR)
+
+
+def write(first, count):
+    """So many extents."""
+    fd = os.open(NODE, os.O_WRONLY)
+    for number in range(first, first + count):
+        os.pwrite(fd, os.urandom(64 * KIB), number * 64 * KIB)
+    os.fsync(fd)
+    os.close(fd)
+
+
+def same(path):
+    kit.run("cmp", "-n", str(64 * MIB), path, NODE)
+
+
+def whole(*words):
+    """A backup of all bytes: nothing is free on a device without a file system."""
+    return answer("backup", "data", *words)
+
+
+@kit.case
+@kit.essential
+def the_node_is_there():
+    kit.state_folder()
+    kit.state_folder("store")
+    kit.load()
+    good("attach", kit.disk("a"), "--name", "data", "--bitmaps", "/mnt/state", "--start")
+    write(0, 100)
+
+
+@kit.case
+def a_dry_run_says_what_would_be_copied_and_changes_nothing():
+    before = changed()
+    plan = answer("backup", "data", DEST, "--dry-run")
+    kit.equal((plan["level"], plan["full_because"], plan["from"], plan["to"]),
+              ("full", "no-earlier-backup", "snap", DEST), "a first one")
+    kit.equal(plan["bytes_at_most"], 64 * MIB, "how much")
+    kit.check(not os.path.exists(DEST), "no folder is made")
+    good("backup", "data", DEST)
+    write(3, 2)
+    plan = answer("backup", "data", DEST, "--dry-run")
+    kit.equal((plan["level"], plan["parent"], plan["bytes_at_most"]), ("incr", 1, 128 * KIB), "a next one")
+    kit.equal(changed(), {3, 4}, "the bitmap")
+    kit.check(before, "there was something to lose")
+
+
+@kit.case
+def hooks_run_around_the_instant_and_are_told_how_it_went():
+    log = "/tmp/hooks"
+    hook = f"echo $SNBF_HOOK $SNBF_NODE $SNBF_POINT $SNBF_OUTCOME >> {log}"
+    good("backup", "data", DEST, "--before-freeze", hook, "--after-thaw", hook)
+    with open(log, encoding="ascii") as text:
+        kit.equal(text.read(), "before-freeze data 2\nafter-thaw data 2 done\n", "the hooks")
+    os.unlink(log)
+    write(5, 1)
+    refused(1, "backup", "data", DEST, "--before-freeze", "exit 1", "--after-thaw", hook)
+    with open(log, encoding="ascii") as text:
+        kit.equal(text.read(), "after-thaw data 3 failed\n", "the second hook")
+    kit.equal(changed(), {5}, "the bitmap")
+    refused(1, "backup", "data", DEST, "--before-freeze", "sleep 1000", "--hook-limit", "1s", "--after-thaw", hook)
+    status, _, err = tool("backup", "data", DEST, "--after-thaw", "exit 9")
+    kit.equal(status, 3, "the point stands")
+    kit.check("status 9" in err, err)
+    kit.equal(changed(), set(), "the bitmap counts from it")
+
+
+@kit.case
+def a_program_is_given_the_whole_image():
+    refused(2, "backup", "data", DEST, "--pipe", "cat")
+    refused(2, "backup", "data", "--pipe", "cat", "--no-snap")
+    write(9, 1)
+    refused(1, "backup", "data", "--pipe", "head -c 1000000 > /dev/null; exit 1")
+    kit.equal(changed(), {9}, "a program that fails leaves it")
+    point = whole("--pipe", "cat > /mnt/store/piped")
+    kit.equal((point["level"], point["full_because"]), ("full", "whole-image"), "what it is")
+    same("/mnt/store/piped")
+    os.unlink("/mnt/store/piped")
+    kit.equal(changed(), {9}, "nothing can stand on what it keeps")
+    kit.equal(answer("backup", "data", DEST)["level"], "incr", "the chain goes on")
+
+
+@kit.case
+def a_servers_disk_holds_the_newest_point():
+    with open("/mnt/store/disk", "wb") as disk:
+        disk.truncate(64 * MIB)
+    server = subprocess.Popen(["qemu-nbd", "-t", "-f", "raw", "-e", "8", "-k", SOCKET, "/mnt/store/disk"])
+    try:
+        kit.wait_until(lambda: os.path.exists(SOCKET), seconds=60, what="the server")
+        kit.equal(whole(SERVER)["full_because"], "no-earlier-backup", "the first one")
+        same("/mnt/store/disk")
+        write(20, 3)
+        point = whole(SERVER)
+        kit.equal((point["level"], point["extents"]), ("incr", 3), "the next one")
+        same("/mnt/store/disk")
+        kit.equal(len(answer("backup", "data", SERVER, "--list")["points"]), 1, "points on it")
+        with open("/mnt/store/disk", "r+b") as disk:
+            disk.write(os.urandom(64 * MIB))
+        write(30, 1)
+        kit.check("not as the last backup left it" in refused(6, "backup", "data", SERVER), "it says why")
+        kit.equal(changed(), {30}, "the bitmap")
+        kit.equal(whole(SERVER, "--yes")["full_because"], "chain-broken", "asked for, it is full")
+        same("/mnt/store/disk")
+    finally:
+        server.terminate()
+        server.wait()
+    refused(1, "backup", "data", SERVER)
+
+
+@kit.case
+def the_end():
+    good("detach", "data")
+    kit.unload()
+
+
+if __name__ == "__main__":
+    kit.main()

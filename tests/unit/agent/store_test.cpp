@@ -1,0 +1,418 @@
+// SPDX-License-Identifier: GPL-2.0-only
+// Destinations that are no directories: a program's input, and a disk behind a server.
+#include "store.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "failure.h"
+#include "files.h"
+#include "image.h"
+#include "signals.h"
+#include "store_nbd.h"
+
+namespace snbf {
+namespace {
+
+constexpr uint64_t kExtent = 65536;
+constexpr uint64_t kExtents = 40;
+constexpr uint64_t kSize = kExtents * kExtent - 512;
+
+class StoreTest : public testing::Test {
+ protected:
+  StoreTest() {
+    char name[] = "/tmp/snbf-store-XXXXXX";
+    directory_ = ::mkdtemp(name);
+    std::strcpy(node_.name, "data");
+    std::strcpy(node_.uuid, "{data}");
+    std::strcpy(node_.incr_bmp_fname, (directory_ + "/snbf0.incr").c_str());
+    node_.dev_size = kSize;
+    node_.extent_size = kExtent;
+  }
+  ~StoreTest() override { std::filesystem::remove_all(directory_); }
+
+  static Extents extents(const std::vector<uint64_t>& set) {
+    Extents found(kExtents, kExtent, kSize);
+    for (uint64_t extent : set) found.set(extent);
+    return found;
+  }
+  static Extents all() {
+    Extents found = extents({});
+    found.set_all();
+    return found;
+  }
+  // A device whose extents have a byte each.
+  UniqueFd device(char first) {
+    std::string bytes;
+    for (uint64_t e = 0; e < kExtents; ++e)
+      bytes += std::string(kExtent, static_cast<char>(first + e));
+    bytes.resize(kSize);
+    contents_ = bytes;
+    replace_file(directory_ + "/device", bytes);
+    return UniqueFd(::open((directory_ + "/device").c_str(), O_RDONLY | O_CLOEXEC));
+  }
+  void copy(Store* store, const UniqueFd& from, const Extents& which) {
+    copy_extents(from.get(), which, &store->sink(), store->blank(), [](uint64_t) {});
+  }
+  std::string text_of(const std::string& file) const {
+    std::ifstream in(directory_ + "/" + file, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+
+  std::string directory_;
+  std::string contents_;
+  snbf_info node_{};
+  Plan full_{Level::Full, kWhyWhole, "", nullptr};
+};
+
+class Programs : public StoreTest {};
+
+TEST_F(Programs, AProgramReadsEverythingAndWhatIsLeftOutIsZeros) {
+  const auto store = pipe_store(node_, "cat > " + directory_ + "/kept");
+  Point point = store->open(full_);
+  copy(store.get(), device('a'), extents({1, 2, 7}));
+  store->land(&point);
+  std::string wanted(kSize, '\0');
+  for (uint64_t e : {1, 2, 7})
+    wanted.replace(e * kExtent, kExtent, contents_, e * kExtent, kExtent);
+  EXPECT_TRUE(text_of("kept") == wanted);
+}
+
+TEST_F(Programs, AProgramThatFailsMakesNoPoint) {
+  const auto store = pipe_store(node_, "cat > /dev/null; exit 7");
+  Point point = store->open(full_);
+  copy(store.get(), device('a'), extents({1}));
+  try {
+    store->land(&point);
+    FAIL() << "it must fail";
+  } catch (const Failure& failure) {
+    EXPECT_NE(std::string(failure.what()).find("status 7"), std::string::npos) << failure.what();
+  }
+}
+
+TEST_F(Programs, AProgramThatStopsReadingIsAFailureAndNotOurEnd) {
+  std::signal(SIGPIPE, SIG_IGN);  // as the tool does
+  const auto store = pipe_store(node_, "exec <&-; sleep 1000");
+  store->open(full_);
+  EXPECT_THROW(copy(store.get(), device('a'), all()), Failure);
+  store->discard();
+}
+
+TEST_F(Programs, AProgramDoesNotTakeAPartForTheWhole) {
+  const auto store = pipe_store(node_, "cat > /dev/null && touch " + directory_ + "/whole");
+  store->open(full_);
+  copy(store.get(), device('a'), extents({1}));
+  store->discard();
+  EXPECT_FALSE(std::filesystem::exists(directory_ + "/whole"));
+}
+
+TEST_F(Programs, AProgramThatHangsIsLeftWhenASignalComes) {
+  const SignalsNoted signals;
+  const auto store = pipe_store(node_, "sleep 1000");
+  store->open(full_);
+  ::raise(SIGTERM);
+  EXPECT_THROW(copy(store.get(), device('a'), all()), Failure);
+  store->discard();
+}
+
+TEST_F(Programs, AProgramThatDoesNotEndIsLeftWhenASignalComes) {
+  const SignalsNoted signals;
+  const auto store = pipe_store(node_, "cat > /dev/null; sleep 1000");
+  Point point = store->open(full_);
+  copy(store.get(), device('a'), all());
+  std::jthread end([] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    ::kill(::getpid(), SIGTERM);
+  });
+  EXPECT_THROW(store->land(&point), Failure);
+  store->discard();
+}
+
+class Directories : public StoreTest {
+ protected:
+  Directories() { std::filesystem::create_directories(folder()); }
+  std::string folder() const { return directory_ + "/chain"; }
+  Manifest manifest() const {
+    auto found = read_manifest(folder()).value_or(Manifest{});
+    found.chain = "chain";
+    return found;
+  }
+  void put(Store* store, const Plan& plan) {
+    Point point = store->open(plan);
+    copy(store, device('a'), all());
+    store->land(&point);
+    store->commit(&point, all(), extents({}));
+  }
+  void put(const Plan& plan) { put(directory_store(node_, folder(), manifest()).get(), plan); }
+  void leave(const std::string& file) { replace_file(folder() + "/" + file, "left over"); }
+  std::set<std::string> files() const {
+    std::set<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(folder())) {
+      found.insert(entry.path().filename());
+    }
+    return found;
+  }
+};
+
+TEST_F(Directories, WhatOneThatWasCutOffHasLeftGoesWithTheNext) {
+  put(full_);
+  for (const char* file : {"0002-full.qcow2.partial", "0002-diff.qcow2", "0002.skipped"})
+    leave(file);
+  const Manifest first = manifest();
+  put({Level::Incremental, "", "", first.newest()});
+  EXPECT_EQ(files(),
+            (std::set<std::string>{"0001-full.qcow2", "0002-incr.qcow2", "manifest.json"}));
+}
+
+TEST_F(Directories, OneThatFailsAtItsEndLeavesNothing) {
+  const auto store = directory_store(node_, folder(), manifest());
+  Point point = store->open(full_);
+  copy(store.get(), device('a'), all());
+  store->land(&point);
+  std::filesystem::create_directories(folder() + "/manifest.json.new/in the way");
+  EXPECT_THROW(store->commit(&point, all(), extents({5})), Failure);
+  store->discard();
+  EXPECT_EQ(files(), (std::set<std::string>{"manifest.json", "manifest.json.new"}));
+}
+
+TEST_F(Directories, AFirstOneThatWasCutOffStandsInNobodysWay) {
+  directory_store(node_, folder(), manifest())->open(full_);
+  leave("0001-full.qcow2");
+  put(full_);
+  EXPECT_EQ(manifest().points.size(), 1u);
+}
+
+TEST_F(Directories, OneThatIsNamedIsKeptWhateverFailsBehindIt) {
+  const auto store = directory_store(node_, folder(), manifest());
+  put(store.get(), full_);
+  store->discard();
+  EXPECT_TRUE(files().contains("0001-full.qcow2"));
+}
+
+TEST_F(Directories, ImagesWhoseManifestIsLostAreNotOverwritten) {
+  put(full_);
+  std::filesystem::remove(folder() + "/manifest.json");
+  const auto store = directory_store(node_, folder(), manifest());
+  EXPECT_THROW(store->open(full_), Failure);
+  store->discard();
+  EXPECT_TRUE(files().contains("0001-full.qcow2"));
+}
+
+class Servers : public StoreTest {
+ protected:
+  Servers() { folder_ = nbd_folder(node_, uri()); }
+  ~Servers() override { stop(); }
+
+  std::string uri() const { return "nbd+unix:///?socket=" + directory_ + "/sock"; }
+  void serve(const std::vector<std::string>& command) {
+    server_ = ::fork();
+    if (server_ == 0) {
+      std::vector<char*> argv;
+      for (const std::string& word : command) argv.push_back(const_cast<char*>(word.c_str()));
+      argv.push_back(nullptr);
+      ::execvp(argv[0], argv.data());
+      ::_exit(127);
+    }
+    for (int tries = 0; tries < 3000; ++tries) {
+      if (std::filesystem::exists(directory_ + "/sock")) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    FAIL() << command[0] << " does not come up";
+  }
+  void serve_disk(uint64_t size, const std::string& contents = "") {
+    std::string bytes = contents;
+    bytes.resize(size);
+    replace_file(directory_ + "/disk", bytes);
+    serve({"qemu-nbd", "-t", "-f", "raw", "-e", "8", "-k", directory_ + "/sock",
+           directory_ + "/disk"});
+  }
+  void stop() {
+    if (server_ > 0) {
+      ::kill(server_, SIGTERM);
+      ::waitpid(server_, nullptr, 0);
+    }
+    server_ = -1;
+    std::filesystem::remove(directory_ + "/sock");
+  }
+  std::optional<Manifest> manifest() const { return read_manifest(folder_); }
+  NbdLook look(const Extents& changed) const {
+    const auto known = manifest();
+    return look_at_nbd(uri(), changed, known ? &*known : nullptr);
+  }
+
+  void put_point(const Plan& plan, const UniqueFd& from, const Extents& copied,
+                 const Extents& skipped, bool whole = true) {
+    std::filesystem::create_directories(folder_);
+    Manifest begun = manifest().value_or(Manifest{});
+    begun.chain = "chain";
+    const auto store = nbd_store(node_, uri(), folder_, begun);
+    Point point = store->open(plan);
+    zero_extents(skipped, &store->sink());
+    copy(store.get(), from, copied);
+    if (!whole) return store->discard();
+    store->land(&point);
+    store->commit(&point, copied, skipped);
+  }
+  void put_full() {
+    Extents copied = all();
+    copied.subtract(extents({5, 6}));
+    put_point(full_, device('a'), copied, extents({5, 6}));
+  }
+
+  std::string folder_;
+  pid_t server_ = -1;
+};
+
+TEST_F(Servers, AFullPointIsOnTheDiskAndTheNextOneStandsOnIt) {
+  serve_disk(kSize + 4096, std::string(kSize, 'x'));
+  EXPECT_FALSE(look(extents({})).blank);
+  put_full();
+  std::string wanted = contents_;
+  wanted.replace(5 * kExtent, 2 * kExtent, std::string(2 * kExtent, '\0'));
+  EXPECT_TRUE(text_of("disk").substr(0, kSize) == wanted);
+  ASSERT_TRUE(manifest());
+  EXPECT_EQ(manifest()->unfinished, "");
+  EXPECT_EQ(manifest()->points.at(0).skipped_extents, 2u);
+  EXPECT_EQ(look(extents({})).damage, "");
+
+  const Manifest first = *manifest();
+  put_point({Level::Incremental, "", "", first.newest()}, device('A'), extents({3}), extents({}));
+  wanted.replace(3 * kExtent, kExtent, contents_, 3 * kExtent, kExtent);
+  EXPECT_TRUE(text_of("disk").substr(0, kSize) == wanted) << "nothing but what changed";
+  EXPECT_EQ(manifest()->points.size(), 1u);
+  EXPECT_EQ(manifest()->newest()->id, 2u);
+  EXPECT_EQ(look(extents({})).damage, "");
+}
+
+TEST_F(Servers, ATargetThatIsAnotherOneByNowIsNoticed) {
+  serve_disk(kSize);
+  EXPECT_TRUE(look(extents({})).blank);
+  put_full();
+  stop();
+  serve_disk(kSize);
+  EXPECT_NE(look(extents({})).damage, "") << "an empty disk";
+  EXPECT_TRUE(look(extents({})).blank);
+}
+
+TEST_F(Servers, AnOlderStateOfTheTargetIsNoticed) {
+  serve_disk(kSize);
+  put_full();
+  const std::string before = text_of("disk");
+  const Manifest first = *manifest();
+  put_point({Level::Incremental, "", "", first.newest()}, device('A'), extents({3}), extents({}));
+  stop();
+  serve_disk(kSize, before);
+  EXPECT_NE(look(extents({})).damage, "");
+  EXPECT_FALSE(look(extents({})).cut_off);
+}
+
+TEST_F(Servers, AfterAnIncrementThatWasCutOffOnlyWhatIsNotChangedIsLookedAt) {
+  serve_disk(kSize);
+  put_full();
+  const Manifest first = *manifest();
+  put_point({Level::Incremental, "", "", first.newest()}, device('A'), extents({3}), extents({}),
+            false);
+  EXPECT_EQ(manifest()->unfinished, "incr");
+  EXPECT_EQ(manifest()->newest()->id, 1u);
+  EXPECT_EQ(look(extents({3})).damage, "") << "its changes are marked again";
+}
+
+TEST_F(Servers, AFullOneThatWasCutOffHasToBeDoneAgain) {
+  serve_disk(kSize);
+  put_full();
+  put_point(full_, device('A'), extents({3}), extents({}), false);
+  EXPECT_TRUE(look(extents({3})).cut_off);
+  EXPECT_NE(look(extents({3})).damage, "");
+}
+
+TEST_F(Servers, OneThatSomebodyWroteToIsNoticedThoughThePartitionHasGrown) {
+  serve_disk(2 * kSize);
+  put_full();
+  const Extents grown(kExtents + 1, kExtent, kSize + kExtent);
+  EXPECT_EQ(look(grown).damage, "");
+  stop();
+  serve_disk(2 * kSize, std::string(kSize, 'x'));
+  EXPECT_NE(look(grown).damage, "");
+}
+
+TEST_F(Servers, OneThatHangsIsLeftWhenASignalComes) {
+  serve_disk(kSize);
+  std::filesystem::create_directories(folder_);
+  const SignalsNoted signals;
+  Manifest begun;
+  begun.chain = "chain";
+  const auto store = nbd_store(node_, uri(), folder_, begun);
+  Point point = store->open(full_);
+  ::kill(server_, SIGSTOP);
+  ::raise(SIGTERM);
+  copy(store.get(), device('a'), all());  // it all has room in the buffers
+  EXPECT_THROW(store->land(&point), Failure);
+  ::kill(server_, SIGCONT);
+}
+
+TEST_F(Servers, OneThatDiesIsAFailure) {
+  serve_disk(kSize);
+  std::filesystem::create_directories(folder_);
+  Manifest begun;
+  begun.chain = "chain";
+  const auto store = nbd_store(node_, uri(), folder_, begun);
+  Point point = store->open(full_);
+  stop();
+  EXPECT_THROW(
+      {
+        copy(store.get(), device('a'), all());
+        store->land(&point);
+      },
+      Failure);
+}
+
+TEST_F(Servers, ASmallOneIsRefused) {
+  serve_disk(kSize - 4096);
+  EXPECT_THROW(look(extents({})), Failure);
+}
+
+TEST_F(Servers, OneThatCanOnlyBeReadIsRefused) {
+  replace_file(directory_ + "/disk", std::string(kSize, '\0'));
+  serve({"qemu-nbd", "-t", "-r", "-f", "raw", "-k", directory_ + "/sock", directory_ + "/disk"});
+  EXPECT_THROW(look(extents({})), Failure);
+}
+
+TEST_F(Servers, OneThatCannotWriteZerosIsGivenThem) {
+  replace_file(directory_ + "/disk", std::string(kSize, 'x'));
+  serve({"nbdkit", "-f", "-U", directory_ + "/sock", "--filter=nozero", "file",
+         directory_ + "/disk"});
+  put_full();
+  EXPECT_TRUE(text_of("disk").substr(5 * kExtent, 2 * kExtent) == std::string(2 * kExtent, '\0'));
+}
+
+TEST_F(Servers, NoServerIsAFailureThatSaysSo) {
+  try {
+    look(extents({}));
+    FAIL() << "there is none";
+  } catch (const Failure& failure) {
+    EXPECT_NE(std::string(failure.what()).find(uri()), std::string::npos);
+  }
+}
+
+TEST(NbdUri, IsToldFromADirectory) {
+  EXPECT_TRUE(is_nbd_uri("nbd://localhost/disk"));
+  EXPECT_TRUE(is_nbd_uri("nbd+unix:///disk?socket=/run/s"));
+  EXPECT_FALSE(is_nbd_uri("/backups/nbd"));
+  EXPECT_FALSE(is_nbd_uri("nbd"));
+}
+
+}  // namespace
+}  // namespace snbf
