@@ -46,6 +46,7 @@ void add_status(CLI::App& app, Chosen& chosen);
 void add_changes(CLI::App& app, Chosen& chosen);
 void add_bitmap(CLI::App& app, Chosen& chosen);
 void add_backup(CLI::App& app, Chosen& chosen);
+void add_prune(CLI::App& app, Chosen& chosen);
 void add_restore(CLI::App& app, Chosen& chosen);
 void add_verify(CLI::App& app, Chosen& chosen);
 void add_snap(CLI::App& app, Chosen& chosen);

@@ -25,6 +25,7 @@ constexpr Command kCommands[] = {
     {"umount", add_umount},
     {"export", add_export},
     {"backup", add_backup},
+    {"prune", add_prune},
     {"restore", add_restore},
     {"verify", add_verify},
     {"doctor", add_doctor},

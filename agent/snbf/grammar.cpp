@@ -47,6 +47,10 @@ constexpr Meaning kMeanings[] = {
     {"pipe", "COMMAND", ValueKind::Any},
     {"before-freeze", "COMMAND", ValueKind::Any},
     {"after-thaw", "COMMAND", ValueKind::Any},
+    {"keep-last", "N", ValueKind::Number},
+    {"keep-daily", "N", ValueKind::Number},
+    {"keep-weekly", "N", ValueKind::Number},
+    {"keep-monthly", "N", ValueKind::Number},
     {"minor", "N", ValueKind::Number},
     {"name", "NAME", ValueKind::Any},
 };

@@ -1,4 +1,4 @@
-"""Backups around hooks, into a program, onto a server's disk; a dry run."""
+"""Backups around hooks, into a program, onto a server's disk; a chain that is pruned; a dry run."""
 
 import os
 import subprocess
@@ -124,6 +124,30 @@ def a_servers_disk_holds_the_newest_point():
         server.terminate()
         server.wait()
     refused(1, "backup", "data", SERVER)
+
+
+@kit.case
+def pruned_points_restore_as_before():
+    good("backup", "data", DEST, "--level", "full")
+    for turn in range(5):
+        write(40 + turn, 4)
+        good("backup", "data", DEST)
+    points = [point["point"] for point in answer("verify", DEST)["points"]]
+    good("restore", f"{DEST}@{points[-3]}", "/mnt/store/before")
+    kit.check("nothing was changed" in tool("prune", DEST, "--keep-last", "3", "--dry-run")[2], "a dry run")
+    kit.equal([point["point"] for point in answer("verify", DEST)["points"]], points, "it changes nothing")
+    refused(2, "prune", DEST)
+    kept = answer("prune", DEST, "--keep-last", "3")["points"]
+    kit.equal(kept, points[-3:], "what is left")
+    kit.check(answer("verify", DEST, "--deep")["sound"], "it is sound")
+    good("restore", f"{DEST}@{points[-3]}", "/mnt/store/after")
+    kit.run("cmp", "/mnt/store/before", "/mnt/store/after")
+    good("restore", DEST, kit.disk("back"), "--yes")
+    same(kit.disk("back"))
+    write(50, 1)
+    kit.equal(answer("backup", "data", DEST)["level"], "incr", "the chain goes on")
+    kit.equal(answer("backup", "data", DEST, "--level", "diff")["level"], "diff",
+              "also from the full point that others were merged into")
 
 
 @kit.case
