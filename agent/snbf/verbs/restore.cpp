@@ -48,7 +48,9 @@ struct Job {
 };
 
 Job check(const Options& options) {
-  auto [chosen, lock] = hold_point(options.source);
+  // The lock is a file: a rehearsal makes none.
+  auto [chosen, lock] =
+      options.dry_run ? HeldPoint{choose_point(options.source), {}} : hold_point(options.source);
   Job job{std::move(chosen), {}, 0, std::move(lock)};
   const Manifest& manifest = job.chosen.manifest;
   const Point& point = job.chosen.point;
