@@ -4,6 +4,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -217,6 +219,14 @@ class Servers : public StoreTest {
   ~Servers() override { stop(); }
 
   std::string uri() const { return "nbd+unix:///?socket=" + directory_ + "/sock"; }
+  // The socket's file is there before anybody listens.
+  bool answers() const {
+    const UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, (directory_ + "/sock").c_str());
+    return ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  }
   void serve(const std::vector<std::string>& command) {
     server_ = ::fork();
     if (server_ == 0) {
@@ -227,7 +237,7 @@ class Servers : public StoreTest {
       ::_exit(127);
     }
     for (int tries = 0; tries < 3000; ++tries) {
-      if (std::filesystem::exists(directory_ + "/sock")) return;
+      if (answers()) return;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     FAIL() << command[0] << " does not come up";
