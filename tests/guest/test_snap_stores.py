@@ -12,7 +12,7 @@ import kit
 import mapper
 from kit import KIB, MIB
 
-GUEST = {"minutes": 4, "disks": ["raw:24M", "store:64M", "small:12M", "state:64M"], "limit": 300,
+GUEST = {"kernels": "installed", "minutes": 4, "disks": ["raw:24M", "store:64M", "small:12M", "state:64M"], "limit": 300,
          # What ext4 says when the disk below it is made to fail.
          "allow": ["Buffer I/O error on dev", r"EXT4-fs error \(device dm-", r"EXT4-fs \(dm-\d+\): error"]}
 

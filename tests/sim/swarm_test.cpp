@@ -41,7 +41,7 @@ TEST(Swarm, EverySeedKeepsEveryPromise) {
   }
   u64 steps = 0;
   int runs = 0, cuts = 0;
-  sim::for_seeds(300, [&](u64 seed) {
+  sim::for_seeds(120, [&](u64 seed) {
     const Plan plan = plan_of_seed(seed);
     SCOPED_TRACE("SNBF_PLAN=\"" + to_text(plan) + "\"");
     const Outcome outcome = run_plan(plan);
