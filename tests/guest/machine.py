@@ -113,9 +113,7 @@ def debs():
     return sorted(glob.glob(os.path.join(PACKAGES, "*.deb")))
 
 
-# What was there before lies in /root, for whoever asks what a purge has left behind.
-INSTALL = """find / -xdev -path /proc -prune -o -print > /root/before
-apt-get -q -y --no-install-recommends install /run/packages/*.deb"""
+INSTALL = "apt-get -q -y --no-install-recommends install /run/packages/*.deb"
 
 
 def installed():
