@@ -131,7 +131,7 @@ SIM_TEST_SEEDS(Snapshot, ReadsAndWritesRaceForFewChunks, 100) {
 }
 
 // The first snap of a node starts among writes that are passed on in place, one upon the other.
-SIM_TEST_SEEDS(Snapshot, TheFirstStartsAmongWritesPassedOnInPlace, 40) {
+SIM_TEST_SEEDS(Snapshot, TheFirstStartsAmongWritesPassedOnInPlace, 16) {
   SnapSetup setup;
   setup.bytes = 32 << 10;
   setup.latency_max_us = 20 + static_cast<u32>(sim.random(40));
