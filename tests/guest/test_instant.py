@@ -87,6 +87,8 @@ def it_is_used_while_it_is_copied():
     kit.check(done < every, f"{done} of {every} regions are copied")
     restore.end(signal.SIGTERM)
     kit.check(os.path.exists(SHOP), "it goes on without the tool")
+    good(*RESTORE, "--dry-run")
+    kit.check("mirror" in kit.run("dmsetup", "table", "shop"), "a rehearsal ends nothing")
     put("second")
 
 

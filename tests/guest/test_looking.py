@@ -14,21 +14,13 @@ import xml.dom.minidom
 
 import kit
 from kit import KIB, MIB
-from tool import TOOL, answer, good, refused
+from tool import TOOL, answer, good, refused, write
 
 LONG = "a-node-whose-name-is-as-long-as-the-names-that-people-give-to-their-home-directories"
 GUEST = {"minutes": 2, "kernels": "installed", "disks": ["a:64M", "b:16M", "state:96M"], "limit": 400}
 NODE = "/dev/snbf/snbf0"
 WORK = "/mnt/work"
 STATE = "/mnt/state"
-
-
-def write(device, first, count, unit=64 * KIB):
-    fd = os.open(device, os.O_WRONLY)
-    for number in range(first, first + count):
-        os.pwrite(fd, os.urandom(unit), number * unit)
-    os.fsync(fd)
-    os.close(fd)
 
 
 def samples():

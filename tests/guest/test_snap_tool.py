@@ -13,7 +13,7 @@ import threading
 
 import kit
 from kit import KIB, MIB
-from tool import TOOL, answer, good, refused, tool, tree_of
+from tool import TOOL, answer, good, refused, tool, tree_of, write
 
 GUEST = {"minutes": 12, "kernels": "installed", "disks": ["a:64M", "x:320M", "k:8M", "r:16M", "back:64M", "store:512M", "state:256M", "small:16M"],
          "limit": 1500, "boots": ["main", "again!", "after"],
@@ -54,14 +54,6 @@ def hash_of(device):
     finally:
         os.close(fd)
     return found.hexdigest()
-
-
-def write(device, first, count, unit=64 * KIB):
-    fd = os.open(device, os.O_WRONLY)
-    for number in range(first, first + count):
-        os.pwrite(fd, os.urandom(unit), number * unit)
-    os.fsync(fd)
-    os.close(fd)
 
 
 @kit.case(boot="main")

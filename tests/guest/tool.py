@@ -37,6 +37,15 @@ def refused(wanted, *words):
     return out + err
 
 
+def write(device, first, count, unit=64 * kit.KIB):
+    """Random bytes, synced, in `count` units from that one on."""
+    fd = os.open(device, os.O_WRONLY)
+    for number in range(first, first + count):
+        os.pwrite(fd, os.urandom(unit), number * unit)
+    os.fsync(fd)
+    os.close(fd)
+
+
 def a_backed_up_node(dest):
     """The driver, the node "data" over the disk a with one full backup in `dest`, and its snap "monday"."""
     kit.state_folder()

@@ -211,7 +211,9 @@ int restore_instantly(const Options& options) {
     job.data_bytes = data_bytes_of(job.image());
   } else {
     job = check(options);
-    if (options.dry_run) return rehearse(job, options);
+  }
+  if (options.dry_run) return rehearse(job, options);
+  if (!instant.is_running()) {
     job.target.claim.reset();  // to be the mirror's
     instant.begin();
     if (instant.is_left_over()) note("what was written to it since is still there");
