@@ -177,6 +177,16 @@ def traces():
 def a_purge_leaves_nothing_behind():
     PAPER.tell("And away with it")
     run("umount", MOUNT)
+    run("snbf", "attach", DISK, "--name", "data", "--start")
+    run("udevadm", "settle")
+    print(run(*DPKG, "--remove", "libsnbf-dev", "snbf"))
+    equal(kit.minors(), [], "a node that nobody uses goes with the tool")
+    records = f"{FOLDER}/snbf7.nbd-0123456789abcdef"
+    os.makedirs(records)
+    for path in (f"{records}/manifest.json", f"{records}/0001.skipped", f"{records}/.lock", f"{FOLDER}/shop.instant.qcow2",
+                 f"{FOLDER}/shop.instant.whole"):
+        with open(path, "wb") as out:
+            out.write(b"x")
     print(run(*DPKG, "--purge", *PACKAGES))
     check(not kit.loaded(), "the driver is loaded")
     check("snbf" not in run("dkms", "status"), run("dkms", "status"))
