@@ -4,6 +4,7 @@
 
 #include <generated/utsrelease.h>
 #include <linux/bug.h>
+#include <linux/kcsan-checks.h>
 #include <linux/kernel.h>
 #include <linux/printk.h>
 #include <linux/string.h>
@@ -30,6 +31,10 @@ int snbf_plat_snprintf(char* to, plat_size bytes, const char* format, ...) {
   va_end(arguments);
   return length;
 }
+
+void snbf_plat_races_begin(void) { kcsan_disable_current(); }
+
+void snbf_plat_races_end(void) { kcsan_enable_current(); }
 
 void snbf_plat_bug(const char* file, int line, const char* what) {
   pr_emerg("snbf: %s:%d: %s\n", file, line, what);

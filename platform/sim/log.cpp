@@ -78,6 +78,10 @@ int snbf_plat_snprintf(char* to, plat_size bytes, const char* format, ...) {
   return length;
 }
 
+// One fiber runs at a time.
+void snbf_plat_races_begin() {}
+void snbf_plat_races_end() {}
+
 void snbf_plat_bug(const char* file, int line, const char* what) {
   snbf::sim::Kernel* k = snbf::sim::kernel_or_null();
   if (k != nullptr && k->current != nullptr) k->fatal("BUG at %s:%d: %s", file, line, what);

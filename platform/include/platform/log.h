@@ -15,6 +15,10 @@ void snbf_plat_print(const char* line);
 int snbf_plat_vsnprintf(char* to, plat_size bytes, const char* format, va_list arguments);
 int snbf_plat_snprintf(char* to, plat_size bytes, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
+/* Between the two calls the caller and others may write the same memory at once, and nobody minds what comes of it: a
+ * kernel that looks for data races does not report those. They nest. */
+void snbf_plat_races_begin(void);
+void snbf_plat_races_end(void);
 /* Stops the kernel: a programming error. */
 __attribute__((noreturn)) void snbf_plat_bug(const char* file, int line, const char* what);
 /* The release that this module was built for, and when. */
