@@ -54,9 +54,8 @@ Plan plan_for_program(std::optional<Level> asked) {
 }
 
 // Nothing of what the disk holds is overwritten unasked, but for what a backup put there.
-void check_overwrite(const std::string& uri, const Plan& plan, const NbdLook& look, bool known) {
-  const bool ours = known && (look.damage.empty() || look.cut_off);
-  if (plan.level != Level::Full || look.blank || ours) return;
+void check_overwrite(const std::string& uri, const Plan& plan, const NbdLook& look) {
+  if (plan.level != Level::Full || look.blank || look.ours) return;
   throw Failure(kUnsafe,
                 fmt::format("{} holds data that is not from the last backup of this node{}", uri,
                             look.damage.empty() ? "" : ": " + look.damage),
@@ -71,7 +70,7 @@ Plan plan_for_server(const Driver& driver, const snbf_info& node, const std::str
   const NbdLook look = look_at_nbd(uri, driver.get(node, SNBF_BMP_INCR), situation.manifest);
   situation.damage_newest = look.damage;
   const Plan plan = plan_backup(situation);
-  if (!overwrite) check_overwrite(uri, plan, look, situation.manifest != nullptr);
+  if (!overwrite) check_overwrite(uri, plan, look);
   return plan;
 }
 

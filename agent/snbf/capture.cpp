@@ -113,9 +113,9 @@ class Capture {
 
   void copy(int source_fd, const Extents& which, bool leave_zeros, const char* label) {
     Progress progress(label, which.covered_bytes());
-    const auto on_read = [&progress](uint64_t bytes) {
+    const auto on_read = [&](uint64_t bytes) {
       progress.add(bytes);
-      end_if_interrupted();
+      end_if_interrupted(store_.left_behind());
     };
     point_.data_bytes +=
         copy_extents(source_fd, which, &store_.sink(), leave_zeros, on_read).written_bytes;
@@ -160,9 +160,8 @@ class Capture {
   Failure snap_lost(const std::exception& error) const {
     return {
         kSnapLost,
-        fmt::format("the snap was lost while it was copied ({}): nothing was kept, and the bitmap "
-                    "is as it was",
-                    error.what()),
+        fmt::format("the snap was lost while it was copied ({}): {}, and the bitmap is as it was",
+                    error.what(), store_.left_behind()),
         fmt::format("{} free in {}: make room there, or name another directory with --cow",
                     show_size(free_bytes_in(options_.cow_dir)), options_.cow_dir)};
   }

@@ -12,6 +12,7 @@
 
 namespace snbf {
 
+inline constexpr const char* kNothingKept = "nothing was kept";
 inline constexpr const char* kWhyWhole = "whole-image";  // of reasons.h: why it is full
 
 // Order: open(), before anything is taken; copies into sink(); land(); commit(). discard() in place
@@ -41,6 +42,8 @@ class Store {
   // From here the point is one.
   virtual void commit(Point* point, const Extents& copied, const Extents& skipped) = 0;
   virtual void discard() noexcept = 0;
+  // What an end before the commit leaves at the destination, as part of a sentence.
+  virtual std::string left_behind() const { return kNothingKept; }
 };
 
 // A directory with a chain of qcow2 images; `manifest` is what it has now. The caller holds the
@@ -51,8 +54,8 @@ std::unique_ptr<Store> directory_store(const snbf_info& node, const std::string&
 // A program that reads the whole image from its input.
 std::unique_ptr<Store> pipe_store(const snbf_info& node, const std::string& command);
 
-// Throws Failure once a signal is noted.
-void end_if_interrupted();
+// Throws Failure once a signal is noted. `left`: see Store::left_behind().
+void end_if_interrupted(const std::string& left = kNothingKept);
 
 // What every manifest says of its node.
 void describe_node(const snbf_info& node, Manifest* manifest);

@@ -4,9 +4,11 @@
 // What the server cannot keep for us lies beside the node's bitmaps: a manifest with the newest
 // point, and samples of what was read back from the target when that point was complete. A target
 // that is another one by now, or that somebody wrote to, does not fit them: nothing is built on it.
-// A copy that was cut off leaves the target half old and half new, and the manifest says so before
-// the first byte is written. What it had changed is still marked, or marked again, so the next
-// increment makes the target whole; only a full one that was cut off has to be a full one again.
+// A copy that was cut off leaves the target half old and half new, and the manifest says so right
+// before the first byte is written: not earlier, or a backup that ended in its hook would claim a
+// disk that it has never touched. What a copy had changed is still marked, or marked again, so the
+// next increment makes the target whole; only a full one that was cut off has to be a full one
+// again. If it was the first, nothing tells what it has written from what others have.
 #define XXH_INLINE_ALL
 #include "store_nbd.h"
 
@@ -79,16 +81,14 @@ class NbdStore : public Store {
     // The parent is not kept: its bytes become those of this point.
     if (plan.parent) parent_skipped_ = load_skipped(manifest_, *plan.parent, folder_);
     cut_off_before_ = !manifest_.unfinished.empty();
-    Manifest begun = manifest_;
-    describe_node(node_, &begun);
-    begun.target = uri_;
-    // A full one that was cut off stays so, whatever follows it, until one is complete.
-    if (begun.unfinished != "full") begun.unfinished = level_name(plan.level);
-    replace_file(manifest_path(folder_), to_json_text(begun));
+    level_ = plan.level;
     return point;
   }
 
-  Sink& sink() override { return image_; }
+  Sink& sink() override {
+    if (!begun_) begin_overwriting();
+    return image_;
+  }
   bool blank() const override { return false; }
   const Extents* parent_skipped() const override {
     return parent_skipped_ ? &*parent_skipped_ : nullptr;
@@ -119,8 +119,22 @@ class NbdStore : public Store {
   }
 
   void discard() noexcept override {}
+  std::string left_behind() const override {
+    if (!begun_) return Store::left_behind();
+    return "the server's disk is half old and half new until a backup onto it is complete";
+  }
 
  private:
+  void begin_overwriting() {
+    Manifest begun = manifest_;
+    describe_node(node_, &begun);
+    begun.target = uri_;
+    // A full one that was cut off stays so, whatever follows it, until one is complete.
+    if (begun.unfinished != "full") begun.unfinished = level_name(level_);
+    replace_file(manifest_path(folder_), to_json_text(begun));
+    begun_ = true;
+  }
+
   std::vector<Sample> take_samples(const Extents& copied, const Extents& skipped) {
     std::vector<uint64_t> chosen;
     Extents held = copied;
@@ -143,6 +157,8 @@ class NbdStore : public Store {
   Manifest manifest_;
   ImageWriter image_;
   std::optional<Extents> parent_skipped_;
+  Level level_ = Level::Full;
+  bool begun_ = false;  // the manifest says so
   bool cut_off_before_ = false;
 };
 
@@ -183,8 +199,7 @@ bool is_nbd_uri(const std::string& text) {
 }
 
 std::string nbd_folder(const snbf_info& node, const std::string& uri) {
-  return fmt::format("{}/snbf{}.nbd-{}", bmp_dir_of(node), node.minor,
-                     hash_of(uri.data(), uri.size()));
+  return fmt::format("{}/{}.nbd-{}", bmp_dir_of(node), node.name, hash_of(uri.data(), uri.size()));
 }
 
 NbdLook look_at_nbd(const std::string& uri, const Extents& changed, const Manifest* manifest) {
@@ -197,13 +212,12 @@ NbdLook look_at_nbd(const std::string& uri, const Extents& changed, const Manife
         "serve a disk that is at least as large");
   }
   look.blank = looks_blank(&image, changed);
-  if (!manifest || manifest->points.empty()) return look;
-  if (manifest->unfinished == "full") {
-    look.damage = "a full backup onto it was cut off";
-    look.cut_off = true;
-    return look;
-  }
-  look.damage = sample_damage(&image, *manifest, changed);
+  if (!manifest) return look;
+  const bool full_cut_off = manifest->unfinished == "full";
+  if (full_cut_off) look.damage = "a full backup onto it was cut off";
+  if (manifest->points.empty()) return look;
+  if (!full_cut_off) look.damage = sample_damage(&image, *manifest, changed);
+  look.ours = full_cut_off || look.damage.empty();
   return look;
 }
 

@@ -11,13 +11,13 @@ namespace snbf {
 
 bool is_nbd_uri(const std::string& text);
 
-// Where its manifest lies, beside the node's bitmaps.
+// Where its manifest lies, beside the node's bitmaps; by the node's name, which outlives its minor.
 std::string nbd_folder(const snbf_info& node, const std::string& uri);
 
 struct NbdLook {
-  bool blank = false;    // zeros, wherever it was looked at
-  bool cut_off = false;  // `damage` is our own doing
-  std::string damage;    // why no increment can stand on it: a sentence, or empty
+  bool blank = false;  // zeros, wherever it was looked at
+  bool ours = false;   // what it holds is the last point, or what we have made of that since
+  std::string damage;  // why no increment can stand on it: a sentence, or empty
 };
 // What the target holds. `changed` is what the bitmap has now. Throws if it is too small.
 // `manifest`: null if there is none.

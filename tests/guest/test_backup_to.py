@@ -1,6 +1,7 @@
 """Backups around hooks, into a program, onto a server's disk; a chain that is pruned; a dry run."""
 
 import os
+import socket
 import subprocess
 
 import kit
@@ -27,6 +28,12 @@ def write(first, count):
         os.pwrite(fd, os.urandom(64 * KIB), number * 64 * KIB)
     os.fsync(fd)
     os.close(fd)
+
+
+def listens():
+    """The socket's file is there before anybody listens."""
+    with socket.socket(socket.AF_UNIX) as client:
+        return client.connect_ex(SOCKET) == 0
 
 
 def same(path):
@@ -105,7 +112,15 @@ def a_servers_disk_holds_the_newest_point():
         disk.truncate(64 * MIB)
     server = subprocess.Popen(["qemu-nbd", "-t", "-f", "raw", "-e", "8", "-k", SOCKET, "/mnt/store/disk"])
     try:
-        kit.wait_until(lambda: os.path.exists(SOCKET), seconds=60, what="the server")
+        kit.wait_until(listens, seconds=60, what="the server")
+        refused(1, "backup", "data", SERVER, "--before-freeze", "exit 1")
+        with open("/mnt/store/disk", "r+b") as disk:
+            disk.write(b"somebody's")
+        refused(6, "backup", "data", SERVER)
+        with open("/mnt/store/disk", "r+b") as disk:
+            kit.equal(disk.read(10), b"somebody's", "what the disk was given to before any byte of ours")
+            disk.seek(0)
+            disk.write(bytes(10))
         kit.equal(whole(SERVER)["full_because"], "no-earlier-backup", "the first one")
         same("/mnt/store/disk")
         write(20, 3)

@@ -181,7 +181,7 @@ def a_purge_leaves_nothing_behind():
     run("udevadm", "settle")
     print(run(*DPKG, "--remove", "libsnbf-dev", "snbf"))
     equal(kit.minors(), [], "a node that nobody uses goes with the tool")
-    records = f"{FOLDER}/snbf7.nbd-0123456789abcdef"
+    records = f"{FOLDER}/data.nbd-0123456789abcdef"
     os.makedirs(records)
     for path in (f"{records}/manifest.json", f"{records}/0001.skipped", f"{records}/.lock", f"{FOLDER}/shop.instant.qcow2",
                  f"{FOLDER}/shop.instant.whole"):

@@ -326,7 +326,7 @@ TEST_F(Servers, AnOlderStateOfTheTargetIsNoticed) {
   stop();
   serve_disk(kSize, before);
   EXPECT_NE(look(extents({})).damage, "");
-  EXPECT_FALSE(look(extents({})).cut_off);
+  EXPECT_FALSE(look(extents({})).ours);
 }
 
 TEST_F(Servers, AfterAnIncrementThatWasCutOffOnlyWhatIsNotChangedIsLookedAt) {
@@ -344,8 +344,58 @@ TEST_F(Servers, AFullOneThatWasCutOffHasToBeDoneAgain) {
   serve_disk(kSize);
   put_full();
   put_point(full_, device('A'), extents({3}), extents({}), false);
-  EXPECT_TRUE(look(extents({3})).cut_off);
+  EXPECT_TRUE(look(extents({3})).ours);
   EXPECT_NE(look(extents({3})).damage, "");
+}
+
+TEST_F(Servers, OneThatNothingWasWrittenToIsNotClaimed) {
+  serve_disk(kSize);
+  std::filesystem::create_directories(folder_);
+  Manifest begun;
+  begun.chain = "chain";
+  nbd_store(node_, uri(), folder_, begun)->open(full_);  // and then a hook fails
+  EXPECT_FALSE(manifest());
+  EXPECT_FALSE(look(extents({})).ours);
+
+  put_full();
+  const auto store = nbd_store(node_, uri(), folder_, *manifest());
+  store->open(full_);
+  EXPECT_EQ(store->left_behind(), kNothingKept);
+  EXPECT_EQ(manifest()->unfinished, "");
+  EXPECT_EQ(look(extents({})).damage, "") << "it is as the last point left it";
+}
+
+TEST_F(Servers, AfterAFirstOneThatWasCutOffNobodyKnowsWhoseTheBytesAre) {
+  serve_disk(kSize);
+  put_point(full_, device('A'), extents({3}), extents({}), false);
+  EXPECT_EQ(manifest()->unfinished, "full");
+  EXPECT_FALSE(look(extents({})).ours);
+  EXPECT_NE(look(extents({})).damage, "");
+}
+
+TEST_F(Servers, OneThatIsCutOffIsNotAsItWas) {
+  serve_disk(kSize);
+  std::filesystem::create_directories(folder_);
+  Manifest begun;
+  begun.chain = "chain";
+  const auto store = nbd_store(node_, uri(), folder_, begun);
+  store->open(full_);
+  store->sink();
+  EXPECT_NE(store->left_behind(), kNothingKept);
+  const SignalsNoted signals;
+  ::raise(SIGTERM);
+  try {
+    end_if_interrupted(store->left_behind());
+    FAIL() << "it was interrupted";
+  } catch (const Failure& failure) {
+    EXPECT_NE(std::string(failure.what()).find("half new"), std::string::npos) << failure.what();
+  }
+}
+
+TEST_F(Servers, ANodeWithAnotherMinorFindsItsServerAgain) {
+  snbf_info later = node_;
+  later.minor = 7;
+  EXPECT_EQ(nbd_folder(later, uri()), folder_);
 }
 
 TEST_F(Servers, OneThatSomebodyWroteToIsNoticedThoughThePartitionHasGrown) {
