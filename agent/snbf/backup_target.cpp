@@ -6,7 +6,9 @@
 #include <filesystem>
 #include <fstream>
 
+#include "boot_files.h"
 #include "failure.h"
+#include "private_folder.h"
 #include "skipped.h"
 #include "store_nbd.h"
 
@@ -23,6 +25,15 @@ std::string new_chain_name() {
   std::string text;
   if (!std::getline(file, text)) throw Failure(kFailed, "the kernel gives no random name");
   return text;
+}
+
+// Below a mount point whose file system is missing it would fill the disk that holds that folder.
+void check_mounted(const std::string& directory) {
+  const std::string mount = missing_mount_of(fs::weakly_canonical(directory));
+  if (mount.empty()) return;
+  throw Failure(kUnsafe,
+                fmt::format("{} is not mounted: {} would go onto another disk", mount, directory),
+                fmt::format("`mount {}`, or choose another destination", mount));
 }
 
 // Why nothing can stand on this point.
@@ -89,14 +100,18 @@ BackupTarget backup_target(const Driver& driver, const snbf_info& node,
                   fmt::format("{} lies on the partition that is to be backed up", directory),
                   "choose a destination on another device");
   }
+  check_mounted(directory);
   return {Kind::Directory, directory, directory};
 }
 
 UniqueFd lock_target(const BackupTarget& target) {
   if (target.folder.empty()) return {};
+  // What lies in it is all that the partition holds: nobody else is to read it.
+  const fs::path folder = fs::path(target.folder + "/").parent_path();
   std::error_code failed;
-  fs::create_directories(target.folder, failed);
-  if (failed) throw failure_of(-failed.value(), "making " + target.folder);
+  fs::create_directories(folder.parent_path(), failed);
+  if (failed) throw failure_of(-failed.value(), "making " + folder.parent_path().string());
+  make_private_folder(folder);
   return lock_file(target.folder + "/.lock", target.place);
 }
 

@@ -21,11 +21,11 @@ struct BackupTarget {
 };
 
 // Either `destination`, a directory or a server's URI, or `pipe`, a command, is given. Throws if
-// not, or if the destination lies on the node itself.
+// not, or if the destination lies on the node itself, or below what fstab mounts and nobody has.
 BackupTarget backup_target(const Driver& driver, const snbf_info& node,
                            const std::string& destination, const std::string& pipe);
 
-// Makes the folder if need be. Throws kBusy. Nothing is locked for a program.
+// Makes the folder if need be, for its owner alone. Throws kBusy. Nothing is locked for a program.
 UniqueFd lock_target(const BackupTarget& target);
 
 // Throws if it is another node's.

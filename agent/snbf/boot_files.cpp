@@ -80,7 +80,10 @@ std::vector<MountLine> mounts_in(const char* file) {
   while (table && iter && mnt_table_next_fs(table.get(), iter.get(), &entry) == 0) {
     const char* source = mnt_fs_get_source(entry);
     const char* target = mnt_fs_get_target(entry);
-    if (target) lines.push_back({source ? source : "", target});
+    if (!target) continue;
+    std::string place = target;
+    while (place.size() > 1 && place.back() == '/') place.pop_back();
+    lines.push_back({source ? source : "", place});
   }
   return lines;
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0-only
 #include "image.h"
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <libnbd.h>
 #include <unistd.h>
@@ -96,6 +97,10 @@ uint64_t cluster_for(uint64_t extent_size) {
 
 void create_image(const std::string& path, uint64_t size_bytes, uint64_t cluster_bytes,
                   const std::string& backing) {
+  // The program keeps the mode of a file that is there.
+  if (!UniqueFd(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600))) {
+    throw failure_of(-errno, "making " + path);
+  }
   std::vector<std::string> command = {
       "qemu-img",
       "create",

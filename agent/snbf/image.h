@@ -15,7 +15,7 @@ struct nbd_handle;
 
 namespace snbf {
 
-// `backing` is the name of a file in the same directory, or empty.
+// Only its owner can read it. `backing` is a file's name in the same directory, or empty.
 void create_image(const std::string& path, uint64_t size_bytes, uint64_t cluster_bytes,
                   const std::string& backing);
 

@@ -2,6 +2,7 @@
 
 import os
 import socket
+import stat
 import subprocess
 
 import kit
@@ -89,6 +90,25 @@ def hooks_run_around_the_instant_and_are_told_how_it_went():
     kit.equal(status, 3, "the point stands")
     kit.check("status 9" in err, err)
     kit.equal(changed(), set(), "the bitmap counts from it")
+    err = refused(1, "backup", "data", "--pipe", "exit 1", "--after-thaw", "exit 9")
+    kit.check("status 9" in err, "it is told although the copy fails: " + err)
+
+
+@kit.case
+def what_is_not_mounted_or_there_yet():
+    with open("/etc/fstab", "a", encoding="ascii") as fstab:
+        fstab.write("/dev/nowhere /mnt/absent ext4 noauto 0 0\n")
+    err = refused(6, "backup", "data", "/mnt/absent/chain")
+    kit.check("/mnt/absent is not mounted" in err, err)
+    kit.check(not os.path.exists("/mnt/absent"), "nothing is made below it")
+    plan = answer("backup", "data", DEST, "--cow", "/mnt/store/cow", "--dry-run")
+    kit.equal(plan["cow_dir"], "/mnt/store/cow", "a dry run names it")
+    kit.check(not os.path.exists("/mnt/store/cow"), "and makes nothing")
+    good("backup", "data", DEST, "--cow", "/mnt/store/cow")
+    for path in (DEST, "/mnt/store/cow"):
+        kit.equal(stat.S_IMODE(os.stat(path).st_mode), 0o700, f"the mode of {path}")
+    for name in os.listdir(DEST):
+        kit.equal(stat.S_IMODE(os.stat(f"{DEST}/{name}").st_mode) & 0o077, 0, f"the mode of {name}")
 
 
 @kit.case

@@ -12,6 +12,7 @@
 #include "failure.h"
 #include "files.h"
 #include "output.h"
+#include "private_folder.h"
 #include "reasons.h"
 #include "sizes.h"
 #include "snaps.h"
@@ -65,8 +66,9 @@ void say_plan(const Driver& driver, const snbf_info& node, const Plan& plan,
                      plan.parent->id, show_size(driver.get(node, type).covered_bytes())));
   }
   if (!how.cow_dir.empty()) {
-    note(fmt::format("from a snap, with its COW files in {} ({} free)", how.cow_dir,
-                     show_size(free_bytes_in(how.cow_dir))));
+    note(fmt::format("from a snap, with its COW files in {} ({})", how.cow_dir,
+                     fs::exists(how.cow_dir) ? show_size(free_bytes_in(how.cow_dir)) + " free"
+                                             : "which a backup makes"));
     return;
   }
   const auto mounts = mounts_of(device_of(node_path(node)));
@@ -88,8 +90,9 @@ void choose_snap(const Driver& driver, const snbf_info& node, const BackupTarget
   if (options.no_snap || (options.snap == "none" && !asked)) return;
   how->snap_required = how->snap_required || asked || options.snap == "always";
   if (asked) {
+    if (!options.dry_run) make_private_folder(options.cow);
     how->cow_dir = fs::weakly_canonical(options.cow);
-    check_cow_dir(driver, node, how->cow_dir);
+    if (fs::exists(how->cow_dir)) check_cow_dir(driver, node, how->cow_dir);
     return;
   }
   std::string why;
@@ -275,7 +278,8 @@ void add_backup(CLI::App& app, Chosen& chosen) {
       ->check(CLI::IsMember({"auto", "always", "none"}));
   verb->add_flag("--no-snap", options->no_snap, "The same as --snap none");
   verb->add_option("--cow", options->cow,
-                   "Directory of the snap's files, on another disk; implies --snap always");
+                   "Directory of the snap's files, on another disk, made if need be; implies "
+                   "--snap always");
   verb->add_flag("--whole", options->whole, "Copy what the file system does not use, too");
   verb->add_flag("--freeze", options->freeze,
                  "Without a snap: freeze the file system for the last part of the copy");

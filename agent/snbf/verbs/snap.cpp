@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // snbf snap create, delete and resume.
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +11,7 @@
 #include "driver.h"
 #include "failure.h"
 #include "output.h"
+#include "private_folder.h"
 #include "reasons.h"
 #include "sizes.h"
 #include "snaps.h"
@@ -67,9 +67,7 @@ std::string default_name(const snbf_info& node) {
 
 std::string cow_dir_for(const CreateOptions& options, const Driver& driver, const snbf_info& node) {
   if (!options.cow.empty()) {
-    if (!options.dry_run && ::mkdir(options.cow.c_str(), 0700) < 0 && errno != EEXIST) {
-      throw failure_of(-errno, "making " + options.cow);
-    }
+    if (!options.dry_run) make_private_folder(options.cow);
     return std::filesystem::weakly_canonical(options.cow);
   }
   std::string why;

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -202,6 +203,18 @@ TEST_F(Directories, OneThatIsNamedIsKeptWhateverFailsBehindIt) {
   put(store.get(), full_);
   store->discard();
   EXPECT_TRUE(files().contains("0001-full.qcow2"));
+}
+
+TEST_F(Directories, NobodyElseReadsWhatLiesInThem) {
+  const mode_t before = ::umask(022);
+  put(full_);
+  ::umask(before);
+  for (const auto& entry : std::filesystem::directory_iterator(folder())) {
+    const auto mode = entry.status().permissions() & std::filesystem::perms::all;
+    EXPECT_EQ(mode & (std::filesystem::perms::group_all | std::filesystem::perms::others_all),
+              std::filesystem::perms::none)
+        << entry.path();
+  }
 }
 
 TEST_F(Directories, ImagesWhoseManifestIsLostAreNotOverwritten) {
