@@ -16,6 +16,7 @@
 #include "attended.h"
 #include "failure.h"
 #include "file_mode.h"
+#include "signals.h"
 
 namespace snbf {
 
@@ -126,6 +127,7 @@ std::string hash_file(const std::string& path) {
   while ((n = ::read(file.get(), buffer.data(), buffer.size())) != 0) {
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) throw failure_of(-errno, "reading " + path);
+    if (SignalsNoted::any()) throw Failure(kFailed, "interrupted while reading " + path);
     XXH3_128bits_update(state.get(), buffer.data(), static_cast<size_t>(n));
   }
   const XXH128_hash_t hash = XXH3_128bits_digest(state.get());

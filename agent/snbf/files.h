@@ -37,7 +37,7 @@ void remove_file(const std::string& path);  // gone, or was not there
 // An exclusive lock that ends with the process; throws kBusy when another has it.
 UniqueFd lock_file(const std::string& path, const std::string& doing);
 
-// XXH3-128 of the whole file, in hexadecimal.
+// XXH3-128 of the whole file, in hexadecimal. Throws, too, once a signal is noted (signals.h).
 std::string hash_file(const std::string& path);
 
 // Waits for the end. The program's stdout goes to `output` if given, else to stderr; its stderr

@@ -13,6 +13,8 @@
 #include "failure.h"
 #include "files.h"
 #include "signals.h"
+#include "sizes.h"
+#include "snaps.h"
 
 namespace snbf {
 
@@ -46,8 +48,30 @@ void throw_away(Manifest* manifest, const std::string& file) {
 
 }  // namespace
 
-Pruner::Pruner(const std::string& destination, Manifest* manifest, std::function<void()> on_step)
-    : destination_(destination), manifest_(*manifest), on_step_(std::move(on_step)) {}
+Manifest settled(Manifest manifest) {
+  if (!manifest.merge) return manifest;
+  const Merge merge = *manifest.merge;
+  const Point from = point_in(&manifest, merge.from);
+  Point& merged = point_in(&manifest, merge.into);
+  merged.parent = from.parent;
+  merged.level = from.level;
+  merged.why = from.why;
+  merged.detail = from.detail;
+  merged.merged_from = from.merged_from ? from.merged_from : from.id;
+  merged.hash = merge.hash;
+  merged.file_bytes = merge.file_bytes;
+  throw_away(&manifest, from.skipped_file);
+  erase_point(&manifest, from.id);
+  manifest.merge.reset();
+  return manifest;
+}
+
+Pruner::Pruner(const std::string& destination, Manifest* manifest, std::function<void()> on_step,
+               FreeBytes free_bytes)
+    : destination_(destination),
+      manifest_(*manifest),
+      on_step_(std::move(on_step)),
+      free_bytes_(free_bytes ? std::move(free_bytes) : free_bytes_in) {}
 
 void Pruner::save(const Manifest& next) {
   on_step_();
@@ -75,6 +99,19 @@ bool Pruner::mend() {
   return left;
 }
 
+std::vector<PruneStep> Pruner::remove_meanwhile(const std::set<uint64_t>& kept) {
+  std::vector<PruneStep> removed;
+  if (!manifest_.merge) return removed;
+  const uint64_t into = manifest_.merge->into;
+  for (const PruneStep& step : plan_prune(settled(manifest_), kept).steps) {
+    // Behind it comes what may go only after it.
+    if (step.kind != PruneStep::Kind::Remove || step.point == into) break;
+    remove(step.point);
+    removed.push_back(step);
+  }
+  return removed;
+}
+
 void Pruner::run(const PruneStep& step) {
   if (step.kind == PruneStep::Kind::Merge) {
     merge(step.point, step.into);
@@ -95,13 +132,24 @@ void Pruner::remove(uint64_t id) {
 
 void Pruner::merge(uint64_t id, uint64_t into) {
   Manifest next = manifest_;
-  for (uint64_t each : {id, into}) {
-    const std::string damage = chain_damage(manifest_, point_in(&next, each), destination_, true);
-    if (!damage.empty()) throw Failure(kDiffers, damage, "nothing was merged");
-  }
+  const Point& upper = point_in(&next, into);
+  check_room(point_in(&next, id), upper);
+  // It stands on the other: all files of both are looked at.
+  const std::string damage = chain_damage(manifest_, upper, destination_, true);
+  if (!damage.empty()) throw Failure(kDiffers, damage, "nothing was merged");
   next.merge = Merge{id, into, "", 0};
   save(next);
   finish_merge();
+}
+
+void Pruner::check_room(const Point& from, const Point& into) const {
+  const uint64_t needed = size_of(path(into.file));
+  const uint64_t there = free_bytes_(destination_);
+  if (there >= needed) return;
+  throw Failure(kFailed,
+                fmt::format("merging point {} into point {} may take {}, and {} is free in {}",
+                            from.id, into.id, show_size(needed), show_size(there), destination_),
+                "make room there; that merge was not begun, and all points restore as before");
 }
 
 // A signal ends it early: then on_step_ has the last word.
@@ -110,6 +158,11 @@ void Pruner::commit(const Point& point) {
                                             "qcow2",    path(point.file)};
   const Ran ran = run_attended(command, {{}, SignalsNoted::any});
   on_step_();
+  if (ran.errors.find("No space left") != std::string::npos) {
+    throw Failure(
+        kFailed, fmt::format("merging {}: there is no room left in {}", point.file, destination_),
+        "make room there: the next `snbf prune` goes on; what is kept restores meanwhile");
+  }
   require_success(command, ran);
 }
 
@@ -131,18 +184,7 @@ void Pruner::finish_merge() {
     throw failure_of(-errno, "naming " + path(into.file));
   }
   sync_directory(destination_);
-  Point& merged = point_in(&next, into.id);
-  merged.parent = from.parent;
-  merged.level = from.level;
-  merged.why = from.why;
-  merged.detail = from.detail;
-  merged.merged_from = from.merged_from ? from.merged_from : from.id;
-  merged.hash = next.merge->hash;
-  merged.file_bytes = next.merge->file_bytes;
-  throw_away(&next, from.skipped_file);
-  erase_point(&next, from.id);
-  next.merge.reset();
-  save(next);
+  save(settled(next));
   sweep();
 }
 

@@ -99,6 +99,10 @@ int prune(const Options& options) {
   const Manifest before = manifest;
   const SignalsNoted signals;
   Pruner pruner(at.destination, &manifest, end_if_signalled);
+  std::vector<PruneStep> removed;
+  if (!options.keep.empty()) {
+    removed = pruner.remove_meanwhile(kept_points(settled(manifest), options.keep));
+  }
   if (pruner.mend()) note("an earlier prune was cut off; what it had begun is finished");
   PrunePlan plan;
   if (!options.keep.empty()) plan = plan_prune(manifest, kept_points(manifest, options.keep));
@@ -108,6 +112,7 @@ int prune(const Options& options) {
     pruner.run(step);
     progress.add(1);
   }
+  plan.steps.insert(plan.steps.begin(), removed.begin(), removed.end());
   return report(options, before, manifest, plan);
 }
 

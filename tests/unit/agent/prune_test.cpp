@@ -167,6 +167,11 @@ class PruneFiles : public testing::Test {
     for (const PruneStep& each : plan_prune(manifest_, keep).steps) pruner.run(each);
     steps_ = step;
   }
+  static std::function<void()> dying_before(int step) {
+    return [step, now = 0]() mutable {
+      if (++now == step) throw std::runtime_error("killed");
+    };
+  }
   void reread() { manifest_ = *read_manifest(directory_); }
   size_t files() const {
     return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(directory_), {}));
@@ -277,6 +282,59 @@ TEST_F(PruneFiles, ASignalEndsAMergeAndTheNextOneGoesOn) {
   prune({4});
   EXPECT_EQ(contents(4), fourth);
   expect_sound();
+}
+
+TEST_F(PruneFiles, WithoutRoomForItNoMergeBegins) {
+  build();
+  const uint64_t upper = std::filesystem::file_size(directory_ + "/2.qcow2");
+  Pruner(
+      directory_, &manifest_, [] {}, [&](const std::string&) { return upper; })
+      .run({PruneStep::Kind::Merge, 1, 2});
+  EXPECT_THAT(ids(), ElementsAre(2, 3, 4));
+
+  build();
+  Pruner cramped(
+      directory_, &manifest_, [] {}, [&](const std::string&) { return upper - 1; });
+  try {
+    cramped.run({PruneStep::Kind::Merge, 1, 2});
+    FAIL() << "there is no room";
+  } catch (const Failure& failure) {
+    EXPECT_NE(std::string(failure.what()).find("is free in " + directory_), std::string::npos)
+        << failure.what();
+  }
+  reread();
+  EXPECT_FALSE(manifest_.merge);
+  expect_sound();
+}
+
+TEST_F(PruneFiles, WhileAMergeWaitsForRoomWhatGoesWithoutItGoes) {
+  build();
+  EXPECT_THROW(Pruner(directory_, &manifest_, dying_before(2)).run({PruneStep::Kind::Merge, 1, 2}),
+               std::runtime_error);
+  reread();
+  ASSERT_TRUE(manifest_.merge);
+  EXPECT_EQ(settled(manifest_).points.size(), 3u);
+  {
+    Pruner pruner(directory_, &manifest_);
+    const auto removed = pruner.remove_meanwhile({3});
+    ASSERT_EQ(removed.size(), 1u);
+    EXPECT_EQ(removed[0].point, 4u);
+    EXPECT_TRUE(pruner.remove_meanwhile({}).size() == 1u) << "3, but not what is being merged";
+  }
+  reread();
+  EXPECT_TRUE(manifest_.merge);
+  EXPECT_THAT(ids(), ElementsAre(1, 2));
+  EXPECT_EQ(files(), 5u) << "two images, two lists, the manifest";
+  prune({2});
+  EXPECT_THAT(ids(), ElementsAre(2));
+  expect_sound();
+}
+
+TEST_F(PruneFiles, ASignalEndsTheLookAtALargeChain) {
+  build();
+  const SignalsNoted signals;
+  ::raise(SIGTERM);
+  EXPECT_THROW(hash_file(directory_ + "/1.qcow2"), Failure);
 }
 
 TEST_F(PruneFiles, ADamagedChainIsNotMerged) {
