@@ -65,7 +65,7 @@ class Capture {
       if (lost) throw snap_lost(error);
       throw;
     }
-    return {point_, hook_trouble_};
+    return {point_, hook_failed_};
   }
 
  private:
@@ -77,12 +77,12 @@ class Capture {
     hooks_->before_freeze([] { return SignalsNoted::any(); });
     begin();
     if (from_snap()) {
-      after_thaw();
+      after_thaw("done");
       snap_ = open_snap(taken_.source().device);
       copy_from_snap();
     } else {
       copy_live();
-      after_thaw();
+      after_thaw("done");
     }
   }
 
@@ -94,7 +94,13 @@ class Capture {
             {"SNBF_POINT", std::to_string(point_.id)}};
   }
 
-  void after_thaw() { hook_trouble_ = hooks_->after_thaw("done"); }
+  // Told at once: whatever fails behind it, the application may still be at rest.
+  void after_thaw(const std::string& outcome) {
+    const std::string trouble = hooks_->after_thaw(outcome);
+    if (trouble.empty()) return;
+    hook_failed_ = true;
+    warn(trouble);
+  }
 
   void begin(const std::string& cow_dir) {
     taken_.begin(plan_.level, store_.journal_folder(), store_.journal_point(point_), cow_dir);
@@ -206,10 +212,7 @@ class Capture {
 
   void give_back() noexcept {
     // The application goes on before anything else is tidied up.
-    if (hooks_) {
-      const std::string trouble = hooks_->after_thaw("failed");
-      if (!trouble.empty()) warn(trouble);
-    }
+    if (hooks_) after_thaw("failed");
     store_.discard();
     snap_.reset();
     live_.reset();
@@ -226,7 +229,7 @@ class Capture {
   Extents copied_;
   Extents skipped_;  // by this point
   std::optional<Hooks> hooks_;
-  std::string hook_trouble_;
+  bool hook_failed_ = false;
   std::optional<LiveSource> live_;
   UniqueFd snap_;
 };

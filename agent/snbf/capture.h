@@ -33,7 +33,7 @@ struct CaptureOptions {
 
 struct Captured {
   Point point;
-  std::string hook_trouble;  // of the hook after the thaw: a sentence, or empty
+  bool hook_failed = false;  // the one after the thaw; the reader knows already
 };
 
 // The caller has recovered what was left of an earlier capture.

@@ -67,7 +67,10 @@ Hooks::~Hooks() { after_thaw("failed"); }
 ShellEnd Hooks::run_after_thaw(const std::string& outcome) {
   environment_["SNBF_HOOK"] = "after-thaw";
   environment_["SNBF_OUTCOME"] = outcome;
-  return run_shell(commands_.after_thaw, environment_, commands_.limit, nullptr);
+  // A service manager that finds us killed tells all that is left of us to end, just as the hook
+  // begins: the application would stay at rest.
+  return run_shell(commands_.after_thaw, environment_, commands_.limit, nullptr,
+                   EndSignals::Ignore);
 }
 
 void Hooks::keep(int told) {

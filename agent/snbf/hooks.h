@@ -20,7 +20,8 @@ struct HookCommands {
 };
 
 // The hook after the thaw runs once the hook before the freeze has been begun, whatever happens:
-// a process of its own runs it when it is told to, or when we are gone by whatever signal.
+// a process of its own runs it when it is told to, or when we are gone by whatever signal. It starts
+// with SIGINT, SIGTERM and SIGHUP ignored; its limit ends it all the same.
 class Hooks {
  public:
   Hooks(const HookCommands& commands, Environment environment);

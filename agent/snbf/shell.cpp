@@ -25,12 +25,14 @@ constexpr auto kGrace = std::chrono::seconds(2);
 constexpr int kNotStarted = 127;
 
 [[noreturn]] void become_shell(const std::string& command, const Environment& environment,
-                               int input) {
+                               int input, EndSignals signals) {
   ::setpgid(0, 0);
   // A hook that ran on behind us would bring to rest what nobody lets go on again; a program that
   // reads an image would take its part for the whole.
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE}) ::signal(signal, SIG_DFL);
+  for (int signal : {SIGQUIT, SIGPIPE}) ::signal(signal, SIG_DFL);
+  const auto at_end = signals == EndSignals::Ignore ? SIG_IGN : SIG_DFL;
+  for (int signal : {SIGINT, SIGTERM, SIGHUP}) ::signal(signal, at_end);
   for (const auto& [name, value] : environment) ::setenv(name.c_str(), value.c_str(), 1);
   // In the background of a terminal nobody can answer a question.
   ::dup2(input >= 0 ? input : ::open("/dev/null", O_RDONLY | O_CLOEXEC), 0);
@@ -41,10 +43,11 @@ constexpr int kNotStarted = 127;
 
 }  // namespace
 
-pid_t start_shell(const std::string& command, const Environment& environment, int input) {
+pid_t start_shell(const std::string& command, const Environment& environment, int input,
+                  EndSignals signals) {
   const pid_t child = ::fork();
   if (child < 0) throw failure_of(-errno, "starting " + command);
-  if (child == 0) become_shell(command, environment, input);
+  if (child == 0) become_shell(command, environment, input, signals);
   ::setpgid(child, child);  // whoever comes first
   return child;
 }
@@ -86,9 +89,9 @@ ShellEnd shell_end_of(int status) {
 }
 
 ShellEnd run_shell(const std::string& command, const Environment& environment,
-                   std::chrono::milliseconds limit, const StopAsked& stop) {
+                   std::chrono::milliseconds limit, const StopAsked& stop, EndSignals signals) {
   const auto until = Clock::now() + limit;
-  const pid_t child = start_shell(command, environment);
+  const pid_t child = start_shell(command, environment, -1, signals);
   int status = 0;
   if (wait_for_child(child, until, stop, &status)) return shell_end_of(status);
   const bool stopped = stop && stop();

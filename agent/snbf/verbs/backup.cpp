@@ -134,10 +134,8 @@ int report(const Captured& captured, const BackupTarget& target, const Options& 
   } else if (point.skipped_bytes != 0) {
     note(show_size(point.skipped_bytes) + " is left out: the file system does not use it");
   }
-  if (!captured.hook_trouble.empty()) {
-    warn(captured.hook_trouble + "; the point is complete all the same");
-  }
-  if (point.exact()) return captured.hook_trouble.empty() ? kDone : kWarned;
+  if (captured.hook_failed) note("the point is complete, although the hook after the thaw failed");
+  if (point.exact()) return captured.hook_failed ? kWarned : kDone;
   warn(
       "the device kept changing during the copy: this point is not of one moment. The next one "
       "copies what moved; a snap (--cow) or --freeze makes it exact");

@@ -53,7 +53,6 @@ class HookCalls : public testing::Test {
     }
     return false;
   }
-  Hooks hooks() const { return Hooks(commands_, {{"SNBF_NODE", "data"}}); }
 
   std::string directory_;
   HookCommands commands_;
@@ -140,6 +139,20 @@ TEST_F(HookCalls, ASecondThatFailsOrHangsIsTold) {
   Hooks hanging(commands_, {});
   hanging.before_freeze(kNoStop);
   EXPECT_NE(hanging.after_thaw("done").find("too long"), std::string::npos);
+}
+
+TEST_F(HookCalls, TheSecondIsNotEndedWithTheRestOfTheService) {
+  commands_.after_thaw = "kill -HUP $$; kill -INT $$; kill -TERM $$; " + commands_.after_thaw;
+  Hooks hooks(commands_, {});
+  hooks.before_freeze(kNoStop);
+  EXPECT_EQ(hooks.after_thaw("done"), "");
+  EXPECT_NE(logged().find("after-thaw done\n"), std::string::npos) << logged();
+}
+
+TEST_F(HookCalls, TheFirstIsEndedByASignal) {
+  commands_.before_freeze = "kill -TERM $$; " + commands_.before_freeze;
+  Hooks hooks(commands_, {});
+  EXPECT_THROW(hooks.before_freeze(kNoStop), Failure);
 }
 
 TEST_F(HookCalls, WhatTheFirstLeavesInTheBackgroundGoesOn) {
