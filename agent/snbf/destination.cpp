@@ -15,6 +15,7 @@
 #include "failure.h"
 #include "files.h"
 #include "sizes.h"
+#include "store_nbd.h"
 
 namespace snbf {
 
@@ -33,6 +34,11 @@ const Point* find_point(const Manifest& manifest, const std::string& wanted) {
 }  // namespace
 
 ChosenPoint choose_point(const std::string& text) {
+  if (is_nbd_uri(text)) {
+    throw Failure(kMisused,
+                  fmt::format("{} is a server's disk: it holds the newest point as it is", text),
+                  fmt::format("`nbdcopy '{}' DEVICE` copies it back", text));
+  }
   ChosenPoint chosen;
   std::string wanted;
   chosen.destination = text;

@@ -165,7 +165,8 @@ std::string to_json_text(const Manifest& manifest) {
     json["unfinished"] = manifest.unfinished;
     json["samples"] = samples;
   }
-  return json.dump(2) + "\n";
+  // Only its sentences and the server's URI may hold other bytes than UTF-8; nobody looks them up.
+  return json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
 Manifest manifest_from_json(const std::string& text, const std::string& path) {

@@ -13,7 +13,10 @@
 
 namespace snbf {
 
-void print_json(const Json& data) { fmt::print("{}\n", data.dump(2)); }
+// A path need not be UTF-8: what is not is replaced.
+void print_json(const Json& data) {
+  fmt::print("{}\n", data.dump(2, ' ', false, Json::error_handler_t::replace));
+}
 
 void note(const std::string& text) { fmt::print(stderr, "{}\n", text); }
 

@@ -75,9 +75,11 @@ class Watcher {
   std::string lines() const {
     std::string out;
     const int64_t now = ::time(nullptr);
+    constexpr auto kReplace = Json::error_handler_t::replace;  // of a path that is not UTF-8
     for (const Seen& seen : seen_) {
-      out += options_.json ? watch_json(seen.facts, seen.rates, now).dump() + "\n"
-                           : watch_line(seen.facts, seen.rates, now);
+      out += options_.json
+                 ? watch_json(seen.facts, seen.rates, now).dump(-1, ' ', false, kReplace) + "\n"
+                 : watch_line(seen.facts, seen.rates, now);
     }
     return out;
   }
