@@ -12,7 +12,7 @@ export SNBF_BUILD := $(abspath $(BUILD))
 MODULE_MAKE := $(MAKE) --no-print-directory -f platform/linux/module.mk BUILD=$(BUILD) $(if $(KDIR),KDIR=$(KDIR))
 
 .DEFAULT_GOAL := all
-.PHONY: all help setup module agent tests check check-rows check-locks check-unit check-guest simulate demo bench deb install format clean
+.PHONY: all help setup module agent tests check check-rows check-locks check-unit check-guest simulate mutants demo bench deb install format clean
 
 all: check-rows module agent tests ## everything that this machine can build
 
@@ -42,6 +42,7 @@ check-rows: ## the rules that a compiler does not know: who includes whom, what 
 	@tools/check-rows
 	@tools/check-symbols
 	@tools/kernel-table --check
+	@tools/mutants --check
 
 check-locks: ## Clang's thread-safety analysis over the driver
 	@JOBS=$(JOBS) tools/check-locks
@@ -58,6 +59,9 @@ check-guest: module agent ## the guest tests alone; TESTS="name..." chooses
 
 simulate: tests ## whole-driver runs by seed, SEEDS="1-5000"; a failing one is cut down
 	@tools/simulate $(or $(SEEDS),1-5000)
+
+mutants: ## plants defects in the driver, one at a time: the tests must find each; NAMES="word..." chooses
+	@tools/mutants --jobs $(JOBS) $(NAMES)
 
 demo: setup ## a real file system, backed up, changed, backed up again, restored
 	@$(MAKE) --no-print-directory module agent
