@@ -9,6 +9,7 @@
 #include "failure.h"
 #include "libsnbf.h"
 #include "sizes.h"
+#include "words.h"
 
 namespace snbf {
 
@@ -48,13 +49,6 @@ std::string escape(const std::string& text) {
 }
 
 std::string without_comment(const std::string& line) { return line.substr(0, line.find('#')); }
-
-std::vector<std::string> words_of(const std::string& line) {
-  std::vector<std::string> words;
-  std::istringstream text(without_comment(line));
-  for (std::string word; text >> word;) words.push_back(word);
-  return words;
-}
 
 uint32_t extent_of(const std::string& text) {
   const auto size = parse_extent_size(text);
@@ -171,7 +165,7 @@ std::string joined_lines(const std::vector<std::string>& lines) {
 }
 
 bool is_of(const std::string& line, const std::string& name) {
-  const auto words = words_of(line);
+  const auto words = words_of(without_comment(line));
   return !words.empty() && words[0] == name;
 }
 
@@ -182,7 +176,7 @@ BootNodes parse_boot_nodes(const std::string& text) {
   size_t number = 0;
   for (const std::string& line : lines_of(text)) {
     ++number;
-    const auto words = words_of(line);
+    const auto words = words_of(without_comment(line));
     if (words.empty()) continue;
     try {
       BootNode node = parse_line(words);
