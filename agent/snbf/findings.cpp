@@ -35,6 +35,15 @@ std::string owner_of(const std::string& devices, const std::string& section, uns
   return "";
 }
 
+// The kernel marks a module as unsigned for a signature by a key that it does not know, too.
+std::string about_loaded(const ModuleFacts& facts) {
+  if (facts.taints.find('E') == std::string::npos) return "loaded";
+  if (facts.signer.empty()) return "loaded, not signed";
+  return fmt::format(
+      "loaded, not signed with a key that the kernel knows (its file is signed by {})",
+      facts.signer);
+}
+
 }  // namespace
 
 Finding judge_kernel(const std::string& release) {
@@ -56,10 +65,7 @@ Finding judge_module(const ModuleFacts& facts) {
     return {kWhat, Grade::Bad, "loaded, but /dev/snbf/control is missing",
             "mount devtmpfs on /dev"};
   }
-  if (facts.loaded) {
-    const bool unsigned_one = facts.taints.find('E') != std::string::npos;
-    return {kWhat, Grade::Good, unsigned_one ? "loaded, not signed" : "loaded", ""};
-  }
+  if (facts.loaded) return {kWhat, Grade::Good, about_loaded(facts), ""};
   if (facts.file.empty()) {
     return {kWhat, Grade::Bad, "none is installed for the running kernel",
             "install the headers of this kernel, then `make module install`"};

@@ -24,7 +24,7 @@ struct ModuleFacts {
   bool loaded = false;
   bool control = false;      // its control device is there
   std::string taints;        // of the loaded one, as /sys/module/snbf/taint has them
-  std::string file;          // of the one to be loaded; empty: there is none for this kernel
+  std::string file;          // that would be loaded now; empty: there is none for this kernel
   std::string signer;        // of that file; empty: nobody
   bool signed_only = false;  // the kernel takes no other: Secure Boot
 };

@@ -61,10 +61,8 @@ Finding check_module(bool loaded) {
   facts.control = fs::exists("/dev/snbf/control");
   facts.taints = first_line("/sys/module/snbf/taint");
   facts.signed_only = secure_boot();
-  if (!loaded) {
-    facts.file = module_field("filename");
-    facts.signer = module_field("signer");
-  }
+  facts.file = module_field("filename");
+  facts.signer = module_field("signer");
   return judge_module(facts);
 }
 

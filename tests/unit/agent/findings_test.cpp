@@ -36,8 +36,20 @@ TEST(JudgeModule, TellsWhatIsMissingAndOneCure) {
   facts.control = true;
   EXPECT_EQ(judge_module(facts).grade, Grade::Good);
   EXPECT_EQ(judge_module(facts).text, "loaded");
+}
+
+TEST(JudgeModule, TellsAnUnknownKeyFromNoSignature) {
+  ModuleFacts facts;
+  facts.loaded = true;
+  facts.control = true;
+  facts.file = "/lib/modules/x/snbf.ko";
   facts.taints = "OE";
   EXPECT_EQ(judge_module(facts).text, "loaded, not signed");
+  facts.signer = "me";
+  EXPECT_EQ(judge_module(facts).text,
+            "loaded, not signed with a key that the kernel knows (its file is signed by me)");
+  facts.taints = "O";
+  EXPECT_EQ(judge_module(facts).text, "loaded");
 }
 
 TEST(JudgeMajors, LooksInTheRightSection) {
