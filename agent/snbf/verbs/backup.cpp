@@ -247,8 +247,8 @@ void add_backup(CLI::App& app, Chosen& chosen) {
       "with status 3.\n\n"
       "A server's disk holds the newest point, in place: only what changed is written, and what\n"
       "is not from the last backup is overwritten with --yes alone. A program is given the whole\n"
-      "image, free space as zeros; its exit status says whether it kept it, and the bitmaps stay\n"
-      "as they were.\n\n"
+      "image, free space as zeros; its exit status says whether it kept it. The bitmaps stay as\n"
+      "they were then, and for status and metrics it is no last backup.\n\n"
       "If the hook before the freeze fails, nothing is backed up; the one after the thaw runs\n"
       "whatever happens, and if it fails the status is 3.",
       options, backup);
