@@ -52,6 +52,7 @@ std::string partuuid_of(const std::string& device) {
 }
 
 std::string link_to(const std::string& folder, dev_t device) {
+  if (device == 0) return "";  // no block device, as /dev/mapper/control is none
   std::error_code ignored;
   std::string found;
   for (const auto& entry : fs::directory_iterator(folder, ignored)) {
