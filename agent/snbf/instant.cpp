@@ -7,16 +7,14 @@
 
 #include <algorithm>
 #include <cctype>
-#include <chrono>
 #include <filesystem>
-#include <iterator>
 #include <nlohmann/json.hpp>
-#include <sstream>
-#include <thread>
 #include <vector>
 
+#include "boot_files.h"
 #include "failure.h"
-#include "files.h"
+#include "overlay_server.h"
+#include "words.h"
 
 namespace snbf {
 
@@ -26,34 +24,23 @@ namespace fs = std::filesystem;
 
 constexpr int kRegionSectors = 1024;
 constexpr unsigned kNbdMajor = 43;
-constexpr auto kStep = std::chrono::milliseconds(50);
-constexpr int kSteps = 600;
 
-std::vector<std::string> words_of(const std::string& text) {
-  std::istringstream stream(text);
-  return {std::istream_iterator<std::string>(stream), {}};
-}
-
-Failure missing(const std::string& program, const char* package) {
-  return {kFailed, program + " could not be started",
-          fmt::format("install the package {}", package)};
-}
-
-std::string run_of(const char* package, const std::vector<std::string>& arguments) {
-  const Ran ran = run(arguments);
-  if (ran.status == 127) throw missing(arguments[0], package);
-  if (ran.status != 0) {
-    std::string why = ran.errors;
-    why.erase(why.find_last_not_of(" \n") + 1);
-    throw Failure(kFailed, fmt::format("{}: {}", arguments[0], why), "look at `dmesg`");
+Ran try_dmsetup(const std::vector<std::string>& words) {
+  std::vector<std::string> arguments = {"dmsetup"};
+  arguments.insert(arguments.end(), words.begin(), words.end());
+  Ran ran = run(arguments);
+  if (ran.status == 127) {
+    throw Failure(kFailed, "dmsetup could not be started", "install the package dmsetup");
   }
-  return ran.output;
+  return ran;
 }
 
 std::string dmsetup(const std::vector<std::string>& words) {
-  std::vector<std::string> arguments = {"dmsetup"};
-  arguments.insert(arguments.end(), words.begin(), words.end());
-  return run_of("dmsetup", arguments);
+  const Ran ran = try_dmsetup(words);
+  if (ran.status == 0) return ran.output;
+  std::string why = ran.errors;
+  why.erase(why.find_last_not_of(" \n") + 1);
+  throw Failure(kFailed, fmt::format("dmsetup {}: {}", words[0], why), "look at `dmesg`");
 }
 
 void check_name(const std::string& name) {
@@ -68,43 +55,40 @@ void check_name(const std::string& name) {
 
 std::string uuid_for(const std::string& name) { return "SNBF-INSTANT-" + name; }
 
-bool device_is(const std::string& numbers, const std::string& path) {
+std::string numbers_of(const std::string& path) {
   struct stat about;
   if (::stat(path.c_str(), &about) < 0) throw failure_of(-errno, "looking at " + path);
-  return numbers == fmt::format("{}:{}", major(about.st_rdev), minor(about.st_rdev));
+  return fmt::format("{}:{}", major(about.st_rdev), minor(about.st_rdev));
 }
 
-bool is_nbd(const std::string& numbers) {
-  return numbers.rfind(fmt::format("{}:", kNbdMajor), 0) == 0;
-}
-
-uint64_t size_of_nbd(int number) {
-  std::string text;
-  read_file(fmt::format("/sys/block/nbd{}/size", number), &text);
-  return text.empty() ? 0 : std::stoull(text);
-}
-
-bool nbd_is_free(int number) {
-  return fs::exists(fmt::format("/sys/block/nbd{}", number)) &&
-         !fs::exists(fmt::format("/sys/block/nbd{}/pid", number)) && size_of_nbd(number) == 0;
+// The device with that number, if it is one; else empty.
+std::string nbd_of(const std::string& numbers) {
+  const std::string start = fmt::format("{}:", kNbdMajor);
+  return numbers.rfind(start, 0) == 0 ? "/dev/nbd" + numbers.substr(start.size()) : "";
 }
 
 std::string backing_of(const std::string& image) {
-  const auto about = nlohmann::json::parse(
-      run_of("qemu-utils", {"qemu-img", "info", "-U", "--output=json", image}));
+  const auto about =
+      nlohmann::json::parse(run_or_throw({"qemu-img", "info", "-U", "--output=json", image}));
   return about.value("full-backing-filename", "");
 }
 
-}  // namespace
-
-MirrorState mirror_state_of(const std::string& status) {
-  const auto words = words_of(status);
-  const size_t slash = words.size() > 8 ? words[6].find('/') : std::string::npos;
-  if (slash == std::string::npos || words[2] != "mirror") {
-    throw Failure(kFailed, "dmsetup speaks of no mirror: " + status, "look at `dmsetup status`");
+std::string lasting_name_of(const std::string& device) {
+  try {
+    return stable_name_of(device);
+  } catch (const Failure&) {
+    return device;
   }
-  return {std::stoull(words[6]), std::stoull(words[6].substr(slash + 1)), words[8]};
 }
+
+// "UUID ATTRIBUTES", as dmsetup has them; empty: there is no device of that name.
+std::vector<std::string> known_of(const std::string& name) {
+  const Ran info =
+      try_dmsetup({"info", "-c", "--noheadings", "--separator", " ", "-o", "uuid,attr", name});
+  return info.status == 0 ? words_of(info.output) : std::vector<std::string>();
+}
+
+}  // namespace
 
 Instant::Instant(InstantWish wish) : wish_(std::move(wish)) {
   check_name(wish_.name);
@@ -112,26 +96,76 @@ Instant::Instant(InstantWish wish) : wish_(std::move(wish)) {
 }
 
 void Instant::look() {
-  left_over_ = fs::exists(overlay());
-  const Ran info = run({"dmsetup", "info", "-c", "--noheadings", "-o", "uuid", wish_.name});
-  if (info.status == 127) throw missing("dmsetup", "dmsetup");
-  if (info.status != 0) return;  // there is none of that name
-  const auto uuid = words_of(info.output);
-  const auto table = words_of(dmsetup({"table", wish_.name}));
-  // START LENGTH mirror core COUNT REGION... LEGS SOURCE OFFSET TARGET OFFSET ...
-  const auto legs = std::find_if(table.begin(), table.end(), is_nbd);
-  if (uuid.empty() || uuid[0] != uuid_for(wish_.name) || table.end() - legs < 3 ||
-      !device_is(legs[2], wish_.target)) {
+  Remains remains;
+  remains.overlay = fs::exists(overlay());
+  remains.mark = fs::exists(mark());
+  if (const auto known = known_of(wish_.name); !known.empty()) {
+    const LiveTable table = live_table_of(dmsetup({"table", wish_.name}));
+    remains.device = known[0] == uuid_for(wish_.name) ? table.kind : LiveTable::Kind::Other;
+    remains.suspended = known.size() > 1 && known[1].find('s') != std::string::npos;
+    if (remains.device == LiveTable::Kind::Other || table.target != numbers_of(wish_.target)) {
+      throw Failure(
+          kBusy,
+          fmt::format("{} is there already, and is no restore onto {}", device(), wish_.target),
+          "choose another name, or take it away: `dmsetup remove " + wish_.name + "`");
+    }
+    wish_.size_bytes = table.sectors * 512;  // of the point, when it was begun
+    if (!table.source.empty()) source_ = nbd_of(table.source);
+  }
+  stage_ = stage_of(remains);
+  suspended_ = remains.suspended;
+  check_places();
+}
+
+// What was begun is gone on with where it was begun.
+void Instant::check_places() const {
+  if (stage_ == Stage::Over) {
     throw Failure(
         kBusy,
-        fmt::format("{} is there already, and is no restore onto {}", device(), wish_.target),
-        "choose another name, or take it away: `dmsetup remove " + wish_.name + "`");
+        fmt::format("{} is there already: a restore onto {} that is done", device(), wish_.target),
+        "take it away when it is not in use: `dmsetup remove " + wish_.name + "`");
   }
-  source_ = "/dev/nbd" + legs[0].substr(legs[0].find(':') + 1);
+  const std::string served = source_.empty() ? "" : served_by(source_);
+  if (!served.empty() && served != overlay()) {
+    throw Failure(kMisused, fmt::format("the overlay of {} is {}", device(), served),
+                  "name its folder with --scratch");
+  }
+  if (stage_ != Stage::Whole) return;
+  if (const std::string target = read_mark().target; target != lasting_name_of(wish_.target)) {
+    throw Failure(kUnsafe,
+                  fmt::format("{} is of a restore onto {}, which is whole", mark(), target),
+                  "give that target, and what is left of it is taken away");
+  }
+}
+
+Mark Instant::read_mark() const {
+  std::string text;
+  read_file(mark(), &text);
+  return parse_mark(text, mark());
+}
+
+// Gone for certain, before anything is written that it would not be true of.
+void Instant::drop_mark() {
+  remove_file(mark());
+  sync_directory(wish_.scratch);
+}
+
+std::string Instant::image() const {
+  return fs::exists(mark()) ? read_mark().image : backing_of(overlay());
+}
+
+void Instant::take_over() {
+  lock_ = lock_file("/run/snbf-instant-" + wish_.name + ".lock", device());
+  look();  // whoever had the lock may have gone on since
+  if (stage_ == Stage::Copied) {
+    switch_over();
+  } else {
+    bring_on();
+  }
 }
 
 void Instant::make_overlay() {
-  if (left_over_) {
+  if (stage_ == Stage::LeftOver) {
     if (!fs::equivalent(backing_of(overlay()), wish_.image)) {
       throw Failure(
           kUnsafe,
@@ -140,46 +174,36 @@ void Instant::make_overlay() {
     }
     return;
   }
-  run_of("qemu-utils",
-         {"qemu-img", "create", "-q", "-f", "qcow2", "-b", wish_.image, "-F", "qcow2", overlay()});
-}
-
-void Instant::serve() {
-  if (!fs::exists("/sys/block/nbd0")) run_of("kmod", {"modprobe", "nbd"});
-  for (int number = 0; fs::exists(fmt::format("/sys/block/nbd{}", number)); ++number) {
-    if (!nbd_is_free(number)) continue;
-    const std::string device = fmt::format("/dev/nbd{}", number);
-    run_of("qemu-utils",
-           {"qemu-nbd", "--connect=" + device, "--format=qcow2", "--cache=writeback",
-            "--socket=/run/snbf-instant-" + wish_.name + ".sock", "--discard=ignore", overlay()});
-    source_ = device;
-    // It answers before the kernel knows the size.
-    for (int i = 0; i < kSteps && size_of_nbd(number) < sectors(); ++i) {
-      std::this_thread::sleep_for(kStep);
-    }
-    if (size_of_nbd(number) >= sectors()) return;
-    throw Failure(kFailed, "qemu-nbd serves no disk on " + device, "look at `dmesg`");
-  }
-  throw Failure(kBusy, "every /dev/nbd device is in use",
-                "end one: `qemu-nbd --disconnect /dev/nbdN`");
+  const std::string aside = overlay() + ".new";
+  run_or_throw(
+      {"qemu-img", "create", "-q", "-f", "qcow2", "-b", wish_.image, "-F", "qcow2", aside});
+  sync_file(aside);
+  fs::rename(aside, overlay());
+  sync_directory(wish_.scratch);
 }
 
 void Instant::begin() {
+  if (stage_ == Stage::None) {
+    // One that serves what somebody has removed would take the new one's place.
+    if (const std::string stale = server_of(overlay()); !stale.empty()) end_server(stale);
+  }
   make_overlay();
   try {
-    serve();
+    source_ = serve(overlay(), "/run/snbf-instant-" + wish_.name + ".sock", wish_.size_bytes);
     dmsetup({"create", wish_.name, "--uuid", uuid_for(wish_.name), "--table",
              fmt::format("0 {} mirror core 1 {} 2 {} 0 {} 0 1 handle_errors", sectors(),
                          kRegionSectors, source_, wish_.target)});
   } catch (...) {
     if (!source_.empty()) run({"qemu-nbd", "--disconnect", source_});
     source_.clear();
-    if (!left_over_) remove_file(overlay());
+    if (stage_ == Stage::None) remove_file(overlay());
     throw;
   }
+  stage_ = Stage::Copying;
 }
 
 double Instant::percent() const {
+  if (stage_ != Stage::Copying) return 100;
   const MirrorState state = mirror_state_of(dmsetup({"status", wish_.name}));
   if (state.health.find_first_not_of('A') != std::string::npos) {
     const bool source = state.health[0] != 'A';
@@ -193,21 +217,73 @@ double Instant::percent() const {
   return state.all ? 100.0 * static_cast<double>(state.done) / static_cast<double>(state.all) : 0;
 }
 
-void Instant::finish() {
-  dmsetup({"suspend", wish_.name});
+// The mark is written while nothing can be written through the mirror: whatever is in the overlay then is
+// in the target too, and on its disk.
+void Instant::complete() {
+  sync_file(wish_.target);  // most of it before anybody has to wait
+  try {
+    dmsetup({"suspend", wish_.name});
+    if (percent() < 100) {
+      throw Failure(kFailed, device() + " is not copied to its end", "run this again");
+    }
+    sync_file(wish_.target);
+    replace_file(mark(), to_text({lasting_name_of(wish_.target), image()}));
+  } catch (...) {
+    bring_back();
+    throw;
+  }
+  stage_ = Stage::Copied;
+}
+
+void Instant::switch_over() {
   try {
     dmsetup(
         {"load", wish_.name, "--table", fmt::format("0 {} linear {} 0", sectors(), wish_.target)});
+    dmsetup({"resume", wish_.name});
   } catch (...) {
-    run({"dmsetup", "resume", wish_.name});
+    bring_back();
     throw;
   }
-  dmsetup({"resume", wish_.name});
-  // Only what the target keeps makes the overlay superfluous.
-  sync_file(wish_.target);
-  run_of("qemu-utils", {"qemu-nbd", "--disconnect", source_});
+  look();
+  if (stage_ == Stage::Switched) return;
+  throw Failure(kFailed, device() + " did not become " + wish_.target, "run this again");
+}
+
+// In use again, as what it is now.
+void Instant::bring_on() {
+  if (stage_ == Stage::Copying || stage_ == Stage::Copied) {
+    drop_mark();
+    dmsetup({"clear", wish_.name});  // what was loaded must not come with the resumption
+    stage_ = Stage::Copying;
+  }
+  if (suspended_) dmsetup({"resume", wish_.name});
+  suspended_ = false;
+}
+
+void Instant::bring_back() noexcept {
+  try {
+    look();  // a program that failed may have done its work all the same
+    bring_on();
+  } catch (const std::exception&) {
+    // The next one who takes over tries it again. A mark that cannot be taken away must not see
+    // another write through the mirror.
+  }
+}
+
+void Instant::clean_up() {
+  sync_file(wish_.target);  // only what it keeps makes the overlay superfluous
+  if (source_.empty()) source_ = server_of(overlay());
+  if (!source_.empty()) end_server(source_);
   source_.clear();
   remove_file(overlay());
+  sync_directory(wish_.scratch);  // the overlay first: it may be older than the target by now
+  remove_file(mark());
+}
+
+void Instant::finish() {
+  if (stage_ == Stage::Copying) complete();
+  if (stage_ == Stage::Copied) switch_over();
+  clean_up();
 }
 
 }  // namespace snbf

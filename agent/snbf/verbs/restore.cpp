@@ -163,14 +163,16 @@ void compare(const Job& job, const RawPlace& place) {
 }
 
 void tell_usable(const Job& job, const Options& options, const Instant& instant) {
+  const std::string device = instant.stage() == Stage::Whole ? job.target.path : instant.device();
   if (options.json) {
     Json json = job_json(job);
-    json["device"] = instant.device();
+    json["device"] = device;
     print_json(json);
   } else {
-    fmt::print("{}\n", instant.device());
+    fmt::print("{}\n", device);
   }
   std::fflush(stdout);
+  if (instant.stage() != Stage::Copying) return;
   note(fmt::format("{} is there as {}: mount it now, it is copied to {} meanwhile", job.what(),
                    instant.device(), job.target.path));
 }
@@ -191,7 +193,7 @@ InstantWish wish_of(const Options& options) {
   const ChosenPoint chosen = choose_point(options.source);
   InstantWish wish{options.instant,
                    std::filesystem::canonical(chosen.destination + "/" + chosen.point.file),
-                   std::filesystem::absolute(options.scratch).lexically_normal(),
+                   std::filesystem::weakly_canonical(options.scratch),
                    std::filesystem::weakly_canonical(options.target), chosen.manifest.size};
   if (!std::filesystem::is_block_file(wish.target)) {
     throw Failure(kMisused, wish.target + " is no block device",
@@ -201,22 +203,56 @@ InstantWish wish_of(const Options& options) {
   return wish;
 }
 
+// What is under way is of the point that it was begun with, whatever has become the newest since.
+Job job_under_way(const Options& options, const Instant& instant) {
+  Job job;
+  job.chosen = choose_point(options.source);
+  job.target.path = std::filesystem::weakly_canonical(options.target);
+  const std::filesystem::path image = instant.image();
+  const auto& points = job.chosen.manifest.points;
+  const auto point = std::find_if(points.begin(), points.end(), [&image](const Point& point) {
+    return point.file == image.filename();
+  });
+  std::error_code gone;
+  if (point == points.end() ||
+      !std::filesystem::equivalent(image, job.chosen.destination + "/" + point->file, gone)) {
+    throw Failure(
+        kBusy, fmt::format("what is being restored as {} is {}", options.instant, image.string()),
+        "name the chain that it belongs to");
+  }
+  if (point->id != job.chosen.point.id) {
+    note(fmt::format("{} is of point {}, and that is gone on with", options.instant, point->id));
+  }
+  job.chosen.point = *point;
+  job.data_bytes = data_bytes_of(job.image());
+  return job;
+}
+
+void tell_end(const Job& job, const Options& options, const Instant& instant) {
+  if (instant.stage() == Stage::Whole) {
+    note(
+        fmt::format("{} has had all of it since before {} went: what was left of the restore is "
+                    "taken away",
+                    job.target.path, instant.device()));
+    return;
+  }
+  note(fmt::format("{} has all of it, and {} is the same device now", job.target.path,
+                   instant.device()));
+  note(fmt::format("when it is not in use: `dmsetup remove {}`, and use {}", options.instant,
+                   job.target.path));
+}
+
 int restore_instantly(const Options& options) {
   Instant instant(wish_of(options));
   const SignalsNoted signals;
-  Job job;
-  if (instant.is_running()) {
-    job.chosen = choose_point(options.source);
-    job.target.path = std::filesystem::weakly_canonical(options.target);
-    job.data_bytes = data_bytes_of(job.image());
-  } else {
-    job = check(options);
-  }
+  if (!options.dry_run) instant.take_over();
+  Job job = instant.is_begun() ? job_under_way(options, instant) : check(options);
   if (options.dry_run) return rehearse(job, options);
-  if (!instant.is_running()) {
+  if (!instant.is_begun()) {
+    const bool left_over = instant.stage() == Stage::LeftOver;
     job.target.claim.reset();  // to be the mirror's
     instant.begin();
-    if (instant.is_left_over()) note("what was written to it since is still there");
+    if (left_over) note("what was written to it since is still there");
   }
   tell_usable(job, options, instant);
   if (!attend(job, instant)) {
@@ -224,10 +260,7 @@ int restore_instantly(const Options& options) {
     return kDone;
   }
   instant.finish();
-  note(fmt::format("{} has all of it, and {} is the same device now", job.target.path,
-                   instant.device()));
-  note(fmt::format("when it is not in use: `dmsetup remove {}`, and use {}", options.instant,
-                   job.target.path));
+  tell_end(job, options, instant);
   return kDone;
 }
 
@@ -271,7 +304,7 @@ void add_restore(CLI::App& app, Chosen& chosen) {
       "restore\nthat is interrupted can only be run again: it says what the target holds then.\n"
       "With --instant the point can be mounted and written to within seconds, while the kernel\n"
       "copies it to the target; it is not compared. What is written goes to both, so whatever\n"
-      "happens meanwhile, the same command again goes on with it.",
+      "happens meanwhile, at its end too, the same command again goes on with it.",
       options, restore);
   verb->add_option("dest", options->source, "DEST for the newest point, or DEST@POINT")->required();
   verb->add_option("target", options->target, "Block device or file")->required();
