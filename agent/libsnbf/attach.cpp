@@ -23,6 +23,7 @@
 
 #include "handle.h"
 #include "identity.h"
+#include "record_file.h"
 
 namespace {
 
@@ -80,6 +81,8 @@ std::string judge(const libsnbf_attach_request& request, uint32_t minor, const l
   for (const char* suffix : {".incr", ".diff"}) {
     libsnbf_verdict verdict = LIBSNBF_CORRUPT;
     const std::string path = bmp_path(request.bmp_dir, minor, suffix);
+    // One that cannot be read is as good as damaged: it is written anew, which may mend it, and its
+    // partition comes up.
     if (libsnbf_judge_bmp_file(path.c_str(), bmp_bytes, &verdict) != 0) return LIBSNBF_WHY_CORRUPT;
     if (verdict != LIBSNBF_GOOD) return why_of(verdict);
   }
@@ -92,26 +95,32 @@ std::string judge(const libsnbf_attach_request& request, uint32_t minor, const l
   return "";
 }
 
-// Those in the directory that can be read, by minor.
-std::map<uint32_t, libsnbf_state> records_in(const char* bmp_dir) {
-  std::map<uint32_t, libsnbf_state> records;
-  for (const auto& entry : std::filesystem::directory_iterator(bmp_dir)) {
+using Records = std::map<uint32_t, libsnbf_state>;  // by minor
+
+// Those in the directory that are whole. One that cannot be read is an error: nobody knows whose it
+// is, nor whether it says "clean".
+int records_in(const char* bmp_dir, Records* out) {
+  std::error_code failed;
+  for (std::filesystem::directory_iterator at(bmp_dir, failed), end; !failed && at != end;
+       at.increment(failed)) {
     uint32_t minor = 0;
     libsnbf_state state;
-    if (entry.path().extension() != ".state") continue;
-    if (std::sscanf(entry.path().stem().c_str(), "snbf%u", &minor) != 1) continue;
-    if (libsnbf_state_read(bmp_dir, minor, &state) == 0) records.emplace(minor, state);
+    if (at->path().extension() != ".state") continue;
+    if (std::sscanf(at->path().stem().c_str(), "snbf%u", &minor) != 1) continue;
+    const int rc = libsnbf_state_read(bmp_dir, minor, &state);
+    if (snbf::lib::is_unread(rc)) return rc;
+    if (rc == 0) out->emplace(minor, state);
   }
-  return records;
+  return -failed.value();
 }
 
 // The minor that the name had last, of those that `may_be`. A partition that got another one has a
 // record of each; only the last can have been stopped cleanly.
 template <typename MayBe>
-std::optional<uint32_t> last_minor(const libsnbf_attach_request& request, MayBe may_be) {
+std::optional<uint32_t> last_minor(const Records& records, const char* name, MayBe may_be) {
   std::optional<uint32_t> last;
-  for (const auto& [minor, state] : records_in(request.bmp_dir)) {
-    if (std::string(state.name) != request.name || !may_be(minor, state)) continue;
+  for (const auto& [minor, state] : records) {
+    if (std::string(state.name) != name || !may_be(minor, state)) continue;
     if (state.stopped_clean) return minor;
     if (!last) last = minor;
   }
@@ -120,12 +129,12 @@ std::optional<uint32_t> last_minor(const libsnbf_attach_request& request, MayBe 
 
 // The minor decides the names of the bitmap files, so a name gets its old one back, and never one
 // whose files belong to another name.
-std::optional<uint32_t> choose_minor(const libsnbf_attach_request& request, const Nodes& nodes,
-                                     uint32_t minor_max) {
+std::optional<uint32_t> choose_minor(const libsnbf_attach_request& request, const Records& records,
+                                     const Nodes& nodes, uint32_t minor_max) {
   const auto is_free = [&](uint32_t minor, const libsnbf_state&) {
     return minor < minor_max && !nodes.minors.contains(minor);
   };
-  if (const auto own = last_minor(request, is_free)) return own;
+  if (const auto own = last_minor(records, request.name, is_free)) return own;
   libsnbf_state state{};
   for (uint32_t minor = 0; minor < minor_max; ++minor) {
     if (!is_free(minor, state)) continue;
@@ -150,19 +159,6 @@ bool is_of_another(const libsnbf_state& state, const std::vector<std::string>& i
          std::find(identities.begin(), identities.end(), state.device) == identities.end();
 }
 
-// Under another name the partition has a record of its own. What happens to it from now on is not in
-// that one's bitmaps.
-int distrust_twins(const char* bmp_dir, uint32_t minor,
-                   const std::vector<std::string>& identities) {
-  for (auto& [other, state] : records_in(bmp_dir)) {
-    if (other == minor || !state.stopped_clean) continue;
-    if (!state.device[0] || is_of_another(state, identities)) continue;
-    state.stopped_clean = 0;
-    if (int rc = libsnbf_state_write(bmp_dir, other, &state); rc != 0) return rc;
-  }
-  return 0;
-}
-
 int settle_bitmaps(libsnbf* handle, uint32_t minor, bool believed) {
   for (uint32_t type : {SNBF_BMP_INCR, SNBF_BMP_DIFF}) {
     const int rc = believed ? libsnbf_save_bmp(handle, minor, type)
@@ -183,9 +179,38 @@ struct Attachment {
   int32_t minor_before = -1;
   int known = 0;  // 0: `before` is the record of the last attachment, else why there is none
   libsnbf_state before{};
-  libsnbf_state state{};  // the new record
-  std::string why;        // the bitmaps are not believed
+  libsnbf_state state{};        // the new record
+  std::string why;              // the bitmaps are not believed
+  Records records;              // of all nodes in the directory, as they were found
+  std::vector<uint32_t> twins;  // of these, made unclean
 };
+
+// Under another name the partition has a record of its own. What happens to it from now on is not in
+// that one's bitmaps.
+int distrust_twins(const char* bmp_dir, Attachment* at) {
+  for (const auto& [other, state] : at->records) {
+    if (other == at->minor || !state.stopped_clean) continue;
+    if (!state.device[0] || is_of_another(state, at->identities)) continue;
+    libsnbf_state unclean = state;
+    unclean.stopped_clean = 0;
+    at->twins.push_back(other);
+    if (int rc = libsnbf_state_write(bmp_dir, other, &unclean); rc != 0) return rc;
+  }
+  return 0;
+}
+
+// Nothing was attached, so nothing has happened to the partition. A record that somebody has changed
+// since keeps what it says; of one that was started since, the clean stop is no longer true.
+void trust_twins_again(const char* bmp_dir, const Attachment& at) {
+  for (const uint32_t other : at.twins) {
+    libsnbf_state now;
+    if (libsnbf_state_read(bmp_dir, other, &now) != 0) continue;
+    const libsnbf_state& found = at.records.at(other);
+    if (now.epoch != found.epoch || std::strcmp(now.uuid, found.uuid) != 0) continue;
+    now.stopped_clean = 1;
+    libsnbf_state_write(bmp_dir, other, &now);
+  }
+}
 
 int choose_place(libsnbf* handle, libsnbf_attach_request* request, Attachment* out) {
   Nodes nodes;
@@ -195,7 +220,7 @@ int choose_place(libsnbf* handle, libsnbf_attach_request* request, Attachment* o
   if (int rc = libsnbf_minor_max(handle, &minor_max); rc != 0) return rc;
   if (request->minor >= 0 && static_cast<uint32_t>(request->minor) >= minor_max) return -ERANGE;
   const auto minor = request->minor >= 0 ? static_cast<uint32_t>(request->minor)
-                                         : choose_minor(*request, nodes, minor_max);
+                                         : choose_minor(*request, out->records, nodes, minor_max);
   if (!minor) return -ENOSPC;
   if (snbf::lib::is_driver_name(request->name) &&
       request->name != "snbf" + std::to_string(*minor)) {
@@ -211,7 +236,7 @@ int judge_last(const libsnbf_attach_request& request, Attachment* at) {
   const auto is_its = [at](uint32_t, const libsnbf_state& state) {
     return !is_of_another(state, at->identities);
   };
-  const auto last = last_minor(request, is_its);
+  const auto last = last_minor(at->records, request.name, is_its);
   if (last && *last != at->minor) at->minor_before = static_cast<int32_t>(*last);
   at->known = libsnbf_state_read(request.bmp_dir, at->minor, &at->before);
   if (at->known == 0 && is_of_another(at->before, at->identities)) {
@@ -220,6 +245,7 @@ int judge_last(const libsnbf_attach_request& request, Attachment* at) {
   } else if (at->known == -ENOENT) {
     at->why = at->minor_before < 0 ? LIBSNBF_WHY_MISSING : LIBSNBF_WHY_OTHER_MINOR;
   } else if (at->known != 0) {
+    if (snbf::lib::is_unread(at->known)) return at->known;
     at->why = LIBSNBF_WHY_CORRUPT;
   } else {
     at->why = judge(request, at->minor, at->before, at->partition.size_bytes);
@@ -253,15 +279,20 @@ int create_node(libsnbf* handle, const libsnbf_attach_request& request, Attachme
   put_text(record.uuid, at->state.uuid);
   record.minor = static_cast<int32_t>(at->minor);
   record.extent_size = request.extent_size;
-  if (int rc = distrust_twins(request.bmp_dir, at->minor, at->identities); rc != 0) return rc;
-  if (int rc = libsnbf_state_write(request.bmp_dir, at->minor, &at->state); rc != 0) return rc;
-  const int rc = libsnbf_add_filter_node(handle, &record);
+  bool recorded = false;
+  int rc = distrust_twins(request.bmp_dir, at);
+  if (rc == 0) {
+    recorded = true;
+    rc = libsnbf_state_write(request.bmp_dir, at->minor, &at->state);
+  }
+  if (rc == 0) rc = libsnbf_add_filter_node(handle, &record);
   put_text(at->state.uuid, record.uuid);
   if (rc == 0) return 0;
   // Nothing was attached: what was known still holds.
-  if (at->known == 0) {
+  trust_twins_again(request.bmp_dir, *at);
+  if (recorded && at->known == 0) {
     libsnbf_state_write(request.bmp_dir, at->minor, &at->before);
-  } else {
+  } else if (recorded) {
     ::unlink(bmp_path(request.bmp_dir, at->minor, ".state").c_str());
   }
   return rc;
@@ -270,6 +301,7 @@ int create_node(libsnbf* handle, const libsnbf_attach_request& request, Attachme
 int attach_locked(libsnbf* handle, libsnbf_attach_request* request) {
   Attachment at;
   if (int rc = check(handle, *request, &at.partition); rc != 0) return rc;
+  if (int rc = records_in(request->bmp_dir, &at.records); rc != 0) return rc;
   if (int rc = choose_place(handle, request, &at); rc != 0) return rc;
   at.identities = snbf::lib::identities_of(*handle, at.partition.device);
   if (int rc = judge_last(*request, &at); rc != 0) return rc;

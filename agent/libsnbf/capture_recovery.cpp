@@ -71,10 +71,12 @@ int libsnbf_capture::drop_snap() {
 // Snaps of captures that were cut off, as nodes or as records.
 int libsnbf_capture::remove_left_over(uint32_t* left) {
   std::vector<snbf_info> nodes;
+  std::vector<libsnbf_snap_record> records;
   *left = 0;
   if (int rc = see_node(); rc != 0) return rc;
   if (int rc = snbf::lib::snap_infos(handle, node, &nodes); rc != 0) return rc;
-  for (const auto& found : snbf::lib::snap_records(dir, node.uuid)) {
+  if (int rc = snbf::lib::snap_records(dir, node.uuid, &records); rc != 0) return rc;
+  for (const auto& found : records) {
     if (!found.temporary) continue;
     const snbf_info* there = nullptr;
     for (const snbf_info& candidate : nodes) {

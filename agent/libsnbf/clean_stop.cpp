@@ -42,7 +42,9 @@ int record_clean_stop(libsnbf* handle, const snbf_info& info) {
 int record_running(const snbf_info& filter) {
   libsnbf_state state;
   const std::string dir = bmp_dir_of(filter);
-  if (int rc = read_own_state(filter, &state); rc != 0) return rc == -ENOLINK ? rc : 0;
+  const int read = read_own_state(filter, &state);
+  if (read == -ENOENT || read == -EBADMSG) return 0;  // it says "clean" to nobody
+  if (read != 0) return read;
   state.stopped_clean = 0;
   return libsnbf_state_write(dir.c_str(), filter.minor, &state);
 }
@@ -74,10 +76,11 @@ int get_started_filter(libsnbf* handle, uint32_t minor, snbf_info* out) {
 int leave_dirty_locked(libsnbf* handle, uint32_t minor) {
   snbf_info info;
   if (int rc = get_started_filter(handle, minor, &info); rc != 0) return rc;
-  if (int rc = snbf::lib::record_running(info); rc != 0) return rc;
+  const int running = snbf::lib::record_running(info);
+  if (running == -ENOLINK) return running;  // the files there are another node's
   const int incr = write_flag(info.incr_bmp_fname);
   const int diff = write_flag(info.diff_bmp_fname);
-  return incr != 0 ? incr : diff;
+  return running != 0 ? running : incr != 0 ? incr : diff;
 }
 
 // 1 if every mount of the node can only read. What the file system itself may write is a matter of

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "handle.h"
+#include "record_file.h"
 
 namespace {
 
@@ -57,13 +58,15 @@ int record_start(libsnbf* handle, const snbf_info& info) {
   return libsnbf_state_write(dir.c_str(), info.minor, &state);
 }
 
-// 1: a start of this snap would truncate what could be resumed.
-bool holds_an_image(libsnbf* handle, const snbf_info& snap) {
+// -ENOTEMPTY: a start of this snap would truncate what could be resumed.
+int refuse_over_an_image(libsnbf* handle, const snbf_info& snap) {
   snbf_info filter;
   libsnbf_snap_record record;
-  if (snbf::lib::filter_of(handle, snap.minor, &filter) != 0) return false;
+  if (int rc = snbf::lib::filter_of(handle, snap.minor, &filter); rc != 0) return rc;
   const std::string dir = bmp_dir_of(filter);
-  return libsnbf_snap_record_read(dir.c_str(), snap.name, &record) == 0 && record.stopped_clean;
+  const int rc = libsnbf_snap_record_read(dir.c_str(), snap.name, &record);
+  if (snbf::lib::is_unread(rc)) return rc;
+  return rc == 0 && record.stopped_clean ? -ENOTEMPTY : 0;
 }
 
 int start_locked(libsnbf* handle, uint32_t minor) {
@@ -71,7 +74,8 @@ int start_locked(libsnbf* handle, uint32_t minor) {
   if (int rc = libsnbf_get_info(handle, minor, &info); rc != 0) return rc;
   if (info.started) return -EALREADY;
   if (info.dev_type == SNBF_DEV_SNAP) {
-    return holds_an_image(handle, info) ? -ENOTEMPTY : snbf::lib::start_node_locked(handle, minor);
+    const int rc = refuse_over_an_image(handle, info);
+    return rc != 0 ? rc : snbf::lib::start_node_locked(handle, minor);
   }
   if (int rc = record_start(handle, info); rc != 0) return rc;
   if (int rc = snbf::lib::start_node_locked(handle, minor); rc != 0) return rc;

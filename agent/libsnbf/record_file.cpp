@@ -5,7 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <fstream>
+#include <sstream>
 
 #include "handle.h"
 
@@ -28,6 +28,20 @@ int write_all(int fd, const std::string& text) {
 int sync_directory(const std::string& path) {
   Fd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return !directory.ok() || ::fsync(directory.get()) < 0 ? -errno : 0;
+}
+
+int read_file(const std::string& path, std::string* out) {
+  Fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file.ok()) return -errno;
+  out->clear();
+  char buffer[4096];
+  ssize_t n;
+  while ((n = ::read(file.get(), buffer, sizeof buffer)) != 0) {
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) return -errno;
+    out->append(buffer, static_cast<size_t>(n));
+  }
+  return 0;
 }
 
 int replace_file(const std::string& path, const std::string& text) {
@@ -53,9 +67,9 @@ int write_record(const std::string& path, const char* heading, const Fields& fie
 
 int read_record(const std::string& path, const char* heading,
                 const std::function<bool(const std::string&, const std::string&)>& take) {
-  errno = 0;
-  std::ifstream file(path);
-  if (!file) return errno ? -errno : -ENOENT;
+  std::string text;
+  if (int rc = read_file(path, &text); rc != 0) return rc;
+  std::istringstream file(text);
   std::string line;
   if (!std::getline(file, line) || line != heading) return -EBADMSG;
   bool complete = false;

@@ -15,6 +15,7 @@
 #include <chrono>
 #include <ctime>
 
+#include "record_file.h"
 #include "snap_record.h"
 
 namespace {
@@ -111,8 +112,9 @@ int plan_creation(libsnbf* handle, const libsnbf_snap_request& request, Creation
       rc != 0) {
     return rc;
   }
+  std::vector<libsnbf_snap_record> others;
+  if (int rc = snbf::lib::snap_records(made->dir, made->filter.uuid, &others); rc != 0) return rc;
   libsnbf_snap_record& record = made->record;
-  const auto others = snbf::lib::snap_records(made->dir, made->filter.uuid);
   record.sequence = others.empty() ? 1 : others.back().sequence + 1;
   record.dev_size = made->filter.dev_size;
   record.chunk_size = libsnbf_chunk_size_on(made->node.chunk_size, record.dev_size);
@@ -178,10 +180,12 @@ bool is_node(libsnbf* handle, uint32_t minor, const char* uuid) {
 // Records of deletions that the driver had put off and has carried out since.
 void sweep(libsnbf* handle, const snbf_info& filter) {
   std::vector<snbf_info> snaps;
+  std::vector<libsnbf_snap_record> records;
   snbf_info now;
   if (libsnbf_get_info(handle, filter.minor, &now) != 0) return;
   if (snbf::lib::snap_infos(handle, now, &snaps) != 0) return;
-  for (const auto& record : snbf::lib::snap_records(bmp_dir_of(filter), filter.uuid)) {
+  if (snbf::lib::snap_records(bmp_dir_of(filter), filter.uuid, &records) != 0) return;
+  for (const auto& record : records) {
     const bool there = std::any_of(snaps.begin(), snaps.end(), [&](const snbf_info& snap) {
       return std::strcmp(snap.uuid, record.uuid) == 0;
     });
@@ -196,7 +200,9 @@ void sweep(libsnbf* handle, const snbf_info& filter) {
 // Parts of an older snap's image may lie in a newer one's files: without those it is nothing.
 int distrust_older(const snbf_info& filter, const libsnbf_snap_record& gone) {
   const std::string dir = bmp_dir_of(filter);
-  for (auto& record : snbf::lib::snap_records(dir, filter.uuid)) {
+  std::vector<libsnbf_snap_record> records;
+  if (int rc = snbf::lib::snap_records(dir, filter.uuid, &records); rc != 0) return rc;
+  for (auto& record : records) {
     if (record.sequence >= gone.sequence || !record.stopped_clean) continue;
     record.stopped_clean = 0;
     if (int rc = libsnbf_snap_record_write(dir.c_str(), &record); rc != 0) return rc;
@@ -215,8 +221,9 @@ int delete_locked(libsnbf* handle, uint32_t minor, const char* uuid, int* postpo
   if (int rc = snbf::lib::filter_of(handle, minor, &filter); rc != 0) return rc;
   const std::string dir = bmp_dir_of(filter);
   libsnbf_snap_record record;
-  const bool known = libsnbf_snap_record_read(dir.c_str(), snap.name, &record) == 0 &&
-                     std::strcmp(record.uuid, snap.uuid) == 0;
+  const int read = libsnbf_snap_record_read(dir.c_str(), snap.name, &record);
+  if (snbf::lib::is_unread(read)) return read;
+  const bool known = read == 0 && std::strcmp(record.uuid, snap.uuid) == 0;
   if (known) {
     libsnbf_snap_record going = record;
     going.deleting = 1;

@@ -83,27 +83,31 @@ int sync_file(const char* path) {
 
 namespace snbf::lib {
 
-std::vector<libsnbf_snap_record> snap_records(const std::string& bmp_dir) {
-  std::vector<libsnbf_snap_record> found;
-  std::error_code ignored;
-  for (const auto& entry : fs::directory_iterator(bmp_dir, ignored)) {
+int snap_records(const std::string& bmp_dir, std::vector<libsnbf_snap_record>* out) {
+  std::error_code failed;
+  out->clear();
+  for (fs::directory_iterator at(bmp_dir, failed), end; !failed && at != end;
+       at.increment(failed)) {
     libsnbf_snap_record record;
-    if (entry.path().extension() != kSuffix) continue;
-    const std::string name = entry.path().stem();
-    if (libsnbf_snap_record_read(bmp_dir.c_str(), name.c_str(), &record) != 0) continue;
-    if (name == record.name) found.push_back(record);
+    if (at->path().extension() != kSuffix) continue;
+    const std::string name = at->path().stem();
+    const int rc = libsnbf_snap_record_read(bmp_dir.c_str(), name.c_str(), &record);
+    if (is_unread(rc)) return rc;
+    if (rc == 0 && name == record.name) out->push_back(record);
   }
-  return found;
+  const bool gone = failed.value() == ENOENT || failed.value() == ENOTDIR;
+  return gone ? 0 : -failed.value();
 }
 
-std::vector<libsnbf_snap_record> snap_records(const std::string& bmp_dir, const char* node_uuid) {
-  std::vector<libsnbf_snap_record> found = snap_records(bmp_dir);
-  std::erase_if(found, [node_uuid](const libsnbf_snap_record& record) {
+int snap_records(const std::string& bmp_dir, const char* node_uuid,
+                 std::vector<libsnbf_snap_record>* out) {
+  if (int rc = snap_records(bmp_dir, out); rc != 0) return rc;
+  std::erase_if(*out, [node_uuid](const libsnbf_snap_record& record) {
     return std::strcmp(record.node_uuid, node_uuid) != 0;
   });
-  std::sort(found.begin(), found.end(),
+  std::sort(out->begin(), out->end(),
             [](const auto& one, const auto& other) { return one.sequence < other.sequence; });
-  return found;
+  return 0;
 }
 
 std::optional<uint32_t> choose_snap_minor(const std::string& bmp_dir, const Nodes& nodes,
@@ -163,7 +167,9 @@ int files_of_snaps(libsnbf* handle, const std::string& extra_dir, std::set<FileI
     if (libsnbf_get_info(handle, list.minors[i], &info) == 0) dirs.insert(bmp_dir_of(info));
   }
   for (const std::string& dir : dirs) {
-    for (const libsnbf_snap_record& record : snap_records(dir)) {
+    std::vector<libsnbf_snap_record> records;
+    if (int rc = snap_records(dir, &records); rc != 0) return rc;
+    for (const libsnbf_snap_record& record : records) {
       // By path, and by what was seen there: the path may lead elsewhere by now.
       add(record.cow_data_fname);
       add(record.cow_bmp_fname);

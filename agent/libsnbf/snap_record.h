@@ -12,10 +12,12 @@
 
 namespace snbf::lib {
 
-// Of whatever nodes have their bitmaps there.
-std::vector<libsnbf_snap_record> snap_records(const std::string& bmp_dir);
-// Of one filter node, oldest first. Those that cannot be read are left out.
-std::vector<libsnbf_snap_record> snap_records(const std::string& bmp_dir, const char* node_uuid);
+// Of whatever nodes have their bitmaps there. A directory that is gone has none, and those that are
+// damaged are left out; one that cannot be read is an error.
+int snap_records(const std::string& bmp_dir, std::vector<libsnbf_snap_record>* out);
+// Of one filter node, oldest first.
+int snap_records(const std::string& bmp_dir, const char* node_uuid,
+                 std::vector<libsnbf_snap_record>* out);
 
 // A free minor for a snap, from the top: a low one may be what a filter node's bitmap files are
 // named after.

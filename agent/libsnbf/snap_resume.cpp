@@ -22,6 +22,7 @@
 #include <fstream>
 #include <optional>
 
+#include "record_file.h"
 #include "snap_record.h"
 
 namespace {
@@ -72,7 +73,9 @@ int survey(libsnbf* handle, uint32_t filter_minor, Ground* out) {
   if (int rc = libsnbf_get_info(handle, filter_minor, &out->filter); rc != 0) return rc;
   if (out->filter.dev_type != SNBF_DEV_FILTER) return -EINVAL;
   const std::string dir = bmp_dir_of(out->filter);
-  out->known = libsnbf_state_read(dir.c_str(), filter_minor, &out->state) == 0;
+  const int read = libsnbf_state_read(dir.c_str(), filter_minor, &out->state);
+  if (snbf::lib::is_unread(read)) return read;
+  out->known = read == 0;
   if (out->filter.started || !out->known) return 0;
   if (int rc = snbf::lib::hash_bitmaps(handle, out->filter, &out->bitmaps_hash); rc != 0) return rc;
   return snbf::lib::hash_head(out->filter.hdd_name, &out->head_hash);
@@ -102,11 +105,15 @@ std::string judge(libsnbf* handle, const Ground& ground, const Nodes& nodes,
 
 int judge_all(libsnbf* handle, const Ground& ground, std::vector<Candidate>* out) {
   std::vector<snbf_info> snaps;
+  std::vector<libsnbf_snap_record> records;
   Nodes nodes;
   if (int rc = snbf::lib::snap_infos(handle, ground.filter, &snaps); rc != 0) return rc;
   if (int rc = snbf::lib::list_nodes(handle, &nodes); rc != 0) return rc;
-  for (const auto& record :
-       snbf::lib::snap_records(bmp_dir_of(ground.filter), ground.filter.uuid)) {
+  if (int rc = snbf::lib::snap_records(bmp_dir_of(ground.filter), ground.filter.uuid, &records);
+      rc != 0) {
+    return rc;
+  }
+  for (const auto& record : records) {
     Candidate candidate{record, std::nullopt, ""};
     for (const snbf_info& snap : snaps) {
       if (std::strcmp(snap.uuid, record.uuid) == 0) candidate.node = snap;

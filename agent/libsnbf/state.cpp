@@ -1,13 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // What outlives an attachment: the state record beside the bitmap files, and a second opinion on
 // those files, so that the reason for distrusting one can be told.
-#include <sys/stat.h>
-
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
-#include <vector>
+#include <string_view>
 
 #include "handle.h"
 #include "record_file.h"
@@ -49,11 +46,35 @@ constexpr std::array<uint32_t, 256> make_crc_table() {
 }
 
 // As the driver stores it: without the final inversion.
-uint32_t crc_register(const std::vector<unsigned char>& bytes) {
+uint32_t crc_register(std::string_view bytes) {
   static constexpr auto kTable = make_crc_table();
   uint32_t value = 0xFFFFFFFFu;
-  for (unsigned char byte : bytes) value = (value >> 8) ^ kTable[(value ^ byte) & 0xFF];
+  for (const char byte : bytes) {
+    value = (value >> 8) ^ kTable[(value ^ static_cast<unsigned char>(byte)) & 0xFF];
+  }
   return value;
+}
+
+constexpr std::string_view kMagic = "SNBFBMP";
+constexpr size_t kHeadBytes = 16;  // the magic, the dirty byte, the size, the checksum
+
+uint32_t number_at(std::string_view file, size_t offset) {
+  uint32_t value = 0;
+  std::memcpy(&value, file.data() + offset, sizeof value);
+  return value;
+}
+
+// What lies behind the bitmap is nobody's.
+libsnbf_verdict judge(std::string_view file, uint32_t size_bytes) {
+  if (file.size() <= kMagic.size() || !file.starts_with(kMagic)) return LIBSNBF_CORRUPT;
+  if (file[kMagic.size()] != 0) return LIBSNBF_DIRTY;
+  if (file.size() < 12 || number_at(file, 8) != size_bytes) {
+    return LIBSNBF_WRONG_SIZE;
+  }
+  if (file.size() < kHeadBytes + size_bytes) return LIBSNBF_WRONG_CHECKSUM;
+  return crc_register(file.substr(kHeadBytes, size_bytes)) == number_at(file, 12)
+             ? LIBSNBF_GOOD
+             : LIBSNBF_WRONG_CHECKSUM;
 }
 
 }  // namespace
@@ -88,32 +109,11 @@ int libsnbf_state_write(const char* bmp_dir, uint32_t minor, const libsnbf_state
 
 int libsnbf_judge_bmp_file(const char* path, uint32_t size_bytes, libsnbf_verdict* out) {
   return snbf::lib::at_border([&] {
-    struct stat about;
-    if (::stat(path, &about) < 0) {
-      if (errno != ENOENT && errno != ENOTDIR) return -errno;
-      *out = LIBSNBF_MISSING;
-      return 0;
-    }
-    std::ifstream file(path, std::ios::binary);
-    char magic[7];
-    unsigned char dirty = 1;
-    if (!file.read(magic, sizeof magic) || std::memcmp(magic, "SNBFBMP", sizeof magic) != 0 ||
-        !file.read(reinterpret_cast<char*>(&dirty), 1)) {
-      *out = LIBSNBF_CORRUPT;
-      return 0;
-    }
-    uint32_t size = 0;
-    uint32_t checksum = 0;
-    if (dirty) {
-      *out = LIBSNBF_DIRTY;
-    } else if (!file.read(reinterpret_cast<char*>(&size), 4) || size != size_bytes) {
-      *out = LIBSNBF_WRONG_SIZE;
-    } else {
-      std::vector<unsigned char> bits(size_bytes);
-      const bool whole = file.read(reinterpret_cast<char*>(&checksum), 4) &&
-                         file.read(reinterpret_cast<char*>(bits.data()), size_bytes);
-      *out = whole && crc_register(bits) == checksum ? LIBSNBF_GOOD : LIBSNBF_WRONG_CHECKSUM;
-    }
+    std::string text;
+    const int rc = snbf::lib::read_file(path, &text);
+    const bool missing = rc == -ENOENT || rc == -ENOTDIR;
+    if (rc != 0 && !missing) return rc;
+    *out = missing ? LIBSNBF_MISSING : judge(text, size_bytes);
     return 0;
   });
 }

@@ -151,6 +151,7 @@ class Attach : public testing::Test {
         return 0;
       }
       case SNBF_ADD_FILTER_NODE:
+        if (refused_add_ != 0) return refused_add_;
         return add(static_cast<snbf_filter_node_cmd*>(record));
     }
     if (!nodes_.contains(minor)) return -EINVAL;
@@ -220,6 +221,7 @@ class Attach : public testing::Test {
   std::map<uint32_t, std::string> bits_;
   std::function<void(uint32_t)> on_command_;
   uint32_t refused_type_ = UINT32_MAX;
+  int refused_add_ = 0;
   int uuids_ = 0;
 };
 
@@ -379,6 +381,87 @@ TEST_F(Attach, APartitionThatWasAttachedUnderAnotherNameIsNotBelievedUnderItsFir
   detach(1);
   ASSERT_EQ(attach("disk", "data"), 0);
   EXPECT_EQ(distrust(), LIBSNBF_WHY_UNCLEAN);
+}
+
+TEST_F(Attach, OneThatTheDriverRefusesLeavesEveryRecordAsItWas) {
+  leave_trusted();
+  const std::string before = text_of(store_ + "/snbf0.state");
+  refused_add_ = -EBUSY;
+  EXPECT_EQ(attach("disk", "wrong"), -EBUSY);
+  EXPECT_EQ(text_of(store_ + "/snbf0.state"), before);
+  EXPECT_FALSE(std::filesystem::exists(store_ + "/snbf1.state"));
+  EXPECT_EQ(attach(), -EBUSY);
+  EXPECT_EQ(text_of(store_ + "/snbf0.state"), before);
+  refused_add_ = 0;
+  ASSERT_EQ(attach(), 0);
+  EXPECT_EQ(distrust(), "");
+}
+
+TEST_F(Attach, OneWhoseRecordCannotBeWrittenLeavesTheOthersAsTheyWere) {
+  leave_trusted();
+  const std::string before = text_of(store_ + "/snbf0.state");
+  std::filesystem::create_directories(store_ + "/snbf1.state.new");
+  EXPECT_EQ(attach("disk", "wrong"), -EISDIR);
+  EXPECT_THAT(sent_, Not(Contains(SNBF_ADD_FILTER_NODE)));
+  EXPECT_EQ(text_of(store_ + "/snbf0.state"), before);
+}
+
+// A crash while the driver is at it must not leave the first one believed.
+TEST_F(Attach, TheFirstNameIsUncleanBeforeTheSecondOneIsThere) {
+  leave_trusted();
+  on_command_ = [this](uint32_t command) {
+    if (command != SNBF_ADD_FILTER_NODE) return;
+    EXPECT_EQ(record().stopped_clean, 0);
+  };
+  ASSERT_EQ(attach("disk", "second"), 0);
+  EXPECT_EQ(record().stopped_clean, 0);
+}
+
+TEST_F(Attach, WhatSomebodyElseWroteMeanwhileStays) {
+  leave_trusted();
+  refused_add_ = -EBUSY;
+  on_command_ = [this](uint32_t command) {
+    if (command != SNBF_ADD_FILTER_NODE) return;
+    libsnbf_state state = record();
+    std::strcpy(state.incr_point, "chain:9");
+    write_record(state);
+  };
+  EXPECT_EQ(attach("disk", "wrong"), -EBUSY);
+  EXPECT_STREQ(record().incr_point, "chain:9");
+  EXPECT_EQ(record().stopped_clean, 1);
+  on_command_ = [this](uint32_t command) {
+    if (command != SNBF_ADD_FILTER_NODE) return;
+    libsnbf_state state = record();
+    state.epoch += 1;  // it was started
+    write_record(state);
+  };
+  EXPECT_EQ(attach("disk", "wrong"), -EBUSY);
+  EXPECT_EQ(record().stopped_clean, 0);
+}
+
+TEST_F(Attach, ARecordThatCannotBeReadIsNotTakenForADamagedOne) {
+  leave_trusted();
+  std::filesystem::rename(store_ + "/snbf0.state", dir_ + "/kept");
+  std::filesystem::create_symlink("/proc/self/mem", store_ + "/snbf0.state");
+  EXPECT_EQ(attach(), -EIO);
+  EXPECT_EQ(attach("disk", "second"), -EIO) << "nobody knows whether the other one says clean";
+  EXPECT_THAT(sent_, Not(Contains(SNBF_ADD_FILTER_NODE)));
+  EXPECT_TRUE(std::filesystem::is_symlink(store_ + "/snbf0.state"));
+  std::filesystem::rename(dir_ + "/kept", store_ + "/snbf0.state");
+  ASSERT_EQ(attach(), 0);
+  EXPECT_EQ(distrust(), "");
+}
+
+TEST_F(Attach, ABitmapThatCannotBeReadIsWrittenAnew) {
+  leave_trusted();
+  std::filesystem::remove(store_ + "/snbf0.incr");
+  std::filesystem::create_symlink("/proc/self/mem", store_ + "/snbf0.incr");
+  on_command_ = [this](uint32_t command) {
+    if (command == SNBF_ADD_FILTER_NODE) std::filesystem::remove(store_ + "/snbf0.incr");
+  };
+  ASSERT_EQ(attach(), 0);
+  EXPECT_EQ(distrust(), LIBSNBF_WHY_CORRUPT);
+  EXPECT_EQ(bitmap_file(".incr"), clean_file(std::string(8, '\xFF')));
 }
 
 // --- which minor it gets --------------------------------------------------------------------------------

@@ -212,6 +212,12 @@ TEST_F(State, ComesBackAsItWasWritten) {
   EXPECT_EQ(libsnbf_state_read(directory_.c_str(), 8, &back), -ENOENT);
 }
 
+TEST_F(State, OneThatCannotBeReadIsNotTakenForADamagedOne) {
+  libsnbf_state state;
+  std::filesystem::create_symlink("/proc/self/mem", directory_ + "/snbf3.state");
+  EXPECT_EQ(libsnbf_state_read(directory_.c_str(), 3, &state), -EIO);
+}
+
 TEST_F(State, ACutOrForeignRecordIsNotBelieved) {
   libsnbf_state state{};
   put("snbf1.state", "something else\n");
@@ -250,6 +256,7 @@ TEST_F(BitmapFile, IsJudgedAsTheDriverDoes) {
   libsnbf_verdict verdict = LIBSNBF_GOOD;
   EXPECT_EQ(libsnbf_judge_bmp_file((directory_ + "/none").c_str(), 4, &verdict), 0);
   EXPECT_EQ(verdict, LIBSNBF_MISSING);
+  EXPECT_EQ(libsnbf_judge_bmp_file("/proc/self/mem", 4, &verdict), -EIO) << "its first byte";
 }
 
 }  // namespace

@@ -250,6 +250,34 @@ TEST_F(Snaps, AStartThatWouldTruncateAnImageIsRefused) {
   EXPECT_THAT(driver_->sent_, Not(Contains(SNBF_START_NODE)));
 }
 
+// What a record that cannot be read says may be what keeps an image whole.
+TEST_F(Snaps, ARecordThatCannotBeReadIsNotPassedOver) {
+  two_snaps_stopped_with_their_node();
+  const auto ignore = [](void*, const libsnbf_snap_record*, const char*) {};
+  uint32_t resumed = 0;
+  std::filesystem::rename(dir_ + "/newer.snap", dir_ + "/kept");
+  std::filesystem::create_symlink("/proc/self/mem", dir_ + "/newer.snap");
+  EXPECT_EQ(libsnbf_snap_each(handle_, 0, ignore, nullptr), -EIO);
+  EXPECT_EQ(libsnbf_snap_resume(handle_, 0, &resumed), -EIO);
+  EXPECT_EQ(libsnbf_snap_discard(handle_, 0, "newer"), -EIO);
+  EXPECT_EQ(create("third"), -EIO);
+  std::filesystem::rename(dir_ + "/kept", dir_ + "/newer.snap");
+  EXPECT_EQ(resume(), 2u);
+}
+
+TEST_F(Snaps, ASnapWhoseRecordCannotBeReadIsNeitherStartedNorDeleted) {
+  ASSERT_EQ(create("older"), 0);
+  const uint32_t minor = driver_->minor_of("older");
+  ASSERT_EQ(libsnbf_stop(handle_, 0), 0);
+  std::filesystem::rename(dir_ + "/older.snap", dir_ + "/kept");
+  std::filesystem::create_symlink("/proc/self/mem", dir_ + "/older.snap");
+  EXPECT_EQ(libsnbf_start(handle_, minor), -EIO) << "it may hold an image";
+  EXPECT_EQ(remove("older"), -EIO);
+  EXPECT_TRUE(there("cow/older.cow"));
+  std::filesystem::rename(dir_ + "/kept", dir_ + "/older.snap");
+  EXPECT_EQ(libsnbf_start(handle_, minor), -ENOTEMPTY);
+}
+
 TEST_F(Snaps, ADetachedNodesRecordsGo) {
   ASSERT_EQ(create("monday"), 0);
   ASSERT_EQ(libsnbf_detach(handle_, 0), 0);
