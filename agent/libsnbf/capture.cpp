@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -104,10 +105,33 @@ int libsnbf_capture::see_node() {
   return 0;
 }
 
+// The journal and the record are written by path. Beside the store nobody would find them, and the
+// store's record would name a point that the bitmap no longer counts from. The lock tells the
+// store from a folder that has a record of the node too. A damaged record is a blank one: it names
+// no point.
+int libsnbf_capture::see_store(libsnbf_state* state) {
+  libsnbf_state found;
+  if (int rc = snbf::lib::read_record_in_sight(node, &found); rc != 0) return rc;
+  struct stat held;
+  struct stat there;
+  if (::fstat(lock.get(), &held) < 0) return -errno;
+  if (::stat(lock_path.c_str(), &there) < 0) return errno == ENOENT ? -ENOLINK : -errno;
+  if (held.st_dev != there.st_dev || held.st_ino != there.st_ino) return -ENOLINK;
+  if (state) *state = found;
+  return 0;
+}
+
+// Beside the store there is none, and that would look like one that is gone.
+int libsnbf_capture::drop_journal() {
+  const int rc = see_store();
+  return rc != 0 ? rc : journal.drop();
+}
+
 int libsnbf_capture::prepare(const libsnbf_capture_request& request) {
   std::optional<snbf::lib::CaptureRecord> left;
   if (int rc = see_node(); rc != 0) return rc;
   if (!node.started) return -EINVAL;
+  if (int rc = see_store(); rc != 0) return rc;
   if (int rc = journal.read(&left); rc != 0) return rc;
   if (left) return -EUCLEAN;
   if (std::strlen(request.point) >= sizeof libsnbf_state::incr_point) return -ENAMETOOLONG;
@@ -122,9 +146,13 @@ int libsnbf_capture::prepare(const libsnbf_capture_request& request) {
   return snbf::lib::sync_mounts(snbf::lib::block_device(snbf::lib::node_device(node)));
 }
 
+// Asked again behind it: what is cleared on the strength of the journal must find it in the store.
 int libsnbf_capture::write_journal(bool with_bits) {
   record.captured = with_bits;
-  return journal.write(record);
+  record.time = ::time(nullptr);
+  if (int rc = see_store(); rc != 0) return rc;
+  if (int rc = journal.write(record); rc != 0) return rc;
+  return see_store();
 }
 
 // The bits that are set now, cleared in the driver and safe in the journal.
@@ -251,26 +279,26 @@ int libsnbf_capture::seal() {
   return 0;
 }
 
-int libsnbf_capture::record_point(const std::string& name, bool full) {
+int libsnbf_capture::record_point(const std::string& name, bool full, int64_t time) {
   snbf::lib::HostLock host(*handle);
   if (host.error()) return host.error();
   libsnbf_state state;
-  if (libsnbf_state_read(dir.c_str(), node.minor, &state) != 0) state = libsnbf_state{};
+  if (int rc = see_store(&state); rc != 0) return rc;
   if (!snbf::lib::put_text(state.incr_point, name)) return -ENAMETOOLONG;
   if (full) {
     snbf::lib::put_text(state.diff_point, name);
     snbf::lib::put_text(state.distrust, "");
   }
   if (int rc = libsnbf_state_write(dir.c_str(), node.minor, &state); rc != 0) return rc;
-  snbf::lib::note_capture(node, full);
+  snbf::lib::note_capture(node, full, time);
   return 0;
 }
 
 int libsnbf_capture::commit() {
   if (stage != Stage::Sealed) return -EPROTO;
   stage = Stage::Open;
-  if (int rc = record_point(record.point, record.full); rc != 0) return rc;
-  return journal.drop();
+  if (int rc = record_point(record.point, record.full, ::time(nullptr)); rc != 0) return rc;
+  return drop_journal();
 }
 
 extern "C" {
@@ -281,6 +309,8 @@ int libsnbf_capture_open(libsnbf* handle, uint32_t filter_minor, libsnbf_capture
     snbf_info node;
     if (int rc = libsnbf_get_info(handle, filter_minor, &node); rc != 0) return rc;
     if (node.dev_type != SNBF_DEV_FILTER) return -EINVAL;
+    libsnbf_state ignored;
+    if (int rc = snbf::lib::read_record_in_sight(node, &ignored); rc != 0) return rc;
     auto capture = std::make_unique<libsnbf_capture>(handle, node);
     if (int rc = capture->take_lock(); rc != 0) return rc;
     *out = capture.release();

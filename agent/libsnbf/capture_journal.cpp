@@ -2,7 +2,7 @@
 #define XXH_INLINE_ALL
 #include "capture_journal.h"
 
-#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <xxhash.h>
 
@@ -34,6 +34,7 @@ bool take(CaptureRecord* record, size_t* bits, const std::string& key, const std
   if (key == "node") record->node_uuid = value;
   if (key == "destination") record->destination = value;
   if (key == "point") record->point = value;
+  if (key == "time") record->time = std::strtoll(value.c_str(), nullptr, 10);
   if (key == "bits") *bits = std::strtoull(value.c_str(), nullptr, 10);
   return true;
 }
@@ -44,19 +45,6 @@ bool cut(const std::string& text, size_t* at, size_t size, Bits* bits) {
                text.begin() + static_cast<ptrdiff_t>(*at + size));
   *at += size;
   return true;
-}
-
-int read_whole(const std::string& path, std::string* out) {
-  Fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.ok()) return -errno;
-  char buffer[4096];
-  ssize_t n;
-  while ((n = ::read(file.get(), buffer, sizeof buffer)) != 0) {
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return -errno;
-    out->append(buffer, static_cast<size_t>(n));
-  }
-  return 0;
 }
 
 }  // namespace
@@ -71,6 +59,7 @@ std::string encode(const CaptureRecord& record) {
   line("node", record.node_uuid);
   line("destination", record.destination);
   line("point", record.point);
+  line("time", std::to_string(record.time));
   line("bits", std::to_string(record.captured ? record.incr.size() : 0));
   text += "\n";
   if (record.captured) {
@@ -110,11 +99,13 @@ CaptureJournal::CaptureJournal(const std::string& bmp_dir, uint32_t minor)
 int CaptureJournal::read(std::optional<CaptureRecord>* out) const {
   std::string text;
   out->reset();
-  const int rc = read_whole(path_, &text);
+  const int rc = read_file(path_, &text);
   if (rc == -ENOENT) return 0;
   if (rc != 0) return rc;
   *out = decode(text);
   if (!*out) out->emplace().full = true;
+  struct stat about;
+  if ((*out)->time == 0 && ::stat(path_.c_str(), &about) == 0) (*out)->time = about.st_mtime;
   return 0;
 }
 

@@ -24,6 +24,7 @@ struct CaptureRecord {
   std::string node_uuid;  // empty: unknown, since the file is damaged
   std::string destination;
   std::string point;  // as the state record names it
+  int64_t time = 0;   // when the bits were last taken, in seconds since 1970
   Bits incr;          // all that was taken since the capture began; empty unless `captured`
   Bits diff;          // the same, of a full capture
 };
@@ -39,7 +40,7 @@ class CaptureJournal {
   CaptureJournal(const std::string& bmp_dir, uint32_t minor);
 
   // Nothing: there is no file. A damaged one reads as a full capture that only began, of an
-  // unknown point.
+  // unknown point. One of an earlier version has the time of its file.
   int read(std::optional<CaptureRecord>* out) const;
   int write(const CaptureRecord& record) const;  // -EINVAL: a text has a line's end
   int drop() const;

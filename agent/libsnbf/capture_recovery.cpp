@@ -46,7 +46,7 @@ int libsnbf_capture::give_back() {
   int rc = 0;
   if (taken == Taken::Known) rc = merge_back(record);
   if (taken == Taken::Unknown) rc = count_everything(record.full);
-  return rc != 0 ? rc : journal.drop();
+  return rc != 0 ? rc : drop_journal();
 }
 
 // 0 and `postponed`, or a negated error number.
@@ -95,7 +95,7 @@ int libsnbf_capture::distrust() {
   snbf::lib::HostLock host(*handle);
   if (host.error()) return host.error();
   libsnbf_state state;
-  if (libsnbf_state_read(dir.c_str(), node.minor, &state) != 0) state = libsnbf_state{};
+  if (int rc = see_store(&state); rc != 0) return rc;
   snbf::lib::put_text(state.distrust, LIBSNBF_WHY_CAPTURE);
   return libsnbf_state_write(dir.c_str(), node.minor, &state);
 }
@@ -105,7 +105,7 @@ int libsnbf_capture::settle_left(const snbf::lib::CaptureRecord& left, bool is_k
                                  libsnbf_recovered* out) {
   if (left.captured && is_known) {
     *out = LIBSNBF_RECOVERED_COMMITTED;
-    return record_point(left.point, left.full);
+    return record_point(left.point, left.full, left.time);
   }
   if (left.captured && left.incr.size() == node.incr_bmp_size) {
     *out = LIBSNBF_RECOVERED_MERGED;
@@ -122,11 +122,12 @@ int libsnbf_capture::recover(libsnbf_capture_known_fn known, void* context, libs
   *out = LIBSNBF_RECOVERED_NOTHING;
   if (stage != Stage::Open) return -EALREADY;
   if (int rc = see_node(); rc != 0) return rc;
+  if (int rc = see_store(); rc != 0) return rc;
   if (int rc = journal.read(&left); rc != 0) return rc;
   if (left && !left->node_uuid.empty() && left->node_uuid != node.uuid) return -EXDEV;
   if (int rc = remove_left_over(snaps_left); rc != 0 || !left) return rc;
   const bool is_known = left->captured && known &&
                         known(context, left->destination.c_str(), left->point.c_str()) == 1;
   const int rc = settle_left(*left, is_known, out);
-  return rc != 0 ? rc : journal.drop();
+  return rc != 0 ? rc : drop_journal();
 }

@@ -29,8 +29,8 @@ struct libsnbf_capture {
       : handle(owner),
         node(filter),
         dir(snbf::lib::bmp_dir_of(filter)),
-        lock(::open((dir + "/snbf" + std::to_string(filter.minor) + ".lock").c_str(),
-                    O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)),
+        lock_path(dir + "/snbf" + std::to_string(filter.minor) + ".lock"),
+        lock(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)),
         journal(dir, filter.minor) {}
 
   int take_lock();
@@ -48,6 +48,8 @@ struct libsnbf_capture {
 
  private:
   int see_node();
+  int see_store(libsnbf_state* state = nullptr);
+  int drop_journal();
   int prepare(const libsnbf_capture_request& request);
   int make_snap(const char* cow_dir);
   int add_marked(uint32_t type);
@@ -55,7 +57,7 @@ struct libsnbf_capture {
   int write_journal(bool with_bits);
   int merge_back(const snbf::lib::CaptureRecord& record);
   int count_everything(bool full);
-  int record_point(const std::string& name, bool full);
+  int record_point(const std::string& name, bool full, int64_t time);
   int distrust();
   int settle_left(const snbf::lib::CaptureRecord& left, bool is_known, libsnbf_recovered* out);
   int remove_left_over(uint32_t* left);
@@ -64,6 +66,7 @@ struct libsnbf_capture {
   libsnbf* handle;
   snbf_info node;
   std::string dir;
+  std::string lock_path;
   snbf::lib::Fd lock;
   snbf::lib::CaptureJournal journal;
   Stage stage = Stage::Open;

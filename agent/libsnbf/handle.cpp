@@ -73,6 +73,13 @@ int read_own_state(const snbf_info& filter, libsnbf_state* out) {
   return rc;
 }
 
+int read_record_in_sight(const snbf_info& filter, libsnbf_state* out) {
+  const int rc = read_own_state(filter, out);
+  if (rc == -EBADMSG) *out = libsnbf_state{};
+  if (rc == -ENOENT || rc == -ENOTDIR) return -ENOLINK;
+  return rc == -EBADMSG ? 0 : rc;
+}
+
 int hash_head(const char* partition, uint64_t* out) {
   int flags = O_RDONLY | O_CLOEXEC | O_DIRECT;
   int fd = ::open(partition, flags);

@@ -96,6 +96,10 @@ int resume_snap_locked(libsnbf* handle, const snbf_resume_cmd& record);
 // The record of a filter node. -ENOENT: its directory has none; -ENOLINK: it has another node's.
 int read_own_state(const snbf_info& filter, libsnbf_state* out);
 
+// The same, for whoever changes it or what it speaks of. -ENOLINK: it is not in the directory, or
+// another node's is. A damaged one is blank. What cannot be read is no reason to write it anew.
+int read_record_in_sight(const snbf_info& filter, libsnbf_state* out);
+
 // What is needed for a write to `path` must not need a write to `device`: -ELOOP. -ENOLINK: it needs
 // the files of a node that are not in sight.
 int check_store(libsnbf* handle, const char* path, uint64_t device);

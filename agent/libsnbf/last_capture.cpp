@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <ctime>
 #include <string>
 
 #include "handle.h"
@@ -19,9 +18,10 @@ std::string last_path(const snbf_info& filter) {
 }
 
 // The file of another node, or one that is damaged, says nothing of this one.
-libsnbf_last_capture read_last(const snbf_info& filter) {
+int read_last(const snbf_info& filter, libsnbf_last_capture* out) {
   libsnbf_last_capture last{};
   std::string uuid;
+  *out = last;
   const int rc = snbf::lib::read_record(last_path(filter), kHeading,
                                         [&](const std::string& key, const std::string& value) {
                                           if (key == "uuid") uuid = value;
@@ -31,17 +31,19 @@ libsnbf_last_capture read_last(const snbf_info& filter) {
                                             last.full = std::strtoll(value.c_str(), nullptr, 10);
                                           return true;
                                         });
-  return rc == 0 && uuid == filter.uuid ? last : libsnbf_last_capture{};
+  if (rc == 0 && uuid == filter.uuid) *out = last;
+  return rc == -ENOENT || rc == -EBADMSG ? 0 : rc;
 }
 
 }  // namespace
 
 namespace snbf::lib {
 
-void note_capture(const snbf_info& filter, bool full) {
-  libsnbf_last_capture last = read_last(filter);
-  last.any = ::time(nullptr);
-  if (full) last.full = last.any;
+void note_capture(const snbf_info& filter, bool full, int64_t time) {
+  libsnbf_last_capture last;
+  if (read_last(filter, &last) != 0) return;  // it may say more than this one capture
+  last.any = time;
+  if (full) last.full = time;
   write_record(last_path(filter), kHeading,
                {{"uuid", filter.uuid},
                 {"any", std::to_string(last.any)},
@@ -57,7 +59,6 @@ extern "C" int libsnbf_capture_last(libsnbf* handle, uint32_t filter_minor,
     *out = libsnbf_last_capture{};
     if (int rc = libsnbf_get_info(handle, filter_minor, &node); rc != 0) return rc;
     if (node.dev_type != SNBF_DEV_FILTER) return -EINVAL;
-    *out = read_last(node);
-    return 0;
+    return read_last(node, out);
   });
 }

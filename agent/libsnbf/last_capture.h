@@ -6,8 +6,8 @@
 
 namespace snbf::lib {
 
-// Notes that a capture of the filter node was committed just now. What cannot be written is not
-// known later, and nothing else depends on it.
-void note_capture(const snbf_info& filter, bool full);
+// Notes a capture of the filter node, of that second since 1970. What cannot be written is not known
+// later, and nothing else depends on it.
+void note_capture(const snbf_info& filter, bool full, int64_t time);
 
 }  // namespace snbf::lib

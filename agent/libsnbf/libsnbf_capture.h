@@ -41,7 +41,12 @@ enum libsnbf_level {
 
 /*
  * -EBUSY: another capture of the node is open, in this process or another. -EINVAL: no filter
- * node. Of `out` the caller is the owner.
+ * node. -ENOLINK: the node's record is not in its bitmap directory, as at libsnbf_start(). Of `out`
+ * the caller is the owner.
+ *
+ * The file system of the bitmaps may go away under a capture. Whatever comes then answers -ENOLINK
+ * too, and leaves the record and the journal that it holds alone: once it is back, the recovery
+ * does what is left to do.
  */
 int libsnbf_capture_open(struct libsnbf* handle, uint32_t filter_minor,
                          struct libsnbf_capture** out);
@@ -52,7 +57,8 @@ void libsnbf_capture_close(struct libsnbf_capture* capture);
 
 /*
  * When the last capture of the node was committed, and the last full one, in seconds since 1970; 0:
- * none is known. It stands in the file snbf<minor>.last of the bitmap directory, and only informs.
+ * none is known. One that was cut off at its very end, and recovered, counts from when it last took
+ * bits. It stands in the file snbf<minor>.last of the bitmap directory, and only informs.
  */
 struct libsnbf_last_capture {
   int64_t any;

@@ -1,12 +1,18 @@
 // SPDX-License-Identifier: GPL-2.0-only
+#define XXH_INLINE_ALL
 #include "capture_journal.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <xxhash.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+
+#include "handle.h"
 
 namespace snbf::lib {
 namespace {
@@ -18,6 +24,7 @@ CaptureRecord taken() {
   record.node_uuid = "{a-node}";
   record.destination = "/backups/data";
   record.point = "chain:7";
+  record.time = 1700000000;
   record.incr = {0x08, 0, 0x0a, 0xff};
   record.diff = {0x09, 1, 0x0a, 0xff};
   return record;
@@ -31,6 +38,7 @@ TEST(CaptureJournal, GivesBackWhatWasTaken) {
   EXPECT_EQ(back->node_uuid, "{a-node}");
   EXPECT_EQ(back->destination, "/backups/data");
   EXPECT_EQ(back->point, "chain:7");
+  EXPECT_EQ(back->time, 1700000000);
   EXPECT_EQ(back->incr, taken().incr);
   EXPECT_EQ(back->diff, taken().diff);
 }
@@ -99,6 +107,22 @@ TEST_F(OnDisk, ADamagedOneCountsAsAFullCaptureThatOnlyBegan) {
   EXPECT_FALSE(record->captured);
   EXPECT_TRUE(record->full);
   EXPECT_EQ(record->node_uuid, "") << "nobody knows whose it is";
+}
+
+TEST_F(OnDisk, OneOfAnEarlierVersionHasTheTimeOfItsFile) {
+  const std::string path = directory_ + "/snbf3.capture";
+  const CaptureJournal journal(directory_, 3);
+  const std::string earlier =
+      "snbf-capture 3\ncaptured=1\nfull=0\nnode={a-node}\ndestination=/backups/data\n"
+      "point=chain:7\nbits=2\n\nab";
+  std::ofstream(path) << earlier << hex64(XXH3_64bits(earlier.data(), earlier.size()));
+  const timespec monday[2] = {{1700000000, 0}, {1700000000, 0}};
+  ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), monday, 0), 0);
+  const auto record = read(journal);
+  ASSERT_TRUE(record);
+  EXPECT_EQ(record->point, "chain:7");
+  EXPECT_EQ(record->incr, (Bits{'a', 'b'}));
+  EXPECT_EQ(record->time, 1700000000);
 }
 
 TEST_F(OnDisk, OneThatCannotBeReadIsNotTakenForNone) {

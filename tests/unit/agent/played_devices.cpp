@@ -10,11 +10,13 @@
 #include <cstdarg>
 #include <cstdint>
 #include <map>
+#include <utility>
 
 namespace {
 
 std::map<std::string, dev_t> devices;
 std::map<std::string, dev_t> file_systems;
+std::function<void(const std::string&)> behind_rename;
 
 bool is_below(const std::string& path, const std::string& folder) {
   return path == folder || path.rfind(folder + "/", 0) == 0;
@@ -26,7 +28,11 @@ namespace snbf::played {
 
 void play_device(const std::string& path, dev_t number) { devices[path] = number; }
 void play_file_system(const std::string& path, dev_t number) { file_systems[path] = number; }
+void play_behind_rename(std::function<void(const std::string&)> look) {
+  behind_rename = std::move(look);
+}
 void forget_played() {
+  behind_rename = nullptr;
   devices.clear();
   file_systems.clear();
 }
@@ -49,6 +55,12 @@ int stat(const char* path, struct stat* about) noexcept {
     about->st_dev = number;
   }
   return 0;
+}
+
+int rename(const char* from, const char* to) noexcept {
+  const long rc = ::syscall(SYS_renameat2, AT_FDCWD, from, AT_FDCWD, to, 0);
+  if (rc == 0 && behind_rename) std::exchange(behind_rename, nullptr)(to);
+  return static_cast<int>(rc);
 }
 
 int ioctl(int fd, unsigned long request, ...) noexcept {

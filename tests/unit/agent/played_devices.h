@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 
 namespace snbf::played {
@@ -14,6 +15,8 @@ namespace snbf::played {
 void play_device(const std::string& path, dev_t number);
 // What lies at the path and below it is on that device; the longest path that fits counts.
 void play_file_system(const std::string& path, dev_t number);
+// Called once, behind the next rename that succeeds, with its new name.
+void play_behind_rename(std::function<void(const std::string& to)> look);
 void forget_played();
 
 }  // namespace snbf::played
