@@ -3,6 +3,7 @@
 #include "failure.h"
 #include "help.h"
 #include "looking.h"
+#include "version.h"
 
 namespace snbf {
 
@@ -45,6 +46,7 @@ std::unique_ptr<CLI::App> new_parser(Chosen& chosen) {
   auto app = std::make_unique<CLI::App>(
       "Changed-block tracking, snaps and incremental backups of plain partitions", "snbf");
   app->require_subcommand(1);
+  app->set_version_flag("--version", version_text, "Show the versions of the tool and the driver");
   app->footer(exit_statuses() +
               "\n\n`snbf VERB --help` shows a verb's options and examples, `man snbf-VERB` more.");
   app->formatter(std::make_shared<HelpFormatter>());

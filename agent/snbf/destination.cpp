@@ -14,6 +14,7 @@
 
 #include "failure.h"
 #include "files.h"
+#include "label.h"
 #include "sizes.h"
 #include "store_nbd.h"
 
@@ -47,18 +48,25 @@ ChosenPoint choose_point(const std::string& text) {
     chosen.destination = text.substr(0, at);
     wanted = text.substr(at + 1);
   }
+  if (chosen.destination.empty()) {
+    throw Failure(kMisused, "no destination is named",
+                  "give the destination: the directory that `snbf backup` wrote to");
+  }
   chosen.destination = fs::absolute(chosen.destination).lexically_normal();
   auto manifest = read_manifest(chosen.destination);
   if (!manifest) {
     throw Failure(kFailed, fmt::format("{} holds no backup", chosen.destination),
                   "give the directory that `snbf backup` wrote to");
   }
+  if (manifest->points.empty()) {
+    throw Failure(
+        kFailed, fmt::format("{} has no point: its first backup was not ended", chosen.destination),
+        "back up again: `snbf backup` makes the first one anew");
+  }
   const Point* point = find_point(*manifest, wanted);
   if (!point) {
-    throw Failure(
-        kFailed,
-        fmt::format("{} has no point {}", chosen.destination, wanted.empty() ? "at all" : wanted),
-        "`snbf verify DEST` lists the points");
+    throw Failure(kFailed, fmt::format("{} has no point {}", chosen.destination, wanted),
+                  "`snbf verify DEST` lists the points");
   }
   chosen.point = *point;
   chosen.manifest = std::move(*manifest);
@@ -176,8 +184,8 @@ std::string file_system_field(const std::string& path, const char* field) {
   const OpenProbe probe(path);
   if (!probe) return "";
   blkid_probe_enable_superblocks(probe.get(), 1);
-  blkid_probe_set_superblocks_flags(probe.get(),
-                                    BLKID_SUBLKS_TYPE | BLKID_SUBLKS_USAGE | BLKID_SUBLKS_UUID);
+  blkid_probe_set_superblocks_flags(
+      probe.get(), BLKID_SUBLKS_TYPE | BLKID_SUBLKS_USAGE | BLKID_SUBLKS_UUID | BLKID_SUBLKS_LABEL);
   const char* usage = nullptr;
   const char* value = nullptr;
   const bool found = blkid_do_safeprobe(probe.get()) == 0 &&
@@ -191,6 +199,8 @@ std::string file_system_field(const std::string& path, const char* field) {
 std::string file_system_of(const std::string& path) { return file_system_field(path, "TYPE"); }
 
 std::string uuid_of(const std::string& path) { return file_system_field(path, "UUID"); }
+
+std::string label_of(const std::string& path) { return file_system_field(path, "LABEL"); }
 
 std::string readers_lock(const std::string& destination) { return destination + "/.reading"; }
 

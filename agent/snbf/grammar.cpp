@@ -22,7 +22,7 @@ constexpr Meaning kMeanings[] = {
     {"node", "NODE", ValueKind::Node},
     {"names", "NODE", ValueKind::Node},
     {"nodes", "NODE", ValueKind::Node},
-    {"interval", "SECONDS", ValueKind::Number},
+    {"interval", "TIME", ValueKind::Any},
     {"count", "N", ValueKind::Number},
     {"store", "DEVICE", ValueKind::Device},
     {"nbd", "SOCKET", ValueKind::File},
@@ -41,8 +41,8 @@ constexpr Meaning kMeanings[] = {
     {"cow", "DIR", ValueKind::Directory},
     {"extent", "SIZE", ValueKind::Size},
     {"chunk", "SIZE", ValueKind::Size},
-    {"timeout", "SECONDS", ValueKind::Number},
-    {"freeze-limit", "SECONDS", ValueKind::Number},
+    {"timeout", "TIME", ValueKind::Any},
+    {"freeze-limit", "TIME", ValueKind::Any},
     {"hook-limit", "TIME", ValueKind::Any},
     {"pipe", "COMMAND", ValueKind::Any},
     {"before-freeze", "COMMAND", ValueKind::Any},
@@ -53,6 +53,9 @@ constexpr Meaning kMeanings[] = {
     {"keep-monthly", "N", ValueKind::Number},
     {"minor", "N", ValueKind::Number},
     {"name", "NAME", ValueKind::Any},
+    {"instant", "NAME", ValueKind::Any},
+    {"scratch", "DIR", ValueKind::Directory},
+    {"root", "DEVICE", ValueKind::Device},
 };
 
 std::string upper(std::string text) {

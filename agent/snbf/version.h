@@ -13,5 +13,10 @@ struct LoadedDriver {
   std::string version;  // empty: it does not say
 };
 LoadedDriver loaded_driver();
+// "1.2.3", "loaded" or "not loaded".
+std::string driver_text(const LoadedDriver& driver);
+
+// Two lines, the last without its end.
+std::string version_text();
 
 }  // namespace snbf

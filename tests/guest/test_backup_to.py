@@ -170,6 +170,7 @@ def pruned_points_restore_as_before():
     points = [point["point"] for point in answer("verify", DEST)["points"]]
     good("restore", f"{DEST}@{points[-3]}", "/mnt/store/before")
     kit.check("nothing was changed" in tool("prune", DEST, "--keep-last", "3", "--dry-run")[2], "a dry run")
+    kit.equal(answer("prune", DEST, "--keep-last", "3", "--dry-run")["points"], points[-3:], "what would be left")
     kit.equal([point["point"] for point in answer("verify", DEST)["points"]], points, "it changes nothing")
     refused(2, "prune", DEST)
     kept = answer("prune", DEST, "--keep-last", "3")["points"]

@@ -9,6 +9,7 @@ GUEST = {"minutes": 2, "kernels": "installed", "disks": ["a:32M", "back:32M", "s
 
 NODE = "/dev/snbf/snbf0"
 DEST = "/mnt/store/chain"
+BOOT = "/etc/snbf/nodes"
 READING = {"list", "status", "changes", "verify", "export", "doctor", "selftest", "completion", "version", "snap list",
            "metrics", "watch"}
 
@@ -27,10 +28,20 @@ def verbs(*above):
     return found
 
 
+def state():
+    """All that a rehearsal could change."""
+    with open(BOOT, encoding="ascii") as lines:
+        boot = lines.read()
+    return (tree_of("/mnt/state"), tree_of("/mnt/store"), kit.minors(), kit.minors(2), kit.info(0).started,
+            kit.bitmap(0, kit.INCR), kit.bitmap(0, kit.DIFF), os.path.ismount("/mnt/monday"), boot,
+            os.listdir("/dev/mapper"))
+
+
 @kit.case
 @kit.essential
 def a_node_a_chain_and_a_snap():
     a_backed_up_node(DEST)
+    good("backup", "data", DEST)
 
 
 @kit.case
@@ -46,17 +57,18 @@ def a_rehearsal_changes_nothing_and_refuses_what_would_be_refused():
     bits = "/mnt/store/bits"
     good("bitmap", "get", "data", bits)
     os.makedirs("/mnt/monday", exist_ok=True)
-
-    def state():
-        return (tree_of("/mnt/state"), tree_of("/mnt/store"), kit.minors(), kit.minors(2), kit.info(0).started,
-                kit.bitmap(0, kit.INCR), kit.bitmap(0, kit.DIFF), os.path.ismount("/mnt/monday"))
-
+    os.makedirs(os.path.dirname(BOOT), exist_ok=True)
+    with open(BOOT, "w", encoding="ascii") as lines:
+        lines.write(f"data {kit.disk('a')} /mnt/state minor=0\nother {kit.disk('back')} /mnt/state\n")
     before = state()
     for words in (("stop", "data"), ("detach", "data", "--yes"), ("snap", "create", "data", "--name", "tuesday", "--cow", "/mnt/store/cow"),
                   ("snap", "delete", "monday"), ("mount", "monday", "/mnt/monday"), ("bitmap", "clear", "data", "--yes"),
                   ("bitmap", "set", "data"), ("bitmap", "merge", "data", bits), ("bitmap", "save", "data"),
                   ("bitmap", "load", "data", "--yes"), ("backup", "data", DEST), ("restore", DEST, "/mnt/store/x.img"),
-                  ("attach", kit.disk("back"), "--name", "other", "--bitmaps", "/mnt/state")):
+                  ("attach", kit.disk("back"), "--name", "other", "--bitmaps", "/mnt/state"),
+                  ("prune", DEST, "--keep-last", "1"), ("prune", DEST, "--keep-last", "1", "--json"), ("up", "other"),
+                  ("down", "data"), ("detach", "data", "--yes", "--forget"),
+                  ("restore", DEST, kit.disk("back"), "--instant", "shop", "--scratch", "/mnt/store")):
         found = tool(*words, "--dry-run")
         kit.check(found[0] == 0 and (found[1] + found[2]).strip(), f"{words}: {found}")
         kit.check(state() == before, f"{words} has changed something")
@@ -67,6 +79,17 @@ def a_rehearsal_changes_nothing_and_refuses_what_would_be_refused():
                           (6, ("snap", "create", "data", "--cow", "/dev/shm"))):
         refused(status, *words, "--dry-run")
         kit.check(state() == before, f"{words} has changed something")
+
+
+@kit.case
+def a_rehearsal_starts_and_resumes_nothing():
+    good("stop", "data")
+    before = state()
+    for words in (("up", "data"), ("up",), ("start", "data"), ("snap", "resume", "data")):
+        found = tool(*words, "--dry-run")
+        kit.check(found[0] == 0 and (found[1] + found[2]).strip(), f"{words}: {found}")
+        kit.check(state() == before, f"{words} has changed something")
+    good("start", "data")
 
 
 @kit.case

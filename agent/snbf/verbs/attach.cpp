@@ -15,6 +15,7 @@
 #include "reasons.h"
 #include "sizes.h"
 #include "start.h"
+#include "values.h"
 
 namespace snbf {
 
@@ -79,7 +80,7 @@ int attach_early(const Options& options, const std::string& partition) {
 
 int attach(const Options& options) {
   const std::string partition = std::filesystem::absolute(options.partition);
-  AttachWish wish{partition, options.name, options.bitmaps, parse_extent(options.extent),
+  AttachWish wish{partition,     options.name, options.bitmaps, parse_extent(options.extent),
                   options.minor, options.adopt};
   check(options, partition);
   if (!options.store.empty()) return attach_early(options, partition);
@@ -137,7 +138,8 @@ void add_attach(CLI::App& app, Chosen& chosen) {
   verb->add_option("partition", options->partition, "The partition's device file")->required();
   verb->add_option("--name", options->name, "The node's name")->required();
   verb->add_option("--minor", options->minor,
-                   "Its minor number (default: the last one it had, or a free one)");
+                   "Its minor number (default: the last one it had, or a free one)")
+      ->check(count());
   verb->add_option("--extent", options->extent, "Bytes that one bit stands for (default 64K)");
   verb->add_option("--bitmaps", options->bitmaps,
                    "Directory of the bitmap files, not on this partition (default /var/lib/snbf)");

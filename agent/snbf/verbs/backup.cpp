@@ -17,6 +17,7 @@
 #include "sizes.h"
 #include "snaps.h"
 #include "store_nbd.h"
+#include "values.h"
 
 namespace snbf {
 
@@ -143,6 +144,10 @@ int report(const Captured& captured, const BackupTarget& target, const Options& 
 }
 
 int list_points(const Options& options) {
+  if (!options.pipe.empty()) {
+    throw Failure(kMisused, "what a program keeps cannot be listed",
+                  "give the destination of a chain, or leave --list out");
+  }
   const ChosenPoint at = choose_point(
       is_nbd_uri(options.destination) ? nbd_folder(Driver().find(options.node), options.destination)
                                       : options.destination);
@@ -187,14 +192,11 @@ int report_plan(const Driver& driver, const snbf_info& node, const BackupTarget&
 
 CaptureOptions capture_options(const Driver& driver, const snbf_info& node,
                                const BackupTarget& target, const Options& options) {
-  const auto milliseconds = [](double seconds) {
-    return std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
-  };
   CaptureOptions how;
   how.whole = options.whole;
   how.freeze = options.freeze;
-  how.freeze_limit = milliseconds(options.freeze_limit_s);
-  how.hooks = {options.before_freeze, options.after_thaw, milliseconds(options.hook_limit_s)};
+  how.freeze_limit = milliseconds_of(options.freeze_limit_s);
+  how.hooks = {options.before_freeze, options.after_thaw, milliseconds_of(options.hook_limit_s)};
   choose_snap(driver, node, target, options, &how);
   return how;
 }
@@ -265,10 +267,7 @@ void add_backup(CLI::App& app, Chosen& chosen) {
   verb->add_option(
           "--hook-limit", options->hook_limit_s,
           "Time that each hook may take, such as 30s or 2m (default 30s); then it is killed")
-      ->transform(
-          CLI::AsNumberWithUnit(std::map<std::string, double>{{"s", 1}, {"m", 60}, {"h", 3600}},
-                                CLI::AsNumberWithUnit::CASE_INSENSITIVE, "TIME"))
-      ->check(CLI::Range(0.1, 86400.0));
+      ->transform(seconds_between(0.1, 86400));
   verb->add_option("--level", options->level, "auto, full, incr or diff")
       ->check(CLI::IsMember({"auto", "full", "incr", "diff"}));
   verb->add_option("--snap", options->snap,
@@ -282,8 +281,8 @@ void add_backup(CLI::App& app, Chosen& chosen) {
   verb->add_flag("--freeze", options->freeze,
                  "Without a snap: freeze the file system for the last part of the copy");
   verb->add_option("--freeze-limit", options->freeze_limit_s,
-                   "Seconds it may be frozen (default 10)")
-      ->check(CLI::Range(0.1, 3600.0));
+                   "Time that it may be frozen, such as 500ms or 10s (default 10s)")
+      ->transform(seconds_between(0.1, 3600));
   verb->add_flag("--list", options->list, "Only list the points that are there");
   verb->add_flag("--dry-run", options->dry_run, "Say which level it would be, why, and how much");
   verb->add_flag("--json", options->json, "Print the point as JSON");

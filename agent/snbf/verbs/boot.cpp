@@ -18,13 +18,14 @@
 #include "output.h"
 #include "reasons.h"
 #include "start.h"
+#include "values.h"
 
 namespace snbf {
 
 namespace {
 
 constexpr auto kRetry = std::chrono::milliseconds(200);
-constexpr int kShutdownWait_s = 150;  // longer than a service may take to let a file system go
+constexpr double kShutdownWait_s = 150;  // longer than a service may take to let a file system go
 
 struct UpOptions {
   std::vector<std::string> names;
@@ -36,7 +37,7 @@ struct UpOptions {
 struct DownOptions {
   std::vector<std::string> names;
   bool wait = false;
-  int wait_limit_s = 60;
+  double wait_limit_s = 60;
   bool shutdown = false;
   bool last = false;
   bool dry_run = false;
@@ -157,9 +158,8 @@ int up(const UpOptions& options) {
     return status;
   }
   const Driver driver;
-  status = for_each_of(nodes, status, [&](const BootNode& node) {
-    return bring_up(options, driver, node);
-  });
+  status = for_each_of(nodes, status,
+                       [&](const BootNode& node) { return bring_up(options, driver, node); });
   tell_root(options, driver);
   return status;
 }
@@ -177,8 +177,8 @@ bool stays_to_the_end(const snbf_info& node) {
   return holds_system && bmp_dir_of(node).rfind(kEarlyStore, 0) == 0;
 }
 
-int stop_within(const Driver& driver, const snbf_info& node, int limit_s) {
-  const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(limit_s);
+int stop_within(const Driver& driver, const snbf_info& node, double limit_s) {
+  const auto give_up = std::chrono::steady_clock::now() + milliseconds_of(limit_s);
   int rc;
   while ((rc = libsnbf_stop(driver.get(), node.minor)) == -EBUSY &&
          std::chrono::steady_clock::now() < give_up) {
@@ -214,7 +214,9 @@ int take_down(const DownOptions& options, const Driver& driver, const snbf_info&
     note(fmt::format("{} holds the root: it is saved last", node.name));
     return kDone;
   }
-  const int limit_s = options.shutdown ? kShutdownWait_s : options.wait ? options.wait_limit_s : 2;
+  const double limit_s = options.shutdown ? kShutdownWait_s
+                         : options.wait   ? options.wait_limit_s
+                                          : 2;
   const int rc = stop_within(driver, node, options.last ? 0 : limit_s);
   if (rc == -EBUSY && (options.shutdown || options.last)) return leave(driver, node, options.last);
   if (rc == -EBUSY) {
@@ -293,7 +295,9 @@ void add_down(CLI::App& app, Chosen& chosen) {
                "Example:\n  umount /srv/data && snbf down data", options, down);
   verb->add_option("names", options->names, "Only these (default: all that are attached)");
   verb->add_flag("--wait", options->wait, "Wait while one is in use");
-  verb->add_option("--timeout", options->wait_limit_s, "Seconds that --wait waits (default 60)");
+  verb->add_option("--timeout", options->wait_limit_s,
+                   "Time that --wait waits, such as 30s or 2m (default 1m)")
+      ->transform(seconds_between(0, kWaitMost_s));
   verb->add_flag("--shutdown", options->shutdown,
                  "While systemd shuts down: wait, and flag the bitmaps of what stays in use");
   verb->add_flag("--last", options->last,

@@ -14,6 +14,7 @@
 #include "output.h"
 #include "snaps.h"
 #include "start.h"
+#include "values.h"
 
 namespace snbf {
 
@@ -26,7 +27,7 @@ struct Options {
   std::string node;
   bool all = false;
   bool wait = false;
-  int wait_limit_s = 60;
+  double wait_limit_s = 60;
   bool no_resume = false;
   bool yes = false;
   bool forget = false;
@@ -52,8 +53,7 @@ bool is_probed(const snbf_info& node) {
 // Runs `step` until it is no longer refused as busy, as long as --wait allows.
 void end_with(const Options& options, const snbf_info& node, const std::string& doing,
               int (*step)(libsnbf*, uint32_t), const Driver& driver) {
-  const auto give_up =
-      std::chrono::steady_clock::now() + std::chrono::seconds(options.wait_limit_s);
+  const auto give_up = std::chrono::steady_clock::now() + milliseconds_of(options.wait_limit_s);
   int rc;
   bool told = false;
   for (int probes = 0; (rc = step(driver.get(), node.minor)) == -EBUSY; ++probes) {
@@ -196,7 +196,9 @@ void add_ending(CLI::App* verb, Options& options) {
   verb->get_option("node")->required(false);
   verb->add_flag("--all", options.all, "All nodes, as at a shutdown");
   verb->add_flag("--wait", options.wait, "Wait while it is in use");
-  verb->add_option("--timeout", options.wait_limit_s, "Seconds that --wait waits (default 60)");
+  verb->add_option("--timeout", options.wait_limit_s,
+                   "Time that --wait waits, such as 30s or 2m (default 1m)")
+      ->transform(seconds_between(0, kWaitMost_s));
 }
 
 CLI::App* add(CLI::App& app, Chosen& chosen, const char* name, const char* summary,

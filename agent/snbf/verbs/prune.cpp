@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <set>
 
 #include "command.h"
 #include "destination.h"
@@ -13,6 +14,7 @@
 #include "retention.h"
 #include "signals.h"
 #include "sizes.h"
+#include "values.h"
 
 namespace snbf {
 
@@ -44,19 +46,33 @@ uint64_t bytes_of(const Manifest& manifest) {
   return sum;
 }
 
+Json report_json(const Options& options, const Manifest& before, const Manifest& after,
+                 const PrunePlan& plan) {
+  Json steps = Json::array();
+  std::set<uint64_t> gone;
+  for (const PruneStep& step : plan.steps) {
+    steps.push_back(step_json(step));
+    gone.insert(step.point);
+  }
+  if (after.merge) gone.insert(after.merge->from);  // it is no point any more
+  Json points = Json::array();
+  for (const Point& point : after.points) {
+    if (!gone.contains(point.id)) points.push_back(point.id);
+  }
+  Json json = {{"destination", options.destination},
+               {"steps", steps},
+               {"needed_by_several", plan.needed},
+               {"points", points},
+               {"bytes_before", bytes_of(before)},
+               {"bytes_after", options.dry_run ? Json(nullptr) : Json(bytes_of(after))}};
+  if (options.dry_run) json["dry_run"] = true;
+  return json;
+}
+
 int report(const Options& options, const Manifest& before, const Manifest& after,
            const PrunePlan& plan) {
   if (options.json) {
-    Json steps = Json::array();
-    for (const PruneStep& step : plan.steps) steps.push_back(step_json(step));
-    Json points = Json::array();
-    for (const Point& point : after.points) points.push_back(point.id);
-    print_json({{"destination", options.destination},
-                {"steps", steps},
-                {"needed_by_several", plan.needed},
-                {"points", points},
-                {"bytes_before", bytes_of(before)},
-                {"bytes_after", bytes_of(after)}});
+    print_json(report_json(options, before, after, plan));
     return kDone;
   }
   for (const PruneStep& step : plan.steps) fmt::print("{}\n", step_text(step));
@@ -94,6 +110,7 @@ int prune(const Options& options) {
   }
   if (unfinished && options.dry_run) {
     note("an earlier prune was cut off: what it had begun is finished first");
+    if (options.json) print_json(report_json(options, manifest, manifest, {}));
     return kDone;
   }
   const Manifest before = manifest;
@@ -130,10 +147,14 @@ void add_prune(CLI::App& app, Chosen& chosen) {
       "that was cut off is finished by the next, also without a rule.",
       options, prune);
   verb->add_option("dest", options->destination, "Directory of the chain")->required();
-  verb->add_option("--keep-last", options->keep.last, "Keep so many of the newest points");
-  verb->add_option("--keep-daily", options->keep.daily, "Keep one of each of so many days");
-  verb->add_option("--keep-weekly", options->keep.weekly, "Keep one of each of so many weeks");
-  verb->add_option("--keep-monthly", options->keep.monthly, "Keep one of each of so many months");
+  verb->add_option("--keep-last", options->keep.last, "Keep so many of the newest points")
+      ->check(count());
+  verb->add_option("--keep-daily", options->keep.daily, "Keep one of each of so many days")
+      ->check(count());
+  verb->add_option("--keep-weekly", options->keep.weekly, "Keep one of each of so many weeks")
+      ->check(count());
+  verb->add_option("--keep-monthly", options->keep.monthly, "Keep one of each of so many months")
+      ->check(count());
   verb->add_flag("--dry-run", options->dry_run, "Say what would go; change nothing");
   verb->add_flag("--json", options->json, "Print JSON");
 }

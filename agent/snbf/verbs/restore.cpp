@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <thread>
 
 #include "command.h"
@@ -28,7 +29,7 @@ struct Options {
   std::string instant;
   std::string scratch = "/var/lib/snbf";
   bool yes = false;
-  bool compare = true;
+  std::optional<bool> compare;
   bool dry_run = false;
   bool json = false;
 };
@@ -265,26 +266,31 @@ int restore_instantly(const Options& options) {
 }
 
 int restore(const Options& options) {
+  if (!options.instant.empty() && options.compare.value_or(false)) {
+    throw Failure(kMisused, "--instant and --compare do not go together",
+                  "leave one of them out: what is in use while it is copied changes");
+  }
   if (!options.instant.empty()) return restore_instantly(options);
   const Job job = check(options);
   if (options.dry_run) return rehearse(job, options);
   const auto began = std::chrono::steady_clock::now();
+  const bool with_compare = options.compare.value_or(true);
   const SignalsNoted signals;
   TargetFile file(job.target);
   const RawPlace place{file.path(), job.target.is_device, job.chosen.manifest.size};
   write(job, place);
-  if (options.compare) compare(job, place);
+  if (with_compare) compare(job, place);
   file.keep();
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
   if (options.json) {
     Json json = job_json(job);
-    json["verified"] = options.compare;
+    json["verified"] = with_compare;
     json["seconds"] = seconds;
     print_json(json);
   } else {
     fmt::print("{}: {}{}, {:.1f} s\n", job.target.path, job.what(),
-               options.compare ? ", compared and equal" : "", seconds);
+               with_compare ? ", compared and equal" : "", seconds);
   }
   return job.chosen.point.exact() ? kDone : kWarned;
 }
@@ -308,12 +314,12 @@ void add_restore(CLI::App& app, Chosen& chosen) {
       options, restore);
   verb->add_option("dest", options->source, "DEST for the newest point, or DEST@POINT")->required();
   verb->add_option("target", options->target, "Block device or file")->required();
-  verb->add_option("--instant", options->instant,
-                   "Usable at once as /dev/mapper/NAME, copied meanwhile")
-      ->type_name("NAME");
+  CLI::Option* instant = verb->add_option("--instant", options->instant,
+                                          "Usable at once as /dev/mapper/NAME, copied meanwhile");
   verb->add_option("--scratch", options->scratch,
-                   "Folder for what is written until all is copied (default /var/lib/snbf)")
-      ->type_name("DIR");
+                   "With --instant: folder for what is written until all is copied (default "
+                   "/var/lib/snbf)")
+      ->needs(instant);
   verb->add_flag("--yes", options->yes, "Overwrite what the target holds");
   verb->add_flag("--compare,!--no-compare,!--no-verify", options->compare,
                  "Read the target back at the end and compare (default: yes)");

@@ -17,13 +17,12 @@ struct Options {
 
 int version(const Options& options) {
   const LoadedDriver driver = loaded_driver();
-  const std::string shown = !driver.loaded           ? "not loaded"
-                            : driver.version.empty() ? "loaded"
-                                                     : driver.version;
   if (options.json) {
-    print_json({{"tool", tool_version()}, {"driver", shown}, {"driver_loaded", driver.loaded}});
+    print_json({{"tool", tool_version()},
+                {"driver", driver_text(driver)},
+                {"driver_loaded", driver.loaded}});
   } else {
-    fmt::print("snbf {}\ndriver {}\n", tool_version(), shown);
+    fmt::print("{}\n", version_text());
   }
   return kDone;
 }

@@ -17,6 +17,7 @@
 #include "screen.h"
 #include "signals.h"
 #include "sizes.h"
+#include "values.h"
 
 namespace snbf {
 
@@ -26,8 +27,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr size_t kWidthMin = 40;
 constexpr size_t kWidthMax = 160;
-constexpr double kIntervalMin = 0.1;
-constexpr double kIntervalMax = 86400;
+constexpr double kIntervalMin_s = 0.1;
+constexpr double kIntervalMax_s = 86400;
 constexpr auto kSignalsAskedEvery = std::chrono::milliseconds(100);
 
 struct Options {
@@ -112,8 +113,7 @@ bool pause_until(Clock::time_point end) {
 int watch(const Options& options) {
   const char* kind = std::getenv("TERM");
   const bool live = terminal_columns() != 0 && !options.json && kind && std::string(kind) != "dumb";
-  const auto interval = std::chrono::duration_cast<Clock::duration>(
-      std::chrono::duration<double>(options.interval_s));
+  const auto interval = milliseconds_of(options.interval_s);
   Watcher watcher(options);
   watcher.look();  // what fails at once fails before the screen is taken
   const SignalsNoted signals;
@@ -140,9 +140,10 @@ void add_watch(CLI::App& app, Chosen& chosen) {
       options, watch);
   verb->add_option("nodes", options->nodes,
                    "Names, minors, device files or partitions; all if none is named");
-  verb->add_option("--interval", options->interval_s, "Seconds between two looks, 1 if not given")
-      ->check(CLI::Range(kIntervalMin, kIntervalMax));
-  verb->add_option("--count", options->count, "End after so many looks");
+  verb->add_option("--interval", options->interval_s,
+                   "Time between two looks, such as 500ms or 1m (default 1s)")
+      ->transform(seconds_between(kIntervalMin_s, kIntervalMax_s));
+  verb->add_option("--count", options->count, "End after so many looks")->check(count());
   verb->add_flag("--json", options->json, "Print a line of JSON for each node and look");
 }
 

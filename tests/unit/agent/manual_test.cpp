@@ -77,6 +77,7 @@ TEST(Help, TellsEveryOptionWithItsValues) {
   each_leaf(tool_grammar(), [](const Verb& verb) {
     for (const Option& option : verb.options) {
       EXPECT_FALSE(option.text.empty()) << verb.name;
+      EXPECT_NE(option.word, "VALUE") << verb.name << " " << option.names.back();
       EXPECT_THAT(help_of(verb.name),
                   HasSubstr(option.names.back() + (option.word.empty() ? "" : " " + option.word)));
     }
@@ -200,6 +201,16 @@ TEST(DriversPage, NamesEveryParameterCommandAndProcFile) {
   EXPECT_EQ(known, 17u);
 }
 
+TEST(ListsPage, NamesEveryColumn) {
+  const std::string page = text_of(kSources / "docs/man/snbf-list.1.scd");
+  const std::string sentence = page.substr(page.find("Columns:"));
+  const auto columns = found_in("agent/snbf/verbs/list.cpp", R"re(\{"(\w+)", "[A-Z]+", )re");
+  EXPECT_GE(columns.size(), 10u);
+  for (const std::string& name : columns) {
+    EXPECT_THAT(sentence.substr(0, sentence.find('.')), testing::ContainsRegex("[ \n]" + name));
+  }
+}
+
 // Adjacent string literals are one message.
 std::string driver_sources() {
   std::string all;
@@ -260,6 +271,8 @@ TEST(Completion, ProposesWhatAnArgumentOrAValueCanBe) {
   EXPECT_THAT(completed({"snbf", "bitmap", "get", ""}), ElementsAre("data"));
   EXPECT_THAT(completed({"snbf", "snap", "delete", "monday", ""}), ElementsAre("data"));
   EXPECT_THAT(completed({"snbf", "attach", "--name", ""}), IsEmpty());
+  EXPECT_THAT(completed({"snbf", "restore", "--scratch", "/us"}), ElementsAre("/usr"));
+  EXPECT_THAT(completed({"snbf", "up", "--root", "/us"}), ElementsAre("/usr"));
 }
 
 TEST(Completion, KnowsWhatEveryArgumentIs) {
