@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <sstream>
 #include <utility>
@@ -19,7 +21,18 @@ namespace {
 
 // The kernels that every change is tested on.
 constexpr std::pair<unsigned, unsigned> kTested[] = {{6, 1}, {6, 12}};
+// Those that the driver is meant to build for.
+constexpr std::pair<unsigned, unsigned> kOldest{6, 1};
+constexpr std::pair<unsigned, unsigned> kNewest{6, 12};
 constexpr unsigned kDeviceMajor = 100;  // the driver's default, of either kind
+// Kept free by the kernel for local use, in both sections.
+constexpr unsigned kLocalMajors[] = {240, 254};
+
+std::pair<unsigned, unsigned> version_of(const std::string& release) {
+  std::pair<unsigned, unsigned> version{0, 0};
+  std::sscanf(release.c_str(), "%u.%u", &version.first, &version.second);
+  return version;
+}
 
 // Whose the major is in that section of /proc/devices; empty: nobody's.
 std::string owner_of(const std::string& devices, const std::string& section, unsigned major) {
@@ -44,14 +57,69 @@ std::string about_loaded(const ModuleFacts& facts) {
       facts.signer);
 }
 
+unsigned free_major(const std::string& devices, const std::string& section) {
+  unsigned major = kLocalMajors[0];
+  while (major < kLocalMajors[1] && !owner_of(devices, section, major).empty()) ++major;
+  return major;
+}
+
+const char* shown(SecureBoot state) {
+  return state == SecureBoot::On ? "on" : state == SecureBoot::Off ? "off" : "unknown";
+}
+
+Finding none_installed(const ModuleFacts& facts) {
+  const std::string headers = "linux-headers-" + facts.release;
+  const std::string fix =
+      !is_supported_kernel(facts.release)
+          ? fmt::format("boot a supported kernel (Linux {}.{} to {}.{})", kOldest.first,
+                        kOldest.second, kNewest.first, kNewest.second)
+      : facts.packaged ? fmt::format("`apt-get install {}`, then `dkms autoinstall`", headers)
+                       : fmt::format("install {}, then `make module install`", headers);
+  return {"module", Grade::Bad, "none is installed for the running kernel", fix};
+}
+
+Finding judge_file(const ModuleFacts& facts) {
+  if (facts.file.empty()) return none_installed(facts);
+  if (facts.secure_boot == SecureBoot::On && facts.signer.empty()) {
+    return {"module", Grade::Bad, facts.file + " is not signed",
+            "sign it with an enrolled machine owner's key (mokutil --import)"};
+  }
+  const std::string by = facts.signer.empty() ? "" : ", signed by " + facts.signer;
+  return {"module", Grade::Bad, fmt::format("not loaded: {}{}", facts.file, by), "modprobe snbf"};
+}
+
+Finding judge_loaded(const ModuleFacts& facts) {
+  if (!facts.control) {
+    return {"module", Grade::Bad, "loaded, but /dev/snbf/control is missing",
+            "mount devtmpfs on /dev"};
+  }
+  return {"module", Grade::Good, about_loaded(facts), ""};
+}
+
 }  // namespace
 
+bool is_supported_kernel(const std::string& release) {
+  return version_of(release) >= kOldest && version_of(release) <= kNewest;
+}
+
+SecureBoot secure_boot_of(const std::string& firmware) {
+  namespace fs = std::filesystem;
+  const fs::path variables = fs::path(firmware) / "efi/efivars";
+  std::error_code failed;
+  if (!fs::exists(variables.parent_path(), failed)) return SecureBoot::Off;
+  const fs::path variable = variables / "SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c";
+  if (!fs::exists(variable, failed)) {
+    // Not mounted, or a firmware that has no such thing.
+    return fs::is_empty(variables, failed) || failed ? SecureBoot::Unknown : SecureBoot::Off;
+  }
+  char bytes[5];  // four of attributes, and the value
+  std::ifstream file(variable, std::ios::binary);
+  if (!file.read(bytes, sizeof bytes)) return SecureBoot::Unknown;
+  return bytes[4] == 1 ? SecureBoot::On : SecureBoot::Off;
+}
+
 Finding judge_kernel(const std::string& release) {
-  unsigned major = 0;
-  unsigned minor = 0;
-  std::sscanf(release.c_str(), "%u.%u", &major, &minor);
-  if (std::find(std::begin(kTested), std::end(kTested), std::pair{major, minor}) !=
-      std::end(kTested)) {
+  if (std::find(std::begin(kTested), std::end(kTested), version_of(release)) != std::end(kTested)) {
     return {"kernel", Grade::Good, release, ""};
   }
   return {
@@ -60,33 +128,24 @@ Finding judge_kernel(const std::string& release) {
 }
 
 Finding judge_module(const ModuleFacts& facts) {
-  const char* const kWhat = "module";
-  if (facts.loaded && !facts.control) {
-    return {kWhat, Grade::Bad, "loaded, but /dev/snbf/control is missing",
-            "mount devtmpfs on /dev"};
-  }
-  if (facts.loaded) return {kWhat, Grade::Good, about_loaded(facts), ""};
-  if (facts.file.empty()) {
-    return {kWhat, Grade::Bad, "none is installed for the running kernel",
-            "install the headers of this kernel, then `make module install`"};
-  }
-  if (facts.signed_only && facts.signer.empty()) {
-    return {kWhat, Grade::Bad, facts.file + " is not signed, and Secure Boot is on",
-            "sign it with an enrolled machine owner's key (mokutil --import)"};
-  }
-  const std::string by = facts.signer.empty() ? "" : ", signed by " + facts.signer;
-  return {kWhat, Grade::Bad, fmt::format("not loaded: {}{}", facts.file, by), "modprobe snbf"};
+  Finding found = facts.loaded ? judge_loaded(facts) : judge_file(facts);
+  found.text += fmt::format("; Secure Boot is {}", shown(facts.secure_boot));
+  return found;
 }
 
-Finding judge_majors(bool loaded, const std::string& devices) {
+Finding judge_majors(bool loaded, const std::string& devices, bool early) {
   const char* const kWhat = "majors";
   if (loaded) return {kWhat, Grade::Good, "the driver has its own", ""};
   for (const auto& [section, parameter] : {std::pair{"Character devices:", "snbf_chr_major"},
                                            std::pair{"Block devices:", "snbf_blk_major"}}) {
     const std::string owner = owner_of(devices, section, kDeviceMajor);
     if (owner.empty()) continue;
-    return {kWhat, Grade::Bad, fmt::format("{} is taken by {}", kDeviceMajor, owner),
-            fmt::format("load it with another number: modprobe snbf {}=240", parameter)};
+    return {
+        kWhat, Grade::Bad, fmt::format("{} is taken by {}", kDeviceMajor, owner),
+        fmt::format("write `options snbf {}={}` into /etc/modprobe.d/snbf.conf, then {}`modprobe "
+                    "snbf`",
+                    parameter, free_major(devices, section),
+                    early ? "`update-initramfs -u` and " : "")};
   }
   return {kWhat, Grade::Good, fmt::format("{} is free", kDeviceMajor), ""};
 }

@@ -19,19 +19,28 @@ struct Finding {
 
 // `release` as uname(2) has it.
 Finding judge_kernel(const std::string& release);
+// Whether the driver's sources are meant to build for it.
+bool is_supported_kernel(const std::string& release);
+
+enum class SecureBoot { Off, On, Unknown };
+// `firmware`: the directory /sys/firmware.
+SecureBoot secure_boot_of(const std::string& firmware);
 
 struct ModuleFacts {
   bool loaded = false;
-  bool control = false;      // its control device is there
-  std::string taints;        // of the loaded one, as /sys/module/snbf/taint has them
-  std::string file;          // that would be loaded now; empty: there is none for this kernel
-  std::string signer;        // of that file; empty: nobody
-  bool signed_only = false;  // the kernel takes no other: Secure Boot
+  bool control = false;   // its control device is there
+  std::string taints;     // of the loaded one, as /sys/module/snbf/taint has them
+  std::string file;       // that would be loaded now; empty: there is none for this kernel
+  std::string signer;     // of that file; empty: nobody
+  std::string release;    // of the running kernel
+  bool packaged = false;  // dkms has its sources
+  SecureBoot secure_boot = SecureBoot::Off;  // on: the kernel takes signed modules alone
 };
 Finding judge_module(const ModuleFacts& facts);
 
-// `devices` is the text of /proc/devices. The majors are the driver's default ones.
-Finding judge_majors(bool loaded, const std::string& devices);
+// `devices` is the text of /proc/devices. The majors are the driver's default ones. `early`: the
+// initramfs loads it too.
+Finding judge_majors(bool loaded, const std::string& devices, bool early);
 
 // `type` as blkid(8) names it, empty if none is recognised for certain; `end_known`: its superblock
 // says where it ends.

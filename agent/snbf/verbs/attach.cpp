@@ -11,6 +11,7 @@
 #include "command.h"
 #include "driver.h"
 #include "failure.h"
+#include "fstab.h"
 #include "output.h"
 #include "reasons.h"
 #include "sizes.h"
@@ -122,6 +123,7 @@ int attach(const Options& options) {
     put_boot_node(boot);
     tell_systemd(options.start ? boot.name : "");
     note(fmt::format("it comes up by itself at every boot: {}", kBootFile));
+    warn_of_mount_past(boot);
   }
   return status;
 }

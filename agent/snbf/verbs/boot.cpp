@@ -15,6 +15,7 @@
 #include "driver.h"
 #include "failure.h"
 #include "files.h"
+#include "fstab.h"
 #include "output.h"
 #include "reasons.h"
 #include "start.h"
@@ -86,6 +87,7 @@ int bring_up(const UpOptions& options, const Driver& driver, const BootNode& nod
                      node.name, node.bitmaps));
     return kDone;
   }
+  warn_of_mount_past(node);
   if (present) return start_node(driver, *present, true);
   const std::string device = device_file_of(node.partition);
   if (options.initramfs) mount_early_store(node);

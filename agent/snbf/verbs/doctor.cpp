@@ -18,6 +18,7 @@
 #include "files.h"
 #include "findings.h"
 #include "fs_end.h"
+#include "fstab.h"
 #include "output.h"
 #include "snaps.h"
 
@@ -48,19 +49,23 @@ std::string module_field(const char* field) {
   return ran.status == 0 ? ran.output.substr(0, ran.output.find('\n')) : "";
 }
 
-bool secure_boot() {
-  std::string bytes;
-  const char* const variable =
-      "/sys/firmware/efi/efivars/SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c";
-  return read_file(variable, &bytes) && bytes.size() == 5 && bytes[4] == 1;
+// Put there by the package, or by `make install`.
+bool dkms_has_sources() {
+  std::error_code ignored;
+  for (const auto& entry : fs::directory_iterator("/usr/src", ignored)) {
+    if (entry.path().filename().string().rfind("snbf-", 0) == 0) return true;
+  }
+  return false;
 }
 
-Finding check_module(bool loaded) {
+Finding check_module(bool loaded, const std::string& release) {
   ModuleFacts facts;
   facts.loaded = loaded;
   facts.control = fs::exists("/dev/snbf/control");
   facts.taints = first_line("/sys/module/snbf/taint");
-  facts.signed_only = secure_boot();
+  facts.release = release;
+  facts.packaged = dkms_has_sources();
+  facts.secure_boot = secure_boot_of("/sys/firmware");
   facts.file = module_field("filename");
   facts.signer = module_field("signer");
   return judge_module(facts);
@@ -69,7 +74,10 @@ Finding check_module(bool loaded) {
 Finding check_majors(bool loaded) {
   std::string devices;
   read_file("/proc/devices", &devices);
-  return judge_majors(loaded, devices);
+  const std::vector<BootNode> nodes = read_boot_nodes().nodes;
+  const bool early = std::any_of(nodes.begin(), nodes.end(),
+                                 [](const BootNode& node) { return !node.store.empty(); });
+  return judge_majors(loaded, devices, early);
 }
 
 Finding check_programs() {
@@ -105,6 +113,9 @@ Finding check_boot() {
       return {kWhat, Grade::Warning,
               fmt::format("the partition of {}, {}, is not there", node.name, node.partition),
               fmt::format("connect its disk, or `snbf detach --forget {}`", node.name)};
+    }
+    if (const auto past = mount_past(node); past) {
+      return {kWhat, Grade::Warning, mount_past_text(*past), mount_past_fix(node)};
     }
   }
   const size_t count = file.nodes.size();
@@ -170,9 +181,9 @@ int doctor(const Options& options) {
   utsname name{};
   ::uname(&name);
   const bool loaded = fs::exists("/proc/snbf");
-  std::vector<Finding> findings = {judge_kernel(name.release),     check_module(loaded),
-                                   check_majors(loaded),           check_programs(),
-                                   check_bitmaps(options.bitmaps), check_boot()};
+  std::vector<Finding> findings = {
+      judge_kernel(name.release), check_module(loaded, name.release), check_majors(loaded),
+      check_programs(),           check_bitmaps(options.bitmaps),     check_boot()};
   if (!options.partition.empty()) check_partition(options.partition, options.bitmaps, &findings);
   Grade worst = Grade::Good;
   Json list = Json::array();

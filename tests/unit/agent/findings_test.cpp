@@ -2,9 +2,15 @@
 // What doctor makes of what it sees.
 #include "findings.h"
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+#include <fstream>
+#include <regex>
+
+#include "files.h"
 #include "snaps.h"
 
 namespace snbf {
@@ -25,7 +31,7 @@ TEST(JudgeModule, TellsWhatIsMissingAndOneCure) {
   EXPECT_THAT(judge_module(facts).text, HasSubstr("none is installed"));
   facts.file = "/lib/modules/x/snbf.ko";
   EXPECT_EQ(judge_module(facts).fix, "modprobe snbf");
-  facts.signed_only = true;
+  facts.secure_boot = SecureBoot::On;
   EXPECT_THAT(judge_module(facts).text, HasSubstr("is not signed"));
   facts.signer = "me";
   EXPECT_EQ(judge_module(facts).fix, "modprobe snbf");
@@ -35,7 +41,7 @@ TEST(JudgeModule, TellsWhatIsMissingAndOneCure) {
   EXPECT_THAT(judge_module(facts).fix, HasSubstr("devtmpfs"));
   facts.control = true;
   EXPECT_EQ(judge_module(facts).grade, Grade::Good);
-  EXPECT_EQ(judge_module(facts).text, "loaded");
+  EXPECT_EQ(judge_module(facts).text, "loaded; Secure Boot is on");
 }
 
 TEST(JudgeModule, TellsAnUnknownKeyFromNoSignature) {
@@ -44,25 +50,85 @@ TEST(JudgeModule, TellsAnUnknownKeyFromNoSignature) {
   facts.control = true;
   facts.file = "/lib/modules/x/snbf.ko";
   facts.taints = "OE";
-  EXPECT_EQ(judge_module(facts).text, "loaded, not signed");
+  EXPECT_EQ(judge_module(facts).text, "loaded, not signed; Secure Boot is off");
   facts.signer = "me";
   EXPECT_EQ(judge_module(facts).text,
-            "loaded, not signed with a key that the kernel knows (its file is signed by me)");
+            "loaded, not signed with a key that the kernel knows (its file is signed by me); "
+            "Secure Boot is off");
   facts.taints = "O";
-  EXPECT_EQ(judge_module(facts).text, "loaded");
+  facts.secure_boot = SecureBoot::Unknown;
+  EXPECT_EQ(judge_module(facts).text, "loaded; Secure Boot is unknown");
+}
+
+TEST(JudgeModule, TheCureForAMissingOneIsForThoseWhoCanTakeIt) {
+  ModuleFacts facts;
+  facts.release = "6.1.0-28-amd64";
+  EXPECT_EQ(judge_module(facts).fix,
+            "install linux-headers-6.1.0-28-amd64, then `make module install`");
+  facts.packaged = true;
+  EXPECT_EQ(judge_module(facts).fix,
+            "`apt-get install linux-headers-6.1.0-28-amd64`, then `dkms autoinstall`");
+  facts.release = "6.13.1";
+  EXPECT_EQ(judge_module(facts).fix, "boot a supported kernel (Linux 6.1 to 6.12)");
+}
+
+TEST(SupportedKernel, IsWhatDkmsBuildsFor) {
+  std::string text;
+  ASSERT_TRUE(read_file(std::string(SNBF_SOURCES) + "/packaging/dkms/dkms.conf.in", &text));
+  std::smatch found;
+  ASSERT_TRUE(std::regex_search(text, found, std::regex("BUILD_EXCLUSIVE_KERNEL=\"(.*)\"")));
+  const std::regex range(found[1].str());
+  size_t supported = 0;
+  for (int major : {5, 6, 7}) {
+    for (int minor = 0; minor < 20; ++minor) {
+      const std::string release = fmt::format("{}.{}.0-28-amd64", major, minor);
+      EXPECT_EQ(is_supported_kernel(release), std::regex_search(release, range)) << release;
+      supported += is_supported_kernel(release);
+    }
+  }
+  EXPECT_EQ(supported, 12u);
+}
+
+TEST(SecureBootOf, IsWhatTheFirmwareSaysOrUnknown) {
+  namespace fs = std::filesystem;
+  const fs::path firmware = fs::path(testing::TempDir()) / "firmware";
+  const fs::path variables = firmware / "efi/efivars";
+  fs::remove_all(firmware);
+  EXPECT_EQ(secure_boot_of(firmware), SecureBoot::Off) << "no EFI";
+  fs::create_directories(firmware / "efi");
+  EXPECT_EQ(secure_boot_of(firmware), SecureBoot::Unknown);
+  fs::create_directories(variables);
+  EXPECT_EQ(secure_boot_of(firmware), SecureBoot::Unknown) << "its variables are not mounted";
+  std::ofstream(variables / "Boot0000-x") << "x";
+  EXPECT_EQ(secure_boot_of(firmware), SecureBoot::Off) << "a firmware without it";
+  const fs::path variable = variables / "SecureBoot-8be4df61-93ca-11d2-aa0d-00e098032b8c";
+  for (const char value : {0, 1}) {
+    std::ofstream(variable) << std::string({6, 0, 0, 0, value});
+    EXPECT_EQ(secure_boot_of(firmware), value ? SecureBoot::On : SecureBoot::Off);
+  }
+  std::ofstream(variable) << "cut";
+  EXPECT_EQ(secure_boot_of(firmware), SecureBoot::Unknown);
+  fs::remove_all(firmware);
 }
 
 TEST(JudgeMajors, LooksInTheRightSection) {
   const std::string free_ones =
       "Character devices:\n  1 mem\n 10 misc\n\nBlock devices:\n  8 sd\n259 blkext\n";
-  EXPECT_EQ(judge_majors(false, free_ones).grade, Grade::Good);
-  const Finding chr = judge_majors(false, "Character devices:\n100 other\n\nBlock devices:\n");
+  EXPECT_EQ(judge_majors(false, free_ones, false).grade, Grade::Good);
+  const Finding chr =
+      judge_majors(false, "Character devices:\n100 other\n240 x\n\nBlock devices:\n241 y\n", false);
   EXPECT_EQ(chr.text, "100 is taken by other");
-  EXPECT_THAT(chr.fix, HasSubstr("snbf_chr_major="));
-  const Finding blk = judge_majors(false, "Character devices:\n\nBlock devices:\n100 other\n");
+  EXPECT_EQ(
+      chr.fix,
+      "write `options snbf snbf_chr_major=241` into /etc/modprobe.d/snbf.conf, then `modprobe "
+      "snbf`")
+      << "it must outlive the next boot";
+  const Finding blk =
+      judge_majors(false, "Character devices:\n\nBlock devices:\n100 other\n", true);
   EXPECT_EQ(blk.grade, Grade::Bad);
-  EXPECT_THAT(blk.fix, HasSubstr("snbf_blk_major="));
-  EXPECT_EQ(judge_majors(true, "Block devices:\n100 snbf\n").grade, Grade::Good);
+  EXPECT_THAT(blk.fix, HasSubstr("snbf_blk_major=240` into /etc/modprobe.d/snbf.conf, then "
+                                 "`update-initramfs -u` and"));
+  EXPECT_EQ(judge_majors(true, "Block devices:\n100 snbf\n", false).grade, Grade::Good);
 }
 
 TEST(JudgeFreeChunks, SaysWhetherTheyAreSkipped) {
