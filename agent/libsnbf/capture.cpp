@@ -90,10 +90,17 @@ bool drain(const libsnbf& handle, const snbf_info& node) {
 }  // namespace
 }  // namespace snbf::lib
 
+// Who only asks whether a capture is under way has it locked for a moment.
 int libsnbf_capture::take_lock() {
+  constexpr int kTries = 20;
+  constexpr auto kPause = std::chrono::milliseconds(5);
   if (!lock.ok()) return -errno;
-  if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) return 0;
-  return errno == EWOULDBLOCK ? -EBUSY : -errno;
+  for (int tries = 1;; ++tries) {
+    if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) return 0;
+    if (errno != EWOULDBLOCK) return -errno;
+    if (tries == kTries) return -EBUSY;
+    std::this_thread::sleep_for(kPause);
+  }
 }
 
 // Minors are given out again at once: bits must not go into another node's bitmap.

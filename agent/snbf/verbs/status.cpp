@@ -9,6 +9,7 @@
 #include "driver.h"
 #include "facts.h"
 #include "failure.h"
+#include "file_lock.h"
 #include "files.h"
 #include "layout.h"
 #include "libsnbf_capture.h"
@@ -42,6 +43,11 @@ Json cow_full_in(const std::vector<Snap>& snaps) {
   return seconds ? Json(*seconds) : Json(nullptr);
 }
 
+// A backup of the node has this locked while it is at work.
+std::string backup_lock(const snbf_info& node) {
+  return fmt::format("{}/snbf{}.lock", bmp_dir_of(node), node.minor);
+}
+
 // All that is shown.
 struct Status {
   snbf_info node;
@@ -51,7 +57,8 @@ struct Status {
   std::vector<std::string> holders;
   std::vector<Snap> snaps;
   Json cow_full_in;
-  bool unfinished;
+  bool unfinished;  // a backup is under way, or was cut off
+  bool under_way;
   Json incr;
   Json diff;
   std::optional<BootNode> at_boot;
@@ -66,6 +73,7 @@ Status status_of(const Driver& driver, const snbf_info& node) {
                snaps_of(driver, node),
                nullptr,
                false,
+               false,
                {},
                {},
                {}};
@@ -76,6 +84,7 @@ Status status_of(const Driver& driver, const snbf_info& node) {
   must(libsnbf_capture_pending(driver.get(), node.minor, &pending),
        "reading the capture's journal");
   found.unfinished = pending != 0;
+  found.under_way = found.unfinished && is_locked(backup_lock(node));
   found.incr = bitmap_json(driver, node, SNBF_BMP_INCR, found.state.incr_point);
   found.diff = bitmap_json(driver, node, SNBF_BMP_DIFF, found.state.diff_point);
   const std::vector<BootNode> boot = read_boot_nodes().nodes;
@@ -99,6 +108,7 @@ void print_status_json(const Status& status) {
   json["next_backup"] = status.why_full.empty() ? "incremental" : "full";
   json["next_backup_full_because"] = status.why_full;
   json["capture_pending"] = status.unfinished;
+  json["capture_under_way"] = status.under_way;
   json["at_boot"] = status.at_boot.has_value();
   print_json(json);
 }
@@ -125,7 +135,9 @@ void print_backups(const Status& status) {
                                ? "incremental"
                                : "full, because " + reason_text(status.why_full));
   if (status.unfinished) {
-    print_row("unfinished", "a backup was cut off; the next one gives its extents back");
+    print_row("unfinished", status.under_way
+                                ? "a backup is under way"
+                                : "a backup was cut off; the next one gives its extents back");
   }
 }
 
