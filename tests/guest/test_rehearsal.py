@@ -34,12 +34,13 @@ def state():
         boot = lines.read()
     return (tree_of("/mnt/state"), tree_of("/mnt/store"), kit.minors(), kit.minors(2), kit.info(0).started,
             kit.bitmap(0, kit.INCR), kit.bitmap(0, kit.DIFF), os.path.ismount("/mnt/monday"), boot,
-            os.listdir("/dev/mapper"))
+            kit.run("dmsetup", "ls"))
 
 
 @kit.case
 @kit.essential
 def a_node_a_chain_and_a_snap():
+    kit.run("modprobe", "-a", "dm-mirror", "nbd")
     a_backed_up_node(DEST)
     good("backup", "data", DEST)
 
