@@ -13,6 +13,7 @@
 
 #include "boot_files.h"
 #include "failure.h"
+#include "held_chain.h"
 #include "overlay_server.h"
 #include "words.h"
 
@@ -166,14 +167,19 @@ void Instant::take_over() {
 
 void Instant::make_overlay() {
   if (stage_ == Stage::LeftOver) {
-    if (!fs::equivalent(backing_of(overlay()), wish_.image)) {
+    const fs::path image = backing_of(overlay());
+    std::error_code gone;
+    if (!fs::equivalent(image, wish_.image, gone)) {
       throw Failure(
           kUnsafe,
-          overlay() + " is left from a restore of another point, with what was written to it since",
-          "go on with that one, or remove the file");
+          fmt::format("{} is left from a restore of {}, with what was written to it since",
+                      overlay(), image.string()),
+          fmt::format("go on with that one, DEST@{}, or remove the file",
+                      image.filename().string()));
     }
-    return;
   }
+  hold_chain(folder_of(wish_.image), wish_.name);
+  if (stage_ == Stage::LeftOver) return;
   const std::string aside = overlay() + ".new";
   run_or_throw(
       {"qemu-img", "create", "-q", "-f", "qcow2", "-b", wish_.image, "-F", "qcow2", aside});
@@ -187,8 +193,8 @@ void Instant::begin() {
     // One that serves what somebody has removed would take the new one's place.
     if (const std::string stale = server_of(overlay()); !stale.empty()) end_server(stale);
   }
-  make_overlay();
   try {
+    make_overlay();
     source_ = serve(overlay(), "/run/snbf-instant-" + wish_.name + ".sock", wish_.size_bytes);
     dmsetup({"create", wish_.name, "--uuid", uuid_for(wish_.name), "--table",
              fmt::format("0 {} mirror core 1 {} 2 {} 0 {} 0 1 handle_errors", sectors(),
@@ -196,7 +202,10 @@ void Instant::begin() {
   } catch (...) {
     if (!source_.empty()) run({"qemu-nbd", "--disconnect", source_});
     source_.clear();
-    if (stage_ == Stage::None) remove_file(overlay());
+    if (stage_ == Stage::None) {
+      remove_file(overlay());
+      release_chain(folder_of(wish_.image), wish_.name);
+    }
     throw;
   }
   stage_ = Stage::Copying;
@@ -208,11 +217,13 @@ double Instant::percent() const {
   if (state.health.find_first_not_of('A') != std::string::npos) {
     const bool source = state.health[0] != 'A';
     throw Failure(
-        kFailed, source ? "the point can no longer be read" : wish_.target + " cannot be written",
-        fmt::format(
-            "look at `dmesg`; what was written since is in {}: unmount {}, `dmsetup remove {}`, "
-            "`qemu-nbd --disconnect {}`, and run this again",
-            overlay(), device(), wish_.name, source_));
+        kFailed,
+        source ? fmt::format("the point can no longer be read, or {} not be written", overlay())
+               : wish_.target + " cannot be written",
+        fmt::format("look at `dmesg`, and for room; what was written since is in {}: unmount {}, "
+                    "`dmsetup remove {}`, "
+                    "`qemu-nbd --disconnect {}`, and run this again",
+                    overlay(), device(), wish_.name, source_));
   }
   return state.all ? 100.0 * static_cast<double>(state.done) / static_cast<double>(state.all) : 0;
 }
@@ -277,6 +288,7 @@ void Instant::clean_up() {
   source_.clear();
   remove_file(overlay());
   sync_directory(wish_.scratch);  // the overlay first: it may be older than the target by now
+  release_chain(folder_of(image()), wish_.name);
   remove_file(mark());
 }
 

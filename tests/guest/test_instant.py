@@ -19,6 +19,7 @@ THERE = "/run/shop"
 RESTORE = ("restore", DEST, BACK, "--instant", "shop", "--scratch", "/mnt/store", "--yes")
 OVERLAY = "/mnt/store/shop.instant.qcow2"
 MARK = "/mnt/store/shop.instant.whole"
+HOLD = f"{DEST}/.instant-shop"
 TRACE = "/tmp/strace.log"
 
 
@@ -110,6 +111,12 @@ def after_a_cut_what_was_written_is_there():
 
 
 @kit.case(boot="main")
+def nothing_is_pruned_below_it():
+    said = refused(8, "prune", DEST, "--keep-last", "1")
+    kit.check(HOLD in said and SHOP in said, said)
+
+
+@kit.case(boot="main")
 def another_point_does_not_take_its_place():
     said = refused(8, "restore", DEST, kit.disk("state"), *RESTORE[3:])
     kit.check("shop" in said, said)
@@ -121,7 +128,8 @@ def it_ends_as_the_target_alone():
     throttle(100)
     Restore().end()
     kit.check("linear" in kit.run("dmsetup", "table", "shop"))
-    kit.check(not os.path.exists(OVERLAY), "the overlay is gone")
+    kit.check(not os.path.exists(OVERLAY) and not os.path.exists(HOLD), "the overlay is gone")
+    good("prune", DEST, "--keep-last", "1")
     kit.check(not glob.glob("/sys/block/nbd*/pid"), "nothing is served")
     has(SHOP, "first", "second")
     put("third")
@@ -135,7 +143,7 @@ def a_left_overlay_of_another_point_is_refused():
     good("backup", "data", DEST)
     kit.run("qemu-img", "create", "-q", "-f", "qcow2", "-b", f"{DEST}/0001-full.qcow2", "-F", "qcow2", OVERLAY)
     said = refused(6, *RESTORE)
-    kit.check("another point" in said, said)
+    kit.check("0001-full.qcow2" in said, said)
     os.unlink(OVERLAY)
 
 
@@ -180,7 +188,7 @@ class Ends:
     def check_all(self, what):
         """The same command ends it, and what was written is on the target."""
         good(*RESTORE)
-        kit.equal([path for path in (OVERLAY, MARK) if os.path.exists(path)], [], f"files left after {what}")
+        kit.equal([path for path in (OVERLAY, MARK, HOLD) if os.path.exists(path)], [], f"files left after {what}")
         kit.check(not os.path.exists("/sys/block/nbd0/pid"), f"it is served after {what}")
         kit.equal(os.path.exists("/sys/block/nbd3/pid"), what.startswith("a kill"), "what is another's is left alone")
         if os.path.exists(SHOP):
@@ -224,10 +232,10 @@ def killed_at_any_step_of_its_end_it_is_ended_by_the_next():
     print(plan)
     mark = plan.index(("rename", 1))
     Ends.behind_the_mark = plan[mark + 1]
-    Ends.switched = plan[-2]
+    Ends.switched = plan[-3]
     for what, step, in_use in (("suspended", plan[mark - 1], False), ("marked", plan[mark + 1], False),
                                ("loaded", plan[mark + 2], False), ("resumed", plan[mark + 3], True),
-                               ("not served any more", plan[-2], True), ("without overlay", plan[-1], True)):
+                               ("not served any more", plan[-3], True), ("without overlay", plan[-2], True)):
         ends.begin()
         ends.killed(*step)
         kit.equal(is_in_use(), in_use, f"in use when it is {what}")

@@ -9,6 +9,7 @@
 #include "destination.h"
 #include "failure.h"
 #include "files.h"
+#include "held_chain.h"
 #include "output.h"
 #include "prune.h"
 #include "retention.h"
@@ -94,6 +95,18 @@ void end_if_signalled() {
                 "the next `snbf prune` goes on from here");
 }
 
+void refuse_if_stood_on(const std::string& destination) {
+  const auto restores = holders_of_chain(destination);
+  if (restores.empty()) return;
+  throw Failure(
+      kBusy,
+      fmt::format("{}: /dev/mapper/{} is being restored from it, and nothing is taken "
+                  "away meanwhile",
+                  destination, restores[0]),
+      fmt::format("the same `snbf restore` again ends that; if it was given up, remove {}",
+                  hold_file(destination, restores[0])));
+}
+
 int prune(const Options& options) {
   const ChosenPoint at = choose_point(options.destination);
   UniqueFd lock;
@@ -102,6 +115,7 @@ int prune(const Options& options) {
     lock = lock_file(at.destination + "/.lock", at.destination);
     readers = lock_file(readers_lock(at.destination), at.destination);
   }
+  refuse_if_stood_on(at.destination);
   Manifest manifest = *read_manifest(at.destination);
   const bool unfinished = manifest.merge || !manifest.garbage.empty();
   if (options.keep.empty() && !unfinished) {

@@ -58,7 +58,7 @@ Job check(const Options& options) {
   job.target = claim_target(options.target, job.chosen.destination);
   // First without the files' contents: what is refused is refused at once.
   for (const bool contents : {false, true}) {
-    if (contents && options.dry_run) break;
+    if (contents && (options.dry_run || !options.instant.empty())) break;
     const std::string damage = chain_damage(manifest, point, job.chosen.destination, contents);
     if (!damage.empty()) {
       throw Failure(kDiffers,
@@ -243,18 +243,21 @@ void tell_end(const Job& job, const Options& options, const Instant& instant) {
                    job.target.path));
 }
 
+void begin(Job& job, Instant& instant) {
+  const bool left_over = instant.stage() == Stage::LeftOver;
+  job.target.claim.reset();  // to be the mirror's
+  instant.begin();
+  if (left_over) note("what was written to it since is still there");
+}
+
 int restore_instantly(const Options& options) {
   Instant instant(wish_of(options));
-  const SignalsNoted signals;
   if (!options.dry_run) instant.take_over();
   Job job = instant.is_begun() ? job_under_way(options, instant) : check(options);
   if (options.dry_run) return rehearse(job, options);
-  if (!instant.is_begun()) {
-    const bool left_over = instant.stage() == Stage::LeftOver;
-    job.target.claim.reset();  // to be the mirror's
-    instant.begin();
-    if (left_over) note("what was written to it since is still there");
-  }
+  // Until here a signal ends us, and nothing has been written.
+  const SignalsNoted signals;
+  if (!instant.is_begun()) begin(job, instant);
   tell_usable(job, options, instant);
   if (!attend(job, instant)) {
     note("the copy goes on without us; the same command again looks after it, and ends it");
