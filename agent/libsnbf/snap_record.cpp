@@ -110,6 +110,18 @@ int snap_records(const std::string& bmp_dir, const char* node_uuid,
   return 0;
 }
 
+bool has_damaged_snap_record(const std::string& bmp_dir) {
+  std::error_code failed;
+  for (fs::directory_iterator at(bmp_dir, failed), end; !failed && at != end;
+       at.increment(failed)) {
+    libsnbf_snap_record record;
+    if (at->path().extension() != kSuffix) continue;
+    const std::string name = at->path().stem();
+    if (libsnbf_snap_record_read(bmp_dir.c_str(), name.c_str(), &record) == -EBADMSG) return true;
+  }
+  return false;
+}
+
 std::optional<uint32_t> choose_snap_minor(const std::string& bmp_dir, const Nodes& nodes,
                                           uint32_t minor_max) {
   for (uint32_t minor = minor_max; minor-- > 0;) {

@@ -18,6 +18,8 @@ int snap_records(const std::string& bmp_dir, std::vector<libsnbf_snap_record>* o
 // Of one filter node, oldest first.
 int snap_records(const std::string& bmp_dir, const char* node_uuid,
                  std::vector<libsnbf_snap_record>* out);
+// One whose bytes are wrong cannot say whose it was: it may be of any snap of the directory's nodes.
+bool has_damaged_snap_record(const std::string& bmp_dir);
 
 // A free minor for a snap, from the top: a low one may be what a filter node's bitmap files are
 // named after.

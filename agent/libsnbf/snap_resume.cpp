@@ -120,7 +120,8 @@ int judge_all(libsnbf* handle, const Ground& ground, std::vector<Candidate>* out
     }
     out->push_back(candidate);
   }
-  bool newer_lost = false;
+  // What a record that is damaged was of is not known: perhaps of a newer one.
+  bool newer_lost = snbf::lib::has_damaged_snap_record(bmp_dir_of(ground.filter));
   for (auto at = out->rbegin(); at != out->rend(); ++at) {
     at->why = judge(handle, ground, nodes, *at);
     if (at->why.empty() && newer_lost) at->why = LIBSNBF_SNAP_NEWER;

@@ -231,6 +231,9 @@ def a_start_beside_its_store_is_refused():
     kit.run("umount", STORE)
     refused(6, "start", "open")
     kit.equal(kit.info(0).started, 0, "started")
+    below = os.listdir(STORE)
+    refused(6, "bitmap", "clear", "open", "--yes")
+    kit.equal(os.listdir(STORE), below, "what lies below the store")
     # Nor does anything else come to lie on a node whose files nobody can see.
     kit.run("mount", kit.disk("store"), STORE)
     good("start", "open")

@@ -2,6 +2,7 @@
 // snbf bitmap: the plumbing below the other verbs, one to one with the driver's commands.
 #include <fmt/format.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -48,9 +49,20 @@ Extents read_raw(const Driver& driver, const snbf_info& node, const std::string&
   return extents;
 }
 
+// The node's own record, or none of it is in sight, and what is written would lie below its file system.
+libsnbf_state own_state(const snbf_info& node) {
+  libsnbf_state state{};
+  const int rc = libsnbf_state_read(bmp_dir_of(node).c_str(), node.minor, &state);
+  const bool other = rc == 0 && std::strcmp(state.uuid, node.uuid) != 0;
+  if (rc == -ENOENT || other) throw failure_of(-ENOLINK, "the bitmap of " + std::string(node.name));
+  if (rc == -EBADMSG) return {};
+  must(rc, "reading the record of " + std::string(node.name));
+  return state;
+}
+
 // From here the bitmap counts from nothing that a backup could continue.
 void forget_point(const snbf_info& node, uint32_t type) {
-  libsnbf_state state = read_state(node);
+  libsnbf_state state = own_state(node);
   auto& point = type == SNBF_BMP_INCR ? state.incr_point : state.diff_point;
   std::memset(point, 0, sizeof point);
   std::strcpy(point, kPointByHand);
@@ -113,9 +125,11 @@ int bitmap(const Options& options) {
                   fmt::format("bitmap {} can forget changes that no backup has", options.action),
                   "say --yes if that is meant; the next backup is then a full one");
   }
+  if (may_lose_changes(options)) own_state(node);
   if (options.dry_run) return rehearse(driver, node, type, options);
   // A backup under way counts on the bitmap being its own.
-  const UniqueFd lock = lock_file(fmt::format("{}/snbf{}.lock", bmp_dir_of(node), node.minor), node.name);
+  const UniqueFd lock =
+      lock_file(fmt::format("{}/snbf{}.lock", bmp_dir_of(node), node.minor), node.name);
   if (may_lose_changes(options)) forget_point(node, type);
   act(driver, node, type, options);
   if (driver.unsaved(node, type) && !node.started) {

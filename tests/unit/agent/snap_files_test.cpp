@@ -125,6 +125,12 @@ TEST_F(SnapFiles, OneWhoseFilesWereWrittenIsDead) {
   EXPECT_THAT(judged(), ElementsAre("older=", "newer="));
 }
 
+TEST_F(SnapFiles, ARecordThatIsDamagedMayHaveBeenOfANewerOne) {
+  two_snaps_stopped_with_their_node();
+  put("newer.snap", "not what it was");
+  EXPECT_THAT(judged(), ElementsAre("older=newer-lost"));
+}
+
 TEST_F(SnapFiles, OneWhoseFilesAreOthersIsDead) {
   two_snaps_stopped_with_their_node();
   const std::filesystem::path file = dir_ + "/cow/newer.cowmap";
