@@ -214,6 +214,35 @@ SIM_TEST(StartSnap, AnOlderSnapNeverShowsWhatANewerOneCopiedBeforeItsStart) {
   EXPECT_EQ(bench.read(8, 1), 0x11);
 }
 
+// A write that was passed on in place and is still with the partition keeps the image from beginning.
+void expect_start_waits_for_write(SnapBench& bench) {
+  Sim& sim = bench.sim;
+  bench.disk->hold(true);
+  Task* writer = sim.spawn("writer", [&] { EXPECT_EQ(bench.write(1, 0x22), 0); });
+  sim.sleep_us(5000);
+  ASSERT_EQ(bench.add(8), 0);
+  Task* starter = sim.spawn("starter", [&] { EXPECT_EQ(start_node(sim, 8), 0); });
+  sim.sleep_us(2'000'000);
+  EXPECT_EQ(bench.snap(8)->started.load(), 0);
+  bench.disk->hold(false);
+  bench.disk->release_all();
+  sim.join(writer);
+  sim.join(starter);
+  EXPECT_EQ(bench.read(8, 1), 0x22);
+}
+
+SIM_TEST(StartSnap, WaitsForAWriteThatWasPassedOnInPlace) {
+  SnapBench bench(sim);
+  expect_start_waits_for_write(bench);
+}
+
+SIM_TEST(StartSnap, WaitsForOneAgainOnceTheLastSnapWasDeleted) {
+  SnapBench bench(sim);
+  bench.add_started(7);
+  ASSERT_EQ(delete_node(sim, 7), 0);
+  expect_start_waits_for_write(bench);
+}
+
 // Held for the older snap, cloned and in flight, or passed on in place while there was no snap:
 // each would land behind the start without a copy.
 SIM_TEST_SEEDS(StartSnap, WritesOnTheirWayLandBeforeOrAreCopied, 60) {
