@@ -186,9 +186,9 @@ bool Pass::act(SpinGuard& hold, CowRequest* request, Fate fate) {
       request->left_by_pass = number_;
       return gather(*request);
     case Fate::Leave:
-      request->left_by_pass = number_;
-      return true;
+      break;
   }
+  request->left_by_pass = number_;
   return true;
 }
 
