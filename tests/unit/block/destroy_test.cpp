@@ -3,6 +3,7 @@
 #include <string>
 
 #include "driver_rig.h"
+#include "filter/kdirtyd.h"
 
 namespace snbf::sim {
 namespace {
@@ -54,6 +55,34 @@ SIM_TEST(DeleteNode, StopsAStartedNodeFirst) {
   ASSERT_EQ(delete_node(sim, 3), 0);
   EXPECT_TRUE(sim.log().contains("snbf_block_stop_device(): snbf(100, 3) has been stopped"));
   EXPECT_TRUE(sim.exists("/var/bmp/snbf3.incr"));
+  ASSERT_EQ(sim.unload_driver(), 0);
+}
+
+// kdirtyd hangs in the file of another node: what it was asked for this one is forgotten with the node.
+SIM_TEST(DeleteNode, DoesNotWaitForEverForItsDirtyRequests) {
+  load_with_partition(sim);
+  sim.add_device({.name = "sda2", .bytes = 1 << 20});
+  Device* store = sim.add_device({.name = "sdb1", .bytes = 4 << 20});
+  ASSERT_EQ(sim.mount(sim.add_fs("store", store->number()), "/store"), 0);
+  ASSERT_EQ(add_filter(sim, "/dev/sda1", 3), 0);
+  snbf_filter_node_cmd other = filter_record("/dev/sda2", 4, kExtentBytes, "/store");
+  ASSERT_EQ(add_filter(sim, other), 0);
+  store->hold(true);
+  snbf_sched_write_dirty_flag(*filter_at(4), SNBF_BMP_INCR);
+  sim.sleep_us(1'000'000);
+  for (const u32 type : {SNBF_BMP_INCR, SNBF_BMP_DIFF}) {
+    snbf_sched_write_dirty_flag(*filter_at(3), type);
+  }
+  const u64 before = sim.now_us();
+  EXPECT_EQ(delete_node(sim, 3), 0);
+  EXPECT_GE(sim.now_us() - before, 9'000'000u);
+  EXPECT_LE(sim.now_us() - before, 12'000'000u);
+  EXPECT_EQ(find_node(3), nullptr);
+  store->hold(false);
+  store->release_all();
+  sim.sleep_us(1'000'000);
+  EXPECT_FALSE(sim.exists("/var/bmp/snbf3.incr")) << "its request outlived it";
+  EXPECT_TRUE(sim.exists("/store/snbf4.incr"));
   ASSERT_EQ(sim.unload_driver(), 0);
 }
 

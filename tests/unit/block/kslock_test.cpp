@@ -31,6 +31,28 @@ SIM_TEST(KsMutex, IsFreeOnlyAfterAsManyUnlocksAsLocks) {
   EXPECT_FALSE(sim.log().has_errors());
 }
 
+SIM_TEST(KsMutex, ATryBySomebodyElseFailsAndOneByItsOwnerCounts) {
+  KsMutex mutex;
+  mutex.init();
+  const auto try_elsewhere = [&] {
+    bool got = false;
+    sim.join(sim.spawn("other", [&] {
+      got = mutex.try_lock();
+      if (got) mutex.unlock();
+    }));
+    return got;
+  };
+  ASSERT_TRUE(mutex.try_lock());
+  ASSERT_TRUE(mutex.try_lock());
+  EXPECT_FALSE(try_elsewhere());
+  mutex.unlock();
+  EXPECT_TRUE(mutex.is_mine());
+  EXPECT_FALSE(try_elsewhere());
+  mutex.unlock();
+  EXPECT_TRUE(try_elsewhere());
+  EXPECT_FALSE(sim.log().has_errors());
+}
+
 SIM_TEST(KsMutex, UnlockOfAFreeOneIsLoggedAndIgnored) {
   KsMutex mutex;
   mutex.init();
@@ -197,6 +219,28 @@ SIM_TEST(KsRwLock, WaitingWriterHoldsBackNoReader) {
   lock.read_unlock();
   lock.read_unlock();
   sim.join(writer);
+}
+
+// A limit that is no multiple of what the writer waits at a time.
+SIM_TEST(KsRwLock, AWriterWithALimitGivesUpThere) {
+  KsRwLock lock;
+  lock.init();
+  lock.read_lock();
+  const u64 before = sim.now_us();
+  sim.join(sim.spawn("writer", [&] { EXPECT_FALSE(lock.write_lock_within(250)); }));
+  EXPECT_GE(sim.now_us() - before, 249 * kMs);
+  EXPECT_LE(sim.now_us() - before, 260 * kMs);
+  EXPECT_FALSE(lock.has_waiting_writer());
+  EXPECT_EQ(lock.count(), 1);
+  Task* writer = sim.spawn("writer", [&] {
+    EXPECT_TRUE(lock.write_lock_within(250));
+    lock.write_unlock();
+  });
+  sim.sleep_us(150 * kMs);
+  EXPECT_TRUE(lock.has_waiting_writer());
+  lock.read_unlock();
+  sim.join(writer);
+  EXPECT_EQ(lock.count(), 0);
 }
 
 SIM_TEST_SEEDS(KsRwLock, NoWakeUpIsMissedAndWritersAreAlone, 60) {

@@ -225,6 +225,20 @@ SIM_TEST(Info, ADetachedSnapIsRefusedAndTheRecordStays) {
   ASSERT_EQ(sim.unload_driver(), 0);
 }
 
+SIM_TEST(Info, OfANodeOfNoKnownKindSaysWhatAllKindsHave) {
+  load_with_partition(sim);
+  ASSERT_EQ(add_filter(sim, "/dev/sda1", 3), 0);
+  SnapNode* snap = hang_snap(filter_at(3), 9);
+  snap->dev_type = 7;
+  std::strcpy(snap->name, "neither");
+  const snbf_info info = info_of(sim, 9);
+  EXPECT_EQ(info.dev_type, 7u);
+  EXPECT_STREQ(info.name, "neither");
+  EXPECT_EQ(info.dev_size, 0u);
+  snap->dev_type = kSnapNode;
+  ASSERT_EQ(sim.unload_driver(), 0);
+}
+
 SIM_TEST(Info, RefusesMinorsWithoutANode) {
   load_with_partition(sim);
   for (u32 minor : {0u, 255u, 256u}) {

@@ -273,5 +273,32 @@ SIM_TEST(StopSnap, AStopOfTheFilterDoesNotWaitForASnapThatIsBeingStarted) {
   EXPECT_EQ(stop_node(sim, 7), 0);
 }
 
+// Whoever stops the filter looks, takes the snap's mutex, and looks again.
+SIM_TEST_SEEDS(StopSnap, OneThatIsStoppedByAnotherMeanwhileIsLeftToHim, 60) {
+  SnapBench bench(sim, {.debug = 0});
+  bench.add_started(7);
+  SnapNode* snap = bench.snap(7);
+  bool over = false;
+  Task* other = sim.spawn("other", [&] {
+    while (!over) {
+      {
+        Sim::Quiet at_once{sim};
+        snap->node_mutex.lock();
+        if (snap->cow_data_file != nullptr) snap->started.store(static_cast<int>(sim.random(2)));
+        snap->node_mutex.unlock();
+      }
+      sim.sleep_us(1 + sim.random(3));
+    }
+  });
+  EXPECT_EQ(stop_node(sim, kOrigin), 0);
+  over = true;
+  sim.join(other);
+  EXPECT_TRUE(snap->node_mutex.try_lock()) << "left held";
+  if (snap->cow_data_file != nullptr) snap->started.store(1);
+  snap->node_mutex.unlock();
+  EXPECT_EQ(stop_node(sim, 7), 0);
+  EXPECT_EQ(snap->cow_data_file, nullptr);
+}
+
 }  // namespace
 }  // namespace snbf::sim

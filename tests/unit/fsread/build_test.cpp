@@ -1,6 +1,7 @@
 // The data-block map as it is built, looked up and exported.
 #include "byte_image.h"
 #include "fsread/blkbmp.h"
+#include "fsread/selftest.h"
 
 namespace snbf::sim {
 namespace {
@@ -40,6 +41,19 @@ SIM_TEST(BuildMap, SaysWhichChunksHoldUsedBlocks) {
     EXPECT_TRUE(is_used(map, chunks));
   }
   EXPECT_FALSE(sim.log().has_errors());
+}
+
+// A small file system on a device that numbers of 31 bits cannot count.
+SIM_TEST(BuildMap, RefusesMoreChunksThanItCanCount) {
+  LoggedParts parts;
+  const Ext2Image layout = {};
+  const ImageOnDevice image(sim, layout.bytes(), u64{1} << 42);
+  Map map;
+  EXPECT_EQ(snbf_blkbmp_read(&map, image.bdev(), 1024), -EINVAL);
+  EXPECT_EQ(sim.log().count("snbf_blkbmp_read(): Too many chunks: 4294967296", 3), 1);
+  EXPECT_EQ(map.valid, 0);
+  EXPECT_EQ(snbf_blkbmp_test(image.bdev()), -EINVAL);
+  EXPECT_EQ(sim.log().count("snbf_blkbmp_test(): Too many blocks: 4294967296", 3), 1);
 }
 
 SIM_TEST_SEEDS(BuildMap, AFreeFragmentTakesAKilobyte, 1) {

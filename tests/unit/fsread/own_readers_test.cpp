@@ -1,5 +1,6 @@
 // The readers of ext4 and of XFS 5 over real images with one thing changed.
 #include "fsread/blkbmp.h"
+#include "fsread/crc32c.h"
 #include "fsread/ext4_layout.h"
 #include "fsread/ext4_reader.h"
 #include "fsread/xfs5_reader.h"
@@ -20,12 +21,27 @@ class Changed {
           static_cast<u8>(value >> n * 8);
     return *this;
   }
+  Changed& set_be(u64 at, u64 value, int width) {
+    for (int n = 0; n < width; ++n) set(at + static_cast<u64>(n), value >> (width - 1 - n) * 8);
+    return *this;
+  }
+  u32 be32(u64 at) {
+    u32 value = 0;
+    for (u64 n = 0; n < 4; ++n) value = value << 8 | byte(at + n);
+    return value;
+  }
+  // The checksum of the structure at `at`, as if it had been written like this.
+  Changed& seal(u64 at, u32 bytes, u32 checksum_at) {
+    set(at + checksum_at, 0, 4);
+    Bytes data;
+    for (u32 n = 0; n < bytes; ++n) data.push_back(byte(at + n));
+    return set(at + checksum_at, static_cast<u32>(~crc32c(~0u, data.data(), bytes)), 4);
+  }
   // `fn` runs as a task over the device that holds it.
   void with_device(const std::function<void(Sim&, OpenDevice&)>& fn, u32 block_bytes = 512) const {
     run_sim_body(1, [&](Sim& sim) {
       LoggedParts parts(2);
-      OpenDevice disk(sim,
-                      {.name = "sda1", .bytes = image_.bytes(), .block_bytes = block_bytes});
+      OpenDevice disk(sim, {.name = "sda1", .bytes = image_.bytes(), .block_bytes = block_bytes});
       for (const auto& [at, page] : pages_) disk.device->poke(at / 512, page);
       fn(sim, disk);
     });
@@ -146,6 +162,20 @@ TEST_F(Ext4, RefusesWhatCannotBe) {
               << field.at << ": " << field.value;
         });
   }
+  // Descriptors of small groups that would fill a good part of the device.
+  Changed(plain)
+      .set(kSuper + 32, 8, 4)
+      .set(kSuper + 36, 8, 4)
+      .set(kSuper + 254, 1024, 2)
+      .with_device([](Sim& sim, OpenDevice& disk) {
+        EXPECT_EQ(ext4_reader_init(disk.bdev, nullptr), nullptr);
+        EXPECT_EQ(sim.log().count("ext4_reader_init(): Superblock of hdd(8, ", 3), 1);
+      });
+  // What is no ext at all is no error.
+  Changed(plain).set(kSuper + 56, 0, 2).with_device([](Sim& sim, OpenDevice& disk) {
+    EXPECT_EQ(ext4_reader_init(disk.bdev, nullptr), nullptr);
+    EXPECT_FALSE(sim.log().has_errors());
+  });
   // Where a bitmap lies, when it cannot lie there.
   Changed(plain).set(2 * kBlock, 0xFFFFFFFF, 4).with_device([](Sim& sim, OpenDevice& disk) {
     Ext4Reader* reader = ext4_reader_init(disk.bdev, nullptr);
@@ -219,6 +249,21 @@ TEST_F(Xfs5, WhatItReadsIsChecked) {
   refuses(Changed(image()).set(4096, 'B'), "in the free space tree is corrupt: its magic number");
 }
 
+// Whole, but of another place: left there by an earlier file system, or written to the wrong one.
+TEST_F(Xfs5, WhatBelongsElsewhereIsFoundOut) {
+  auto agf = [](u64 at, u8 value) {
+    return Changed(image()).set(512 + at, value).seal(512, 512, 216);
+  };
+  refuses(agf(11, 1), ") is corrupt: its number is wrong");
+  refuses(agf(64, 0x5A), ") is corrupt: its uuid is wrong");
+  auto root = [](u64 at, u8 value) {
+    return Changed(image()).set(4096 + at, value).seal(4096, 4096, 52);
+  };
+  refuses(root(23, 0x5A), "in the free space tree is corrupt: its place is wrong");
+  refuses(root(51, 1), "in the free space tree is corrupt: its owner is wrong");
+  refuses(root(32, 0x5A), "in the free space tree is corrupt: its uuid is wrong");
+}
+
 TEST_F(Xfs5, FeaturesThatNobodyKnowsAreNobodys) {
   // A repair that is needed, and two bits of tomorrow.
   for (u64 at : {219u, 216u, 212u}) {
@@ -252,6 +297,88 @@ TEST_F(Xfs5, TreesWithoutChecksumsMustBeInOrder) {
   ring.set(root + 15, plain.byte(root_at + 3)).set(root + 6, 0).set(root + 7, 1);
   ring.set(root + 20, 0).set(root + 21, 0).set(root + 22, 0).set(root + 23, 4);
   refuses(ring, "is corrupt: the order of its records is wrong");
+}
+
+TEST_F(Xfs5, ASuperblockThatCannotBeIsRefused) {
+  const RealImage old(320 << 20, "mkfs.xfs -q -f -m crc=0 -s size=4096 @");
+  struct Field {
+    u64 at;
+    u64 value;
+    int width;
+  };
+  for (const Field& field :
+       {Field{4, 0, 4}, Field{4, 3000, 4}, Field{4, 256, 4}, Field{4, 131072, 4}, Field{102, 0, 2},
+        Field{102, 3000, 2}, Field{102, 256, 2}, Field{84, 0, 4}, Field{84, 1, 4}, Field{88, 0, 4},
+        Field{88, 0xFFFFFFFF, 4}, Field{8, 1u << 31, 4}}) {
+    Changed(old)
+        .set_be(field.at, field.value, field.width)
+        .with_device([&](Sim& sim, OpenDevice& disk) {
+          EXPECT_EQ(xfs5_reader_init(disk.bdev, nullptr), nullptr) << field.at;
+          EXPECT_EQ(sim.log().count("xfs5_reader_init(): Superblock of hdd(8, ", 3), 1)
+              << field.at << ": " << field.value;
+        });
+  }
+}
+
+// The first group's tree of free space, grown by a level: its only leaf, cut within its last record,
+// below a root. The leaves stand in blocks that are free, and so nobody's.
+struct GrownTree : Changed {
+  static constexpr u64 kAgf = 4096;
+  static constexpr u32 kHeader = 16;
+  static constexpr u32 kNodeRecords = (4096 - kHeader) / 12;
+
+  explicit GrownTree(const RealImage& image) : Changed(image) {
+    root = u64{be32(kAgf + 16)} * 4096;
+    const u64 last = root + kHeader + 8 * (u64{byte(root + 7)} - 1);
+    first = be32(last);
+    const u32 count = be32(last + 4);
+    EXPECT_GT(count, 1000u);
+    half = count / 2;
+    left = u64{first + half - 1} * 4096;
+    right = u64{first + half} * 4096;
+    for (const u64 leaf : {left, right}) {
+      for (u64 n = 0; n < 4096; ++n) set(leaf + n, byte(root + n));
+    }
+    set_be(left + 12, right / 4096, 4).set_be(left + (last - root) + 4, half, 4);
+    set_be(right + 6, 1, 2);
+    set_be(right + kHeader, first + half, 4).set_be(right + kHeader + 4, count - half, 4);
+    set_be(root + 4, 1, 2).set_be(root + 6, 2, 2).set_be(root + kHeader + 8, first + half, 4);
+    child(0, left / 4096).child(1, right / 4096);
+    set_be(kAgf + 28, 2, 4);
+  }
+  GrownTree& child(u32 record, u64 block) {
+    set_be(root + kHeader + kNodeRecords * 8 + record * 4, block, 4);
+    return *this;
+  }
+  static Bytes read(const Changed& changed, u64 from) {
+    Bytes bits(80000 / 8);
+    changed.with_device([&](Sim& sim, OpenDevice& disk) {
+      Xfs5Reader* reader = xfs5_reader_init(disk.bdev, nullptr);
+      ASSERT_NE(reader, nullptr);
+      EXPECT_EQ(xfs5_reader_read(reader, from, 4096, bits.data(), static_cast<u32>(80000 - from)),
+                0);
+      EXPECT_FALSE(sim.log().has_errors()) << sim.log().dump();
+      xfs5_reader_destroy(reader);
+    });
+    return bits;
+  }
+
+  u64 root, left, right;  // bytes
+  u32 first, half;        // blocks of the last record
+};
+
+TEST_F(Xfs5, ATreeOfTwoLevelsSaysTheSameAsItsRecordsInOne) {
+  const RealImage old(320 << 20, "mkfs.xfs -q -f -m crc=0 -s size=4096 @");
+  const GrownTree grown(old);
+  for (const u64 from : {u64{0}, u64{grown.first} + 3, u64{grown.first} + grown.half + 3}) {
+    EXPECT_EQ(GrownTree::read(grown, from), GrownTree::read(Changed(old), from)) << from;
+  }
+  refuses(GrownTree(old).set_be(grown.root + 6, 0, 2),
+          "is corrupt: its number of records is wrong");
+  refuses(GrownTree(old).set_be(grown.right + 6, 0, 2),
+          "is corrupt: its number of records is wrong");
+  refuses(GrownTree(old).child(0, 0x7FFFFFFF), "is corrupt: its place is wrong");
+  refuses(GrownTree(old).set_be(grown.left + 12, 0x7FFFFFFF, 4), "is corrupt: its place is wrong");
 }
 
 // Each reader that is asked before reads what it looks for in the device's own blocks.

@@ -91,7 +91,8 @@ class Routes {
   void expect_held(Op op, u64 sector, u32 bytes, int tag, u32 minor = kFilter) {
     const int before = held();
     Io io = send(op, sector, bytes, minor);
-    sim.wait_until([&] { return held() != before || io.done(); });  // it may wait for its flag first
+    sim.wait_until(
+        [&] { return held() != before || io.done(); });  // it may wait for its flag first
     ASSERT_EQ(held(), before + 1);
     EXPECT_FALSE(io.done());
     if (op != Op::Read) {
@@ -471,6 +472,29 @@ SIM_TEST(SnapRoute, HoldsAReadOfACopiedChunk) {
   newest->started.store(1);
   newest->snap_valid.store(0);
   routes.expect_passed(Op::Read, 20 * 8, 4096, 5);
+}
+
+// It waits for a write that its image did not need held, and by then there is no image any more.
+SIM_TEST(SnapRoute, RefusesAReadWhoseSnapIsGivenUpMeanwhile) {
+  Routes routes(sim);
+  SnapNode* snap = routes.add_snap(7);
+  routes.use_only(snap, {});
+  routes.disk->hold(true);
+  const Io write = routes.send(Op::Write, 8, 4096);
+  sim.wait_until([&] { return routes.disk->held().size() == 1; });
+  Io read;
+  Task* reader = sim.spawn("reader", [&] { read = routes.send(Op::Read, 8, 4096, 7); });
+  sim.sleep_us(10'000);
+  snap->snap_valid.store(0);
+  routes.disk->hold(false);
+  routes.disk->release_all();
+  sim.join(reader);
+  EXPECT_EQ(read.wait(), -EIO);
+  EXPECT_EQ(write.wait(), 0);
+  EXPECT_EQ(sim.log().count("snbf_make_request(): I/O request for snbf(100, 7), which is in "
+                            "STOP_PENDING state or INVALID.",
+                            3),
+            1);
 }
 
 SIM_TEST(SnapRoute, AReadWaitsBehindAHeldWriteOfItsSectors) {

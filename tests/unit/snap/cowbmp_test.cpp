@@ -156,6 +156,43 @@ SIM_TEST(CowBitmapSet, SeveralOfAPageAreOneWrite) {
   EXPECT_EQ(parts.contents(), expected);
 }
 
+SIM_TEST(CowBitmapSet, OfSeveralTheFirstThatFailsEndsIt) {
+  BitmapParts parts(sim, 65536);
+  parts.open_file();
+  const auto set = [&](std::initializer_list<u32> bits) {
+    return snbf_cowbmp_set_bits(parts.bitmap.get(), std::data(bits), static_cast<u32>(bits.size()),
+                                PLAT_ALLOC_NOIO, parts.file);
+  };
+  sim.fail_nth(Fault::Heap, 2);
+  EXPECT_EQ(set({8, 40000, 9}), -ENOMEM);
+  EXPECT_EQ(sim.log().count("snbf_cowbmp_set_bit(): Memory allocation failed.", 3), 1);
+  EXPECT_EQ(parts.test(8), 1);
+  EXPECT_EQ(parts.test(40000), 0);
+  EXPECT_EQ(parts.test(9), 0);
+  EXPECT_EQ(set({10, 65536, 11}), -EINVAL);
+  EXPECT_EQ(parts.test(10), 1);
+  EXPECT_EQ(parts.test(11), 0);
+  sim.fail_nth(Fault::FileWrite, 1);
+  EXPECT_EQ(set({12, 40001, 13}), -EIO);
+  EXPECT_EQ(sim.log().count("snbf_cowbmp_set_bit(): Failed to update changed byte in file.", 3), 1);
+  EXPECT_EQ(parts.test(13), 0);
+}
+
+SIM_TEST_SEEDS(CowBitmapSet, SetsSeveralSideBySide, 30) {
+  BitmapParts parts(sim, 32768);
+  for (u32 task = 0; task < 4; ++task) {
+    sim.spawn("setter", [this, &parts, task] {
+      const std::string path = "/cow" + std::to_string(task);
+      snbf_file* file = snbf_fopen(path.c_str(), PLAT_O_RDWR | PLAT_O_CREAT, 0600);
+      const u32 bits[] = {task, 100 + task, 200 + task};
+      EXPECT_EQ(snbf_cowbmp_set_bits(parts.bitmap.get(), bits, 3, PLAT_ALLOC_NOIO, file), 0);
+      snbf_fclose(file);
+    });
+  }
+  sim.join_all();
+  for (int bit = 0; bit < 300; ++bit) EXPECT_EQ(parts.test(bit), bit % 100 < 4 ? 1 : 0) << bit;
+}
+
 SIM_TEST_SEEDS(CowBitmapSet, SetsSideBySide, 30) {
   BitmapParts parts(sim, 65536);
   for (int task = 0; task < 4; ++task) {

@@ -244,6 +244,21 @@ SIM_TEST(CowQueueOverlap, AgreesWithAPlainSearch) {
   }
 }
 
+SIM_TEST(CowQueueUntag, TakesOneSnapsTagAndLeavesTheRequests) {
+  QueueParts parts(sim);
+  for (const int tag : {7, 8, 7}) parts.append(Op::Write, parts.ios.size() * 16, 4096, tag);
+  snbf_cowqueue_untag(parts.queue.get(), 7);
+  std::vector<int> tags;
+  {
+    SpinGuard hold{parts.queue->lock};
+    for (CowRequest* request = parts.queue->requests.first(); request != nullptr;
+         request = List<CowRequest, CowInQueue>::next(request)) {
+      tags.push_back(request->minor);
+    }
+  }
+  EXPECT_EQ(tags, (std::vector<int>{-1, 8, -1}));
+}
+
 SIM_TEST(CowQueuePurge, FailsEveryRequest) {
   QueueParts parts(sim);
   parts.append(Op::Write, 0, 4096);

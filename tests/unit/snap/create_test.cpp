@@ -250,6 +250,17 @@ SIM_TEST_SEEDS(AddSnapNode, EnlargesTheChunksOfALargeVolume, 2) {
 }
 
 // Kept: two refusals return with the table write-locked.
+SIM_TEST(AddSnapNode, RefusesAVolumeThatNoChunkSizeFits) {
+  SnapBench bench(sim);
+  const u64 bytes = bench.filter()->dev_size;
+  bench.filter()->dev_size = ~u64{0};
+  EXPECT_EQ(bench.add(7), -EINVAL);
+  EXPECT_EQ(bench.errors("No chunk size is large enough for a volume of "), 1);
+  bench.expect_table(0);
+  bench.filter()->dev_size = bytes;
+  EXPECT_EQ(bench.add(7), 0);
+}
+
 SIM_TEST(AddSnapNode, UnequalChunkSizesLeaveTheTableLocked) {
   SnapBench bench(sim);
   ASSERT_EQ(bench.add(7, 4096), 0);

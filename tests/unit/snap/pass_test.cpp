@@ -102,5 +102,126 @@ SIM_TEST_SEEDS(CowPass, AnOlderSnapIsEmptyToo, 40) {
   }
 }
 
+// Put in by hand: nothing of the kind comes by the request path.
+int queue_read(SnapBench& bench, plat_devt device) {
+  Io io;
+  plat_bio* bio = bench.sim.make_bio(Op::Read, 0, 4096, device, &io);
+  EXPECT_EQ(snbf_cowqueue_append(&bench.filter()->cowqueue, 7, bio, PLAT_ALLOC_NOIO), 0);
+  return io.wait();
+}
+
+// One that comes in during a pass is looked at again in the next, and told twice.
+SIM_TEST(CowPass, RequestsToNobodyFail) {
+  SnapBench bench(sim);
+  bench.add_started(7);
+  ASSERT_EQ(bench.add(8), 0);
+  EXPECT_EQ(queue_read(bench, kNode(99)), -EIO);
+  EXPECT_GE(bench.errors("kcowd(): Request to unknown snbf(100, 99) in snbf(100, 3) queue"), 1);
+  EXPECT_EQ(queue_read(bench, dev(8, 1)), -EIO);
+  EXPECT_GE(bench.errors("kcowd(): Request to unknown block device in COW request queue"), 1);
+  sim.log().clear();
+  EXPECT_EQ(queue_read(bench, kNode(8)), -EIO) << "it is not started";
+  EXPECT_EQ(queue_read(bench, kNode(7)), 0);
+  EXPECT_FALSE(sim.log().has_errors());
+}
+
+SIM_TEST(CowPass, AWriteThatCannotBeClonedFails) {
+  SnapBench bench(sim);
+  bench.add_started(7);
+  sim.fail_nth(Fault::BioClone, 1);
+  EXPECT_EQ(bench.write(1, 0x11), -EIO);
+  EXPECT_EQ(bench.errors("kcowd(): Failed to clone BIO"), 1);
+  EXPECT_EQ(bench.write(1, 0x22), 0);
+  EXPECT_EQ(bench.read(kOrigin, 1), 0x22);
+  EXPECT_EQ(bench.read(7, 1), 0);
+}
+
+SIM_TEST(CowPass, AReadThatThePartitionFailsIsAnsweredSo) {
+  SnapBench bench(sim);
+  bench.add_started(7);
+  ASSERT_EQ(bench.write(1, 0x11), 0);
+  bench.disk->fail_range(16, 8, Op::Read, -EIO);
+  Bytes data;
+  EXPECT_EQ(sim.read(kNode(7), 8, 2 * 4096, &data), -EIO);
+  EXPECT_EQ(
+      bench.errors("kcowd(): Failed to read 4096 bytes starting from sector 16 from device ("), 1);
+  bench.disk->clear_failures();
+  EXPECT_EQ(sim.read(kNode(7), 8, 2 * 4096, &data), 0);
+  EXPECT_EQ(data, Bytes(2 * 4096));
+}
+
+// The memory of the read begins within a page, so that each page of the snap is read in two pieces.
+SIM_TEST_SEEDS(CowPass, AReadOfMorePiecesThanThereAreRequestsGoesInTurns, 1) {
+  constexpr u32 kBytes = 4 << 20;
+  SnapBench bench(sim, {.bytes = 8 << 20, .store_bytes = 32 << 20, .debug = 0});
+  Bytes expected;
+  for (u32 page = 0; page < kBytes / 4096; ++page) {
+    expected.insert(expected.end(), 4096, static_cast<u8>(page % 251));
+  }
+  bench.disk->poke(0, expected);
+  bench.add_started(7);
+  ASSERT_EQ(bench.write(1, 0xFF), 0);
+  const auto read = [&] {
+    return sim.submit(kNode(7), {.op = Op::Read, .bytes = kBytes, .first_piece_offset = 512});
+  };
+  const Io whole = read();
+  EXPECT_EQ(whole.wait(), 0);
+  EXPECT_EQ(whole.data(), expected);
+  bench.disk->fail_range(24, 8, Op::Read, -EIO);
+  EXPECT_EQ(read().wait(), -EIO);
+}
+
+// The watchdog lets writes go that the image needed held, so the read that was being served is not of that
+// image any more.
+SIM_TEST(CowPass, AReadWhoseStoreStallsFailsAndHoldsUpNoWrite) {
+  SnapBench bench(sim);
+  bench.add_started(7);
+  ASSERT_EQ(bench.write(1, 0x11), 0);
+  bench.store_disk->hold(true);
+  const Io read = sim.submit(kNode(7), {.op = Op::Read, .sector = 8, .bytes = 4096});
+  sim.sleep_us(1'000'000);
+  const u64 before = sim.now_us();
+  EXPECT_EQ(bench.write(2, 0x22), 0);
+  EXPECT_LE(sim.now_us() - before, 11'000'000u);
+  EXPECT_FALSE(read.done());
+  EXPECT_EQ(info_of(sim, 7).snap_valid, 0u);
+  bench.store_disk->hold(false);
+  bench.store_disk->release_all();
+  EXPECT_EQ(read.wait(), -EIO);
+}
+
+// Chunks whose numbers fall on the same place of the set of those that are copied just now.
+SIM_TEST(CowPass, TellsChunksOfAGroupApart) {
+  constexpr u64 kChunks[] = {5, 0x1004, 0x2007};
+  SnapBench bench(sim, {.bytes = 72 << 20, .store_bytes = 128 << 20, .debug = 0});
+  bench.add_started(7, 8192);
+  bench.disk->hold(true);
+  for (int round = 0; round < 2; ++round) {
+    for (const u64 chunk : kChunks) {
+      sim.spawn("writer", [&, chunk, round] {
+        EXPECT_EQ(
+            sim.write(kNode(kOrigin), chunk * 16 + 4 * static_cast<u64>(round), Bytes(2048, 0x99)),
+            0);
+      });
+    }
+  }
+  sim.wait_until([&] { return bench.filter()->cowqueue.length() == 6; });
+  bench.disk->hold(false);
+  bench.disk->release_all();
+  // The first has been copied by itself, the others together.
+  sim.wait_until([&] { return snbf_cowbmp_is_set(&bench.snap(7)->cow_bmp, kChunks[2]); });
+  bench.store_disk->hold(true);
+  const Io late = sim.submit(
+      kNode(kOrigin), {.op = Op::Write, .sector = kChunks[2] * 16 + 8, .data = Bytes(4096, 0x77)});
+  sim.sleep_us(200'000);
+  EXPECT_FALSE(late.done());
+  bench.store_disk->hold(false);
+  bench.store_disk->release_all();
+  sim.join_all();
+  EXPECT_EQ(late.wait(), 0);
+  for (const u64 chunk : kChunks) EXPECT_EQ(bench.read(7, 2 * chunk), 0) << chunk;
+  EXPECT_EQ(bench.read(7, 2 * kChunks[2] + 1), 0);
+}
+
 }  // namespace
 }  // namespace snbf::sim

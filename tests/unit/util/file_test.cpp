@@ -222,6 +222,28 @@ SIM_TEST(FileDirect, FinishesWhatComesBackShort) {
   EXPECT_FALSE(sim.log().has_errors());
 }
 
+// A call may stop within a page: what is left of that page goes by itself, and then the next pages.
+SIM_TEST(FilePages, GoOnWithinAPageWhereACallStopped) {
+  FileParts parts(sim);
+  void* pages[3];
+  for (int i = 0; i < 3; ++i) {
+    pages[i] = snbf_plat_page_alloc(PLAT_ALLOC_NORMAL);
+    std::memset(pages[i], 0x41 + i, 4096);
+  }
+  for (const int bytes : {3 * 4096, 2 * 4096 + 100, 4096, 1000}) {
+    SCOPED_TRACE(bytes);
+    sim.fail_nth(Fault::ShortWrite, 1);
+    EXPECT_EQ(snbf_fwrite_pages(parts.file, 0, pages, bytes), bytes);
+    EXPECT_TRUE(sim.fault_reached(Fault::ShortWrite));
+    Bytes now;
+    ASSERT_TRUE(sim.peek_file("/a", &now));
+    for (int i = 0; i < bytes; ++i) ASSERT_EQ(now[static_cast<u64>(i)], 0x41 + i / 4096) << i;
+    ASSERT_EQ(sim.write_at("/a", 0, Bytes(3 * 4096)), 0);
+  }
+  EXPECT_FALSE(sim.log().has_errors());
+  for (void* page : pages) snbf_plat_page_free(page);
+}
+
 SIM_TEST(FileDirect, OneThatFailsIsAnsweredAndTheOthersAreWritten) {
   DirectParts parts(sim);
   sim.fail_nth(Fault::FileWrite, 3, -ENOSPC);
