@@ -12,7 +12,7 @@ export SNBF_BUILD := $(abspath $(BUILD))
 MODULE_MAKE := $(MAKE) --no-print-directory -f platform/linux/module.mk BUILD=$(BUILD) $(if $(KDIR),KDIR=$(KDIR))
 
 .DEFAULT_GOAL := all
-.PHONY: all help setup module agent tests check check-rows check-locks check-unit check-guest simulate mutants demo bench deb install format clean
+.PHONY: all help setup module agent tests check check-rows check-locks check-unit check-guest coverage simulate mutants demo bench deb install format clean
 
 all: check-rows module agent tests ## everything that this machine can build
 
@@ -43,6 +43,7 @@ check-rows: ## the rules that a compiler does not know: who includes whom, what 
 	@tools/check-symbols
 	@tools/kernel-table --check
 	@tools/mutants --check
+	@tools/coverage --check
 
 check-locks: ## Clang's thread-safety analysis over the driver
 	@JOBS=$(JOBS) tools/check-locks
@@ -56,6 +57,10 @@ check-unit: tests ## the unit and simulation tests alone
 
 check-guest: module agent ## the guest tests alone; TESTS="name..." chooses
 	@tests/guest/check $(TESTS)
+
+coverage: ## what of the driver the unit and simulation tests run; an hour
+	@tools/setup gcovr
+	@tools/coverage --jobs $(JOBS)
 
 simulate: tests ## whole-driver runs by seed, SEEDS="1-5000"; a failing one is cut down
 	@tools/simulate $(or $(SEEDS),1-5000)
