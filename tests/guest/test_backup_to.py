@@ -127,6 +127,17 @@ def a_program_is_given_the_whole_image():
 
 
 @kit.case
+def restic_keeps_it_and_gives_it_back():
+    os.environ.update(RESTIC_REPOSITORY="/mnt/store/restic", RESTIC_PASSWORD="a test's", RESTIC_CACHE_DIR="/tmp/restic")
+    kit.run("restic", "init")
+    good("backup", "data", "--pipe", "restic backup --stdin --stdin-filename data.img")
+    with open("/mnt/store/back", "wb") as out:
+        subprocess.run(["restic", "dump", "latest", "data.img"], stdout=out, check=True)
+    same("/mnt/store/back")
+    kit.run("rm", "-rf", "/mnt/store/back", "/mnt/store/restic")
+
+
+@kit.case
 def a_servers_disk_holds_the_newest_point():
     with open("/mnt/store/disk", "wb") as disk:
         disk.truncate(64 * MIB)

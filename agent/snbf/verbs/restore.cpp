@@ -324,8 +324,11 @@ void add_restore(CLI::App& app, Chosen& chosen) {
                    "/var/lib/snbf)")
       ->needs(instant);
   verb->add_flag("--yes", options->yes, "Overwrite what the target holds");
-  verb->add_flag("--compare,!--no-compare,!--no-verify", options->compare,
-                 "Read the target back at the end and compare (default: yes)");
+  // Whether it is said at all counts too, and a flag of its own would begin as a 0.
+  verb->add_flag_function(
+      "--compare,!--no-compare,!--no-verify",
+      [options](int64_t said) { options->compare = said > 0; },
+      "Read the target back at the end and compare (default: yes)");
   verb->add_flag("--dry-run", options->dry_run, "Check all but the files' contents, write nothing");
   verb->add_flag("--json", options->json, "Print the result as JSON");
 }
