@@ -58,7 +58,7 @@ check-unit: tests ## the unit and simulation tests alone
 check-guest: module agent ## the guest tests alone; TESTS="name..." chooses
 	@tests/guest/check $(TESTS)
 
-coverage: ## what of the driver the unit and simulation tests run; an hour
+coverage: ## what of the driver the unit and simulation tests run
 	@tools/setup gcovr
 	@tools/coverage --jobs $(JOBS)
 
