@@ -83,9 +83,10 @@ int sync_file(const char* path) {
 
 namespace snbf::lib {
 
-int snap_records(const std::string& bmp_dir, std::vector<libsnbf_snap_record>* out) {
+int snap_records(const std::string& bmp_dir, std::vector<libsnbf_snap_record>* out, bool* damaged) {
   std::error_code failed;
   out->clear();
+  if (damaged) *damaged = false;
   for (fs::directory_iterator at(bmp_dir, failed), end; !failed && at != end;
        at.increment(failed)) {
     libsnbf_snap_record record;
@@ -93,6 +94,7 @@ int snap_records(const std::string& bmp_dir, std::vector<libsnbf_snap_record>* o
     const std::string name = at->path().stem();
     const int rc = libsnbf_snap_record_read(bmp_dir.c_str(), name.c_str(), &record);
     if (is_unread(rc)) return rc;
+    if (rc == -EBADMSG && damaged) *damaged = true;
     if (rc == 0 && name == record.name) out->push_back(record);
   }
   const bool gone = failed.value() == ENOENT || failed.value() == ENOTDIR;
@@ -100,26 +102,14 @@ int snap_records(const std::string& bmp_dir, std::vector<libsnbf_snap_record>* o
 }
 
 int snap_records(const std::string& bmp_dir, const char* node_uuid,
-                 std::vector<libsnbf_snap_record>* out) {
-  if (int rc = snap_records(bmp_dir, out); rc != 0) return rc;
+                 std::vector<libsnbf_snap_record>* out, bool* damaged) {
+  if (int rc = snap_records(bmp_dir, out, damaged); rc != 0) return rc;
   std::erase_if(*out, [node_uuid](const libsnbf_snap_record& record) {
     return std::strcmp(record.node_uuid, node_uuid) != 0;
   });
   std::sort(out->begin(), out->end(),
             [](const auto& one, const auto& other) { return one.sequence < other.sequence; });
   return 0;
-}
-
-bool has_damaged_snap_record(const std::string& bmp_dir) {
-  std::error_code failed;
-  for (fs::directory_iterator at(bmp_dir, failed), end; !failed && at != end;
-       at.increment(failed)) {
-    libsnbf_snap_record record;
-    if (at->path().extension() != kSuffix) continue;
-    const std::string name = at->path().stem();
-    if (libsnbf_snap_record_read(bmp_dir.c_str(), name.c_str(), &record) == -EBADMSG) return true;
-  }
-  return false;
 }
 
 std::optional<uint32_t> choose_snap_minor(const std::string& bmp_dir, const Nodes& nodes,

@@ -13,13 +13,13 @@
 namespace snbf::lib {
 
 // Of whatever nodes have their bitmaps there. A directory that is gone has none, and those that are
-// damaged are left out; one that cannot be read is an error.
-int snap_records(const std::string& bmp_dir, std::vector<libsnbf_snap_record>* out);
+// damaged are left out; one that cannot be read is an error. `damaged`, which may be null: whether
+// there were such. One cannot say whose it was: it may be of any snap of the directory's nodes.
+int snap_records(const std::string& bmp_dir, std::vector<libsnbf_snap_record>* out,
+                 bool* damaged = nullptr);
 // Of one filter node, oldest first.
 int snap_records(const std::string& bmp_dir, const char* node_uuid,
-                 std::vector<libsnbf_snap_record>* out);
-// One whose bytes are wrong cannot say whose it was: it may be of any snap of the directory's nodes.
-bool has_damaged_snap_record(const std::string& bmp_dir);
+                 std::vector<libsnbf_snap_record>* out, bool* damaged = nullptr);
 
 // A free minor for a snap, from the top: a low one may be what a filter node's bitmap files are
 // named after.

@@ -109,10 +109,11 @@ int judge_all(libsnbf* handle, const Ground& ground, std::vector<Candidate>* out
   Nodes nodes;
   if (int rc = snbf::lib::snap_infos(handle, ground.filter, &snaps); rc != 0) return rc;
   if (int rc = snbf::lib::list_nodes(handle, &nodes); rc != 0) return rc;
-  if (int rc = snbf::lib::snap_records(bmp_dir_of(ground.filter), ground.filter.uuid, &records);
-      rc != 0) {
-    return rc;
-  }
+  // What a record that is damaged was of is not known: perhaps of a newer one.
+  bool newer_lost = false;
+  const int read =
+      snbf::lib::snap_records(bmp_dir_of(ground.filter), ground.filter.uuid, &records, &newer_lost);
+  if (read != 0) return read;
   for (const auto& record : records) {
     Candidate candidate{record, std::nullopt, ""};
     for (const snbf_info& snap : snaps) {
@@ -120,8 +121,6 @@ int judge_all(libsnbf* handle, const Ground& ground, std::vector<Candidate>* out
     }
     out->push_back(candidate);
   }
-  // What a record that is damaged was of is not known: perhaps of a newer one.
-  bool newer_lost = snbf::lib::has_damaged_snap_record(bmp_dir_of(ground.filter));
   for (auto at = out->rbegin(); at != out->rend(); ++at) {
     at->why = judge(handle, ground, nodes, *at);
     if (at->why.empty() && newer_lost) at->why = LIBSNBF_SNAP_NEWER;

@@ -8,7 +8,7 @@
 
 #include "boot_files.h"
 #include "failure.h"
-#include "private_folder.h"
+#include "files.h"
 #include "skipped.h"
 #include "store_nbd.h"
 

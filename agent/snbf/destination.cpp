@@ -14,7 +14,6 @@
 
 #include "failure.h"
 #include "files.h"
-#include "label.h"
 #include "sizes.h"
 #include "store_nbd.h"
 

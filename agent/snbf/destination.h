@@ -32,6 +32,7 @@ std::string contents_of(const std::string& path);
 std::string file_system_of(const std::string& path);
 // Of the file system; empty if none is recognised for certain.
 std::string uuid_of(const std::string& path);
+std::string label_of(const std::string& path);
 
 // A file whose lock keeps a chain as it is while it is read: shared by readers, exclusive for who
 // takes points away.

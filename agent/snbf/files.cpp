@@ -15,7 +15,6 @@
 
 #include "attended.h"
 #include "failure.h"
-#include "file_mode.h"
 #include "signals.h"
 
 namespace snbf {
@@ -60,11 +59,7 @@ std::string folder_of(const std::string& path) {
   return parent.empty() ? "." : parent.string();
 }
 
-void replace_file(const std::string& path, const std::string& contents) {
-  replace_file_of_mode(path, contents, 0600);
-}
-
-void replace_file_of_mode(const std::string& path, const std::string& contents, unsigned mode) {
+void replace_file(const std::string& path, const std::string& contents, unsigned mode) {
   const std::string aside = path + ".new";
   {
     UniqueFd file(::open(aside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode));
@@ -106,6 +101,11 @@ void remove_file(const std::string& path) {
   if (::unlink(path.c_str()) < 0 && errno != ENOENT) throw failure_of(-errno, "removing " + path);
 }
 
+void make_private_folder(const std::string& path) {
+  if (::mkdir(path.c_str(), 0700) < 0 && errno != EEXIST)
+    throw failure_of(-errno, "making " + path);
+}
+
 UniqueFd lock_file(const std::string& path, const std::string& doing) {
   UniqueFd file(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (!file) throw failure_of(-errno, "locking " + path);
@@ -114,6 +114,11 @@ UniqueFd lock_file(const std::string& path, const std::string& doing) {
                   "wait until it is done");
   }
   return file;
+}
+
+bool is_locked(const std::string& path) {
+  const UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+  return file && ::flock(file.get(), LOCK_SH | LOCK_NB) < 0 && errno == EWOULDBLOCK;
 }
 
 std::string hash_file(const std::string& path) {
@@ -136,20 +141,25 @@ std::string hash_file(const std::string& path) {
 
 Ran run(const std::vector<std::string>& arguments) { return run_attended(arguments, {}); }
 
-void require_success(const std::vector<std::string>& arguments, const Ran& ran) {
+void require_success(const std::vector<std::string>& arguments, const Ran& ran, const char* package,
+                     const char* remedy) {
   if (ran.status == 127) {
     throw Failure(kFailed, fmt::format("{} could not be started", arguments[0]),
-                  "install the package qemu-utils");
+                  fmt::format("install the package {}", package));
   }
-  if (ran.status != 0) {
-    throw Failure(kFailed, fmt::format("{} {}: {}", arguments[0],
-                                       arguments.size() > 1 ? arguments[1] : "", ran.errors));
-  }
+  if (ran.status == 0) return;
+  std::string why = ran.errors;
+  why.erase(why.find_last_not_of(" \n") + 1);
+  throw Failure(
+      kFailed,
+      fmt::format("{} {}: {}", arguments[0], arguments.size() > 1 ? arguments[1] : "", why),
+      remedy);
 }
 
-std::string run_or_throw(const std::vector<std::string>& arguments) {
+std::string run_or_throw(const std::vector<std::string>& arguments, const char* package,
+                         const char* remedy) {
   Ran ran = run(arguments);
-  require_success(arguments, ran);
+  require_success(arguments, ran, package, remedy);
   return ran.output;
 }
 

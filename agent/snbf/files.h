@@ -24,8 +24,8 @@ class UniqueFd {
   int fd_ = -1;
 };
 
-// After a crash the file holds the old contents or the new, whole.
-void replace_file(const std::string& path, const std::string& contents);
+// After a crash the file holds the old contents or the new, whole. The umask takes its part of `mode`.
+void replace_file(const std::string& path, const std::string& contents, unsigned mode = 0600);
 // Nothing if the file does not exist; throws if it cannot be read.
 bool read_file(const std::string& path, std::string* contents);
 // The directory that a file lies in.
@@ -33,9 +33,15 @@ std::string folder_of(const std::string& path);
 void sync_file(const std::string& path);
 void sync_directory(const std::string& path);
 void remove_file(const std::string& path);  // gone, or was not there
+// For files that hold what a partition holds: nobody but the owner reads in it. Its parent has to be
+// there. One that is there stays as it is. Throws Failure.
+void make_private_folder(const std::string& path);
 
 // An exclusive lock that ends with the process; throws kBusy when another has it.
 UniqueFd lock_file(const std::string& path, const std::string& doing);
+// Whether somebody has that file locked for himself alone. It is asked by holding it for a moment;
+// a file that is not there, or cannot be read, is not locked.
+bool is_locked(const std::string& path);
 
 // XXH3-128 of the whole file, in hexadecimal. Throws, too, once a signal is noted (signals.h).
 std::string hash_file(const std::string& path);
@@ -48,8 +54,11 @@ struct Ran {
   std::string errors;
 };
 Ran run(const std::vector<std::string>& arguments);
-// Throws unless the status is 0.
-void require_success(const std::vector<std::string>& arguments, const Ran& ran);
-std::string run_or_throw(const std::vector<std::string>& arguments);
+// Throws unless the status is 0. `package`: where the program comes from. `remedy`: what to do when
+// it fails.
+void require_success(const std::vector<std::string>& arguments, const Ran& ran,
+                     const char* package = "qemu-utils", const char* remedy = "");
+std::string run_or_throw(const std::vector<std::string>& arguments,
+                         const char* package = "qemu-utils", const char* remedy = "");
 
 }  // namespace snbf

@@ -7,7 +7,6 @@
 
 #include "boot_files.h"
 #include "destination.h"
-#include "label.h"
 #include "output.h"
 
 namespace snbf {

@@ -26,22 +26,12 @@ namespace fs = std::filesystem;
 constexpr int kRegionSectors = 1024;
 constexpr unsigned kNbdMajor = 43;
 
-Ran try_dmsetup(const std::vector<std::string>& words) {
-  std::vector<std::string> arguments = {"dmsetup"};
-  arguments.insert(arguments.end(), words.begin(), words.end());
-  Ran ran = run(arguments);
-  if (ran.status == 127) {
-    throw Failure(kFailed, "dmsetup could not be started", "install the package dmsetup");
-  }
-  return ran;
-}
+constexpr const char* kPackage = "dmsetup";
 
 std::string dmsetup(const std::vector<std::string>& words) {
-  const Ran ran = try_dmsetup(words);
-  if (ran.status == 0) return ran.output;
-  std::string why = ran.errors;
-  why.erase(why.find_last_not_of(" \n") + 1);
-  throw Failure(kFailed, fmt::format("dmsetup {}: {}", words[0], why), "look at `dmesg`");
+  std::vector<std::string> arguments = {"dmsetup"};
+  arguments.insert(arguments.end(), words.begin(), words.end());
+  return run_or_throw(arguments, kPackage, "look at `dmesg`");
 }
 
 void check_name(const std::string& name) {
@@ -84,8 +74,10 @@ std::string lasting_name_of(const std::string& device) {
 
 // "UUID ATTRIBUTES", as dmsetup has them; empty: there is no device of that name.
 std::vector<std::string> known_of(const std::string& name) {
-  const Ran info =
-      try_dmsetup({"info", "-c", "--noheadings", "--separator", " ", "-o", "uuid,attr", name});
+  const std::vector<std::string> ask = {
+      "dmsetup", "info", "-c", "--noheadings", "--separator", " ", "-o", "uuid,attr", name};
+  const Ran info = run(ask);
+  if (info.status == 127) require_success(ask, info, kPackage);
   return info.status == 0 ? words_of(info.output) : std::vector<std::string>();
 }
 
@@ -221,8 +213,7 @@ double Instant::percent() const {
         source ? fmt::format("the point can no longer be read, or {} not be written", overlay())
                : wish_.target + " cannot be written",
         fmt::format("look at `dmesg`, and for room; what was written since is in {}: unmount {}, "
-                    "`dmsetup remove {}`, "
-                    "`qemu-nbd --disconnect {}`, and run this again",
+                    "`dmsetup remove {}`, `qemu-nbd --disconnect {}`, and run this again",
                     overlay(), device(), wish_.name, source_));
   }
   return state.all ? 100.0 * static_cast<double>(state.done) / static_cast<double>(state.all) : 0;
@@ -282,13 +273,14 @@ void Instant::bring_back() noexcept {
 }
 
 void Instant::clean_up() {
-  sync_file(wish_.target);  // only what it keeps makes the overlay superfluous
+  const std::string chain = folder_of(image());  // while there is something that tells it
+  sync_file(wish_.target);                       // only what it keeps makes the overlay superfluous
   if (source_.empty()) source_ = server_of(overlay());
   if (!source_.empty()) end_server(source_);
   source_.clear();
   remove_file(overlay());
   sync_directory(wish_.scratch);  // the overlay first: it may be older than the target by now
-  release_chain(folder_of(image()), wish_.name);
+  release_chain(chain, wish_.name);
   remove_file(mark());
 }
 

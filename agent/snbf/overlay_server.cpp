@@ -89,7 +89,7 @@ std::string server_of(const std::string& image, const std::string& root) {
 
 std::string serve(const std::string& image, const std::string& socket, uint64_t size_bytes) {
   const uint64_t sectors = size_bytes / 512;
-  if (!exists(nbd(0))) run_or_throw({"modprobe", "nbd"});
+  if (!exists(nbd(0))) run_or_throw({"modprobe", "nbd"}, "kmod", "look at `dmesg`");
   if (const std::string there = server_of(image); !there.empty()) {
     wait_for_size(there, sectors);
     return there;

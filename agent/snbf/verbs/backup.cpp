@@ -12,7 +12,6 @@
 #include "failure.h"
 #include "files.h"
 #include "output.h"
-#include "private_folder.h"
 #include "reasons.h"
 #include "sizes.h"
 #include "snaps.h"

@@ -5,7 +5,7 @@
 #include <fmt/format.h>
 
 #include "failure.h"
-#include "file_mode.h"
+#include "files.h"
 #include "looking.h"
 
 namespace snbf {
@@ -25,7 +25,7 @@ int metrics(const Options& options) {
   if (options.file.empty()) {
     fmt::print("{}", text);
   } else {
-    replace_file_of_mode(options.file, text, kForAll);
+    replace_file(options.file, text, kForAll);
   }
   return kDone;
 }

@@ -9,7 +9,6 @@
 #include "driver.h"
 #include "facts.h"
 #include "failure.h"
-#include "file_lock.h"
 #include "files.h"
 #include "layout.h"
 #include "libsnbf_capture.h"

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // Who asks whether a backup is under way takes nothing away from it.
-#include "file_lock.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -68,12 +68,14 @@ class Servers : public StoreTest {
     return look_at_nbd(uri(), changed, known ? &*known : nullptr);
   }
 
+  std::unique_ptr<Store> new_store(Manifest begun = {}) {
+    std::filesystem::create_directories(folder_);
+    begun.chain = "chain";
+    return nbd_store(node_, uri(), folder_, begun);
+  }
   void put_point(const Plan& plan, const UniqueFd& from, const Extents& copied,
                  const Extents& skipped, bool whole = true) {
-    std::filesystem::create_directories(folder_);
-    Manifest begun = manifest().value_or(Manifest{});
-    begun.chain = "chain";
-    const auto store = nbd_store(node_, uri(), folder_, begun);
+    const auto store = new_store(manifest().value_or(Manifest{}));
     Point point = store->open(plan);
     zero_extents(skipped, &store->sink());
     copy(store.get(), from, copied);
@@ -155,10 +157,7 @@ TEST_F(Servers, AFullOneThatWasCutOffHasToBeDoneAgain) {
 
 TEST_F(Servers, OneThatNothingWasWrittenToIsNotClaimed) {
   serve_disk(kSize);
-  std::filesystem::create_directories(folder_);
-  Manifest begun;
-  begun.chain = "chain";
-  nbd_store(node_, uri(), folder_, begun)->open(full_);  // and then a hook fails
+  new_store()->open(full_);  // and then a hook fails
   EXPECT_FALSE(manifest());
   EXPECT_FALSE(look(extents({})).ours);
 
@@ -180,10 +179,7 @@ TEST_F(Servers, AfterAFirstOneThatWasCutOffNobodyKnowsWhoseTheBytesAre) {
 
 TEST_F(Servers, OneThatIsCutOffIsNotAsItWas) {
   serve_disk(kSize);
-  std::filesystem::create_directories(folder_);
-  Manifest begun;
-  begun.chain = "chain";
-  const auto store = nbd_store(node_, uri(), folder_, begun);
+  const auto store = new_store();
   store->open(full_);
   store->sink();
   EXPECT_NE(store->left_behind(), kNothingKept);
@@ -215,11 +211,8 @@ TEST_F(Servers, OneThatSomebodyWroteToIsNoticedThoughThePartitionHasGrown) {
 
 TEST_F(Servers, OneThatHangsIsLeftWhenASignalComes) {
   serve_disk(kSize);
-  std::filesystem::create_directories(folder_);
   const SignalsNoted signals;
-  Manifest begun;
-  begun.chain = "chain";
-  const auto store = nbd_store(node_, uri(), folder_, begun);
+  const auto store = new_store();
   Point point = store->open(full_);
   ::kill(server_, SIGSTOP);
   ::raise(SIGTERM);
@@ -230,10 +223,7 @@ TEST_F(Servers, OneThatHangsIsLeftWhenASignalComes) {
 
 TEST_F(Servers, OneThatDiesIsAFailure) {
   serve_disk(kSize);
-  std::filesystem::create_directories(folder_);
-  Manifest begun;
-  begun.chain = "chain";
-  const auto store = nbd_store(node_, uri(), folder_, begun);
+  const auto store = new_store();
   Point point = store->open(full_);
   stop();
   EXPECT_THROW(
