@@ -10,6 +10,7 @@ A test is a file test_*.py beside this one. Its GUEST says what the runner gives
     allow   patterns of kernel log lines that it provokes
     words   for the kernel's command line, beside slub_nomerge
     long_boots  those that follow where tests may last longer (SNBF_LONG)
+    lasting one of boots, which is then led that many times
     machine "base" or "installed": it runs on a copy of that image (machine.py), and each boot but a power
             cut ends with the machine's shutdown
     chroot  by the name of a boot, what is done as root in the machine's system before it, while it is off
@@ -25,6 +26,7 @@ import re
 import struct
 import subprocess
 import sys
+import threading
 import time
 import traceback
 import zlib
@@ -85,6 +87,38 @@ def crash():
     raise _Cut
 
 
+class _Running:
+    """The case that runs, whose end is told once: by itself, or by the cut that does not wait for it."""
+
+    def __init__(self, name):
+        self.name = name
+        self.began = time.monotonic()
+        self.ending = threading.Lock()
+
+    def end(self, detail=""):
+        """Whether this was the first to end it."""
+        if not self.ending.acquire(blocking=False):
+            return False
+        _mark(f"{self.name} ends")
+        report("case", name=self.name, ok=not detail, detail=detail, seconds=round(time.monotonic() - self.began, 1))
+        return True
+
+    def cut(self):
+        if self.end():
+            os.write(RUNNER, b"crash\n")
+        time.sleep(600)
+
+
+_running = None
+
+
+def crash_after(seconds):
+    """As crash(), that much later and in the midst of what the case is doing then; it passes if nothing failed before."""
+    timer = threading.Timer(seconds, _running.cut)
+    timer.daemon = True
+    timer.start()
+
+
 def _mark(text):
     with open("/dev/kmsg", "w", encoding="ascii") as kmsg:
         kmsg.write(f"<5>test: {text}\n")
@@ -98,23 +132,19 @@ def main():
     report("plan", names=[body.__name__ for body in chosen])
     failures = 0
     for body in chosen:
-        began = time.monotonic()
+        global _running  # pylint: disable=global-statement
+        _running = _Running(body.__name__)
         _mark(f"{body.__name__} begins")
         detail = ""
-        cut = False
         try:
             body()
         except _Cut:
-            cut = True
+            _running.cut()
         except Exception:  # pylint: disable=broad-except
             detail = traceback.format_exc()
             failures += 1
-        _mark(f"{body.__name__} ends")
-        report("case", name=body.__name__, ok=not detail, detail=detail,
-               seconds=round(time.monotonic() - began, 1))
-        if cut:
-            os.write(RUNNER, b"crash\n")
-            time.sleep(600)
+        if not _running.end(detail):
+            time.sleep(600)  # the guest is being ended
         if detail and getattr(body, "essential", False):
             break
     sys.exit(1 if failures else 0)

@@ -143,9 +143,11 @@ class Ext4:
                 at += max(length, 8)
         return found
 
+    def size(self, number):
+        return struct.unpack_from("<I", self.inode(number), 4)[0]
+
     def read(self, number):
-        inode = self.inode(number)
-        size, = struct.unpack_from("<I", inode, 4)
+        size = self.size(number)
         blocks = self.blocks_of(number)
         zeros = bytes(BLOCK)
         data = b"".join(bytes(self.block(blocks[n])) if n in blocks else zeros
@@ -232,10 +234,15 @@ def judge_log(path, part_bytes, total_bytes):
     return judge
 
 
-def main():
+def arguments(program):
+    """Of the command line: the log's path, and the bytes of the partition and of the whole."""
     if len(sys.argv) != 4 or not all(re.fullmatch(r"\d+", word) for word in sys.argv[2:]):
-        sys.exit("usage: replay.py LOG PART-MIB TOTAL-MIB")
-    judge = judge_log(sys.argv[1], int(sys.argv[2]) << 20, int(sys.argv[3]) << 20)
+        sys.exit(f"usage: {program} LOG PART-MIB TOTAL-MIB")
+    return sys.argv[1], int(sys.argv[2]) << 20, int(sys.argv[3]) << 20
+
+
+def main():
+    judge = judge_log(*arguments("replay.py"))
     print(f"{judge.prefixes} prefixes: {dict(judge.counts)}")
     for line in judge.lacking[:20]:
         print(line)

@@ -1,0 +1,83 @@
+"""A node whose partition and stores lie on one device that logs, in their order, the writes that became durable
+(device-mapper's log-writes). What replay.py judges."""
+
+import contextlib
+import mmap
+import os
+import random
+import threading
+
+import kit
+import mapper
+import replay
+from kit import KIB
+
+FOLDER = "/mnt/store"
+WRITERS = 3
+
+
+class Logged(mapper.Mapped):
+    def good(self):
+        return f"0 {self.sectors} log-writes {self.disk} {kit.disk('log')}"
+
+    def mark(self, text):
+        self.call("message", self.name, "0", "mark", text)
+
+
+class Slice(mapper.Mapped):
+    def __init__(self, name, disk, first, length):
+        self.first, self.length = first // 512, length // 512
+        super().__init__(name, disk)
+
+    def good(self):
+        return f"0 {self.length} linear {self.disk} {self.first}"
+
+
+def write_some(seed, stop, part_bytes):
+    """New extents now and again, in every way that a write can come."""
+    rng = random.Random(seed)
+    flags = os.O_RDWR | os.O_DIRECT | (os.O_DSYNC if seed % 2 else 0)
+    fd = os.open("/dev/snbf/snbf0", flags)
+    with mmap.mmap(-1, 64 * KIB) as page:
+        page.write(rng.randbytes(64 * KIB))
+        with memoryview(page) as view:
+            while not stop.is_set():
+                length = rng.choice((512, 4 * KIB, 4 * KIB, 4 * KIB, 20 * KIB))
+                at = rng.randrange(0, part_bytes - length, 512)
+                start = rng.randrange(0, 32 * KIB, 512)
+                os.pwrite(fd, view[start:start + length], at)
+                if rng.random() < 0.2:
+                    os.fsync(fd)
+    os.close(fd)
+
+
+@contextlib.contextmanager
+def writers(rng, part_bytes):
+    """Writers at work, for the time of a block."""
+    stop = threading.Event()
+    threads = [threading.Thread(target=write_some, args=(rng.randrange(1 << 30), stop, part_bytes))
+               for _ in range(WRITERS)]
+    for thread in threads:
+        thread.start()
+    yield
+    stop.set()
+    for thread in threads:
+        thread.join()
+
+
+@contextlib.contextmanager
+def node(part_bytes):
+    """Node 0 over the front of the logged device, its bitmap files behind it in FOLDER; answers that device."""
+    kit.run("modprobe", "dm-log-writes")
+    device = Logged("logged", kit.disk("base"))
+    part = Slice("part", device.path, 0, part_bytes)
+    store = Slice("store", device.path, part_bytes, device.sectors * 512 - part_bytes)
+    kit.run("mkfs.ext4", "-q", *replay.Ext4.OPTIONS, store.path)
+    os.makedirs(FOLDER, exist_ok=True)
+    kit.run("mount", store.path, FOLDER)
+    with kit.node(part.path, FOLDER, minor=0, extent_size=4 * KIB):
+        yield device
+    kit.run("umount", FOLDER)
+    store.remove()
+    part.remove()
+    device.remove()
