@@ -350,6 +350,26 @@ SIM_TEST(AddFilterNode, FailuresOfTheDiskAreUndone) {
   ASSERT_EQ(sim.unload_driver(), 0);
 }
 
+// Of 256 extents; the node is at rest.
+std::string bits_of(const u32* bitmap) {
+  return std::string(reinterpret_cast<const char*>(bitmap), 32);
+}
+
+// Nothing is known of what changed before: all of it counts.
+SIM_TEST(AddFilterNode, WithoutMemoryToLoadABitmapEverythingCountsAsChanged) {
+  load_with_partition(sim);
+  for (u64 nth : {3, 4}) {  // behind the bitmaps themselves
+    sim.fail_nth(Fault::Virt, nth);
+    sim.log().clear();
+    ASSERT_EQ(add_filter(sim, "/dev/sda1", 3), 0);
+    EXPECT_EQ(sim.log().count("snbf_block_load_bmp(): Failed to allocate 32 bytes.", 3), 1);
+    EXPECT_EQ(bits_of(filter_at(3)->incr_bmp), std::string(32, '\xFF'));
+    EXPECT_EQ(bits_of(filter_at(3)->diff_bmp), std::string(32, '\xFF'));
+    ASSERT_EQ(delete_node(sim, 3), 0);
+  }
+  ASSERT_EQ(sim.unload_driver(), 0);
+}
+
 SIM_TEST(AddFilterNode, RefusesMoreExtentsThanCanBeCounted) {
   load_with_partition(sim);
   // The size of an empty device, less one, is the largest there is.

@@ -125,6 +125,24 @@ SIM_TEST(SaveBitmap, AfterOneThatCannotOpenItsFileTheNextWriteRaisesTheFlag) {
   EXPECT_TRUE(mark_extents(*filter.node, {Sector{0}, 8 * kExtents}));
 }
 
+// The file on disk may still be the whole one of before: a write of what only the failed save held has to wait.
+SIM_TEST(SaveBitmap, AfterOneThatFailedWithinItsFileWritesWaitForTheFlag) {
+  BareFilter filter(sim, kExtents);
+  set_incr(filter, pattern(1));
+  ASSERT_EQ(snbf_block_save_bmp(*filter.node, SNBF_BMP_INCR), 0);
+  const u64 extent = first_clear(pattern(1));
+  {
+    SpinGuard hold{filter.node->bmp_spin};
+    reinterpret_cast<u8*>(filter.node->incr_bmp)[extent / 8] |= static_cast<u8>(1u << extent % 8);
+    filter.node->incr_guard.count_mark();
+  }
+  sim.fail_nth(Fault::FileWrite, 1, -ENOSPC);
+  EXPECT_EQ(snbf_block_save_bmp(*filter.node, SNBF_BMP_INCR), -ENOSPC);
+  EXPECT_FALSE(mark_extents(*filter.node, {Sector{8 * extent}, 8}));
+  ASSERT_EQ(snbf_yield_to_dirty_requests(*filter.node, 10), 0);
+  EXPECT_TRUE(mark_extents(*filter.node, {Sector{8 * extent}, 8}));
+}
+
 // Whichever write fails: the error is answered, the bitmap stays dirty, and no load accepts what is
 // left.
 SIM_TEST(SaveBitmap, AFailedWriteLeavesAFileThatNoLoadAccepts) {
