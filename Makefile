@@ -12,7 +12,7 @@ export SNBF_BUILD := $(abspath $(BUILD))
 MODULE_MAKE := $(MAKE) --no-print-directory -f platform/linux/module.mk BUILD=$(BUILD) $(if $(KDIR),KDIR=$(KDIR))
 
 .DEFAULT_GOAL := all
-.PHONY: all help setup module agent tests check check-rows check-locks check-unit check-guest coverage simulate mutants demo bench deb install format clean
+.PHONY: all help setup module agent tests check check-rows check-locks check-unit check-guest debug-kernel check-debug coverage simulate mutants demo bench deb install format clean
 
 all: check-rows module agent tests ## everything that this machine can build
 
@@ -61,6 +61,16 @@ check-guest: module agent ## the guest tests alone; TESTS="name..." chooses
 coverage: ## what of the driver the unit and simulation tests run
 	@tools/setup gcovr
 	@tools/coverage --jobs $(JOBS)
+
+debug-kernel: ## two kernels that forgive nothing, in build/debug, and the module for each; a quarter of an hour each
+	@tools/setup linux-source-6.1 bc flex bison libelf-dev libssl-dev
+	@for flavour in kasan kcsan; do \
+	  release=$$(JOBS=$(JOBS) tools/debug-kernel $$flavour $(BUILD)/debug/$$flavour) && \
+	  $(MAKE) --no-print-directory -f platform/linux/module.mk -j$(JOBS) BUILD=$(BUILD)/debug/$$flavour \
+	    KDIR=$(BUILD)/debug/$$flavour/build module && echo "$$release" || exit 1; done
+
+check-debug: debug-kernel agent ## the guest tests on the debug kernels, some hours; TESTS="name..." chooses
+	@tests/guest/check --debug kasan --debug kcsan $(TESTS)
 
 simulate: tests ## whole-driver runs by seed, SEEDS="1-5000"; a failing one is cut down
 	@tools/simulate $(or $(SEEDS),1-5000)
