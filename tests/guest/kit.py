@@ -6,7 +6,10 @@ A test is a file test_*.py beside this one. Its GUEST says what the runner gives
     boots   the lives of the guest, in order, on the same disks; "name!" is one that ends in a power cut
     limit   seconds for each boot on an idle machine
     minutes about how many all of it takes: the longest begin
-    kernels "installed": by default on that one alone, for it tests little that another kernel could change
+    kernels "installed": by default on that one alone, for it tests little that another kernel could change;
+            "debug": on the debug kernels alone
+    flavours    by the name of a debug kernel (debugging.py) its boots there; on one that is not named it does not run
+    expect  by the name of a boot, a pattern of what its kernel log must have, in place of nothing bad
     allow   patterns of kernel log lines that it provokes
     words   for the kernel's command line, beside slub_nomerge
     long_boots  those that follow where tests may last longer (SNBF_LONG)
@@ -31,8 +34,11 @@ import time
 import traceback
 import zlib
 
+import watch
+
 TOP = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 MODULE = os.environ.get("SNBF_MODULE", os.path.join(TOP, "build", "snbf.ko"))
+SLOWNESS = int(os.environ.get("SNBF_SLOWNESS", "1"))  # of the kernel that the test runs on, beside Debian's
 CONTROL = "/dev/snbf/control"
 RUNNER = 3  # the file descriptor of the runner's event port
 
@@ -131,6 +137,7 @@ def main():
     chosen = [body for wanted, body in cases if wanted in (None, boot)]
     report("plan", names=[body.__name__ for body in chosen])
     failures = 0
+    watch.begin()
     for body in chosen:
         global _running  # pylint: disable=global-statement
         _running = _Running(body.__name__)
@@ -147,6 +154,7 @@ def main():
             time.sleep(600)  # the guest is being ended
         if detail and getattr(body, "essential", False):
             break
+    watch.end()
     sys.exit(1 if failures else 0)
 
 
@@ -454,7 +462,7 @@ def try_unload():
 
 def wait_until(condition, seconds=10, what="condition"):
     """For what another thread of the kernel does soon; the limit only ends a hang."""
-    deadline = time.monotonic() + seconds
+    deadline = time.monotonic() + seconds * SLOWNESS
     while not condition():
         if time.monotonic() > deadline:
             raise Failed(f"{what}: not within {seconds} s")
