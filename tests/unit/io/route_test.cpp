@@ -297,6 +297,22 @@ SIM_TEST(FilterRoute, HoldsAUsedChunkThatIsCopiedBesideOneThatIsNot) {
   routes.expect_held(Op::Write, 10 * 8, 2 * 4096, 5);
 }
 
+// The copy counts from where a power cut leaves its bit.
+SIM_TEST(FilterRoute, HoldsAWriteToACopiedChunkWhoseBitIsNotSynced) {
+  Routes routes(sim);
+  SnapNode* snap = routes.add_snap(5);
+  for (int chunk : {10, 11, 12}) routes.copy(snap, chunk);
+  const auto unsynced = std::make_unique<ChunkSet>();
+  unsynced->init();
+  unsynced->add(10);
+  unsynced->add(11);
+  routes.filter->cowthread.unsafe_chunks.store(unsynced.get());
+  routes.expect_held(Op::Write, 10 * 8, 4096, 5);
+  routes.expect_passed(Op::Write, 12 * 8, 4096);
+  routes.filter->cowthread.unsafe_chunks.store(nullptr);
+  routes.expect_passed(Op::Write, 11 * 8, 4096);
+}
+
 SIM_TEST(FilterRoute, WithoutAMapEveryChunkCounts) {
   Routes routes(sim);
   routes.add_snap(5);
@@ -495,6 +511,26 @@ SIM_TEST(SnapRoute, RefusesAReadWhoseSnapIsGivenUpMeanwhile) {
                             "STOP_PENDING state or INVALID.",
                             3),
             1);
+}
+
+// Its image has the chunk in a copy by the time that it may go: the partition is about to lose it.
+SIM_TEST(SnapRoute, HoldsAReadOfAChunkThatIsCopiedWhileItWaits) {
+  Routes routes(sim);
+  SnapNode* snap = routes.add_snap(7);
+  routes.use_only(snap, {2});
+  routes.disk->hold(true);
+  const Io write = routes.send(Op::Write, 8, 4096);
+  sim.wait_until([&] { return routes.disk->held().size() == 1; });
+  Io read;
+  Task* reader = sim.spawn("reader", [&] { read = routes.send(Op::Read, 8, 2 * 4096, 7); });
+  sim.sleep_us(10'000);
+  routes.copy(snap, 2);
+  routes.disk->hold(false);
+  routes.disk->release_all();
+  sim.join(reader);
+  EXPECT_EQ(routes.held(), 1);
+  EXPECT_FALSE(read.done());
+  EXPECT_EQ(write.wait(), 0);
 }
 
 SIM_TEST(SnapRoute, AReadWaitsBehindAHeldWriteOfItsSectors) {
