@@ -6,6 +6,7 @@ A test is a file test_*.py beside this one. Its GUEST says what the runner gives
     boots   the lives of the guest, in order, on the same disks; "name!" is one that ends in a power cut
     limit   seconds for each boot on an idle machine
     minutes about how many all of it takes: the longest begin
+    quick   it is one of those that every change must pass: True, or "every" for each kernel and not only the installed
     kernels "installed": by default on that one alone, for it tests little that another kernel could change;
             "debug": on the debug kernels alone
     flavours    by the name of a debug kernel (debugging.py) its boots there; on one that is not named it does not run

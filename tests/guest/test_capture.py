@@ -11,7 +11,7 @@ import kit
 from kit import KIB, MIB
 from tool import TOOL, good, tool
 
-GUEST = {"minutes": 3, "kernels": "installed", "disks": ["a:64M", "back:64M", "store:384M", "state:64M"], "limit": 400,
+GUEST = {"quick": True, "minutes": 3, "kernels": "installed", "disks": ["a:64M", "back:64M", "store:384M", "state:64M"], "limit": 400,
          "boots": ["capture!", "after"]}
 
 DEST = "/mnt/store/chain"

@@ -11,7 +11,7 @@ import time
 import kit
 from kit import ERROR_LEVEL, INFO_LEVEL, KIB, MIB
 
-GUEST = {"disks": ["p:192M", "state:64M", "whole:40M"], "limit": 400}
+GUEST = {"quick": "every", "disks": ["p:192M", "state:64M", "whole:40M"], "limit": 400}
 
 parts = []
 state = ""

@@ -7,7 +7,7 @@ import time
 
 import kit
 
-GUEST = {"kernels": "installed", "disks": ["a:64M", "state:64M"], "limit": 120}
+GUEST = {"quick": True, "kernels": "installed", "disks": ["a:64M", "state:64M"], "limit": 120}
 
 
 def bitmap_files(folder, minor):

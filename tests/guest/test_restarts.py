@@ -6,7 +6,7 @@ import struct
 import kit
 from kit import INCR, KIB
 
-GUEST = {"minutes": 3, "disks": ["a:64M", "state:64M"], "limit": 300,
+GUEST = {"quick": True, "minutes": 3, "disks": ["a:64M", "state:64M"], "limit": 300,
          "boots": ["reload!", "saved!", "unsaved!", "untrusted!", "quiet"]}
 
 DISTRUST = ("is dirty", "is corrupt", "invalid size", "invalid checksum", "Failed to open file")

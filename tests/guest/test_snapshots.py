@@ -14,7 +14,7 @@ import writers
 from kit import KIB, MIB
 
 # 3 KiB more than whole MiB: the last chunk, and its last page, reach beyond the partition.
-GUEST = {"minutes": 2, "disks": ["raw:20483K", "store:700M"], "limit": 600}
+GUEST = {"quick": True, "minutes": 2, "disks": ["raw:20483K", "store:700M"], "limit": 600}
 
 SEED = 20240711
 store = ""

@@ -12,7 +12,7 @@ import logged
 import replay
 from kit import MIB
 
-GUEST = {"disks": ["base:64M", "log:4G"], "limit": 240}
+GUEST = {"quick": True, "disks": ["base:64M", "log:4G"], "limit": 240}
 
 PART = 16 * MIB
 SAVES_A_ROUND = 8

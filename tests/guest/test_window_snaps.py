@@ -12,7 +12,7 @@ import logged
 import replay_snaps
 from kit import MIB
 
-GUEST = {"kernels": "installed", "disks": ["base:64M", "log:4G"], "limit": 240}
+GUEST = {"quick": True, "kernels": "installed", "disks": ["base:64M", "log:4G"], "limit": 240}
 
 PART = 8 * MIB
 SNAPS = 3
