@@ -24,6 +24,17 @@ class Logged(mapper.Mapped):
         self.call("message", self.name, "0", "mark", text)
 
 
+@contextlib.contextmanager
+def one_flush_at_a_time(path):
+    """A loop device over it. The log has what a flush made durable where that flush ended; of two at once the one that
+    made nothing durable may end first, and with synchronous writes it is the same: then the log has orders that no power
+    cut leaves. Of a loop device each flush waits for the last, and a synchronous write is a write and a flush."""
+    kit.run("modprobe", "loop")
+    loop = kit.run("losetup", "--find", "--show", "--direct-io=on", path).strip()
+    yield loop
+    kit.run("losetup", "--detach", loop)
+
+
 class Slice(mapper.Mapped):
     def __init__(self, name, disk, first, length):
         self.first, self.length = first // 512, length // 512
@@ -70,14 +81,15 @@ def node(part_bytes):
     """Node 0 over the front of the logged device, its bitmap files behind it in FOLDER; answers that device."""
     kit.run("modprobe", "dm-log-writes")
     device = Logged("logged", kit.disk("base"))
-    part = Slice("part", device.path, 0, part_bytes)
-    store = Slice("store", device.path, part_bytes, device.sectors * 512 - part_bytes)
-    kit.run("mkfs.ext4", "-q", *replay.Ext4.OPTIONS, store.path)
-    os.makedirs(FOLDER, exist_ok=True)
-    kit.run("mount", store.path, FOLDER)
-    with kit.node(part.path, FOLDER, minor=0, extent_size=4 * KIB):
-        yield device
-    kit.run("umount", FOLDER)
-    store.remove()
-    part.remove()
+    with one_flush_at_a_time(device.path) as loop:
+        part = Slice("part", loop, 0, part_bytes)
+        store = Slice("store", loop, part_bytes, device.sectors * 512 - part_bytes)
+        kit.run("mkfs.ext4", "-q", *replay.Ext4.OPTIONS, store.path)
+        os.makedirs(FOLDER, exist_ok=True)
+        kit.run("mount", store.path, FOLDER)
+        with kit.node(part.path, FOLDER, minor=0, extent_size=4 * KIB):
+            yield device
+        kit.run("umount", FOLDER)
+        store.remove()
+        part.remove()
     device.remove()
