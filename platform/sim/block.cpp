@@ -190,7 +190,7 @@ void Kernel::node_submit(plat_bio* bio) {
     chain->pieces = bio->pieces;
     chain->error = 0;
     chain->left = static_cast<int>((bio->bytes + u64{kSplitBytes} - 1) / kSplitBytes);
-    auto ended = [this, chain](plat_bio* done, int error) {
+    auto ended = [chain](plat_bio* done, int error) {
       done->pieces.clear();
       if (error != 0) chain->error = error;
       if (--chain->left > 0) return;

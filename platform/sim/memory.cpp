@@ -19,7 +19,7 @@ constexpr std::size_t kFence = 64;
 constexpr std::size_t kQuarantineBytes = 8 << 20;
 constexpr unsigned char kFreshFill = 0x5A;
 constexpr unsigned char kFreedFill = 0x6B;
-constexpr unsigned char kFenceFill = 0xFD;
+[[maybe_unused]] constexpr unsigned char kFenceFill = 0xFD;
 
 constexpr const char* kKindNames[] = {"heap block", "virtual area", "page",  "cache object",
                                       "pool",       "cache",        "object"};
