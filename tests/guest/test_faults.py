@@ -110,7 +110,8 @@ def commands_of_filter(fd, rng):
     found = [("GET_DEVICE_LIST", kit.DeviceList(dev_type=rng.choice((FILTERS, SNAPS)))), ("GET_INFO", kit.Info(minor=0)),
              *((name, of_minor(0, kind)) for name in ("SAVE_BMP", "LOAD_BMP", "CLR_BMP")),
              *((name, exchange(0, kind, data)) for name in ("SET_BMP", "MERGE_BMP", "GET_BMP", "GET_AND_CLR_BMP")),
-             ("GET_DATABLOCK_BMP", pointing(kit.DatablockCommand(minor=0, extent_size=64 * KIB, size=len(data)), data)),
+             ("GET_DATABLOCK_BMP", pointing(kit.DatablockCommand(minor=0, extent_size=64 * KIB, size=len(data)),
+                                            data)),
              ("TEST_DATABLOCK", bytearray(kit.disk("a").encode().ljust(1024, b"\0"))),
              ("STOP_NODE", of_minor(0)), ("START_NODE", of_minor(0))]
     rng.shuffle(found)

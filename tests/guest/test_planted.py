@@ -11,7 +11,8 @@ BUGS = ["use-after-free", "lock-order", "lock-state", "sleep", "live-object", "l
 GUEST = {
     "kernels": "debug",
     "limit": 120,
-    "flavours": {"kasan": ["use-after-free", "lock-order", "lock-state", "sleep", "live-object", "leak"], "kcsan": ["race"]},
+    "flavours": {"kasan": ["use-after-free", "lock-order", "lock-state", "sleep", "live-object", "leak"],
+                 "kcsan": ["race"]},
     "expect": {"use-after-free": r"KASAN: (slab-)?use-after-free", "lock-order": "possible circular locking dependency",
                "lock-state": "inconsistent lock state", "sleep": "sleeping function called from invalid context",
                "live-object": "ODEBUG: free active", "leak": "unreferenced object", "race": "KCSAN: data-race in"},
