@@ -12,7 +12,7 @@ import mapper
 from kit import MIB
 from tool import TOOL, answer, good, refused, tool
 
-GUEST = {"minutes": 3, "kernels": "installed", "disks": ["a:64M", "back:96M", "small:32M", "store:384M", "state:64M"],
+GUEST = {"quick": True, "minutes": 3, "kernels": "installed", "disks": ["a:64M", "back:96M", "small:32M", "store:384M", "state:64M"],
          "limit": 500}
 
 DEST = "/mnt/store/chain"
