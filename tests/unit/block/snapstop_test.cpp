@@ -75,6 +75,22 @@ SIM_TEST(StopSnap, TheCascadeEndsAtOneThatNobodyStopped) {
   EXPECT_EQ(info_of(sim, 10).started, 0u);
 }
 
+// Between them stands one that is stopped: it needs nobody, and hides nobody.
+SIM_TEST(StopSnap, IsPostponedForAnyOlderOneNotTheLastAlone) {
+  SnapBench bench(sim);
+  ASSERT_EQ(bench.write(1, 0x11), 0);
+  bench.add_started(7);
+  ASSERT_EQ(bench.add(8), 0);
+  bench.add_started(9);
+  ASSERT_EQ(bench.write(1, 0x99), 0);
+  ASSERT_EQ(stop_node(sim, 9), 0);
+  EXPECT_EQ(info_of(sim, 9).started, 1u);
+  EXPECT_EQ(info_of(sim, 9).stop_pending, 1u);
+  EXPECT_EQ(bench.read(7, 1), 0x11);
+  ASSERT_EQ(stop_node(sim, 7), 0);
+  EXPECT_EQ(info_of(sim, 9).started, 0u);
+}
+
 SIM_TEST(StopSnap, AnOpenOneIsRefused) {
   SnapBench bench(sim);
   bench.add_started(7);
@@ -260,7 +276,8 @@ SIM_TEST(StopSnap, AStopOfTheFilterDoesNotWaitForASnapThatIsBeingStarted) {
   SnapNode& snap = *bench.snap(7);
   snap.node_mutex.lock();
   bool stopped = false;
-  Task* stopper = sim.spawn("stopper", [&] { stopped = stop_node(sim, snap.filter_node->minor) == 0; });
+  Task* stopper =
+      sim.spawn("stopper", [&] { stopped = stop_node(sim, snap.filter_node->minor) == 0; });
   sim.sleep_us(50'000);
   EXPECT_FALSE(stopped);
   snap.started.store(0);

@@ -381,6 +381,23 @@ TEST_F(Xfs5, ATreeOfTwoLevelsSaysTheSameAsItsRecordsInOne) {
   refuses(GrownTree(old).set_be(grown.left + 12, 0x7FFFFFFF, 4), "is corrupt: its place is wrong");
 }
 
+TEST_F(Xfs5, WhatFollowsTheLastFreeExtentIsUsed) {
+  const RealImage old(320 << 20, "mkfs.xfs -q -f -m crc=0 -s size=4096 @");
+  Changed shorter(old);
+  const u64 root = u64{shorter.be32(GrownTree::kAgf + 16)} * 4096;
+  const u64 last = root + GrownTree::kHeader + 8 * (u64{shorter.byte(root + 7)} - 1);
+  const u32 end = shorter.be32(last) + shorter.be32(last + 4);
+  ASSERT_EQ(end, shorter.be32(84)) << "the group is made so that its end is free";
+  shorter.set_be(last + 4, shorter.be32(last + 4) - 100, 4);
+  const Bytes made = GrownTree::read(Changed(old), 0);
+  const Bytes bits = GrownTree::read(shorter, 0);
+  auto is_used = [](const Bytes& map, u32 block) { return (map[block / 8] >> block % 8 & 1) != 0; };
+  for (u32 block = end - 200; block < end; ++block) {
+    EXPECT_FALSE(is_used(made, block)) << block;
+    EXPECT_EQ(is_used(bits, block), block >= end - 100) << block;
+  }
+}
+
 // Each reader that is asked before reads what it looks for in the device's own blocks.
 TEST_F(Xfs5, IsFoundOnADeviceOfLargeBlocks) {
   const RealImage large(320 << 20, "mkfs.xfs -q -f -s size=4096 @");

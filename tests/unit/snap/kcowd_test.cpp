@@ -233,6 +233,32 @@ SIM_TEST(CowThread, AFailedReadOfThePartitionBreaksTheSnapAndTheOlderOnes) {
   EXPECT_EQ(bench.read(9, 1), 0x99);
 }
 
+SIM_TEST(CowThread, AFailedReadOfAnyPageOfAChunkBreaksTheSnap) {
+  SnapBench bench(sim);
+  for (const u32 page : {0u, 1u, 2u, 3u}) {
+    const u32 minor = 7 + page;
+    bench.add_started(minor, 4 * kPageBytes4K);
+    bench.disk->fail_range(8 * page, 8, Op::Read, -EIO);
+    EXPECT_EQ(bench.write(0, 0x99), 0);
+    bench.disk->clear_failures();
+    expect_broken(bench, {minor}, 0);
+    ASSERT_EQ(delete_node(sim, minor), 0);
+  }
+}
+
+// Or a power cut would bring the file back, and a resume would take it for a whole image.
+SIM_TEST(CowThread, ThatABrokenSnapsFileIsEmptyIsOnDiskBeforeTheWriteGoes) {
+  SnapBench bench(sim);
+  bench.add_started(7);
+  ASSERT_EQ(bench.write(1, 0x11), 0);
+  EXPECT_FALSE(bench.store->dirty());
+  bench.disk->fail_range(16, 8, Op::Read, -EIO);
+  EXPECT_EQ(bench.write(2, 0x99), 0);
+  EXPECT_FALSE(bench.store->dirty());
+  bench.disk->clear_failures();
+  expect_broken(bench, {7}, 0);
+}
+
 SIM_TEST(CowThread, AFailureOfAnyFileOperationBreaksTheSnapAndNoWrite) {
   SnapBench bench(sim);
   u32 minor = 7;

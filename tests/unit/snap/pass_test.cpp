@@ -190,6 +190,74 @@ SIM_TEST(CowPass, AReadWhoseStoreStallsFailsAndHoldsUpNoWrite) {
   EXPECT_EQ(read.wait(), -EIO);
 }
 
+// It is in the queue for lack of memory, and its sender has seen the write go.
+SIM_TEST(CowPass, AReadGoesBehindTheHeldWriteThatItOverlaps) {
+  SnapBench bench(sim);
+  ASSERT_EQ(bench.write(1, 0x11), 0);
+  bench.add_started(7);
+  bench.disk->hold(true);
+  const Io copied =
+      sim.submit(kNode(kOrigin), {.op = Op::Write, .sector = 72, .data = Bytes(4096, 0x99)});
+  sim.wait_until([&] { return bench.disk->held().size() == 1; });
+  const Io write =
+      sim.submit(kNode(kOrigin), {.op = Op::Write, .sector = 8, .data = Bytes(4096, 0x22)});
+  sim.fail_nth(Fault::BioClone, 1);
+  const Io read = sim.submit(kNode(kOrigin), {.op = Op::Read, .sector = 8, .bytes = 4096});
+  sim.wait_until([&] { return bench.filter()->cowqueue.length() == 3; });
+  bench.disk->hold(false);
+  bench.disk->release_all();
+  EXPECT_EQ(read.wait(), 0);
+  EXPECT_EQ(read.data(), Bytes(4096, 0x22));
+  EXPECT_EQ(write.wait(), 0);
+  EXPECT_EQ(copied.wait(), 0);
+}
+
+// A snap's read of the old contents is under way, which the write has to wait for.
+SIM_TEST(CowPass, AReleasedWriteStaysInTheQueueUntilItMayGo) {
+  SnapBench bench(sim);
+  ASSERT_EQ(bench.write(1, 0x11), 0);
+  bench.add_started(7);
+  bench.disk->hold(true);
+  const Io read = sim.submit(kNode(7), {.op = Op::Read, .sector = 8, .bytes = 4096});
+  sim.wait_until([&] { return bench.disk->held().size() == 1; });
+  const Io write =
+      sim.submit(kNode(kOrigin), {.op = Op::Write, .sector = 8, .data = Bytes(4096, 0x22)});
+  sim.wait_until([&] { return bench.disk->held().size() == 2; });
+  bench.disk->release(1);  // the read for the copy
+  sim.wait_until([&] { return snbf_cowbmp_is_set(&bench.snap(7)->cow_bmp, 1); });
+  sim.sleep_us(200'000);
+  EXPECT_EQ(bench.filter()->cowqueue.writes.load(), 1);
+  const Io later =
+      sim.submit(kNode(kOrigin), {.op = Op::Write, .sector = 8, .data = Bytes(4096, 0x33)});
+  EXPECT_EQ(bench.filter()->cowqueue.writes.load(), 2);
+  bench.disk->hold(false);
+  bench.disk->release_all();
+  EXPECT_EQ(read.wait(), 0);
+  EXPECT_EQ(read.data(), Bytes(4096, 0x11));
+  EXPECT_EQ(write.wait(), 0);
+  EXPECT_EQ(later.wait(), 0);
+  EXPECT_EQ(bench.read(kOrigin, 1), 0x33);
+}
+
+// By the time that it is answered there is no image: a newer snap was resumed, and had none.
+SIM_TEST(CowPass, AReadWhoseSnapIsGivenUpMeanwhileFails) {
+  SnapBench bench(sim);
+  bench.add_started(7);
+  bench.add_started(8);
+  ASSERT_EQ(stop_node(sim, 7), 0);
+  ASSERT_EQ(stop_node(sim, 8), 0);
+  ASSERT_EQ(bench.resume(7), 0);
+  ASSERT_EQ(bench.write(1, 0x99), 0);
+  bench.disk->hold(true);
+  const Io read = sim.submit(kNode(7), {.op = Op::Read, .sector = 8, .bytes = 2 * 4096});
+  sim.wait_until(
+      [&] { return bench.disk->held().size() == 1; });  // of the block that is not copied
+  ASSERT_EQ(bench.resume(8, 0), 0);
+  bench.disk->hold(false);
+  bench.disk->release_all();
+  EXPECT_EQ(read.wait(), -EIO);
+}
+
 // Chunks whose numbers fall on the same place of the set of those that are copied just now.
 SIM_TEST(CowPass, TellsChunksOfAGroupApart) {
   constexpr u64 kChunks[] = {5, 0x1004, 0x2007};

@@ -1,15 +1,17 @@
 #include "util/bdev.h"
 
-#include <numeric>
+#include <algorithm>
 
 #include "parts_rig.h"
 
 namespace snbf::sim {
 namespace {
 
+// Again and again from zero, at distances that no sector is a multiple of: each looks different.
 Bytes counting(std::size_t bytes, u8 first = 0) {
   Bytes data(bytes);
-  std::iota(data.begin(), data.end(), first);
+  std::ranges::generate(data,
+                        [n = std::size_t{first}]() mutable { return static_cast<u8>(n++ % 251); });
   return data;
 }
 
