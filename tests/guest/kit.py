@@ -133,6 +133,7 @@ def _mark(text):
 
 def main():
     """Runs the cases of this boot in the order of the file; later ones may build on earlier ones."""
+    global _running  # pylint: disable=global-statement
     os.set_inheritable(RUNNER, False)
     boot = sys.argv[1] if len(sys.argv) > 1 else "main"
     chosen = [body for wanted, body in cases if wanted in (None, boot)]
@@ -140,7 +141,6 @@ def main():
     failures = 0
     watch.begin()
     for body in chosen:
-        global _running  # pylint: disable=global-statement
         _running = _Running(body.__name__)
         _mark(f"{body.__name__} begins")
         detail = ""

@@ -9,6 +9,7 @@ Alone: replay.py LOG PART-MIB TOTAL-MIB, over the log disk of a test that has ru
 """
 
 import collections
+import os
 import re
 import struct
 import sys
@@ -180,7 +181,7 @@ class Judge:
         self.files = None
         self.prefixes = 0
         self.counts = collections.Counter()
-        self.lacking = []
+        self.faults = []
 
     def take(self, entry):
         if entry.mark:
@@ -223,31 +224,27 @@ class Judge:
                 self.counts["cleared"] += 1
             else:
                 self.counts["lacking"] += 1
-                self.lacking.append(f"prefix {self.prefixes}: {name} lacks {sorted(self.changed - bits)[:8]}")
+                self.faults.append(f"prefix {self.prefixes}: {name} lacks {sorted(self.changed - bits)[:8]}")
 
 
-def judge_log(path, part_bytes, total_bytes):
-    judge = Judge(part_bytes, total_bytes)
+def judge_log(judge, path):
+    """The judge, having seen a log device (or a file of its bytes)."""
     with open(path, "rb") as log:
         for entry in entries(log):
             judge.take(entry)
+    print(f"{judge.prefixes} prefixes: {dict(judge.counts)}")
     return judge
 
 
-def arguments(program):
-    """Of the command line: the log's path, and the bytes of the partition and of the whole."""
+def main(judge_of):
+    """Of a program that judges a log; `judge_of` makes the judge from the bytes of the partition and of the whole."""
     if len(sys.argv) != 4 or not all(re.fullmatch(r"\d+", word) for word in sys.argv[2:]):
-        sys.exit(f"usage: {program} LOG PART-MIB TOTAL-MIB")
-    return sys.argv[1], int(sys.argv[2]) << 20, int(sys.argv[3]) << 20
-
-
-def main():
-    judge = judge_log(*arguments("replay.py"))
-    print(f"{judge.prefixes} prefixes: {dict(judge.counts)}")
-    for line in judge.lacking[:20]:
+        sys.exit(f"usage: {os.path.basename(sys.argv[0])} LOG PART-MIB TOTAL-MIB")
+    judge = judge_log(judge_of(int(sys.argv[2]) << 20, int(sys.argv[3]) << 20), sys.argv[1])
+    for line in judge.faults[:20]:
         print(line)
-    sys.exit(1 if judge.lacking else 0)
+    sys.exit(1 if judge.faults else 0)
 
 
 if __name__ == "__main__":
-    main()
+    main(Judge)

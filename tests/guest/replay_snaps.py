@@ -10,7 +10,6 @@ Alone: replay_snaps.py LOG PART-MIB TOTAL-MIB, over the log disk of a test that 
 """
 
 import collections
-import sys
 
 import replay
 from replay import BLOCK
@@ -59,7 +58,7 @@ class Judge:
         self.owners = {}  # of a block of the store: its snap and chunk, if it is a snap's data and nothing else
         self.prefixes = 0
         self.counts = collections.Counter()
-        self.wrong = []
+        self.faults = []
 
     def take(self, entry):
         if entry.mark:
@@ -128,24 +127,8 @@ class Judge:
                 self.counts["copies in exact ones"] += len(snap.bits)
             else:
                 self.counts["wrong"] += 1
-                self.wrong.append(f"prefix {self.prefixes}: snap {snap.number} is wrong in {sorted(snap.wrong)[:8]}")
-
-
-def judge_log(path, part_bytes, total_bytes):
-    judge = Judge(part_bytes, total_bytes)
-    with open(path, "rb") as log:
-        for entry in replay.entries(log):
-            judge.take(entry)
-    return judge
-
-
-def main():
-    judge = judge_log(*replay.arguments("replay_snaps.py"))
-    print(f"{judge.prefixes} prefixes: {dict(judge.counts)}")
-    for line in judge.wrong[:20]:
-        print(line)
-    sys.exit(1 if judge.wrong else 0)
+                self.faults.append(f"prefix {self.prefixes}: snap {snap.number} is wrong in {sorted(snap.wrong)[:8]}")
 
 
 if __name__ == "__main__":
-    main()
+    replay.main(Judge)

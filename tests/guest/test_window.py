@@ -44,13 +44,9 @@ def every_prefix_of_the_log_has_a_true_bitmap():
         for _ in range(ROUNDS):
             one_round(device, rng)
         device.mark("end")
-    if os.environ.get("SNBF_LONG"):
-        return  # judged outside, where it is faster: replay.py over the log's disk
-    judge = replay.judge_log(kit.disk("log"), PART, kit.size_of(kit.disk("base")))
-    print(f"{judge.prefixes} prefixes: {dict(judge.counts)}")
-    kit.equal(judge.lacking[:5], [], f"{len(judge.lacking)} files in {judge.prefixes} prefixes lack a change")
-    kit.check(judge.prefixes > 200 and judge.counts["not whole"] > 20 and judge.counts["covering"] > 20,
-              f"too little was tried: {judge.prefixes} prefixes, {judge.counts}")
+    if judge := logged.judged(replay.Judge, PART):
+        kit.check(judge.prefixes > 200 and judge.counts["not whole"] > 20 and judge.counts["covering"] > 20,
+                  f"too little was tried: {judge.prefixes} prefixes, {judge.counts}")
 
 
 if __name__ == "__main__":

@@ -52,13 +52,10 @@ def every_prefix_of_the_log_has_true_images():
                     time.sleep(rng.random() * 0.3)
         for number in range(max(ROUNDS - SNAPS + 1, 0), ROUNDS):
             end(device, number)
-    if os.environ.get("SNBF_LONG"):
-        return  # judged outside, where it is faster: replay_snaps.py over the log's disk
-    judge = replay_snaps.judge_log(kit.disk("log"), PART, kit.size_of(kit.disk("base")))
-    print(f"{judge.prefixes} prefixes: {dict(judge.counts)}")
-    kit.equal(judge.wrong[:5], [], f"{len(judge.wrong)} images in {judge.prefixes} prefixes")
-    kit.check(judge.prefixes > 200 and judge.counts["exact"] > 200 and judge.counts["copies in exact ones"] > 10000,
-              f"too little was tried: {judge.prefixes} prefixes, {judge.counts}")
+    if judge := logged.judged(replay_snaps.Judge, PART):
+        kit.check(judge.prefixes > 200 and judge.counts["exact"] > 200
+                  and judge.counts["copies in exact ones"] > 10000,
+                  f"too little was tried: {judge.prefixes} prefixes, {judge.counts}")
 
 
 if __name__ == "__main__":
