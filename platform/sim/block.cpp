@@ -72,8 +72,8 @@ void Kernel::dispatch(plat_bio* bio) {
     fatal("request of %u bytes at sector %llu of a device of %u-byte blocks", bio->bytes,
           static_cast<unsigned long long>(bio->sector), dev.block_bytes);
   }
-  bio->entry = dev.next_entry++;
-  dev.entered.insert(bio->entry);
+  while (dev.draining != 0) sleep_in(dev.drained, "the end of a drain of", &dev, dev.name.c_str());
+  ++dev.entered;
   if (current->plug_depth > 0) {
     current->plugged.push_back(bio);
   } else {
@@ -86,15 +86,15 @@ bool Kernel::can_drain(const BlockDev& dev) const {
 }
 
 int Kernel::drain(BlockDev& dev, u32 limit_ms) {
-  const u64 later = dev.next_entry;
   const u64 deadline = now_us() + u64{1000} * limit_ms;
-  while (!dev.entered.empty() && *dev.entered.begin() < later) {
-    const u64 now = now_us();
-    if (now >= deadline) return -ETIMEDOUT;
+  ++dev.draining;
+  while (dev.entered != 0 && now_us() < deadline) {
     sleep_in(dev.drain_waiters, "the requests in the queue of", &dev, dev.name.c_str(), nullptr,
-             static_cast<s64>(deadline - now));
+             static_cast<s64>(deadline - now_us()));
   }
-  return 0;
+  const bool is_empty = dev.entered == 0;
+  if (--dev.draining == 0) wake_all(dev.drained);
+  return is_empty ? 0 : -ETIMEDOUT;
 }
 
 void Kernel::flush_plug(Task* task) {

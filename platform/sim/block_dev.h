@@ -2,7 +2,6 @@
 #pragma once
 
 #include <array>
-#include <set>
 #include <unordered_map>
 
 #include "kernel.h"
@@ -95,10 +94,10 @@ struct BlockDev {
   std::map<u64, u64> flush_covers;
   WaitList depth_waiters = {};
   std::vector<plat_bio*> flying;
-  // What has entered the queue, plugged or under way, by the order of entering.
-  std::set<u64> entered;
-  u64 next_entry = 1;
+  u64 entered = 0;  // in the queue, plugged or under way
   WaitList drain_waiters = {};
+  u32 draining = 0;  // nothing enters the queue meanwhile
+  WaitList drained = {};
 };
 
 struct BioLists {

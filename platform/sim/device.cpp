@@ -120,7 +120,7 @@ void Kernel::device_complete(plat_bio* bio, u64 seen, int error) {
   mix(bio->id);
   dev.flying.erase(std::find(dev.flying.begin(), dev.flying.end(), bio));
   --dev.counts.in_flight;
-  dev.entered.erase(bio->entry);
+  --dev.entered;
   wake_all(dev.drain_waiters);
   wake_one(dev.depth_waiters);
   end_bio(bio, error);

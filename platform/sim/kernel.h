@@ -131,7 +131,6 @@ struct plat_bio {
   snbf::sim::BlockDev* target = nullptr;  // where it is or goes
   plat_disk* node = nullptr;              // the disk whose driver owns it now
   plat_bio* next = nullptr;               // the driver's link
-  snbf::sim::u64 entry = 0;               // when it entered its device's queue
   std::vector<Piece> pieces;
 
   int references = 1;

@@ -253,6 +253,32 @@ SIM_TEST(StartSnap, WaitsForWritesThatHaveNotEnteredThePartitionYet) {
   ASSERT_EQ(delete_node(sim, 4), 0);
 }
 
+// While somebody else empties the queue of its disk nothing enters it.
+SIM_TEST(StartSnap, WaitsForAWriteThatIsKeptOutOfItsDisksQueue) {
+  SnapBench bench(sim);
+  plat_bdev* const disk = bench.filter()->hdd_bdev;
+  bench.disk->hold(true);
+  Task* first = sim.spawn("first", [&] { EXPECT_EQ(bench.write(0, 0x11), 0); });
+  sim.wait_until([&] { return bench.disk->held().size() == 1; });
+  Task* other = sim.spawn("other", [&] { EXPECT_EQ(snbf_plat_bdev_drain(disk, 10'000), 0); });
+  sim.sleep_us(1000);
+  Task* second = sim.spawn("second", [&] { EXPECT_EQ(bench.write(0, 0x22), 0); });
+  sim.wait_until([&] { return bench.filter()->entering.load() == 1; });
+  ASSERT_EQ(bench.add(7), 0);
+  Task* starter = sim.spawn("starter", [&] { EXPECT_EQ(start_node(sim, 7), 0); });
+  sim.sleep_us(1'000'000);
+  bench.disk->release();
+  sim.join(other);
+  sim.sleep_us(3'000'000);
+  EXPECT_EQ(bench.snap(7)->started.load(), 0);
+  bench.disk->hold(false);
+  bench.disk->release_all();
+  sim.join(starter);
+  EXPECT_EQ(bench.read(7, 0), 0x22);
+  sim.join(first);
+  sim.join(second);
+}
+
 SIM_TEST(StartSnap, GivesUpWhenAWriteNeverEntersThePartition) {
   SnapBench bench(sim);
   sim.set_step_limit(400'000'000);

@@ -206,6 +206,19 @@ SIM_TEST(Parking, StopWaitsAndSavesWhatWasParked) {
   EXPECT_EQ(file[16], 0x80);
 }
 
+// The save at the end fails at once there, and does not wait either.
+SIM_TEST(Parking, StopWaitsForTheWritesThoughTheirStoreFails) {
+  Node3 rig(sim);
+  sim.fail_always(Fault::FileWrite, -EIO);
+  const Io io = rig.write(7);
+  ASSERT_EQ(rig.node->parking.writes.load(), 1);
+  EXPECT_EQ(stop_node(sim, kFilter), 0);
+  EXPECT_EQ(io.wait(), 0);
+  EXPECT_EQ(rig.reached(), 1u);
+  EXPECT_EQ(sim.log().count(kGaveUp, 3), 1);
+  sim.clear_faults();
+}
+
 SIM_TEST(Parking, ASnapBeginsWhenNothingIsParked) {
   Node3 rig(sim);
   Device* cow = sim.add_device({.name = "sdc1", .bytes = 32 << 20});
