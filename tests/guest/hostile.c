@@ -19,12 +19,12 @@
 
 #define PAGE 4096
 
-// Not those of snaps that refuse with the node table left locked: nothing could be sent after them.
+// Not SNBF_RESUME_SNAP, which refuses with the node table left locked: nothing could be sent after it.
 static const unsigned commands[] = {
-    SNBF_ADD_FILTER_NODE, SNBF_DEL_NODE,          SNBF_START_NODE,
-    SNBF_STOP_NODE,       SNBF_GET_DEVICE_LIST, SNBF_GET_INFO,          SNBF_LOAD_BMP,
-    SNBF_SAVE_BMP,        SNBF_CLR_BMP,         SNBF_SET_BMP,           SNBF_MERGE_BMP,
-    SNBF_GET_BMP,         SNBF_GET_AND_CLR_BMP, SNBF_GET_DATABLOCK_BMP, SNBF_TEST_DATABLOCK};
+    SNBF_ADD_FILTER_NODE, SNBF_ADD_SNAP_NODE,     SNBF_DEL_NODE, SNBF_START_NODE,
+    SNBF_STOP_NODE,       SNBF_GET_DEVICE_LIST,   SNBF_GET_INFO, SNBF_LOAD_BMP,
+    SNBF_SAVE_BMP,        SNBF_CLR_BMP,           SNBF_SET_BMP,  SNBF_MERGE_BMP,
+    SNBF_GET_BMP,         SNBF_GET_AND_CLR_BMP,   SNBF_GET_DATABLOCK_BMP, SNBF_TEST_DATABLOCK};
 
 static int rounds;
 static const char* folder;
@@ -83,6 +83,16 @@ static void nearly_right(struct caller* caller, unsigned command, void* record) 
       if (!below(caller, 4)) memset(add->name, 'n', sizeof(add->name));
       return;
     }
+    case SNBF_ADD_SNAP_NODE: {
+      struct snbf_snap_node_cmd* add = record;
+      add->snbf_minor = some_minor(caller);
+      add->snap_minor = below(caller, 3) ? -1 : (int32_t)some_minor(caller);
+      unsigned number = below(caller, 4);
+      snprintf(add->cow_bmp_fname, sizeof(add->cow_bmp_fname), "%s/cow%u.bmp", folder, number);
+      snprintf(add->cow_data_fname, sizeof(add->cow_data_fname), "%s/cow%u.data", folder, number);
+      if (!below(caller, 4)) memset(add->name, 'n', sizeof(add->name));
+      return;
+    }
     case SNBF_GET_DEVICE_LIST:
       *(uint32_t*)record = below(caller, 4);
       return;
@@ -106,14 +116,17 @@ static void* call(void* argument) {
   struct caller* caller = argument;
   int fd = open("/dev/snbf/control", O_RDWR);
   if (fd < 0) return argument;
-  static __thread char record[16384];
+  static __thread char record[16384] __attribute__((aligned(8)));
   for (int i = 0; i < rounds; ++i) {
     unsigned command = commands[below(caller, sizeof(commands) / sizeof(commands[0]))];
+    if (command == SNBF_DEL_NODE && below(caller, 4)) command = SNBF_START_NODE;  // or most minors are nobody's
     if (below(caller, 10)) nearly_right(caller, command, record);
     else fill(caller, record, sizeof(record));
     for (unsigned spoilt = below(caller, 4); spoilt > 1; --spoilt) {
       record[below(caller, SNBF_CMD_SIZE(command))] = (char)next(caller);
     }
+    // A second size of chunks is refused with the node table left locked, too.
+    if (command == SNBF_ADD_SNAP_NODE) ((struct snbf_snap_node_cmd*)record)->chunk_size = 4096;
     if (!below(caller, 30)) command ^= 1u << below(caller, 32);
     uint64_t address = below(caller, 12) ? (uint64_t)record : some_address(caller);
     int rc = ioctl(fd, command, address) == 0 ? 0 : errno;
