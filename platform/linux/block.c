@@ -43,10 +43,11 @@ int snbf_plat_bdev_open(plat_devt device, int mode, plat_open_kind kind, void* h
     kfree(opening);
     return rc;
   }
+  *bdev = (plat_bdev*)snbf_bdev_of_handle(opening->handle);
+  /* From here on it is anybody's: of two shared openings of a device each close takes the one that it finds. */
   spin_lock(&openings_lock);
   list_add(&opening->link, &openings);
   spin_unlock(&openings_lock);
-  *bdev = (plat_bdev*)snbf_bdev_of_handle(opening->handle);
   return 0;
 }
 

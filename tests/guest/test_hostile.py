@@ -1,6 +1,7 @@
 """Callers whose records are random or spoilt, many at once, while nodes live and die under their hands."""
 
 import errno
+import fcntl
 import os
 import subprocess
 import time
@@ -14,6 +15,7 @@ GUEST = {"minutes": 3, "kernels": "installed", "disks": ["a:16M", "b:16M", "stat
 
 SEED = int(os.environ.get("SNBF_SEED", "1"))
 COMMANDS = int(os.environ.get("SNBF_COMMANDS", "4000")) * int(os.environ.get("SNBF_LONG") or 1)
+LOOKS = 1000
 
 # What the driver may answer to anything at all; nothing else may come out.
 ANSWERS = {0, errno.ENOENT, errno.EIO, errno.ENOMEM, errno.EFAULT, errno.EBUSY, errno.EINVAL, errno.ENOTTY,
@@ -59,6 +61,30 @@ def from_many_threads_while_nodes_are_used():
         looker.kill()
         looker.wait()
     kit.equal(set(answers) - ANSWERS, set(), f"answers {answers}")
+
+
+@kit.case
+def a_device_is_opened_and_closed_by_many_at_once():
+    """Its openings are alike, and any close takes any of them."""
+    record = bytes(kit.disk("b").encode().ljust(1024, b"\0"))
+
+    def look():
+        fd = os.open(kit.CONTROL, os.O_RDWR)
+        for _ in range(LOOKS):
+            try:
+                fcntl.ioctl(fd, kit.COMMANDS["TEST_DATABLOCK"], record)
+            except OSError as error:
+                if error.errno not in ANSWERS:
+                    os._exit(error.errno)
+        os._exit(0)
+
+    children = []
+    for _ in range(8):
+        child = os.fork()
+        if child == 0:
+            look()
+        children.append(child)
+    kit.equal([os.waitpid(child, 0)[1] for child in children], [0] * len(children), "callers")
 
 
 @kit.case
