@@ -21,10 +21,10 @@
 
 // Not SNBF_RESUME_SNAP, which refuses with the node table left locked: nothing could be sent after it.
 static const unsigned commands[] = {
-    SNBF_ADD_FILTER_NODE, SNBF_ADD_SNAP_NODE,     SNBF_DEL_NODE, SNBF_START_NODE,
-    SNBF_STOP_NODE,       SNBF_GET_DEVICE_LIST,   SNBF_GET_INFO, SNBF_LOAD_BMP,
-    SNBF_SAVE_BMP,        SNBF_CLR_BMP,           SNBF_SET_BMP,  SNBF_MERGE_BMP,
-    SNBF_GET_BMP,         SNBF_GET_AND_CLR_BMP,   SNBF_GET_DATABLOCK_BMP, SNBF_TEST_DATABLOCK};
+    SNBF_ADD_FILTER_NODE, SNBF_ADD_SNAP_NODE,   SNBF_DEL_NODE,          SNBF_START_NODE,
+    SNBF_STOP_NODE,       SNBF_GET_DEVICE_LIST, SNBF_GET_INFO,          SNBF_LOAD_BMP,
+    SNBF_SAVE_BMP,        SNBF_CLR_BMP,         SNBF_SET_BMP,           SNBF_MERGE_BMP,
+    SNBF_GET_BMP,         SNBF_GET_AND_CLR_BMP, SNBF_GET_DATABLOCK_BMP, SNBF_TEST_DATABLOCK};
 
 static int rounds;
 static const char* folder;
@@ -60,12 +60,18 @@ static uint32_t some_minor(struct caller* caller) {
 
 static uint64_t some_address(struct caller* caller) {
   switch (below(caller, 8)) {
-    case 0: return 0;
-    case 1: return 0xffff888000000000ull + below(caller, 1 << 20);
-    case 2: return (uint64_t)caller->read_only;
-    case 3: return (uint64_t)caller->edge + 2 * PAGE - below(caller, 64);
-    case 4: return next(caller);
-    default: return (uint64_t)caller->edge + below(caller, PAGE);
+    case 0:
+      return 0;
+    case 1:
+      return 0xffff888000000000ull + below(caller, 1 << 20);
+    case 2:
+      return (uint64_t)caller->read_only;
+    case 3:
+      return (uint64_t)caller->edge + 2 * PAGE - below(caller, 64);
+    case 4:
+      return next(caller);
+    default:
+      return (uint64_t)caller->edge + below(caller, PAGE);
   }
 }
 
@@ -74,8 +80,10 @@ static void nearly_right(struct caller* caller, unsigned command, void* record) 
   switch (command) {
     case SNBF_ADD_FILTER_NODE: {
       struct snbf_filter_node_cmd* add = record;
-      if (below(caller, 8)) strcpy(add->hdd_name, devices[below(caller, device_count)]);
-      else fill(caller, add->hdd_name, sizeof(add->hdd_name));
+      if (below(caller, 8))
+        strcpy(add->hdd_name, devices[below(caller, device_count)]);
+      else
+        fill(caller, add->hdd_name, sizeof(add->hdd_name));
       add->minor = below(caller, 3) ? -1 : (int32_t)some_minor(caller);
       add->extent_size = 1u << below(caller, 32);
       strcpy(add->bmp_dir, folder);
@@ -102,7 +110,8 @@ static void nearly_right(struct caller* caller, unsigned command, void* record) 
     default: {
       uint32_t* words = record;
       words[0] = some_minor(caller);
-      if (SNBF_CMD_SIZE(command) >= 8) words[1] = below(caller, 8) ? below(caller, 2) : next(caller);
+      if (SNBF_CMD_SIZE(command) >= 8)
+        words[1] = below(caller, 8) ? below(caller, 2) : next(caller);
       if (SNBF_CMD_SIZE(command) == 24) {
         struct snbf_bmp_cmd* bmp = record;
         bmp->size = below(caller, 3) ? 1 << below(caller, 14) : (int32_t)next(caller);
@@ -119,9 +128,12 @@ static void* call(void* argument) {
   static __thread char record[16384] __attribute__((aligned(8)));
   for (int i = 0; i < rounds; ++i) {
     unsigned command = commands[below(caller, sizeof(commands) / sizeof(commands[0]))];
-    if (command == SNBF_DEL_NODE && below(caller, 4)) command = SNBF_START_NODE;  // or most minors are nobody's
-    if (below(caller, 10)) nearly_right(caller, command, record);
-    else fill(caller, record, sizeof(record));
+    if (command == SNBF_DEL_NODE && below(caller, 4))
+      command = SNBF_START_NODE;  // or most minors are nobody's
+    if (below(caller, 10))
+      nearly_right(caller, command, record);
+    else
+      fill(caller, record, sizeof(record));
     for (unsigned spoilt = below(caller, 4); spoilt > 1; --spoilt) {
       record[below(caller, SNBF_CMD_SIZE(command))] = (char)next(caller);
     }
@@ -146,7 +158,8 @@ int main(int argc, char** argv) {
   struct caller* callers = calloc(threads, sizeof(*callers));
   for (int i = 0; i < threads; ++i) {
     callers[i].state = strtoull(argv[1], NULL, 10) * 1000003 + i + 1;
-    callers[i].edge = mmap(NULL, 3 * PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    callers[i].edge =
+        mmap(NULL, 3 * PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     munmap(callers[i].edge + 2 * PAGE, PAGE);
     callers[i].read_only = mmap(NULL, PAGE, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     pthread_create(&callers[i].thread, NULL, call, &callers[i]);
