@@ -16,15 +16,6 @@ constexpr const char* kOrigin = "snbf_ioctl_resume_snap";
 constexpr int kReopenFlags = PLAT_O_RDWR | PLAT_O_SYNC | PLAT_O_LARGEFILE;
 constexpr int kFileMode = 0600;
 
-// The node's filter started, and its COW thread too, if it can be. The filter's mutex is held.
-int start_below(FilterNode& filter) {
-  if (filter.started.load() == 0) {
-    if (int rc = snbf_block_start_device(filter); rc != 0) return rc;
-  }
-  ensure_cow_thread(filter);
-  return 0;
-}
-
 int reopen(SnapNode& snap) {
   snap.cow_data_file = snbf_fopen(snap.cow_data_fname, kReopenFlags, kFileMode);
   if (snap.cow_data_file == nullptr) return -EIO;
@@ -71,18 +62,15 @@ void restore_states(SnapNode& snap, const snbf_resume_cmd& record) {
 // node_mutex is held.
 int resume(SnapNode& snap, const snbf_resume_cmd& record) {
   FilterNode& filter = *snap.filter_node;
-  int rc;
-  {
-    KsMutexGuard life{filter.node_mutex};
-    rc = start_below(filter);
-  }
+  bool has_thread;
+  int rc = start_below(filter, &has_thread);
   if (rc == 0) rc = reopen(snap);
   if (rc == 0 && record.snap_valid != 0) rc = judge_files(snap);
   if (rc == 0) rc = snbf_blkbmp_init(&snap.blkbmp);
   if (rc == 0) {
     // Again, and with the mutex kept: the filter may have been stopped in between.
     KsMutexGuard life{filter.node_mutex};
-    rc = start_below(filter);
+    rc = start_below(filter, &has_thread);
     if (rc == 0) restore_states(snap, record);
   }
   if (rc != 0) drop_snap_resources(snap);

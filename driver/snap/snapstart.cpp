@@ -68,10 +68,14 @@ bool is_overtaken(const SnapNode& snap) {
   return false;
 }
 
-bool ensure_cow_thread(FilterNode& filter) {
+int start_below(FilterNode& filter, bool* has_thread) {
   KsMutexGuard life{filter.node_mutex};
-  if (filter.cowthread.pid.load() != 0) return true;
-  return snbf_cowthread_start(&filter.cowthread, "kcowd", &filter) == 0;
+  if (filter.started.load() == 0) {
+    if (int rc = snbf_block_start_device(filter); rc != 0) return rc;
+  }
+  *has_thread = filter.cowthread.pid.load() != 0 ||
+                snbf_cowthread_start(&filter.cowthread, "kcowd", &filter) == 0;
+  return 0;
 }
 
 void drop_snap_resources(SnapNode& snap) {
@@ -90,13 +94,8 @@ int start_snap(SnapNode& snap) {
     snbf_log(kLogError, "%s(): Cannot restart a DEFUNCT snap device.", kOrigin);
     return -EINVAL;
   }
-  FilterNode& filter = *snap.filter_node;
-  if (filter.started.load() == 0) {
-    // Somebody else may have been faster.
-    const int rc = snbf_block_start_device(filter);
-    if (rc != 0 && rc != -EALREADY) return rc;
-  }
-  const bool has_thread = ensure_cow_thread(filter);
+  bool has_thread;
+  if (int rc = start_below(*snap.filter_node, &has_thread); rc != 0) return rc;
   int rc = prepare(snap);
   if (rc == 0) rc = take_image(snap, has_thread);
   if (rc != 0) drop_snap_resources(snap);

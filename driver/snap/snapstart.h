@@ -19,8 +19,10 @@ void read_block_map(SnapNode& snap);
 // Whether a snap that is newer in the list is started. The table's lock is held.
 bool is_overtaken(const SnapNode& snap);
 
-// Starts the COW thread if it does not run. False: it could not be, which is logged. May sleep.
-bool ensure_cow_thread(FilterNode& filter);
+// Starts the filter, and its COW thread, if they are not. Both at once: a stop in between, and a start of the snap that
+// fails behind it, would leave the thread to nobody. 0 or a negative error; `has_thread`: the thread runs, or it
+// could not be started, which is logged. May sleep.
+int start_below(FilterNode& filter, bool* has_thread);
 // Closes the COW files and frees the maps. No request and no COW thread uses them any more.
 void drop_snap_resources(SnapNode& snap);
 

@@ -72,6 +72,19 @@ SIM_TEST(StartSnap, FilesWhoseEmptinessIsNotOnDiskAreNoneToStartWith) {
   EXPECT_EQ(start_node(sim, 7), 0);
 }
 
+// Nobody would end it, and the filter could be deleted under its hands.
+SIM_TEST_SEEDS(StartSnap, ThatFailsWhileTheFilterIsStoppedLeavesItNoThread, 60) {
+  SnapBench bench(sim);
+  ASSERT_EQ(bench.add(7), 0);
+  sim.fail_always(Fault::FileOpen, -EIO);
+  Task* stopper = sim.spawn("stopper", [&] { EXPECT_EQ(stop_node(sim, kOrigin), 0); });
+  EXPECT_EQ(start_node(sim, 7), -EIO);
+  sim.join(stopper);
+  const bool is_started = info_of(sim, kOrigin).started != 0;
+  EXPECT_TRUE(is_started || bench.filter()->cowthread.pid.load() == 0);
+  sim.clear_faults();
+}
+
 // A stop that was postponed makes it DEFUNCT.
 SIM_TEST(StartSnap, ADefunctOneIsRefused) {
   SnapBench bench(sim);
