@@ -62,15 +62,14 @@ void restore_states(SnapNode& snap, const snbf_resume_cmd& record) {
 // node_mutex is held.
 int resume(SnapNode& snap, const snbf_resume_cmd& record) {
   FilterNode& filter = *snap.filter_node;
-  bool has_thread;
-  int rc = start_below(filter, &has_thread);
+  int rc = start_below(filter).error();
   if (rc == 0) rc = reopen(snap);
   if (rc == 0 && record.snap_valid != 0) rc = judge_files(snap);
   if (rc == 0) rc = snbf_blkbmp_init(&snap.blkbmp);
   if (rc == 0) {
     // Again, and with the mutex kept: the filter may have been stopped in between.
     KsMutexGuard life{filter.node_mutex};
-    rc = start_below(filter, &has_thread);
+    rc = start_below(filter).error();
     if (rc == 0) restore_states(snap, record);
   }
   if (rc != 0) drop_snap_resources(snap);

@@ -68,14 +68,13 @@ bool is_overtaken(const SnapNode& snap) {
   return false;
 }
 
-int start_below(FilterNode& filter, bool* has_thread) {
+Result<bool> start_below(FilterNode& filter) {
   KsMutexGuard life{filter.node_mutex};
   if (filter.started.load() == 0) {
-    if (int rc = snbf_block_start_device(filter); rc != 0) return rc;
+    if (int rc = snbf_block_start_device(filter); rc != 0) return Result<bool>::failure(rc);
   }
-  *has_thread = filter.cowthread.pid.load() != 0 ||
-                snbf_cowthread_start(&filter.cowthread, "kcowd", &filter) == 0;
-  return 0;
+  if (filter.cowthread.pid.load() != 0) return true;
+  return snbf_cowthread_start(&filter.cowthread, "kcowd", &filter) == 0;
 }
 
 void drop_snap_resources(SnapNode& snap) {
@@ -94,10 +93,10 @@ int start_snap(SnapNode& snap) {
     snbf_log(kLogError, "%s(): Cannot restart a DEFUNCT snap device.", kOrigin);
     return -EINVAL;
   }
-  bool has_thread;
-  if (int rc = start_below(*snap.filter_node, &has_thread); rc != 0) return rc;
+  const Result<bool> has_thread = start_below(*snap.filter_node);
+  if (!has_thread.ok()) return has_thread.error();
   int rc = prepare(snap);
-  if (rc == 0) rc = take_image(snap, has_thread);
+  if (rc == 0) rc = take_image(snap, has_thread.value());
   if (rc != 0) drop_snap_resources(snap);
   return rc;
 }

@@ -2,6 +2,7 @@
 // The snap's side of starting and stopping a node.
 #pragma once
 
+#include "base/result.h"
 #include "block/node.h"
 
 namespace snbf {
@@ -20,9 +21,9 @@ void read_block_map(SnapNode& snap);
 bool is_overtaken(const SnapNode& snap);
 
 // Starts the filter, and its COW thread, if they are not. Both at once: a stop in between, and a start of the snap that
-// fails behind it, would leave the thread to nobody. 0 or a negative error; `has_thread`: the thread runs, or it
-// could not be started, which is logged. May sleep.
-int start_below(FilterNode& filter, bool* has_thread);
+// fails behind it, would leave the thread to nobody. Whether the thread runs (that it could not be started is logged), or
+// the filter's negative error. May sleep.
+Result<bool> start_below(FilterNode& filter);
 // Closes the COW files and frees the maps. No request and no COW thread uses them any more.
 void drop_snap_resources(SnapNode& snap);
 

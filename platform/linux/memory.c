@@ -35,12 +35,12 @@ void snbf_plat_cache_destroy(plat_cache* cache) { kmem_cache_destroy((struct kme
 
 /*
  * The detectors of a debug kernel keep books on each object, which makes a node's reserves half a minute of an
- * emulated machine. An eighth still holds what the largest request needs at once.
+ * emulated machine. There they hold what the largest request needs at once: 4 MiB of blocks of 4 KiB, and one.
  */
-#define RESERVE_DIVISOR (IS_ENABLED(CONFIG_KASAN) ? 8 : 1)
+#define RESERVE_LIMIT (IS_ENABLED(CONFIG_KASAN) ? 1025 : INT_MAX)
 
 plat_pool* snbf_plat_pool_create(int reserve, plat_cache* cache) {
-  return (plat_pool*)mempool_create_slab_pool(reserve / RESERVE_DIVISOR, (struct kmem_cache*)cache);
+  return (plat_pool*)mempool_create_slab_pool(min(reserve, RESERVE_LIMIT), (struct kmem_cache*)cache);
 }
 
 void snbf_plat_pool_destroy(plat_pool* pool) { mempool_destroy((mempool_t*)pool); }

@@ -22,10 +22,10 @@ LEFT_OUT = {
     "harness": "it tests the runner, not the driver",
 }
 
-# The emulated ACPI interpreter times out on these kernels. The emulated time stamp counters are one, and every other
-# clock is a device, which costs a hundred times as much to read. kmemleak looks when it is asked (watch.py), and reads the
-# whole log buffer then. The two processors may share a real one, and then a watched access must last until the other's
-# turn: fewer are watched, for longer.
+# The emulated ACPI interpreter times out on these kernels. The emulated time stamp counters agree, and every other
+# clock is a device, which is slow to read. kmemleak looks when it is asked (watch.py), and reads the whole log buffer
+# then. The two processors may share a real one, and then a watched access must last until the other's turn: fewer are
+# watched, for longer.
 WORDS = {"kasan": ("acpi=noirq", "tsc=reliable", "kmemleak=on", "log_buf_len=4M"),
          "kcsan": ("acpi=noirq", "tsc=reliable", "kcsan.udelay_task=400", "kcsan.skip_watch=8000")}
 

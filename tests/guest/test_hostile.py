@@ -2,6 +2,7 @@
 
 import errno
 import fcntl
+import multiprocessing
 import os
 import subprocess
 import time
@@ -66,7 +67,7 @@ def from_many_threads_while_nodes_are_used():
 @kit.case
 def a_device_is_opened_and_closed_by_many_at_once():
     """Its openings are alike, and any close takes any of them."""
-    record = bytes(kit.disk("b").encode().ljust(1024, b"\0"))
+    record = kit.disk("b").encode().ljust(1024, b"\0")
 
     def look():
         fd = os.open(kit.CONTROL, os.O_RDWR)
@@ -75,16 +76,14 @@ def a_device_is_opened_and_closed_by_many_at_once():
                 fcntl.ioctl(fd, kit.COMMANDS["TEST_DATABLOCK"], record)
             except OSError as error:
                 if error.errno not in ANSWERS:
-                    os._exit(error.errno)
-        os._exit(0)
+                    raise
 
-    children = []
-    for _ in range(8):
-        child = os.fork()
-        if child == 0:
-            look()
-        children.append(child)
-    kit.equal([os.waitpid(child, 0)[1] for child in children], [0] * len(children), "callers")
+    callers = [multiprocessing.get_context("fork").Process(target=look) for _ in range(8)]
+    for caller in callers:
+        caller.start()
+    for caller in callers:
+        caller.join()
+    kit.equal([caller.exitcode for caller in callers], [0] * len(callers), "callers")
 
 
 @kit.case

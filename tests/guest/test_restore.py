@@ -12,8 +12,8 @@ import mapper
 from kit import MIB
 from tool import TOOL, answer, good, refused, tool
 
-GUEST = {"quick": True, "minutes": 3, "kernels": "installed", "disks": ["a:64M", "back:96M", "small:32M", "store:384M", "state:64M"],
-         "limit": 500}
+GUEST = {"quick": True, "minutes": 3, "kernels": "installed", "limit": 500,
+         "disks": ["a:64M", "back:96M", "small:32M", "store:384M", "state:64M"]}
 
 DEST = "/mnt/store/chain"
 NODE = "/dev/snbf/snbf0"
