@@ -116,7 +116,3 @@ int snbf_plat_bdev_ioctl(plat_bdev* bdev, int mode, unsigned cmd, unsigned long 
   if (!ops->ioctl) return 0;
   return ops->ioctl(bdev_of(bdev), (__force snbf_blk_mode)mode, cmd, arg);
 }
-
-int snbf_plat_bdev_freeze(plat_bdev* bdev) { return snbf_bdev_freeze(bdev_of(bdev)); }
-
-int snbf_plat_bdev_thaw(plat_bdev* bdev) { return snbf_bdev_thaw(bdev_of(bdev)); }

@@ -9,6 +9,7 @@
 #include <linux/blkdev.h>
 #include <linux/device.h>
 #include <linux/fs.h>
+#include <linux/rcupdate.h>
 
 #include "probes.h"
 
@@ -137,7 +138,8 @@ static inline int snbf_bdev_freeze(struct block_device* bdev) {
 /*
  * Where they are counted (6.8), freezes nest: one by hand and one of the device. But taking back one
  * of several is answered with -EINVAL, and the device then goes on counting it: no later freeze of it
- * would freeze anything.
+ * would freeze anything. Before, so is taking back one that somebody has thawed by hand meanwhile, and
+ * a device that counts a freeze cannot be mounted either.
  */
 static inline int snbf_bdev_thaw(struct block_device* bdev) {
 #if SNBF_HAVE_BDEV_FREEZE
@@ -147,10 +149,34 @@ static inline int snbf_bdev_thaw(struct block_device* bdev) {
   mutex_lock(&bdev->bd_fsfreeze_mutex);
   atomic_dec_if_positive(&bdev->bd_fsfreeze_count);
   mutex_unlock(&bdev->bd_fsfreeze_mutex);
-  return 0;
 #else
-  return thaw_bdev(bdev);
+  const int rc = thaw_bdev(bdev);
+
+  if (rc != -EINVAL) return rc;
+  mutex_lock(&bdev->bd_fsfreeze_mutex);
+  if (bdev->bd_fsfreeze_count > 0 && --bdev->bd_fsfreeze_count == 0) bdev->bd_fsfreeze_sb = NULL;
+  mutex_unlock(&bdev->bd_fsfreeze_mutex);
 #endif
+  return 0;
+}
+
+/* The file system that is mounted on the device, kept alive as a mount keeps it; null if there is none. */
+static inline struct super_block* snbf_bdev_hold_file_system(struct block_device* bdev) {
+  struct super_block* sb = NULL;
+
+#if SNBF_HAVE_FS_HOLDER_OPS
+  mutex_lock(&bdev->bd_holder_lock);
+  if (bdev->bd_holder_ops == &fs_holder_ops) sb = bdev->bd_holder;
+  if (sb && !atomic_inc_not_zero(&sb->s_active)) sb = NULL;
+  mutex_unlock(&bdev->bd_holder_lock);
+#else
+  /* A super block is freed behind a grace period that begins after this pointer to it is gone. */
+  rcu_read_lock();
+  sb = READ_ONCE(bdev->bd_super);
+  if (sb && !atomic_inc_not_zero(&sb->s_active)) sb = NULL;
+  rcu_read_unlock();
+#endif
+  return sb;
 }
 
 #if !SNBF_HAVE_LIMIT_FEATURES

@@ -5,6 +5,7 @@
 #include <linux/rcupdate.h>
 
 #include "bio.h"
+#include "freeze.h"
 #include "module.h"
 #include "platform/entry.h"
 
@@ -36,17 +37,23 @@ static int __init snbf_module_load(void) {
   int rc = snbf_bio_sets_init();
 
   if (rc != 0) return rc;
+  rc = snbf_freezes_init();
+  if (rc != 0) goto no_freezes;
   rc = snbf_kernel_calls_init();
-  if (rc == 0) {
-    rc = load_driver();
-    if (rc != 0) snbf_kernel_calls_exit();
-  }
-  if (rc != 0) snbf_bio_sets_exit();
+  if (rc != 0) goto no_kernel_calls;
+  rc = load_driver();
+  if (rc == 0) return 0;
+  snbf_kernel_calls_exit();
+no_kernel_calls:
+  snbf_freezes_exit();
+no_freezes:
+  snbf_bio_sets_exit();
   return rc;
 }
 
 static void __exit snbf_module_unload(void) {
   snbf_unload();
+  snbf_freezes_exit();
   snbf_kernel_calls_exit();
   snbf_bio_sets_exit();
   /* Freeing the module waits by itself for those that cannot be preempted, as in an interrupt. */

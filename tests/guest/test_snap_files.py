@@ -1,16 +1,21 @@
 """Snaps of file systems at work: whole for fsck, with every byte that was synced before their start."""
 
 import contextlib
+import errno
 import fcntl
 import hashlib
+import mmap
 import multiprocessing
 import os
 import random
+import struct
 import subprocess
+import threading
 import time
 
 import images
 import kit
+import mapper
 import writers
 from kit import KIB, MIB
 
@@ -19,6 +24,7 @@ GUEST = {"minutes": 6, "disks": ["both:400M", "ext4:160M", "xfs:320M", "scratch:
 
 SEED = 20240717
 FIFREEZE, FITHAW = 0xc0045877, 0xc0045878
+FIBMAP = 1
 KINDS = {
     "ext3": (["mkfs.ext3", "-q", "-F"], "noload"),
     "ext4": (["mkfs.ext4", "-q", "-F"], "noload"),
@@ -196,6 +202,113 @@ def ext4_with_chunks_of_4_kib():
 @kit.case(once=True)
 def xfs_with_chunks_of_64_kib():
     file_system("xfs", kit.disk("xfs"), 64 * KIB)
+
+
+def ask_file_system(folder, request):
+    """FIFREEZE or FITHAW: 0 or the error."""
+    fd = os.open(folder, os.O_RDONLY)
+    try:
+        fcntl.ioctl(fd, request, 0)
+        return 0
+    except OSError as error:
+        return error.errno
+    finally:
+        os.close(fd)
+
+
+def place_of(path):
+    """Where the file's first block lies on its device, in bytes."""
+    with open(path, "rb") as opened:
+        block, = struct.unpack("I", fcntl.ioctl(opened, FIBMAP, struct.pack("I", 0)))
+        return block * os.statvfs(path).f_bsize
+
+
+def write_past_the_file_system(path, offset):
+    fd = os.open(path, os.O_WRONLY | os.O_DIRECT)
+    os.pwrite(fd, mmap.mmap(-1, 4 * KIB), offset)
+    os.close(fd)
+
+
+class Instant:
+    """The start of a snap while a write waits for an older snap, whose store stalls: it lasts until go_on()."""
+
+    def __init__(self, minor, node, offset, store):
+        self.minor = minor
+        self.results = []
+        self.store = store
+        store.stall()
+        self.threads = [threading.Thread(target=write_past_the_file_system, args=(node, offset)),
+                        threading.Thread(target=self.start)]
+        self.threads[0].start()
+        kit.wait_until(lambda: int(kit.proc("cowqueue_len", 0)) > 0, 30, "a write is held")
+        self.threads[1].start()
+
+    def start(self):
+        self.results.append(kit.start(self.minor))
+
+    def go_on(self):
+        self.store.go_on()
+        for thread in self.threads:
+            thread.join()
+        kit.equal(self.results, [0], "start")
+
+
+@contextlib.contextmanager
+def store_that_stalls(folder):
+    kit.run("modprobe", "-a", "dm-mod", "dm-flakey")
+    store = mapper.Mapped("slow", kit.disk("scratch"))
+    kit.run("mkfs.ext4", "-q", "-F", store.path)
+    kit.run("mount", store.path, folder)
+    yield store
+    kit.run("umount", folder)
+    store.remove()
+
+
+def thaw_in_the_instant(unmounts):
+    """By hand, and perhaps an unmount behind it: the file system can be mounted as before when the instant is over."""
+    disk, folder, slow = kit.disk("ext4"), "/mnt/thawed", "/mnt/slow"
+    for path in (folder, slow):
+        os.makedirs(path, exist_ok=True)
+    kit.run("mkfs.ext4", "-q", "-F", "-E", "lazy_itable_init=0,lazy_journal_init=0", disk)
+    with store_that_stalls(slow) as store, kit.node(disk, "/mnt/store", minor=0):
+        node = kit.node_path("snbf0")
+        kit.run("mount", "-o", "noatime", node, folder)
+        with open(f"{folder}/file", "wb") as out:
+            out.write(bytes(MIB))
+            os.fsync(out.fileno())
+        for minor, where in ((1, slow), (2, "/mnt/store")):
+            kit.done(kit.add_snap(0, f"{where}/thawed", minor=minor)[0], "add snap")
+        kit.done(kit.start(1), "start")
+        kit.run("umount", folder)
+        kit.run("mount", "-o", "noatime", node, folder)
+        offset = place_of(f"{folder}/file")
+        # What opening, freezing and unmounting write themselves has its copy then, and need not wait.
+        for request in (FIFREEZE, FITHAW):
+            kit.equal(ask_file_system(folder, request), 0, "by hand")
+        instant = Instant(2, node, offset, store)
+        kit.wait_until(lambda: ask_file_system(folder, FITHAW) != errno.EINVAL, 30, "the freeze")
+        if unmounts:
+            kit.run("umount", folder)
+        instant.go_on()
+        if not unmounts:
+            kit.run("umount", folder)
+        kit.run("mount", "-o", "noatime", node, folder)
+        kit.run("umount", folder)
+        kit.wait_until(lambda: kit.info(0).use_cnt == 0, 30, "the node is closed")
+        for minor in (1, 2):
+            kit.done(kit.stop(minor), "stop")
+            kit.done(kit.delete(minor), "delete snap")
+    kit.run("e2fsck", "-fn", disk)
+
+
+@kit.case
+def a_thaw_by_hand_in_the_instant_leaves_nothing_frozen():
+    thaw_in_the_instant(unmounts=False)
+
+
+@kit.case
+def an_unmount_behind_such_a_thaw_is_no_trap():
+    thaw_in_the_instant(unmounts=True)
 
 
 @kit.case(once=True)
