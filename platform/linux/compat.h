@@ -8,6 +8,7 @@
 
 #include <linux/blkdev.h>
 #include <linux/device.h>
+#include <linux/file.h>
 #include <linux/fs.h>
 #include <linux/rcupdate.h>
 
@@ -62,8 +63,11 @@ static inline snbf_bdev_handle* snbf_bdev_open(dev_t device, snbf_blk_mode mode,
 static inline struct block_device* snbf_bdev_of_handle(snbf_bdev_handle* handle) {
   return file_bdev(handle);
 }
+/* The last reference is ours: else the device would stay open until this task is back in user space. */
 static inline void snbf_bdev_close(snbf_bdev_handle* handle, snbf_blk_mode mode, void* holder) {
+  get_file(handle);
   bdev_fput(handle);
+  __fput_sync(handle);
 }
 #elif SNBF_HAVE_BDEV_HANDLE
 typedef struct bdev_handle snbf_bdev_handle;
