@@ -16,6 +16,7 @@
 #include <linux/delay.h>
 #include <linux/jiffies.h>
 #include <linux/part_stat.h>
+#include <linux/slab.h>
 
 #include "compat.h"
 #include "gfp.h"
@@ -25,8 +26,11 @@
 
 #define MAX_REQUEST_SECTORS ((4u << 20) >> SECTOR_SHIFT)
 
-/* A reserve for forward progress; memory beyond it comes from the slab. */
-#define OWN_BIO_RESERVE 64
+/*
+ * A reserve for forward progress; memory beyond it comes from the slab. It is for clones alone, each of which
+ * comes back when its request is done: what the driver makes for itself may be kept, and may be refused.
+ */
+#define CLONE_RESERVE 64
 #define SPLIT_BIO_RESERVE 16
 
 /* A request of the driver's own. */
@@ -37,7 +41,13 @@ struct own_bio {
   struct bio bio; /* last: its vectors follow */
 };
 
-static struct bio_set own_bios;
+/* One that is no clone, and has its own vector. */
+struct page_bio {
+  struct own_bio own;
+  struct bio_vec vector;
+};
+
+static struct bio_set clones;
 static struct bio_set split_bios;
 
 /* Requests of the driver's own that are not freed yet. */
@@ -54,12 +64,11 @@ static struct own_bio* own_of(const plat_bio* bio) {
 }
 
 int snbf_bio_sets_init(void) {
-  int rc =
-      bioset_init(&own_bios, OWN_BIO_RESERVE, offsetof(struct own_bio, bio), BIOSET_NEED_BVECS);
+  int rc = bioset_init(&clones, CLONE_RESERVE, offsetof(struct own_bio, bio), 0);
 
   if (rc != 0) return rc;
   rc = bioset_init(&split_bios, SPLIT_BIO_RESERVE, 0, 0);
-  if (rc != 0) bioset_exit(&own_bios);
+  if (rc != 0) bioset_exit(&clones);
   return rc;
 }
 
@@ -71,7 +80,7 @@ int snbf_bio_sets_init(void) {
 void snbf_bio_sets_exit(void) {
   while (atomic_read(&own_bios_live) > 0) msleep(1);
   bioset_exit(&split_bios);
-  bioset_exit(&own_bios);
+  bioset_exit(&clones);
 }
 
 /*
@@ -185,8 +194,8 @@ static plat_bio* own_bio_begin(struct bio* bio) {
 
 plat_bio* snbf_plat_bio_clone(plat_bio* original, plat_alloc_mode mode) {
   struct bio* from = bio_of(original);
-  /* Of no device yet: each that it is given is looked up in its control group. */
-  struct bio* clone = bio_alloc_clone(NULL, from, snbf_gfp(mode), &own_bios);
+  /* Of the same device for now, which lets it begin in the original's control group. */
+  struct bio* clone = bio_alloc_clone(from->bi_bdev, from, snbf_gfp(mode), &clones);
 
   if (!clone) return NULL;
   account_begin(from);
@@ -194,9 +203,11 @@ plat_bio* snbf_plat_bio_clone(plat_bio* original, plat_alloc_mode mode) {
 }
 
 plat_bio* snbf_plat_bio_alloc(plat_alloc_mode mode) {
-  struct bio* bio = bio_alloc_bioset(NULL, 1, REQ_OP_READ, snbf_gfp(mode), &own_bios);
+  struct page_bio* page = kmalloc(sizeof(*page), snbf_gfp(mode));
 
-  return bio ? own_bio_begin(bio) : NULL;
+  if (!page) return NULL;
+  bio_init(&page->own.bio, NULL, &page->vector, 1, REQ_OP_READ);
+  return own_bio_begin(&page->own.bio);
 }
 
 void snbf_plat_bio_set_page(plat_bio* request, int write, plat_u64 sector, void* data,
@@ -249,11 +260,20 @@ void snbf_plat_bio_submit_all(plat_bio* const* bios, int count, plat_bdev* bdev)
   blk_finish_plug(&plug);
 }
 
+static void free_own_bio(struct bio* bio) {
+  if (bio->bi_pool) {
+    bio_put(bio);
+    return;
+  }
+  bio_uninit(bio);
+  kfree(container_of(bio, struct page_bio, own.bio));
+}
+
 void snbf_plat_bio_put(plat_bio* bio) {
   const plat_bio_hooks* hooks = own_of(bio)->hooks;
 
   if (hooks && hooks->destroy) hooks->destroy(bio);
-  bio_put(bio_of(bio));
+  free_own_bio(bio_of(bio));
   atomic_dec(&own_bios_live);
 }
 

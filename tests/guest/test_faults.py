@@ -7,6 +7,7 @@ command is spared memory faults, the creation of a snap: by its contract two of 
 import ctypes
 import errno
 import fcntl
+import glob
 import os
 import random
 import struct
@@ -18,6 +19,7 @@ from tool import TOOL
 
 GUEST = {"kernels": "debug", "minutes": 10, "flavours": {"kasan": ["main"]}, "limit": 500,
          "disks": ["a:16M", "state:64M", "store:64M"],
+         "words": ["slub_debug=A,bio-*"],  # what requests are made of: with a filter, failslab hits these alone
          # The file system below and the detectors are short of memory too, and may say so.
          "allow": [r"EXT4-fs", r"Buffer I/O error on dev", "kmemleak: Cannot allocate a scan area",
                    # What the kernel shows of a pool that it has no memory for.
@@ -225,6 +227,30 @@ def a_snap_s_life_survives_memory_faults_in_every_thread():
                 pass
         clean_up()
     os.close(fd)
+
+
+@kit.case
+def a_snap_starts_while_requests_come_from_their_reserves_alone():
+    """Starting takes many requests and keeps them: out of a reserve they would never come back."""
+    pools = glob.glob("/sys/kernel/slab/bio-*/failslab")
+    kit.check(pools, "slabs of requests")
+    for pool in pools:
+        with open(pool, encoding="ascii") as aimed_at:
+            kit.equal(aimed_at.read(), "1\n", pool)
+    kit.done(kit.add(kit.disk("a"), kit.state_folder("state"), minor=0)[0], "add")
+    kit.done(kit.start(0), "start")
+    kit.done(kit.control("ADD_SNAP_NODE", snap_record(kit.state_folder("store"))), "add snap")
+    fd = os.open(kit.CONTROL, os.O_RDWR)
+    setting("failslab", "cache-filter", "Y")
+    faults("failslab", 100)
+    setting("failslab", "task-filter", "N")
+    answers = [ask(fd, "START_NODE", of_minor(1), aimed=False)]
+    rewrite("/dev/snbf/snbf0", random.Random(SEED))
+    faults("failslab", 0)
+    setting("failslab", "cache-filter", "N")
+    os.close(fd)
+    kit.equal(answers, [0], "start")
+    clean_up()
 
 
 @kit.case

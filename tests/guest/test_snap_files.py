@@ -311,6 +311,51 @@ def an_unmount_behind_such_a_thaw_is_no_trap():
     thaw_in_the_instant(unmounts=True)
 
 
+def bytes_written(group, device):
+    """What the group is charged with on the disk."""
+    number = os.stat(device).st_rdev
+    with open(f"{group}/io.stat", encoding="ascii") as lines:
+        for line in lines:
+            words = line.split()
+            if words[0] == f"{os.major(number)}:{os.minor(number)}":
+                return int(dict(word.split("=") for word in words[1:])["wbytes"])
+    return 0
+
+
+@kit.case
+def the_writer_s_control_group_is_charged_for_what_a_snap_holds_back():
+    disk, folder, groups = kit.disk("ext4"), "/mnt/charged", "/tmp/groups"
+    group = f"{groups}/writer"
+    for path in (folder, groups):
+        os.makedirs(path)
+    kit.run("mount", "-t", "cgroup2", "none", groups)
+    with open(f"{groups}/cgroup.subtree_control", "w", encoding="ascii") as out:
+        out.write("+io +memory")
+    os.makedirs(group)
+    kit.run("mkfs.ext4", "-q", "-F", disk)
+
+    def write():
+        """Into the page cache; what the flusher then writes is the group's, to whom the pages belong."""
+        kit.run("sh", "-c", f"echo $$ >{group}/cgroup.procs && exec dd if=/dev/zero of={folder}/file bs=1M count=8 "
+                            "conv=notrunc")
+        kit.run("sync")
+        return bytes_written(group, disk)
+
+    with kit.node(disk, "/mnt/store", minor=0):
+        kit.run("mount", kit.node_path("snbf0"), folder)
+        before = write()
+        kit.check(before >= 8 * MIB, f"charged with {before} bytes without a snap")
+        kit.done(kit.add_snap(0, "/mnt/store/charged", minor=1)[0], "add snap")
+        kit.done(kit.start(1), "start")
+        charged = write() - before
+        kit.check(charged >= 8 * MIB, f"charged with {charged} bytes")
+        kit.run("umount", folder)
+        kit.done(kit.stop(1), "stop")
+        kit.done(kit.delete(1), "delete snap")
+    os.rmdir(group)
+    kit.run("umount", groups)
+
+
 @kit.case(once=True)
 def ext3_whose_snaps_lie_on_the_same_disk():
     volume, store = kit.partitions(kit.disk("both"), 2, 190)
