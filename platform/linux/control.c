@@ -2,6 +2,7 @@
 /* The control device: a character device, and its file through the kernel's own /dev. */
 #include "platform/control.h"
 
+#include <linux/cdev.h>
 #include <linux/device.h>
 #include <linux/fs.h>
 #include <linux/module.h>
@@ -13,7 +14,11 @@
 /* The "!" becomes a "/": the file's folder is also that of the node files. */
 #define CONTROL_FILE "snbf!control"
 
+/* Every minor of the major is the control device. */
+#define CONTROL_MINORS 256
+
 static struct class* control_class;
+static struct cdev control_cdev;
 static bool published;
 
 static int control_open(struct inode* inode, struct file* file) {
@@ -58,27 +63,50 @@ static int control_class_create(const char* name) {
   return 0;
 }
 
+/* Reachable last of all, and nothing here can fail behind that. */
 int snbf_control_publish(void) {
-  struct device* device = device_create(control_class, NULL, MKDEV(snbf_chr_major, 0), NULL, CONTROL_FILE);
+  const dev_t number = MKDEV(snbf_chr_major, 0);
+  struct device* device = device_create(control_class, NULL, number, NULL, CONTROL_FILE);
+  int rc;
 
-  published = !IS_ERR(device);
-  return published ? 0 : PTR_ERR(device);
+  if (IS_ERR(device)) return PTR_ERR(device);
+  cdev_init(&control_cdev, &control_operations);
+  control_cdev.owner = THIS_MODULE;
+  rc = cdev_add(&control_cdev, number, CONTROL_MINORS);
+  published = rc == 0;
+  if (rc != 0) device_destroy(control_class, number);
+  return rc;
+}
+
+static int numbers_register(int major, const char* name) {
+  dev_t first;
+  int rc;
+
+  if (major < 0 || major >= CHRDEV_MAJOR_MAX) return -EINVAL;
+  if (major > 0) return register_chrdev_region(MKDEV(major, 0), CONTROL_MINORS, name);
+  rc = alloc_chrdev_region(&first, 0, CONTROL_MINORS, name);
+  return rc == 0 ? MAJOR(first) : rc;
 }
 
 int snbf_plat_chrdev_register(int major, const char* name) {
-  const int granted = register_chrdev(major, name, &control_operations);
+  const int granted = numbers_register(major, name);
   int rc;
 
   if (granted < 0) return granted;
   rc = control_class_create(name);
   if (rc == 0) return granted;
-  unregister_chrdev(major != 0 ? major : granted, name);
+  unregister_chrdev_region(MKDEV(major != 0 ? major : granted, 0), CONTROL_MINORS);
   return rc;
 }
 
 void snbf_plat_chrdev_unregister(int major, const char* name) {
-  if (published) device_destroy(control_class, MKDEV(major, 0));
+  const dev_t number = MKDEV(major, 0);
+
+  if (published) {
+    cdev_del(&control_cdev);
+    device_destroy(control_class, number);
+  }
   published = false;
   class_destroy(control_class);
-  unregister_chrdev(major, name);
+  unregister_chrdev_region(number, CONTROL_MINORS);
 }

@@ -6,6 +6,8 @@ import os
 import re
 import stat
 import struct
+import subprocess
+import threading
 import time
 
 import kit
@@ -517,6 +519,37 @@ def bad_parameters_fail_the_load():
     kit.check(any("snbf_block_init(): Failed to register block device: rc=-16." in text for text in texts), texts)
     kit.check(not os.path.exists("/proc/snbf") and not os.path.exists(kit.CONTROL), "undone")
     kit.load()
+    kit.unload()
+
+
+@kit.case
+def a_load_that_fails_was_never_open_to_anybody():
+    """Whoever had the control device open then would go on in freed memory."""
+    path = "/tmp/control"
+    os.mknod(path, stat.S_IFCHR | 0o600, os.makedev(MAJOR, 0))
+    # The kernel would look for a module of that major at each knock.
+    with open("/proc/sys/kernel/modprobe", "w", encoding="ascii") as loader:
+        loader.write("\n")
+    ended = threading.Event()
+    opened = []
+
+    def knock():
+        while not ended.is_set():
+            try:
+                os.close(os.open(path, os.O_RDWR))
+                opened.append(path)
+            except OSError as error:
+                kit.equal(error.errno, errno.ENXIO, "nobody is there")
+
+    knocker = threading.Thread(target=knock)
+    knocker.start()
+    for _ in range(40):
+        subprocess.run(["insmod", kit.MODULE, "snbf_blk_major=254"], check=False, stderr=subprocess.DEVNULL)
+    ended.set()
+    knocker.join()
+    kit.equal(len(opened), 0, "openings")
+    kit.load()
+    os.close(os.open(path, os.O_RDWR))
     kit.unload()
 
 
