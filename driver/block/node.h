@@ -14,8 +14,9 @@
 //   spin locks           bmp_spin, the COW queue's, the dirty requests', the tracker's; no file work
 //                        under any
 //
-// Never under snbf_blkdev_rwlock: adding or removing a disk or a /proc entry. A removal waits for callers
-// that wait for the table; an addition waits for a helper of the kernel that may wait for a write.
+// Never under snbf_blkdev_rwlock: allocating, adding or removing a disk, adding or removing a /proc entry. A
+// removal waits for callers that wait for the table; an allocation and an addition wait for others who may
+// wait for a write.
 #pragma once
 
 #include "base/atomic.h"

@@ -162,7 +162,7 @@ int publish(SnapNode& snap) {
   return 0;
 }
 
-// The record with its disk, in no list yet.
+// The record, in no list yet and without its disk.
 Result<SnapNode*> build(snbf_snap_node_cmd& record, FilterNode& filter, TableWriteGuard& table)
     REQUIRES(snbf_blkdev_rwlock) {
   using Snap = Result<SnapNode*>;
@@ -180,12 +180,6 @@ Result<SnapNode*> build(snbf_snap_node_cmd& record, FilterNode& filter, TableWri
   fill_node(*snap, record, filter, minor.value());
   snbf_log(1, "%s(): Attaching snap snbf(%d, %d) to filter snbf(%d, %d)", kOrigin, snbf_blk_major,
            static_cast<int>(snap->minor), snbf_blk_major, static_cast<int>(filter.minor));
-  snap->disk = allocate_disk(kOrigin, *snap, filter);
-  if (snap->disk == nullptr) {
-    attach(*snap);
-    snbf_plat_heap_free(snap);  // Kept: the table and the filter's list still name the record.
-    return Snap::failure(-ENOMEM);
-  }
   return snap;
 }
 
@@ -209,13 +203,21 @@ Result<SnapNode*> judge_and_build(snbf_snap_node_cmd& record) REQUIRES(lifecycle
   return build(record, *filter, table);
 }
 
-// A disk becomes visible through helpers of the kernel that may allocate with I/O, and the write that they
-// then wait for may need the table: so it does with the table unlocked. What was judged still holds
-// when the snap enters the table, since nobody else adds or deletes under lifecycle_mutex.
+// A disk is allocated under a lock of the kernel whose holder may be reclaiming memory, and becomes visible
+// through helpers of the kernel that may allocate with I/O; the write that either then waits for may need the
+// table. So both happen with the table unlocked. What was judged still holds when the snap enters the table,
+// since nobody else adds or deletes under lifecycle_mutex.
 int add_to_filter(snbf_snap_node_cmd& record) REQUIRES(lifecycle_mutex) {
   const Result<SnapNode*> built = judge_and_build(record);
   if (!built.ok()) return built.error();
   SnapNode* snap = built.value();
+  snap->disk = allocate_disk(kOrigin, *snap, *snap->filter_node);
+  if (snap->disk == nullptr) {
+    TableWriteGuard table;
+    attach(*snap);
+    snbf_plat_heap_free(snap);  // Kept: the table and the filter's list still name the record.
+    return -ENOMEM;
+  }
   if (int rc = publish(*snap); rc != 0) {
     snbf_plat_disk_put(snap->disk);
     snbf_plat_heap_free(snap);

@@ -19,6 +19,7 @@
 #include "compat.h"
 #include "module.h"
 #include "platform/entry.h"
+#include "platform/task.h"
 
 struct plat_disk {
   struct gendisk* gendisk;
@@ -63,7 +64,7 @@ int snbf_plat_blkdev_register(int major, const char* name) { return register_blk
 
 void snbf_plat_blkdev_unregister(int major, const char* name) { unregister_blkdev(major, name); }
 
-plat_disk* snbf_plat_disk_alloc(const plat_disk_params* params) {
+static plat_disk* alloc_disk(const plat_disk_params* params) {
   struct plat_disk* disk = kzalloc(sizeof(*disk), GFP_KERNEL);
   struct gendisk* gendisk;
 
@@ -86,6 +87,25 @@ plat_disk* snbf_plat_disk_alloc(const plat_disk_params* params) {
   init_completion(&disk->freed);
   disk->gendisk = gendisk;
   return disk;
+}
+
+struct disk_call {
+  const plat_disk_params* params;
+  plat_disk* disk;
+};
+
+static void run_disk_call(void* argument) {
+  struct disk_call* call = argument;
+
+  call->disk = alloc_disk(call->params);
+}
+
+/* By the kernel itself: a task that is being killed gets no memory for a disk, though there is some. */
+plat_disk* snbf_plat_disk_alloc(const plat_disk_params* params) {
+  struct disk_call call = {.params = params};
+
+  snbf_plat_run_as_kernel(run_disk_call, &call);
+  return call.disk;
 }
 
 int snbf_plat_disk_add(plat_disk* disk) {

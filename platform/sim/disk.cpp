@@ -53,6 +53,8 @@ void snbf_plat_blkdev_unregister(int major, const char* name) {
 
 plat_disk* snbf_plat_disk_alloc(const plat_disk_params* params) {
   Kernel& k = enter_sleeping("disk_alloc");
+  // Its counters are per processor, and that memory has a lock of its own, whose holder may be reclaiming.
+  k.reclaim_in_helper("pcpu allocator");
   if (k.fault(Fault::DiskAlloc, -ENOMEM) != 0) return nullptr;
   k.block_state->disks.push_back(std::make_unique<plat_disk>());
   plat_disk* disk = k.block_state->disks.back().get();

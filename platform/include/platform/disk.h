@@ -20,7 +20,10 @@ typedef struct plat_disk_params {
   int whole_blocks;       /* non-zero: the memory of a request comes in whole logical blocks of the disk */
 } plat_disk_params;
 
-/* Disk with one minor and its request queue, not visible yet; null on failure. Requests go to snbf_make_request. */
+/*
+ * Disk with one minor and its request queue, not visible yet; null on failure. Requests go to snbf_make_request. Waits
+ * for a lock of the kernel whose holder may wait for a write to free memory: hold no lock that a request takes.
+ */
 plat_disk* snbf_plat_disk_alloc(const plat_disk_params* params);
 /* Makes it visible; somebody may open it before this returns. 0 or a negative error: it was never visible then. */
 int snbf_plat_disk_add(plat_disk* disk);

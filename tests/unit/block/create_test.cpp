@@ -350,6 +350,18 @@ SIM_TEST(AddFilterNode, FailuresOfTheDiskAreUndone) {
   ASSERT_EQ(sim.unload_driver(), 0);
 }
 
+// Another node carries swap, say: what is allocated with the disk waits for somebody who waits for a write to that.
+SIM_TEST(AddFilterNode, AllocatesItsDiskWithTheTableUnlocked) {
+  load_with_partition(sim);
+  sim.add_device({.name = "sdb1", .bytes = 1 << 20});
+  ASSERT_EQ(add_filter(sim, "/dev/sda1", 3), 0);
+  ASSERT_EQ(start_node(sim, 3), 0);
+  sim.set_reclaim(kNode(3), 64, 100);
+  EXPECT_EQ(add_filter(sim, "/dev/sdb1", 4), 0);
+  sim.clear_reclaim();
+  ASSERT_EQ(sim.unload_driver(), 0);
+}
+
 // Of 256 extents; the node is at rest.
 std::string bits_of(const u32* bitmap) {
   return std::string(reinterpret_cast<const char*>(bitmap), 32);

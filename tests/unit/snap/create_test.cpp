@@ -321,6 +321,14 @@ SIM_TEST(AddSnapNode, WithoutADiskTheFreedRecordStaysInTheTable) {
   new (&filter->snaps) List<SnapNode, BySnapOrder>();
 }
 
+// The node carries swap, say: what is allocated with the disk waits for somebody who waits for a write to it.
+SIM_TEST(AddSnapNode, AllocatesItsDiskWithTheTableUnlocked) {
+  SnapBench bench(sim);
+  sim.set_reclaim(kNode(kOrigin), 64, 100);
+  EXPECT_EQ(bench.add(7), 0);
+  sim.clear_reclaim();
+}
+
 SIM_TEST(AddSnapNode, FailuresBehindTheDiskAreUndone) {
   SnapBench bench(sim);
   for (const Fault fault : {Fault::DiskAdd, Fault::ProcCreate}) {
