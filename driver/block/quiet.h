@@ -27,9 +27,12 @@ class QuietPoint {
   bool try_to_hold();
   void freeze();
   bool is_late() const;
+  // The limit, or what is left until the deadline if that is less.
+  u32 until_deadline(u32 limit_ms) const;
 
   FilterNode& filter_;
   u64 deadline_ms_ = 0;
+  u32 rest_ms_ = 0;  // how long newcomers are kept out next
   plat_bdev* frozen_ = nullptr;
   bool is_open_ = false;  // somebody has the node's device open
   bool is_held_ = false;

@@ -1,4 +1,6 @@
 // The start of a snap: on a quiet file system, with its files whole, and with an end to every wait.
+#include <algorithm>
+
 #include "snap_bench.h"
 
 namespace snbf::sim {
@@ -218,6 +220,125 @@ SIM_TEST_SEEDS(StartSnap, GivesUpWhenTheLoadNeverPauses, 2) {
   sim.join(task);
   EXPECT_EQ(start_node(sim, 7), 0);
   ASSERT_EQ(sim.close_node(&opening), 0);
+}
+
+// Writes that keep coming, one every 20 ms, however long each of them takes.
+class SteadyLoad {
+ public:
+  explicit SteadyLoad(SnapBench& snaps) : bench(snaps) {
+    source = bench.sim.spawn("load", [this] {
+      for (u64 n = 0; !over; ++n) {
+        bench.sim.spawn("writer", [this, n] { EXPECT_EQ(bench.write(n % 64, 0x11), 0); });
+        bench.sim.sleep_us(20'000);
+      }
+    });
+    bench.sim.sleep_us(1'000'000);
+  }
+  void end() {
+    over = true;
+    bench.sim.join(source);
+    bench.sim.join_all();
+  }
+
+ private:
+  SnapBench& bench;
+  Task* source;
+  bool over = false;
+};
+
+// Its disk needs longer for what is queued than the first attempts wait for.
+SIM_TEST_SEEDS(StartSnap, SucceedsOnASlowDiskWithWritersAtWork, 2) {
+  SnapBench bench(sim, {.debug = 1});
+  sim.set_step_limit(400'000'000);
+  ASSERT_EQ(bench.add(7), 0);
+  bench.disk->set_latency(300'000, 300'000);
+  SteadyLoad load(bench);
+  EXPECT_EQ(start_node(sim, 7), 0);
+  load.end();
+  EXPECT_EQ(info_of(sim, 7).snap_valid, 1u);
+}
+
+// The same for what went on as clones, since the node had a snap when it came.
+SIM_TEST_SEEDS(StartSnap, SucceedsBesideAnOtherOnASlowDiskWithWritersAtWork, 2) {
+  SnapBench bench(sim, {.debug = 1});
+  sim.set_step_limit(400'000'000);
+  bench.add_started(7);
+  ASSERT_EQ(bench.add(8), 0);
+  bench.disk->set_latency(300'000, 300'000);
+  SteadyLoad load(bench);
+  EXPECT_EQ(start_node(sim, 8), 0);
+  load.end();
+  EXPECT_EQ(info_of(sim, 8).snap_valid, 1u);
+}
+
+// Looks every 100 ms whether what is sent to `to` still gets to the disk, which answers nothing.
+struct Newcomers {
+  Newcomers(Sim& kernel, Device* on, plat_devt to) : sim(kernel), disk(on) {
+    sim.spawn("newcomers", [this, to] {
+      for (std::size_t sent = disk->held().size(); !over;) {
+        // Not two of the same place: those wait for each other.
+        sim.spawn("newcomer", [this, to, sent] {
+          Bytes data;
+          EXPECT_EQ(sim.read(to, 16 + sent, 512, &data), 0);
+        });
+        ++sent;
+        sim.sleep_us(100'000);
+        kept_out = disk->held().size() < sent ? kept_out + 1 : 0;
+        longest = std::max(longest, kept_out);
+        ++(kept_out > 0 ? looks_out : looks_in);
+      }
+    });
+  }
+  void end() {
+    over = true;
+    disk->hold(false);
+    disk->release_all();
+    sim.join_all();
+  }
+  // Of the start of snap `minor`, while one write never ends.
+  void expect_end_in_time(u32 minor) {
+    const u64 before = sim.now_us();
+    EXPECT_EQ(start_node(sim, minor), -EAGAIN);
+    EXPECT_GE(sim.now_us() - before, 59'900'000u);
+    EXPECT_LE(sim.now_us() - before, 60'500'000u);
+    EXPECT_GE(looks_out, 200u);
+    EXPECT_GE(looks_in * 11, looks_out * 10);
+    EXPECT_LE(longest, 42u);
+  }
+  Sim& sim;
+  Device* disk;
+  bool over = false;
+  u32 looks_in = 0, looks_out = 0, kept_out = 0, longest = 0;
+};
+
+// The other partitions of such a disk are kept waiting, but half of the time at most, and not for long at a time.
+SIM_TEST_SEEDS(StartSnap, EndsInTimeOnADiskThatNeverAnswers, 2) {
+  SnapBench bench(sim, {.debug = 1});
+  sim.set_step_limit(400'000'000);
+  bench.disk->hold(true);
+  sim.spawn("writer", [&] { EXPECT_EQ(bench.write(1, 0x11), 0); });
+  sim.wait_until([&] { return bench.disk->held().size() == 1; });
+  ASSERT_EQ(bench.add(7), 0);
+  Newcomers newcomers(sim, bench.disk, bench.disk->number());
+  newcomers.expect_end_in_time(7);
+  newcomers.end();
+  EXPECT_EQ(start_node(sim, 7), 0);
+}
+
+// And so is the node alone, where the write went as a clone.
+SIM_TEST_SEEDS(StartSnap, EndsInTimeBesideAnOtherOnADiskThatNeverAnswers, 2) {
+  SnapBench bench(sim, {.debug = 1});
+  sim.set_step_limit(400'000'000);
+  bench.add_started(7);
+  ASSERT_EQ(bench.write(1, 0x11), 0);
+  ASSERT_EQ(bench.add(8), 0);
+  bench.disk->hold(true);
+  sim.spawn("writer", [&] { EXPECT_EQ(bench.write(1, 0x22), 0); });
+  sim.wait_until([&] { return bench.disk->held().size() == 1; });
+  Newcomers newcomers(sim, bench.disk, kNode(kOrigin));
+  newcomers.expect_end_in_time(8);
+  newcomers.end();
+  EXPECT_EQ(start_node(sim, 8), 0);
 }
 
 // Passed on in place while the node had no snap, and held up in front of a partition whose queue is full:
