@@ -164,20 +164,28 @@ static inline int snbf_bdev_thaw(struct block_device* bdev) {
   return 0;
 }
 
-/* The file system that is mounted on the device, kept alive as a mount keeps it; null if there is none. */
+/* Not while it is only being mounted: a mount that fails must be able to let it go. */
+static inline bool snbf_hold_super(struct super_block* sb) {
+  return sb && (READ_ONCE(sb->s_flags) & SB_BORN) && atomic_inc_not_zero(&sb->s_active);
+}
+
+/*
+ * The file system that is mounted on the device, kept alive as a mount keeps it; null if there is none, or one that
+ * does not show its device (before 6.6, nilfs2).
+ */
 static inline struct super_block* snbf_bdev_hold_file_system(struct block_device* bdev) {
   struct super_block* sb = NULL;
 
 #if SNBF_HAVE_FS_HOLDER_OPS
   mutex_lock(&bdev->bd_holder_lock);
   if (bdev->bd_holder_ops == &fs_holder_ops) sb = bdev->bd_holder;
-  if (sb && !atomic_inc_not_zero(&sb->s_active)) sb = NULL;
+  if (!snbf_hold_super(sb)) sb = NULL;
   mutex_unlock(&bdev->bd_holder_lock);
 #else
   /* A super block is freed behind a grace period that begins after this pointer to it is gone. */
   rcu_read_lock();
   sb = READ_ONCE(bdev->bd_super);
-  if (sb && !atomic_inc_not_zero(&sb->s_active)) sb = NULL;
+  if (!snbf_hold_super(sb)) sb = NULL;
   rcu_read_unlock();
 #endif
   return sb;

@@ -54,10 +54,9 @@ static void let_go(struct freeze* freeze) {
 
 int snbf_plat_bdev_freeze(plat_bdev* device) {
   struct block_device* bdev = (struct block_device*)device;
-  struct freeze* freeze = kmalloc(sizeof(*freeze), GFP_KERNEL);
+  struct freeze* freeze = kmalloc(sizeof(*freeze), GFP_KERNEL | __GFP_NOFAIL);
   int rc;
 
-  if (!freeze) return -ENOMEM;
   INIT_WORK(&freeze->unmount, let_go_last);
   freeze->bdev = bdev;
   freeze->kept = snbf_bdev_hold_file_system(bdev);
@@ -66,6 +65,8 @@ int snbf_plat_bdev_freeze(plat_bdev* device) {
     let_go(freeze);
     return rc;
   }
+  /* It may have been mounted only now: the freeze waits for a mount that is under way. */
+  if (!freeze->kept) freeze->kept = snbf_bdev_hold_file_system(bdev);
   spin_lock(&freezes_lock);
   list_add(&freeze->link, &freezes);
   spin_unlock(&freezes_lock);

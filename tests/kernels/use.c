@@ -22,6 +22,7 @@ int use(struct block_device* bdev, struct file* file, struct iov_iter* from, lof
   snbf_class_create("snbf")->devnode = file_mode;
   if (vfs_mknod(snbf_mnt_ids(mount), NULL, NULL, 0, 0) != 0) return 1;
   if (snbf_bdev_freeze(bdev) != 0 || snbf_bdev_thaw(bdev) != 0) return 1;
+  if (!snbf_bdev_hold_file_system(bdev)) return 1;
   if (!snbf_disk_create(bdev, true)) return 1;
   return snbf_bdev_has_file_system(bdev) && snbf_iter_write(file, from, at) > 0;
 }

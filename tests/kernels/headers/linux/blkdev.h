@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0-only */
 /*
- * What compat.h and its probes use of <linux/blkdev.h>, <linux/device.h> and <linux/fs.h>, as each
- * release from 6.1 to 6.12 declares it: RELEASE is 601 to 612.
+ * What compat.h and its probes use of <linux/blkdev.h>, <linux/device.h>, <linux/file.h>, <linux/fs.h> and
+ * <linux/rcupdate.h>, as each release from 6.1 to 6.12 declares it: RELEASE is 601 to 612.
  */
 #ifndef KERNEL_IN_SMALL_H
 #define KERNEL_IN_SMALL_H
@@ -20,7 +20,6 @@ struct dentry;
 struct device;
 struct vfsmount;
 struct path;
-struct super_block;
 struct user_namespace;
 struct mnt_idmap;
 struct module;
@@ -38,10 +37,18 @@ struct mutex { int held; };
 
 int atomic_read(const atomic_t* value);
 int atomic_dec_if_positive(atomic_t* value);
+bool atomic_inc_not_zero(atomic_t* value);
+void rcu_read_lock(void);
+void rcu_read_unlock(void);
 void mutex_lock(struct mutex* mutex);
 void mutex_unlock(struct mutex* mutex);
 
 /* <linux/fs.h> */
+#define SB_BORN (1u << 29)
+struct super_block {
+  unsigned long s_flags;
+  atomic_t s_active;
+};
 struct file_operations;
 struct file {
   fmode_t f_mode;
@@ -96,13 +103,16 @@ struct block_device {
   struct super_block* bd_super;
 #endif
 #if RELEASE >= 605
+  void* bd_holder;
   const struct blk_holder_ops* bd_holder_ops;
+  struct mutex bd_holder_lock;
 #endif
   struct mutex bd_fsfreeze_mutex;
 #if RELEASE >= 608
   atomic_t bd_fsfreeze_count;
 #else
   int bd_fsfreeze_count;
+  struct super_block* bd_fsfreeze_sb;
 #endif
 };
 #if RELEASE >= 606
@@ -129,6 +139,8 @@ void bdev_release(struct bdev_handle*);
 struct file* bdev_file_open_by_dev(dev_t, blk_mode_t, void*, const struct blk_holder_ops*);
 struct block_device* file_bdev(struct file*);
 void bdev_fput(struct file*);
+struct file* get_file(struct file*);
+void __fput_sync(struct file*);
 #endif
 #if RELEASE >= 608
 int bdev_freeze(struct block_device*);
