@@ -38,7 +38,7 @@ struct own_bio {
   const plat_bio_hooks* hooks;
   void* context;
   u32 bytes_left;
-  struct bio bio; /* last: its vectors follow */
+  struct bio bio; /* last: what is before it, the set of clones puts in front of each */
 };
 
 /* One that is no clone, and has its own vector. */
@@ -243,9 +243,19 @@ static void own_bio_end(struct bio* bio) {
     own->hooks->end_io((plat_bio*)bio, bytes_done, blk_status_to_errno(bio->bi_status));
 }
 
+/*
+ * What a thread of the driver passes on for a sender is charged to the sender's group, but does not wait for its share:
+ * everybody else's would wait behind it. The kernel has no word for that but this.
+ */
+static bool others_wait_for(struct bio* bio) {
+  return bio_flagged(bio, BIO_CLONED) && (current->flags & PF_KTHREAD) &&
+         (current->flags & PF_LOCAL_THROTTLE);
+}
+
 void snbf_plat_bio_submit(plat_bio* request, plat_bdev* bdev) {
   struct bio* bio = bio_of(request);
 
+  if (others_wait_for(bio)) bio->bi_opf |= REQ_META;
   bio->bi_end_io = own_bio_end;
   bio_set_dev(bio, bdev_of(bdev));
   submit_bio_noacct(bio);
