@@ -100,7 +100,7 @@ int snbf_block_init() {
     snbf_plat_virt_free(table);
     return error;
   }
-  // Last: the control device is there already, and a command may be waiting to add a node.
+  // Last: the control device may be there already, and a command be waiting to add a node.
   snbf::TableWriteGuard guard;
   snbf_blkdev_arr = table;
   return 0;

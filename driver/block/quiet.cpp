@@ -10,7 +10,8 @@ namespace {
 
 constexpr const char* kOrigin = "snbf_block_start_device";
 constexpr u64 kLimitMs = 60000;
-// How long requests, and openers of the node, are kept out at a time: at first, and at most.
+// How long requests are kept out at a time: at first, and at most. Openers of the node wait as long, and for the requests
+// that are being routed besides.
 constexpr u32 kFirstRestMs = 100;
 constexpr u32 kFirstDrainMs = 200;
 constexpr u32 kLongestMs = 4000;

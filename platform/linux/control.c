@@ -18,8 +18,7 @@
 #define CONTROL_MINORS 256
 
 static struct class* control_class;
-static struct cdev control_cdev;
-static bool published;
+static struct cdev* control_cdev; /* null until it is published */
 
 static int control_open(struct inode* inode, struct file* file) {
   return snbf_char_open(inode, file);
@@ -63,17 +62,27 @@ static int control_class_create(const char* name) {
   return 0;
 }
 
-/* Reachable last of all, and nothing here can fail behind that. */
+static int control_add(dev_t number) {
+  struct cdev* added = cdev_alloc();
+  int rc;
+
+  if (!added) return -ENOMEM;
+  added->owner = THIS_MODULE;
+  added->ops = &control_operations;
+  rc = cdev_add(added, number, CONTROL_MINORS);
+  if (rc == 0) control_cdev = added;
+  if (rc != 0) kobject_put(&added->kobj);
+  return rc;
+}
+
+/* Whoever opens the file before its number is served is told that nobody is there. */
 int snbf_control_publish(void) {
   const dev_t number = MKDEV(snbf_chr_major, 0);
   struct device* device = device_create(control_class, NULL, number, NULL, CONTROL_FILE);
   int rc;
 
   if (IS_ERR(device)) return PTR_ERR(device);
-  cdev_init(&control_cdev, &control_operations);
-  control_cdev.owner = THIS_MODULE;
-  rc = cdev_add(&control_cdev, number, CONTROL_MINORS);
-  published = rc == 0;
+  rc = control_add(number);
   if (rc != 0) device_destroy(control_class, number);
   return rc;
 }
@@ -102,11 +111,11 @@ int snbf_plat_chrdev_register(int major, const char* name) {
 void snbf_plat_chrdev_unregister(int major, const char* name) {
   const dev_t number = MKDEV(major, 0);
 
-  if (published) {
-    cdev_del(&control_cdev);
+  if (control_cdev) {
+    cdev_del(control_cdev);
     device_destroy(control_class, number);
   }
-  published = false;
+  control_cdev = NULL;
   class_destroy(control_class);
   unregister_chrdev_region(number, CONTROL_MINORS);
 }

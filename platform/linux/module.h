@@ -9,8 +9,8 @@
  */
 void snbf_expect_stragglers(void);
 
-/* Makes the control device's file. Only when all of the driver is up: a load that fails frees the text under whoever
- * has the file open. 0 or a negative error. */
+/* Makes the control device's file, and serves its number from then on. Last of a load, and only when all of the driver
+ * is up: a load that fails frees the text under whoever has the file open. 0 or a negative error. */
 int snbf_control_publish(void);
 
 /* The threads behind snbf_plat_run_as_kernel. */

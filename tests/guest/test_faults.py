@@ -244,12 +244,13 @@ def a_snap_starts_while_requests_come_from_their_reserves_alone():
     setting("failslab", "cache-filter", "Y")
     faults("failslab", 100)
     setting("failslab", "task-filter", "N")
-    answers = [ask(fd, "START_NODE", of_minor(1), aimed=False)]
-    rewrite("/dev/snbf/snbf0", random.Random(SEED))
-    faults("failslab", 0)
-    setting("failslab", "cache-filter", "N")
-    os.close(fd)
-    kit.equal(answers, [0], "start")
+    try:
+        kit.equal(ask(fd, "START_NODE", of_minor(1), aimed=False), 0, "start")
+        rewrite("/dev/snbf/snbf0", random.Random(SEED))
+    finally:
+        faults("failslab", 0)
+        setting("failslab", "cache-filter", "N")
+        os.close(fd)
     clean_up()
 
 

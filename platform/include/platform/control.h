@@ -8,9 +8,9 @@
 PLAT_BEGIN_DECLS
 
 /*
- * Registers the control character device; its file operations call snbf_char_*. Answers the major when 0 asked
- * for a free one, 0 when the given one was granted, or a negative error. The device file is made by the
- * platform where user space expects it.
+ * Registers the control character device; its file operations call snbf_char_*, from now on or, at the latest, when the
+ * load has succeeded. Answers the major when 0 asked for a free one, 0 when the given one was granted, or a
+ * negative error. The device file is made by the platform where user space expects it.
  */
 int snbf_plat_chrdev_register(int major, const char* name);
 void snbf_plat_chrdev_unregister(int major, const char* name);

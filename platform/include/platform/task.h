@@ -44,8 +44,8 @@ void snbf_plat_serve_writes_end(unsigned state);
 
 /*
  * Runs `work(argument)` in a kernel thread, with the kernel's own credentials, limits and root, and waits for its
- * end. For file work that falls to whoever comes last: that task may be an exiting process, which has none of
- * these any more. Never fails. May sleep.
+ * end. For what falls to a task by chance: it may be an exiting process, which has none of these any more, or one that is
+ * being killed, which the kernel refuses memory. Never fails. May sleep.
  */
 void snbf_plat_run_as_kernel(void (*work)(void* argument), void* argument);
 
