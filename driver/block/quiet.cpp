@@ -41,12 +41,15 @@ u32 QuietPoint::until_deadline(u32 limit_ms) const {
 
 // A parked write that goes on is known to the queue or to the tracker before it counts as parked no more, and a held
 // one to the tracker before the queue forgets it: so in this order none is missed.
-bool QuietPoint::has_writes() const {
-  return filter_.parking.writes.load() != 0 || filter_.cowqueue.writes.load() != 0 || snbf_aio_has_writes(&filter_.aio);
+bool QuietPoint::has_parked_writes() const { return filter_.parking.writes.load() != 0; }
+
+bool QuietPoint::has_sent_writes() const {
+  return filter_.cowqueue.writes.load() != 0 || snbf_aio_has_writes(&filter_.aio);
 }
 
 void QuietPoint::wait_for_writes(u64 until_ms) const {
-  while (has_writes() && static_cast<s64>(snbf_plat_ticks_ms() - until_ms) < 0) snbf_plat_yield();
+  while ((has_parked_writes() || has_sent_writes()) && static_cast<s64>(snbf_plat_ticks_ms() - until_ms) < 0)
+    snbf_plat_yield();
 }
 
 // Requests that were passed on in place when the node had no snaps. It has one now, so that there are
@@ -84,10 +87,10 @@ bool QuietPoint::try_to_hold() NO_THREAD_SAFETY_ANALYSIS {
   }
   // Of a device that nobody has open there is no file system to come to rest.
   const bool is_stable = !is_open_ || filter_.io_req_cnt.load() == 0;
-  // A parked write goes on under io_rwlock, and so not while that is held here.
-  if (is_stable && filter_.parking.writes.load() == 0) {
+  // A parked write goes on under io_rwlock, and so not while that is held here; nor is any parked then.
+  if (is_stable && !has_parked_writes()) {
     wait_for_writes(snbf_plat_ticks_ms() + until_deadline(rest_ms_));
-    if (!has_writes()) return true;
+    if (!has_sent_writes()) return true;
     rest_ms_ = twice(rest_ms_);
   }
   filter_.io_rwlock.write_unlock();

@@ -22,7 +22,8 @@ class QuietPoint {
 
  private:
   bool drain() const;
-  bool has_writes() const;
+  bool has_parked_writes() const;
+  bool has_sent_writes() const;
   void wait_for_writes(u64 until_ms) const;
   bool try_to_hold();
   void freeze();

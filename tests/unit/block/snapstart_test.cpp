@@ -400,7 +400,8 @@ SIM_TEST(StartSnap, WaitsForAWriteThatIsKeptOutOfItsDisksQueue) {
   sim.wait_until([&] { return bench.filter()->entering.load() == 1; });
   ASSERT_EQ(bench.add(7), 0);
   Task* starter = sim.spawn("starter", [&] { EXPECT_EQ(start_node(sim, 7), 0); });
-  sim.sleep_us(1'000'000);
+  // Into the start's second attempt to empty it, which is from 400 ms to 800.
+  sim.sleep_us(600'000);
   bench.disk->release();
   sim.join(other);
   sim.sleep_us(3'000'000);
