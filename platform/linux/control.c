@@ -70,9 +70,12 @@ static int control_add(dev_t number) {
   added->owner = THIS_MODULE;
   added->ops = &control_operations;
   rc = cdev_add(added, number, CONTROL_MINORS);
-  if (rc == 0) control_cdev = added;
-  if (rc != 0) kobject_put(&added->kobj);
-  return rc;
+  if (rc != 0) {
+    kobject_put(&added->kobj);
+    return rc;
+  }
+  control_cdev = added;
+  return 0;
 }
 
 /* Whoever opens the file before its number is served is told that nobody is there. */

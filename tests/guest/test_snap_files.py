@@ -356,9 +356,11 @@ def control_group():
     kit.run("mount", "-t", "cgroup2", "none", groups)
     write_file(f"{groups}/cgroup.subtree_control", "+io +memory")
     os.makedirs(group)
-    yield groups, group
-    os.rmdir(group)
-    kit.run("umount", groups)
+    try:
+        yield groups, group
+    finally:
+        os.rmdir(group)
+        kit.run("umount", groups)
 
 
 def dd_in_group(group, *words):
