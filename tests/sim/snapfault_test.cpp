@@ -57,10 +57,10 @@ class Trouble {
     rig.snaps_max += 1;
     Snap* snap = rig.add_snap();
     ASSERT_NE(snap, nullptr);
-    if (rig.start_snap(*snap) == 0) {
-      rig.writer(4);
-      rig.check_snap(*snap);
-    }
+    ASSERT_EQ(rig.start_snap(*snap), 0);
+    rig.writer(4);
+    EXPECT_EQ(rig.info(snap->minor).snap_valid, 1u);
+    rig.check_snap(*snap);
     rig.end();
   }
 
