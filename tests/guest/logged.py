@@ -10,6 +10,7 @@ import threading
 import kit
 import mapper
 import replay
+import worker
 from kit import KIB
 
 FOLDER = "/mnt/store"
@@ -49,7 +50,7 @@ def write_some(seed, stop, part_bytes):
     rng = random.Random(seed)
     flags = os.O_RDWR | os.O_DIRECT | (os.O_DSYNC if seed % 2 else 0)
     fd = os.open("/dev/snbf/snbf0", flags)
-    with mmap.mmap(-1, 64 * KIB) as page:
+    with os.fdopen(fd, "r+b", buffering=0), mmap.mmap(-1, 64 * KIB) as page:
         page.write(rng.randbytes(64 * KIB))
         with memoryview(page) as view:
             while not stop.is_set():
@@ -59,21 +60,23 @@ def write_some(seed, stop, part_bytes):
                 os.pwrite(fd, view[start:start + length], at)
                 if rng.random() < 0.2:
                     os.fsync(fd)
-    os.close(fd)
 
 
 @contextlib.contextmanager
 def writers(rng, part_bytes):
-    """Writers at work, for the time of a block."""
+    """Writers at work, for the time of a block; none of their writes may fail."""
     stop = threading.Event()
-    threads = [threading.Thread(target=write_some, args=(rng.randrange(1 << 30), stop, part_bytes))
-               for _ in range(WRITERS)]
-    for thread in threads:
-        thread.start()
-    yield
-    stop.set()
-    for thread in threads:
-        thread.join()
+    workers = [worker.Worker(write_some, rng.randrange(1 << 30), stop, part_bytes) for _ in range(WRITERS)]
+    for each in workers:
+        each.start()
+    try:
+        yield
+    finally:
+        stop.set()
+        for each in workers:
+            each.join()
+    for each in workers:
+        each.check()
 
 
 @contextlib.contextmanager

@@ -1,13 +1,14 @@
 """Images over an unload, and over guests that are killed in the midst of copying."""
 
 import errno
+import itertools
 import os
 import random
-import threading
 import time
 
 import images
 import kit
+import worker
 from kit import KIB, MIB
 
 GUEST = {"kernels": "installed", "minutes": 3, "disks": ["raw:24M", "store:256M", "keep0:24M", "keep1:24M", "keep2:24M", "keep3:24M", "keep4:24M"],
@@ -62,11 +63,17 @@ def write_some(seed, count=30):
 
 
 def cut_while_writing(seed):
-    """Four writers, and the cut at some moment of theirs."""
-    for number in range(4):
-        threading.Thread(target=lambda number=number: [write_some(seed * 100 + number * 10 + turn)
-                                                       for turn in range(50)], daemon=True).start()
+    """Four writers, none of whose writes may fail, and the cut at some moment of theirs."""
+    def write(number):
+        for turn in itertools.count():
+            write_some(seed * 1000 + number * 100 + turn)
+
+    writers = [worker.Worker(write, number) for number in range(4)]
+    for writer in writers:
+        writer.start()
     time.sleep(random.Random(seed).uniform(0.3, 1.5))
+    for writer in writers:
+        writer.check()
     kit.crash()
 
 
