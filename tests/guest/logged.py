@@ -98,11 +98,10 @@ def node(part_bytes):
     device.remove()
 
 
-def judged(judge_of, part_bytes):
-    """What the log says: no fault, and how much was tried. None where the log is long: it is judged outside, which is
-    faster, by the judge's own program over the log's disk."""
+def judge(judge_of, part_bytes):
+    """That the log has no fault, and enough in it. A long log is judged outside, which is faster, by the judge's own
+    program over the log's disk."""
     if os.environ.get("SNBF_LONG"):
-        return None
-    judge = replay.judge_log(judge_of(part_bytes, kit.size_of(kit.disk("base"))), kit.disk("log"))
-    kit.equal(judge.faults[:5], [], f"{len(judge.faults)} faults in {judge.prefixes} prefixes")
-    return judge
+        return
+    found = replay.judge_log(judge_of(part_bytes, kit.size_of(kit.disk("base"))), kit.disk("log"))
+    kit.equal(found.faults[:5], [], f"{len(found.faults)} faults in {found.prefixes} prefixes")

@@ -3,7 +3,7 @@
 
 The logged device holds the partition of node 0 in front (PART bytes) and behind it an ext4 with the node's bitmap files
 in its root folder. The log tells in which order writes became durable; each of its prefixes is what one power cut could
-leave. Marks in the log say when the judging begins and when the bitmaps were cleared, with no writer at work.
+leave. Marks in the log say when the judging begins and ends, and when the bitmaps were cleared, with no writer at work.
 
 Alone: replay.py LOG PART-MIB TOTAL-MIB, over the log disk of a test that has run.
 """
@@ -171,6 +171,7 @@ class Judge:
     """Counts prefixes, and of each bitmap file in them what it was."""
 
     NAMES = ("snbf0.diff", "snbf0.incr")
+    LEAST = {"not whole": 20, "covering": 20}
 
     def __init__(self, part_bytes, total_bytes):
         self.part = part_bytes
@@ -178,6 +179,7 @@ class Judge:
         self.changed = set()
         self.clearing = False
         self.judging = False
+        self.ended = False
         self.files = None
         self.prefixes = 0
         self.counts = collections.Counter()
@@ -203,6 +205,7 @@ class Judge:
             self.judging = True
         elif mark == "end":
             self.judging = False
+            self.ended = True
         elif mark == "clearing":
             self.clearing = True
         elif mark == "cleared":
@@ -227,12 +230,24 @@ class Judge:
                 self.faults.append(f"prefix {self.prefixes}: {name} lacks {sorted(self.changed - bits)[:8]}")
 
 
+LEAST_PREFIXES = 200
+
+
+def shortcomings(judge):
+    """Why a log without a fault would prove nothing."""
+    found = [] if judge.ended else ["the log has no end: its disk ran full, or the test did not come to its own"]
+    if judge.prefixes < LEAST_PREFIXES or any(judge.counts[what] < least for what, least in judge.LEAST.items()):
+        found.append(f"too little was tried: {LEAST_PREFIXES} prefixes are the least, and {judge.LEAST}")
+    return found
+
+
 def judge_log(judge, path):
-    """The judge, having seen a log device (or a file of its bytes)."""
+    """The judge, having seen a log device (or a file of its bytes) to its end."""
     with open(path, "rb") as log:
         for entry in entries(log):
             judge.take(entry)
     print(f"{judge.prefixes} prefixes: {dict(judge.counts)}")
+    judge.faults += shortcomings(judge)
     return judge
 
 

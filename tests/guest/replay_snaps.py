@@ -4,7 +4,8 @@ show another byte than the partition had at its start?
 
 As in replay.py the logged device holds the partition in front and the store behind it. A mark "snap:N" follows the start
 of a snap whose COW files are cowN.bmp and cowN.data in the store's root folder, and "going:N" comes before its stop; no
-writer is at work at the former. The file system on the partition is none that the driver knows: every chunk counts.
+writer is at work at the former; "end" follows the last. The file system on the partition is none that the driver knows:
+every chunk counts.
 
 Alone: replay_snaps.py LOG PART-MIB TOTAL-MIB, over the log disk of a test that has run.
 """
@@ -51,11 +52,14 @@ class Snap:
 class Judge:
     """Counts prefixes, and of each snap in them whether it would be refused, or shows what it must."""
 
+    LEAST = {"exact": 200, "copies in exact ones": 10000}
+
     def __init__(self, part_bytes, total_bytes):
         self.part = bytearray(part_bytes)
         self.store = bytearray(total_bytes - part_bytes)
         self.snaps = []
         self.owners = {}  # of a block of the store: its snap and chunk, if it is a snap's data and nothing else
+        self.ended = False
         self.prefixes = 0
         self.counts = collections.Counter()
         self.faults = []
@@ -93,6 +97,8 @@ class Judge:
         elif word == "going":
             self.snaps = [snap for snap in self.snaps if snap.number != int(number)]
             self.find_files()
+        elif word == "end":
+            self.ended = True
 
     def find_files(self):
         fs = replay.Ext4(self.store)

@@ -44,9 +44,7 @@ def every_prefix_of_the_log_has_a_true_bitmap():
         for _ in range(ROUNDS):
             one_round(device, rng)
         device.mark("end")
-    if judge := logged.judged(replay.Judge, PART):
-        kit.check(judge.prefixes > 200 and judge.counts["not whole"] > 20 and judge.counts["covering"] > 20,
-                  f"too little was tried: {judge.prefixes} prefixes, {judge.counts}")
+    logged.judge(replay.Judge, PART)
 
 
 if __name__ == "__main__":

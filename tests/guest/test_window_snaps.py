@@ -52,10 +52,8 @@ def every_prefix_of_the_log_has_true_images():
                     time.sleep(rng.random() * 0.3)
         for number in range(max(ROUNDS - SNAPS + 1, 0), ROUNDS):
             end(device, number)
-    if judge := logged.judged(replay_snaps.Judge, PART):
-        kit.check(judge.prefixes > 200 and judge.counts["exact"] > 200
-                  and judge.counts["copies in exact ones"] > 10000,
-                  f"too little was tried: {judge.prefixes} prefixes, {judge.counts}")
+        device.mark("end")
+    logged.judge(replay_snaps.Judge, PART)
 
 
 if __name__ == "__main__":
