@@ -2,7 +2,7 @@
 //
 // Each thread sends commands whose records are random, or nearly right and then spoilt: numbers out of
 // range, text without an end, addresses that are null, unmapped, read-only, of the kernel, or that end in
-// the middle of a copy. Prints how often each answer came.
+// the middle of a copy. Prints how often each answer came, and how many commands each thread had done.
 
 #include <errno.h>
 #include <fcntl.h>
@@ -37,6 +37,7 @@ struct caller {
   uint64_t state;
   char* edge;       // two pages, and behind them nothing
   char* read_only;  // a page
+  unsigned long done;
 };
 
 static uint64_t next(struct caller* caller) {
@@ -142,6 +143,7 @@ static void* call(void* argument) {
     if (!below(caller, 30)) command ^= 1u << below(caller, 32);
     uint64_t address = below(caller, 12) ? (uint64_t)record : some_address(caller);
     int rc = ioctl(fd, command, address) == 0 ? 0 : errno;
+    caller->done += rc == 0;
     __atomic_fetch_add(&answers[rc & 255], 1, __ATOMIC_RELAXED);
   }
   close(fd);
@@ -173,5 +175,6 @@ int main(int argc, char** argv) {
   for (int rc = 0; rc < 256; ++rc) {
     if (answers[rc] != 0) printf("%d %lu\n", rc, answers[rc]);
   }
+  for (int i = 0; i < threads; ++i) printf("done %lu\n", callers[i].done);
   return failed;
 }
