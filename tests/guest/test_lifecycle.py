@@ -13,7 +13,7 @@ import threading
 
 import kit
 
-GUEST = {"minutes": 4, "kernels": "installed", "disks": ["a:64M", "b:64M", "state:64M"], "limit": 900, "words": ["slub_debug=FZP"]}
+GUEST = {"minutes": 4, "disks": ["a:64M", "b:64M", "state:64M"], "limit": 900, "words": ["slub_debug=FZP"]}
 
 LONG = int(os.environ.get("SNBF_LONG") or 1)
 ROUNDS = 60 * LONG
@@ -42,8 +42,10 @@ def lookers(count=3, pause_us=0):
                                start_new_session=True)
     try:
         yield
+        kit.check(process.poll() is None, f"who looks ended by {process.poll()}")
     finally:
-        os.killpg(process.pid, signal.SIGKILL)
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(process.pid, signal.SIGKILL)
         process.wait()
 
 
