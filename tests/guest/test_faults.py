@@ -10,6 +10,8 @@ import fcntl
 import glob
 import os
 import random
+import re
+import shutil
 import struct
 import subprocess
 
@@ -254,6 +256,16 @@ def a_snap_starts_while_requests_come_from_their_reserves_alone():
     clean_up()
 
 
+def keep_in_memory(*programs):
+    """The root's protocol loses count of what its server has open when it is short of memory, and then finds no file any
+    more: the programs and their libraries are copied above it."""
+    for program in programs:
+        libraries = re.findall(r"(/\S+) \(0x", kit.run("ldd", program))
+        for path in (program, *libraries):
+            with open(os.path.realpath(path), "r+b"):
+                pass
+
+
 @kit.case
 def the_tool_fails_in_its_own_words_or_works():
     def aim():
@@ -263,15 +275,18 @@ def the_tool_fails_in_its_own_words_or_works():
     verbs = [("attach", kit.disk("a"), "--name", "a", "--bitmaps", kit.state_folder("state"), "--start"), ("list",),
              ("status", "a"), ("changes", "a"), ("bitmap", "save", "a"), ("snap", "list"), ("stop", "a"), ("start", "a"),
              ("detach", "a")]
+    keep_in_memory(TOOL, shutil.which("rmmod"))
     faults("failslab", 1)
-    for _ in range(ROUNDS // 8):
-        for words in verbs:
-            try:
-                subprocess.run([TOOL, *words], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                               stderr=subprocess.DEVNULL, preexec_fn=aim, check=False)
-            except OSError as error:  # it is aimed at before it has become the tool
-                kit.equal(error.errno, errno.ENOMEM, "exec")
-    faults("failslab", 0)
+    try:
+        for _ in range(ROUNDS // 8):
+            for words in verbs:
+                try:
+                    subprocess.run([TOOL, *words], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.DEVNULL, preexec_fn=aim, check=False)
+                except OSError as error:  # it is aimed at before it has become the tool
+                    kit.check(error.errno in (errno.ENOMEM, errno.E2BIG), error)  # the latter of what its words take
+    finally:
+        faults("failslab", 0)
     clean_up()
 
 
