@@ -54,9 +54,13 @@ int stop_filter(FilterNode& filter) {
   while (!wait_for_parked(filter, kFlagLimitMs)) {
   }
   snbf_cowthread_shutdown(&filter.cowthread);
-  // What cannot be saved now stays marked as dirty.
-  snbf_block_save_dirty_bmps(filter);
-  filter.started.store(0);
+  {
+    // Who raises flags for what lies on this node finds it started, and its files not saved yet, or neither.
+    KsMutexGuard file_work{filter.bmp_mutex};
+    // What cannot be saved now stays marked as dirty.
+    snbf_block_save_dirty_bmps(filter);
+    filter.started.store(0);
+  }
   wake_parking(filter);
   return 0;
 }

@@ -77,8 +77,14 @@ constexpr unsigned kAskIncr = 1;
 constexpr unsigned kAskDiff = 2;
 constexpr unsigned kMustWait = 4;
 
-// The write has to wait for the flags of the files that lack something.
-[[gnu::noinline]] unsigned wait_for_flags(FilterNode& node, plat_bio* write)
+struct MarkedWrite {
+  SectorRange sectors;
+  plat_bio* bio;  // or null
+  Arrival arrival;
+};
+
+// The write has to wait for the flags of the files that lack something, or for a parked one.
+[[gnu::noinline]] unsigned wait_for_flags(FilterNode& node, const MarkedWrite& write)
     REQUIRES(node.bmp_spin) {
   const auto wants_request = [](FileGuard& guard) {
     if (guard.covers()) return false;
@@ -88,27 +94,36 @@ constexpr unsigned kMustWait = 4;
   unsigned left = kMustWait;
   if (wants_request(node.incr_guard)) left |= kAskIncr;
   if (wants_request(node.diff_guard)) left |= kAskDiff;
-  if (write != nullptr) park(node, write);
+  if (write.bio != nullptr) park(node, write.bio, write.arrival);
   return left;
 }
 
+// The worker first: a request takes memory, for which the submitter may wait until this very write is done.
 [[gnu::noinline]] void do_what_is_left(FilterNode& node, unsigned left) {
+  if ((left & kMustWait) != 0) wake_parking(node);
   if ((left & kAskIncr) != 0) snbf_sched_write_dirty_flag(node, SNBF_BMP_INCR);
   if ((left & kAskDiff) != 0) snbf_sched_write_dirty_flag(node, SNBF_BMP_DIFF);
-  if ((left & kMustWait) != 0) wake_parking(node);
+}
+
+bool would_overtake(const FilterNode& node, const MarkedWrite& write) REQUIRES(node.bmp_spin) {
+  const Parking& parking = node.parking;
+  if (parking.first == nullptr && parking.sending.empty()) [[likely]] return false;
+  return write.arrival == Arrival::First && overlaps_parked(node, write.sectors);
 }
 
 // Of the last extent of a write, the verdict over all of it: true if it may go on. What is not done for every write
 // stands apart, for this is on the way of each.
 [[gnu::always_inline]] inline bool mark_extent(FilterNode& node, u64 extent, bool is_last,
-                                               plat_bio* write) {
+                                               const MarkedWrite& write) {
   unsigned left = 0;
   {
     SpinGuard hold{node.bmp_spin};
     if (mark(node.incr_bmp, node.incr_bmp_dirty, node.incr_guard, extent)) left |= kAskIncr;
     if (mark(node.diff_bmp, node.diff_bmp_dirty, node.diff_guard, extent)) left |= kAskDiff;
     const bool covers = node.incr_guard.covers() && node.diff_guard.covers();
-    if (is_last && !covers) [[unlikely]] left |= wait_for_flags(node, write);
+    if (is_last && (!covers || would_overtake(node, write))) [[unlikely]] {
+      left |= wait_for_flags(node, write);
+    }
   }
   if (left != 0) [[unlikely]] do_what_is_left(node, left);
   return (left & kMustWait) == 0;
@@ -148,14 +163,14 @@ int check_bmp_command(const char* origin, const Node& node, u32 type) {
   return 0;
 }
 
-bool mark_extents(FilterNode& node, SectorRange range, plat_bio* write) {
+bool mark_extents(FilterNode& node, SectorRange range, plat_bio* write, Arrival arrival) {
   const BlockSpan span = BlockGeometry{node.extent_shift}.covering(range);
   // The kernel keeps requests inside the disk. Were one to leave it, no memory behind the bitmaps
   // is touched.
   const u64 end = span.last < node.extent_cnt ? span.last + 1 : node.extent_cnt;
   bool may_go = true;
   for (u64 extent = span.first; extent < end; ++extent) {
-    may_go = mark_extent(node, extent, extent + 1 == end, write);
+    may_go = mark_extent(node, extent, extent + 1 == end, {range, write, arrival});
   }
   return may_go;
 }

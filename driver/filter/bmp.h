@@ -53,9 +53,10 @@ int check_bmp_command(const char* origin, const Node& node, u32 type);
 
 // Sets the bits of all extents that the write touches, in both bitmaps, and has the dirty flag
 // raised in the file of a bitmap that was clean. The range is not empty. True: the write may go on. False: a
-// whole file lacks something, and the write, unless it is null, has been parked until its flag is on disk.
+// whole file lacks something, or a parked write overlaps this one; unless it is null, the write has been parked.
 // No spin lock is held; may sleep, but not for the flag.
-bool mark_extents(FilterNode& node, SectorRange range, plat_bio* write = nullptr);
+bool mark_extents(FilterNode& node, SectorRange range, plat_bio* write = nullptr,
+                  Arrival arrival = Arrival::First);
 
 }  // namespace snbf
 

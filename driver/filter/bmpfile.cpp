@@ -26,6 +26,7 @@ class FileCursor {
   explicit FileCursor(snbf_file* file) : file_(file) {}
 
   bool read(void* to, int bytes) {
+    if (error_ != 0) return false;
     const int rc = snbf_fread(file_, position_, to, bytes);
     return advance(rc, bytes);
   }
@@ -169,9 +170,11 @@ int save_locked(const ChangeBitmap& bitmap, const u8* snapshot, FileState* state
   return rc;
 }
 
-int write_flag_locked(const ChangeBitmap& bitmap, int flag) {
+// `misplaced` is set where no flag can be raised for as long as the file lies there.
+int write_flag_locked(const ChangeBitmap& bitmap, int flag, bool* misplaced) {
   constexpr const char* kOrigin = "snbf_block_write_dirty_flag";
-  if (lies_on_node(bitmap.fname(), bitmap.node)) {
+  *misplaced = lies_on_node(bitmap.fname(), bitmap.node);
+  if (*misplaced) {
     snbf_log(kLogError,
              "%s(): Can't set dirty flag in %s. The file must be moved to a different partition.",
              kOrigin, bitmap.fname());
@@ -297,14 +300,15 @@ int snbf_block_write_dirty_flag(FilterNode& node, u32 type, int flag) {
   ServesWrites serving;
   KsMutexGuard file_work{node.bmp_mutex};
   if (flag == 0) snbf_kill_dirty_requests(node, type);
-  const int rc = write_flag_locked(bitmap, flag);
+  bool misplaced;
+  const int rc = write_flag_locked(bitmap, flag, &misplaced);
+  // Kept: the file counts as what it was, and so nobody who writes through the node may take its flag down.
   if (flag == 0) return rc;
   {
     SpinGuard hold{bitmap.node.bmp_spin};
     bitmap.guard().request_is_gone();
     if (rc == 0) bitmap.guard().flag_is_on_disk();
-    // Not for as long as the file lies there: nothing is gained by waiting.
-    if (rc == -EINVAL) bitmap.guard().give_up();
+    if (misplaced) bitmap.guard().give_up_for_good();  // nothing is gained by waiting
   }
   wake_parking(node);
   return rc;

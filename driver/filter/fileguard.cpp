@@ -16,6 +16,8 @@ bool FileGuard::end_save(u64 snapshot, FileState state) {
   --saves_;
   if (state == FileState::Whole) {
     file_ = snapshot;
+    // Nobody has waited for a flag meanwhile, though the file may lack something.
+    if (given_up_) wanted_ = true;
     given_up_ = false;
   } else if (state == FileState::Unknown && snapshot < file_) {
     file_ = snapshot;
@@ -55,8 +57,9 @@ void FileGuard::file_was_loaded(FileState state) {
   settle();
 }
 
-void FileGuard::give_up() {
+void FileGuard::give_up(bool tries_again) {
   given_up_ = true;
+  tries_again_ = tries_again;
   settle();
 }
 

@@ -22,7 +22,8 @@
 //   file found while loading file_ = marks_ if it is taken over, kNoFile if it can never be taken for a
 //                            whole one, else 0; what is found where a whole one was before may be no more
 //                            than this kernel's idea of it, after a write that failed: 0
-//   flag not raised in time  writes go on, unguarded, until a save or a flag reaches the disk again
+//   flag not raised in time  writes go on, unguarded, until a save or a flag reaches the disk again: whoever has
+//                            given it up tries again, unless the file can never have one where it lies
 //
 // The owner's bmp_spin is held for every call.
 #pragma once
@@ -52,7 +53,9 @@ class FileGuard {
   // Before any load.
   void file_is_unknown();
   void file_was_loaded(FileState state);
-  void give_up();
+  void give_up_for_now() { give_up(true); }
+  void give_up_for_good() { give_up(false); }
+  bool tries_again() const { return given_up_ && tries_again_; }
 
   // A write waits for the flag.
   void want_flag() { wanted_ = true; }
@@ -60,12 +63,12 @@ class FileGuard {
   bool ask_for_flag();
   // It was served, cancelled, or could not be queued.
   void request_is_gone() { requested_ = false; }
-  bool is_saving() const { return saves_ != 0; }
 
  private:
   static constexpr u64 kNoFile = ~u64{0};
 
   u64 honest_limit() const;
+  void give_up(bool tries_again);
   void settle() { safe_ = given_up_ ? kNoFile : honest_limit(); }
 
   // A record that knows of no file.
@@ -76,6 +79,7 @@ class FileGuard {
   u32 saves_ = 0;
   bool was_loaded_ = false;
   bool given_up_ = false;
+  bool tries_again_ = false;
   bool wanted_ = false;
   bool requested_ = false;
 };

@@ -66,6 +66,8 @@ FilterNode* hold_node_below(const FilterNode& node, u32 type) {
 void raise_flag(FilterNode& node, u32 type) {
   const ChangeBitmap bitmap{node, type};
   KsMutexGuard file_work{node.bmp_mutex};
+  // The flag before this one may have outlasted the node: its files may be another's by now.
+  if (node.parking.stop.load() != 0 || node.started.load() == 0) return;
   {
     SpinGuard hold{bitmap.node.bmp_spin};
     if (bitmap.guard().is_guarded()) return;
@@ -225,7 +227,7 @@ int snbf_kill_dirty_requests(FilterNode& node, u32 type) {
 int snbf_yield_to_dirty_requests(FilterNode& node, int seconds) {
   constexpr const char* kOrigin = "snbf_yield_to_dirty_requests";
   if (seconds < 1) {
-    while (has_requests(node)) {
+    while (has_requests(node)) {  // Kept: the processor is not given up, and nobody calls it so.
     }
     return 0;
   }

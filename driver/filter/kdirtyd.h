@@ -4,9 +4,9 @@
 //
 // The life of a request: queued by a write that changed a clean bitmap; perhaps cancelled by a save
 // that makes it needless; served by kdirtyd, which writes the flag under the node's bmp_mutex if it
-// is still valid; removed only then. So when no request of a node is queued, kdirtyd holds no
-// pointer to that node. A deletion that stops waiting cancels what is queued, and the last request
-// frees the record.
+// is still valid; removed only then. So when no request of a node is queued, kdirtyd does no file work for that node,
+// unless the files of another lie on it: then it may hold the record, and raises the flags only while the node is
+// started. A deletion that stops waiting cancels what is queued, and the last holder frees the record.
 #pragma once
 
 #include "block/node.h"

@@ -14,6 +14,9 @@ namespace {
 constexpr const char* kOrigin = "kparkd";
 constexpr u32 kAskAgainMs = 1000;
 constexpr u64 kHelperLimitMs = 10000;
+// How long the helper waits between its tries while the writes go on without a flag.
+constexpr u64 kFirstRetryMs = 1000;
+constexpr u64 kLongestRetryMs = 60000;
 constexpr u32 kTypes[] = {SNBF_BMP_INCR, SNBF_BMP_DIFF};
 
 // Helpers that have been started and not been waited for.
@@ -24,20 +27,6 @@ bool may_all_go(FilterNode& node) {
   if (node.parking.stop.load() != 0 || node.started.load() == 0) return true;
   SpinGuard hold{node.bmp_spin};
   return node.incr_guard.covers() && node.diff_guard.covers();
-}
-
-// Of a request that failed, or that could not be queued. A save that is under way asks at its end.
-void ask_again(FilterNode& node) {
-  for (const u32 type : kTypes) {
-    const ChangeBitmap bitmap{node, type};
-    bool must_ask;
-    {
-      SpinGuard hold{bitmap.node.bmp_spin};
-      FileGuard& guard = bitmap.guard();
-      must_ask = !guard.covers() && !guard.is_saving() && guard.ask_for_flag();
-    }
-    if (must_ask) snbf_sched_write_dirty_flag(node, type);
-  }
 }
 
 void ask_for_help(FilterNode& node) {
@@ -61,7 +50,6 @@ bool wait_for_leave(FilterNode& node) {
     const auto may_go = [&node] { return may_all_go(node); };
     if (parking.worker_wait.wait_until(may_go, is_last ? deadline_ms : next_ms)) return true;
     if (is_last) return false;
-    if (pause_ms != kHelpAfterMs) ask_again(node);
     ask_for_help(node);
     pause_ms = kAskAgainMs;
   }
@@ -71,9 +59,10 @@ void give_up(FilterNode& node) {
   {
     SpinGuard hold{node.bmp_spin};
     if (node.incr_guard.covers() && node.diff_guard.covers()) return;
-    if (!node.incr_guard.covers()) node.incr_guard.give_up();
-    if (!node.diff_guard.covers()) node.diff_guard.give_up();
+    if (!node.incr_guard.covers()) node.incr_guard.give_up_for_now();
+    if (!node.diff_guard.covers()) node.diff_guard.give_up_for_now();
   }
+  ask_for_help(node);
   snbf_log(kLogError,
            "%s(): The dirty flag of snbf(%d, %d) could not be raised within %d seconds. "
            "Its writes go on without it.",
@@ -81,21 +70,45 @@ void give_up(FilterNode& node) {
            static_cast<int>(kFlagLimitMs / 1000));
 }
 
-void send_all(FilterNode& node) {
+SectorRange sectors_of(const plat_bio* bio) {
+  plat_bio_info info;
+  snbf_plat_bio_info(bio, &info);
+  return {Sector{info.sector}, info.size_bytes >> 9};
+}
+
+// Null: the batch is over.
+plat_bio* take_first_of_batch(FilterNode& node) {
   Parking& parking = node.parking;
-  plat_bio* bio;
+  SpinGuard hold{node.bmp_spin};
+  if (parking.batch_last == nullptr) return nullptr;
+  plat_bio* const bio = parking.first;
+  parking.first = snbf_plat_bio_next(bio);
+  if (parking.first == nullptr) parking.last = nullptr;
+  parking.sending = sectors_of(bio);
+  parking.sending_since_ms = parking.since_ms;
+  if (bio == parking.batch_last) {
+    parking.batch_last = nullptr;
+    parking.since_ms = parking.behind_batch_since_ms;
+  }
+  snbf_plat_bio_set_next(bio, nullptr);
+  return bio;
+}
+
+// What is parked from now on has to wait for its own flag. So has what is parked again, and all behind it with that.
+void send_batch(FilterNode& node) {
+  Parking& parking = node.parking;
   {
     SpinGuard hold{node.bmp_spin};
-    bio = parking.first;
-    parking.first = parking.last = nullptr;
+    parking.batch_last = parking.last;
   }
-  while (bio != nullptr) {
-    plat_bio* const next = snbf_plat_bio_next(bio);
-    snbf_plat_bio_set_next(bio, nullptr);
+  while (plat_bio* bio = take_first_of_batch(node)) {
     continue_parked_write(node, bio);
+    {
+      SpinGuard hold{node.bmp_spin};
+      parking.sending = {};
+    }
     // Only now: whoever looks for writes under way finds it here, or where it went.
     if (parking.writes.fetch_sub(1) == 1) parking.empty_wait.wake();
-    bio = next;
   }
 }
 
@@ -112,7 +125,7 @@ void kparkd(void* argument) {
     parking.worker_wait.wait_idle([&] { return parking.stop.load() != 0 || has_list(node); });
     if (!has_list(node)) break;
     if (!wait_for_leave(node)) give_up(node);
-    send_all(node);
+    send_batch(node);
   }
   snbf_plat_thread_exit(&parking.worker_ended);
 }
@@ -123,21 +136,41 @@ void raise_what_lacks(FilterNode& node) {
     KsMutexGuard file_work{node.bmp_mutex};
     // The file work before this one may have outlasted the node: its file may be another's by now.
     if (node.parking.stop.load() != 0) return;
-    const bool covers = [&] {
+    const bool lacks_flag = [&] {
       SpinGuard hold{bitmap.node.bmp_spin};
-      return bitmap.guard().covers();
+      return !bitmap.guard().covers() || bitmap.guard().tries_again();
     }();
-    if (!covers) snbf_block_write_dirty_flag(node, type, 1);
+    if (lacks_flag) snbf_block_write_dirty_flag(node, type, 1);
   }
+}
+
+bool tries_again(FilterNode& node) {
+  SpinGuard hold{node.bmp_spin};
+  return node.incr_guard.tries_again() || node.diff_guard.tries_again();
+}
+
+// Sleeps until help is wanted, or until a flag that the writes no longer wait for is to be tried again.
+void wait_for_call(FilterNode& node, u64& retry_ms) {
+  Parking& parking = node.parking;
+  const auto is_called = [&] {
+    return parking.stop.load() != 0 || parking.help_wanted.load() != 0;
+  };
+  if (!tries_again(node)) {
+    retry_ms = kFirstRetryMs;
+    parking.helper_wait.wait_idle(is_called);
+    return;
+  }
+  parking.helper_wait.wait_until(is_called, snbf_plat_ticks_ms() + retry_ms);
+  retry_ms = retry_ms * 2 < kLongestRetryMs ? retry_ms * 2 : kLongestRetryMs;
 }
 
 void kflagd(void* argument) {
   FilterNode& node = *static_cast<FilterNode*>(argument);
   Parking& parking = node.parking;
   snbf_plat_thread_serves_writes();
+  u64 retry_ms = kFirstRetryMs;
   for (;;) {
-    parking.helper_wait.wait_idle(
-        [&] { return parking.stop.load() != 0 || parking.help_wanted.load() != 0; });
+    wait_for_call(node, retry_ms);
     if (parking.stop.load() != 0) break;
     parking.help_wanted.store(0);
     raise_what_lacks(node);
@@ -145,6 +178,27 @@ void kflagd(void* argument) {
   parking.helper_ended.store(1);
   put_filter_node(node);
   snbf_plat_thread_exit(&helper_exited);
+}
+
+void park_last(Parking& parking, plat_bio* bio) {
+  const u64 now_ms = snbf_plat_ticks_ms();
+  if (parking.last == parking.batch_last) parking.behind_batch_since_ms = now_ms;
+  if (parking.last != nullptr) {
+    snbf_plat_bio_set_next(parking.last, bio);
+  } else {
+    parking.first = bio;
+    parking.since_ms = now_ms;
+  }
+  parking.last = bio;
+}
+
+// The one that is being sent, once more: the batch ends with it, for it would go no further.
+void park_first(Parking& parking, plat_bio* bio) {
+  snbf_plat_bio_set_next(bio, parking.first);
+  parking.first = bio;
+  if (parking.last == nullptr) parking.last = bio;
+  parking.batch_last = nullptr;
+  parking.since_ms = parking.sending_since_ms;
 }
 
 void end_worker(Parking& parking) {
@@ -188,16 +242,18 @@ void wait_for_parking_threads() {
   for (; helpers.load() > 0; helpers.fetch_sub(1)) snbf_plat_completion_wait(&helper_exited);
 }
 
-void park(FilterNode& node, plat_bio* bio) {
-  Parking& parking = node.parking;
-  if (parking.last == nullptr) {
-    parking.first = bio;
-    parking.since_ms = snbf_plat_ticks_ms();
-  } else {
-    snbf_plat_bio_set_next(parking.last, bio);
+void park(FilterNode& node, plat_bio* bio, Arrival arrival) {
+  arrival == Arrival::First ? park_last(node.parking, bio) : park_first(node.parking, bio);
+  node.parking.writes.fetch_add(1);
+}
+
+bool overlaps_parked(const FilterNode& node, const SectorRange& sectors) {
+  const Parking& parking = node.parking;
+  if (!parking.sending.empty() && parking.sending.overlaps(sectors)) return true;
+  for (const plat_bio* bio = parking.first; bio != nullptr; bio = snbf_plat_bio_next(bio)) {
+    if (sectors_of(bio).overlaps(sectors)) return true;
   }
-  parking.last = bio;
-  parking.writes.fetch_add(1);
+  return false;
 }
 
 void wake_parking(FilterNode& node) {

@@ -6,19 +6,26 @@
 //      holding of bmp_spin it puts the write at the end of the node's list, and queues a request for the
 //      flag unless one is queued. The submitter goes on; nothing is allocated for the write.
 //   2. kdirtyd writes the flag, or a save writes a file that lacks nothing: the node's worker wakes.
-//   3. The worker takes the list and sends each write on under fresh locks, from behind its marking. Only
-//      bits that a command has taken away meanwhile are set again, which may park it again.
+//   3. The worker sends each write of the list on under fresh locks, from behind its marking. Only bits that a
+//      command has taken away meanwhile are set again, which may park it again: at the front, with the time that it
+//      has waited.
+//
+// Writes that overlap keep their order: who meets a parked one, or one on its way out of the list, is parked behind
+// it, though no flag is in his way.
 //
 // The worker does no file work, so that it is there for the end: after kFlagLimitMs the writes go on as if
-// the flag were raised, and an error line says so. A file that lies on another node, whose own flag must be
-// raised for it, keeps kdirtyd from serving that one: after kHelpAfterMs the worker asks a second thread of
-// the node, which raises the node's flags itself.
+// the flag were raised, and an error line says so. Nor does it allocate: the memory may be what its writes are to give
+// back. Where kdirtyd does not raise the flags within kHelpAfterMs (a file that lies on another node, whose own flag
+// must come first, keeps it from serving that one; a request may find no memory; a file may fail) the worker asks a
+// second thread of the node, again and again, which raises them itself. That thread goes on trying once the writes have
+// been let go.
 //
 // Stop, deletion and unload wait until no write is parked, and so does a snap's start for its instant.
 #pragma once
 
 #include "base/atomic.h"
 #include "base/thread_annotations.h"
+#include "base/units.h"
 #include "core/sync.h"
 #include "platform/block.h"
 
@@ -29,11 +36,20 @@ struct FilterNode;
 constexpr u32 kFlagLimitMs = 10000;
 constexpr u32 kHelpAfterMs = 100;
 
+// Whether a write comes from its submitter, or was parked before.
+enum class Arrival { First, Again };
+
 struct Parking {
-  // The list, linked through the requests; under the node's bmp_spin.
+  // The list, linked through the requests; all of it under the node's bmp_spin.
   plat_bio* first = nullptr;
   plat_bio* last = nullptr;
-  u64 since_ms = 0;  // the first of the list
+  plat_bio* batch_last =
+      nullptr;       // the last that the worker sends on now; null: it waits for a flag
+  u64 since_ms = 0;  // the first of the list has waited since then, at most
+  u64 behind_batch_since_ms = 0;  // the same of the first behind batch_last
+  // The write that has left the list, and has not reached what keeps its order from there.
+  SectorRange sending = {};
+  u64 sending_since_ms = 0;
 
   Atomic<int> writes;  // in the list, or on their way out of it
   WaitQueue worker_wait;
@@ -56,7 +72,9 @@ void end_parking(FilterNode& node);
 void wait_for_parking_threads();
 
 // Step 1. bmp_spin is held; wake_parking follows behind it.
-void park(FilterNode& node, plat_bio* bio);
+void park(FilterNode& node, plat_bio* bio, Arrival arrival);
+// Whether a write would overtake a parked one. bmp_spin is held.
+bool overlaps_parked(const FilterNode& node, const SectorRange& sectors);
 // After a change of a guard. Any lock but bmp_spin may be held.
 void wake_parking(FilterNode& node);
 // False: writes are still parked after `limit_ms`. Neither bmp_mutex nor io_rwlock is held. May sleep.

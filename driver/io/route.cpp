@@ -147,7 +147,7 @@ int route_filter(FilterNode& filter, Request& request) {
 int route_again(FilterNode& filter, Request& request) {
   if (filter.started.load() == 0) return refuse_stopped(filter);
   KsReadGuard io{filter.io_rwlock};
-  if (!mark_extents(filter, request.sectors(), request.bio)) return 0;  // parked again
+  if (!mark_extents(filter, request.sectors(), request.bio, Arrival::Again)) return 0;
   return route_marked(filter, request);
 }
 

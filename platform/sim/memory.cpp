@@ -218,6 +218,7 @@ void* pool_take(Kernel& k, plat_pool* pool) {
 }  // namespace
 
 void Sim::set_memory_pressure(bool on) { kernel_->memory_pressure = on; }
+void Sim::hold_heap(bool on) { kernel_->memory->heap_is_held = on; }
 u64 Sim::heap_bytes() const { return kernel_->memory->live_bytes; }
 std::size_t Sim::live_blocks() const { return kernel_->memory->live.size(); }
 
@@ -229,6 +230,7 @@ extern "C" {
 
 void* snbf_plat_heap_alloc(plat_size bytes, plat_alloc_mode mode) {
   Kernel& k = enter_allocation("heap_alloc", mode);
+  while (k.memory->heap_is_held && mode != PLAT_ALLOC_ATOMIC) k.sim.sleep_us(1000);
   if (k.fault_memory(Fault::Heap)) return nullptr;
   // As kmalloc: what is larger is never to be had.
   if (bytes > (4u << 20)) return nullptr;

@@ -42,6 +42,7 @@ struct MemoryState {
   std::size_t quarantine_bytes = 0;
   u64 next_number = 1;
   u64 live_bytes = 0;
+  bool heap_is_held = false;
   std::set<plat_cache*> caches;
   std::set<plat_pool*> pools;
 

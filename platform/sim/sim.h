@@ -480,6 +480,8 @@ class Sim {
   // flusher.
   void set_reclaim(plat_devt device, u64 sector, u32 percent);
   void clear_reclaim();
+  // Allocations from the heap that may sleep do so until it is let go.
+  void hold_heap(bool on);
   u64 heap_bytes() const;  // live, of the driver
   std::size_t live_blocks() const;
 

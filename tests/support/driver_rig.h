@@ -49,8 +49,9 @@ inline snbf_info info_of(Sim& sim, u32 minor) {
 }
 
 // A machine with a partition /dev/sda1 of 16 MiB, a folder for bitmaps, and the driver.
-inline void load_with_partition(Sim& sim, const DriverParams& params = {.debug = 4}) {
-  sim.add_device({.name = "sda1", .bytes = 16 << 20});
+inline void load_with_partition(Sim& sim, const DriverParams& params = {.debug = 4},
+                                u32 queue_depth = 0) {
+  sim.add_device({.name = "sda1", .bytes = 16 << 20, .queue_depth = queue_depth});
   sim.make_dir("/var");
   sim.make_dir("/var/bmp");
   ASSERT_EQ(sim.load_driver(params), 0);

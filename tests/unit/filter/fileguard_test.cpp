@@ -109,7 +109,7 @@ TEST(FileGuard, WhatALoadFindsDecides) {
 TEST(FileGuard, OnceGivenUpNobodyWaitsUntilTheStoreIsBack) {
   FileGuard guard = saved();
   guard.count_mark();
-  guard.give_up();
+  guard.give_up_for_now();
   EXPECT_TRUE(guard.covers());
   guard.end_save(guard.begin_save(), FileState::Unknown);
   guard.count_mark();
@@ -118,6 +118,33 @@ TEST(FileGuard, OnceGivenUpNobodyWaitsUntilTheStoreIsBack) {
   guard.count_mark();
   guard.end_save(snapshot, FileState::Whole);
   EXPECT_FALSE(guard.covers());
+}
+
+// The writes that were let go, before and behind the snapshot, have left no request.
+TEST(FileGuard, ASaveThatEndsAGiveUpAsksForTheFlagOfWhatItLacks) {
+  FileGuard guard = saved();
+  guard.count_mark();
+  guard.give_up_for_good();
+  u64 snapshot = guard.begin_save();
+  guard.count_mark();
+  EXPECT_TRUE(guard.end_save(snapshot, FileState::Whole));
+  guard.flag_is_on_disk();
+  guard.request_is_gone();
+  guard.give_up_for_now();
+  snapshot = guard.begin_save();
+  EXPECT_FALSE(guard.end_save(snapshot, FileState::Whole)) << "it lacks nothing";
+}
+
+TEST(FileGuard, OnlyWhatWasGivenUpForNowIsTriedAgain) {
+  FileGuard guard = saved();
+  EXPECT_FALSE(guard.tries_again());
+  guard.count_mark();
+  guard.give_up_for_now();
+  EXPECT_TRUE(guard.tries_again());
+  guard.flag_is_on_disk();
+  EXPECT_FALSE(guard.tries_again());
+  guard.give_up_for_good();
+  EXPECT_FALSE(guard.tries_again());
 }
 
 TEST(FileGuard, OneRequestIsQueuedAtATimeAndTheEndOfASaveAsksAgain) {

@@ -16,8 +16,8 @@ const Bytes kFlagged = {'S', 'N', 'B', 'F', 'B', 'M', 'P', 1};
 // own, /store.
 class Node3 {
  public:
-  explicit Node3(Sim& kernel) : sim(kernel) {
-    load_with_partition(sim);
+  explicit Node3(Sim& kernel, u32 queue_depth = 0) : sim(kernel) {
+    load_with_partition(sim, {.debug = 4}, queue_depth);
     store = sim.add_device({.name = "sdb1", .bytes = 4 << 20});
     EXPECT_EQ(sim.mount(sim.add_fs("store", store->number()), "/store"), 0);
     snbf_filter_node_cmd record = filter_record("/dev/sda1", kFilter, 4096, "/store");
@@ -51,6 +51,10 @@ class Node3 {
   bool is_set(u64 extent) {
     SpinGuard hold{node->bmp_spin};
     return (reinterpret_cast<const u8*>(node->incr_bmp)[extent / 8] >> extent % 8 & 1) != 0;
+  }
+  bool is_waiting() {
+    SpinGuard hold{node->bmp_spin};
+    return !node->incr_guard.covers();
   }
   u64 reached() const { return disk->counts().writes; }
 
@@ -170,6 +174,92 @@ SIM_TEST(Parking, ARequestThatFoundNoMemoryIsTriedAgain) {
   EXPECT_EQ(sim.log().count("snbf_sched_write_dirty_flag(): Memory allocation failure", 3), 1);
   EXPECT_FALSE(sim.log().contains(kGaveUp));
   EXPECT_EQ(rig.file("incr"), kFlagged);
+}
+
+// A file system may call this so, too, in what it writes for the flag.
+SIM_TEST(Parking, AFlagThatIsRefusedAsInvalidIsNotGivenUp) {
+  Node3 rig(sim);
+  sim.fail_nth(Fault::FileWrite, 1, -EINVAL);
+  EXPECT_EQ(rig.write(7).wait(), 0);
+  EXPECT_EQ(rig.file("incr"), kFlagged);
+  EXPECT_EQ(rig.file("diff"), kFlagged);
+}
+
+// The memory may be what the write is to give back.
+SIM_TEST(Parking, WhereNoMemoryIsToBeHadTheWriteGoesOnAtTheLimit) {
+  Node3 rig(sim);
+  sim.hold_heap(true);
+  Task* flusher = sim.spawn("flusher", [&] { EXPECT_EQ(rig.write(7).wait(), 0); });
+  sim.sleep_us(11'000'000);
+  EXPECT_EQ(rig.reached(), 1u);
+  EXPECT_EQ(sim.log().count(kGaveUp), 1);
+  sim.hold_heap(false);
+  sim.join(flusher);
+}
+
+// No write needs to come for it.
+SIM_TEST(Parking, AFlagThatWasGivenUpIsRaisedOnceItsStoreIsBack) {
+  Node3 rig(sim);
+  sim.fail_always(Fault::FileWrite, -EIO);
+  EXPECT_EQ(rig.write(7).wait(), 0);
+  EXPECT_EQ(sim.log().count(kGaveUp), 1);
+  sim.sleep_us(300'000'000);
+  sim.log().clear();
+  sim.sleep_us(300'000'000);
+  EXPECT_LT(sim.log().count("(): Failed to write"), 20) << "it is not in the log all the time";
+  sim.clear_faults();
+  sim.sleep_us(61'000'000);
+  EXPECT_EQ(rig.file("incr"), kFlagged);
+  EXPECT_EQ(rig.file("diff"), kFlagged);
+  sim.log().clear();
+  sim.sleep_us(300'000'000);
+  EXPECT_FALSE(sim.log().contains("Writing dirty flag")) << "and not raised again and again";
+}
+
+// Each is longer than the one before, so that the device can tell them apart.
+SIM_TEST_SEEDS(Parking, AWriteDoesNotOvertakeAParkedOneThatItOverlaps, 60) {
+  constexpr u64 kLast = 1000;
+  Node3 rig(sim);
+  for (int round = 0; round < 5; ++round) {
+    for (u32 type : {0u, 1u}) EXPECT_EQ(rig.select(SNBF_CLR_BMP, type), 0);
+    rig.disk->clear_history();
+    std::vector<Io> ios;
+    do {
+      const u64 sectors = ios.size() + 1;
+      ios.push_back(sim.submit(kNode(kFilter), {.op = Op::Write,
+                                                .sector = kLast + 1 - sectors,
+                                                .data = Bytes(sectors * 512, 1)}));
+      sim.sleep_us(sim.random(8));
+    } while (rig.node->parking.writes.load() != 0 && ios.size() < 200);
+    for (const Io& io : ios) EXPECT_EQ(io.wait(), 0);
+    const auto& seen = rig.disk->history();
+    ASSERT_EQ(seen.size(), ios.size());
+    for (std::size_t i = 0; i < seen.size(); ++i) ASSERT_EQ(seen[i].sector, kLast - i);
+  }
+}
+
+// Its leave is taken away again, by a save that ends while the writes before it are still being sent.
+SIM_TEST(Parking, AWriteThatIsParkedTwiceWaitsForTheLimitOnce) {
+  Node3 rig(sim, 1);
+  rig.disk->set_latency(300'000, 300'000);
+  rig.store->hold(true);
+  std::vector<Io> writes;
+  for (u64 extent = 0; extent < 30; ++extent) writes.push_back(rig.write(extent));
+  Task* saver = sim.spawn("saver", [&] { EXPECT_EQ(rig.select(SNBF_SAVE_BMP, 1), 0); });
+  sim.sleep_us(2'000'000);
+  writes.push_back(rig.write(40));  // behind the save's snapshot
+  sim.wait_until([&] { return sim.log().contains(kGaveUp); });
+  rig.store->hold(false);
+  rig.store->release_all();
+  sim.wait_until([&] { return rig.is_waiting(); });
+  rig.store->hold(true);
+  EXPECT_LT(rig.reached(), 29u);
+  for (const Io& io : writes) EXPECT_EQ(io.wait(), 0);
+  EXPECT_LT(writes.back().done_at_us() - writes.front().done_at_us(), 10'000'000u);
+  EXPECT_EQ(sim.log().count(kGaveUp), 2);
+  rig.store->hold(false);
+  rig.store->release_all();
+  sim.join(saver);
 }
 
 // A command may have taken its bit, and have handed it out, while the change was still to come.
@@ -453,6 +543,50 @@ SIM_TEST(Parking, ABitmapWhoseFlagWasRaisedForAnotherNodeIsSavedAgain) {
   EXPECT_EQ(sim.proc("/proc/snbf/snbf4/incr_bmp_dirty"), "1\n");
   EXPECT_EQ(sim.proc("/proc/snbf/snbf4/diff_bmp_dirty"), "1\n");
   take_down(sim);
+}
+
+// kdirtyd has node 4 in hand, whose flag it is to raise behind node 5's, and hangs there. Meanwhile node 4 goes, with
+// its files whole: they are nobody's business any more.
+SIM_TEST(Parking, TheFilesOfANodeBelowThatWasDeletedMeanwhileStayWhole) {
+  load_with_partition(sim);
+  Device* store = sim.add_device({.name = "sdb1", .bytes = 4 << 20});
+  ASSERT_EQ(sim.mount(sim.add_fs("store", store->number()), "/store"), 0);
+  const auto attach = [&](const char* partition, u32 minor, const char* folder) {
+    snbf_filter_node_cmd record = filter_record(partition, static_cast<int>(minor), 4096, folder);
+    ASSERT_EQ(add_filter(sim, record), 0);
+    ASSERT_EQ(start_node(sim, minor), 0);
+  };
+  for (const char* name : {"sdc1", "sdd1"}) sim.add_device({.name = name, .bytes = 16 << 20});
+  attach("/dev/sdc1", 5, "/store");
+  ASSERT_EQ(sim.mount(sim.add_fs("middle", kNode(5)), "/middle"), 0);
+  attach("/dev/sdd1", 4, "/middle");
+  ASSERT_EQ(sim.mount(sim.add_fs("upper", kNode(4)), "/upper"), 0);
+  attach("/dev/sda1", 3, "/upper");
+  for (u32 minor : {3u, 4u, 5u}) {
+    for (u32 type : {0u, 1u}) clear(sim, minor, type);
+  }
+  store->hold(true);
+  const Io io = sim.submit(kNode(3), {.op = Op::Write, .sector = 0, .data = Bytes(4096, 0x5A)});
+  sim.sleep_us(50'000);  // node 3's own helper would hang in a file of its own
+  EXPECT_EQ(sim.unmount(sim.fs("upper")), 0);
+  EXPECT_EQ(stop_node(sim, 4), 0);
+  EXPECT_EQ(delete_node(sim, 4), 0);
+  const auto files = [&] {
+    Bytes incr, diff;
+    sim.peek_file("/middle/snbf4.incr", &incr);
+    sim.peek_file("/middle/snbf4.diff", &diff);
+    return std::pair{incr, diff};
+  };
+  const auto whole = files();
+  ASSERT_GT(whole.first.size(), kFlagged.size());
+  store->hold(false);
+  store->release_all();
+  EXPECT_EQ(io.wait(), 0);
+  sim.sleep_us(1'000'000);
+  EXPECT_EQ(files(), whole);
+  EXPECT_EQ(stop_node(sim, 3), 0);
+  EXPECT_EQ(sim.unmount(sim.fs("middle")), 0);
+  EXPECT_EQ(sim.unload_driver(), 0);
 }
 
 // A command writes a file of node 3 into the file system on node 4, whose flag is down; kdirtyd
