@@ -38,7 +38,6 @@ Swarm::Swarm(Sim& kernel, const Plan& plan, Bitmaps& bitmaps, bool first_boot)
   rig_.copies_may_fail = breaks_copies();
   rig_.partition_may_fail = plan.has(Trait::DiskFails);
   rig_.memory_may_fail = plan.has(Trait::NoMemory);
-  rig_.waits_checked = !plan.has(Trait::Stall);
 }
 
 void Swarm::run() {
