@@ -135,7 +135,7 @@ void SnapRig::judge_write(const model::WriteTicket& ticket, int rc, u64 sent_us)
     EXPECT_EQ(rc, 0) << "a write failed";
   }
   if (waits_checked) {
-    EXPECT_LE(waited, kWriteWaitMaxUs) << "a write was held too long";
+    EXPECT_LE(waited, longest_wait_allowed_us) << "a write was held too long";
   }
 }
 

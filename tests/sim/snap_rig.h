@@ -128,6 +128,7 @@ class SnapRig {
   bool partition_may_fail = false;  // so is the partition: requests to it may fail
   bool memory_may_fail = false;     // commands may fail for it, and snaps too
   bool waits_checked = true;
+  u64 longest_wait_allowed_us = kWriteWaitMaxUs;
   u64 longest_wait_us = 0;
   u64 images_checked = 0;
 

@@ -38,6 +38,8 @@ Swarm::Swarm(Sim& kernel, const Plan& plan, Bitmaps& bitmaps, bool first_boot)
   rig_.copies_may_fail = breaks_copies();
   rig_.partition_may_fail = plan.has(Trait::DiskFails);
   rig_.memory_may_fail = plan.has(Trait::NoMemory);
+  // A copy that fails in the midst of a stall has one more request for the store: that the snap is given up.
+  if (plan.has(Trait::Stall)) rig_.longest_wait_allowed_us = 2 * rig::kWriteWaitMaxUs;
 }
 
 void Swarm::run() {
