@@ -453,6 +453,19 @@ def slabs():
         return [line.split()[0] for line in lines if line.split()[0] in CACHES]
 
 
+def driver_threads():
+    """The kernel's tasks that serve the driver, by number."""
+    found = []
+    for task in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open(f"/proc/{task}/comm", encoding="ascii", errors="replace") as name:
+                if name.read().strip() in ("kdirtyd", "kcowd", "kparkd", "kflagd", "ksnapwatch"):
+                    found.append(task)
+        except OSError:
+            pass
+    return found
+
+
 def try_unload():
     """What the kernel answers to one attempt: 0, or -EAGAIN while somebody uses the module."""
     libc = ctypes.CDLL(None, use_errno=True)

@@ -179,19 +179,6 @@ def commands_to_a_filter_survive_faults_in_copies_to_callers():
     every_command("fail_usercopy", 20)
 
 
-def driver_threads():
-    """The kernel's tasks that serve the driver, by number."""
-    found = []
-    for task in filter(str.isdigit, os.listdir("/proc")):
-        try:
-            with open(f"/proc/{task}/comm", encoding="ascii", errors="replace") as name:
-                if name.read().strip() in ("kdirtyd", "kcowd", "kparkd", "kflagd", "ksnapwatch"):
-                    found.append(task)
-        except OSError:
-            pass
-    return found
-
-
 def rewrite(path, rng):
     """Writes all over the node: none may fail, and what was written is there."""
     fd = os.open(path, os.O_RDWR | os.O_DSYNC)
@@ -215,7 +202,7 @@ def a_snap_s_life_survives_memory_faults_in_every_thread():
         kit.done(ask(fd, "ADD_SNAP_NODE", snap_record(kit.state_folder("store")), aimed=False), "add snap")
         faults("failslab", 5)
         ask(fd, "START_NODE", of_minor(1))
-        aims = [Aim(task) for task in driver_threads()]
+        aims = [Aim(task) for task in kit.driver_threads()]
         for aim in aims:
             aim.__enter__()
         rewrite("/dev/snbf/snbf0", rng)
@@ -296,7 +283,7 @@ def and_it_unloads():
         faults(kind, 0)
     kit.unload()
     kit.equal(kit.slabs(), [], "slabs")
-    kit.equal(driver_threads(), [], "threads")
+    kit.equal(kit.driver_threads(), [], "threads")
 
 
 if __name__ == "__main__":
