@@ -100,10 +100,21 @@ class WaitQueue {
   // The same until a point of snbf_plat_ticks_ms(); false when that came first.
   template <typename Condition>
   bool wait_until(Condition condition, u64 deadline_ms) {
+    return wait_in_until(condition, deadline_ms, 0);
+  }
+  template <typename Condition>
+  bool wait_idle_until(Condition condition, u64 deadline_ms) {
+    return wait_in_until(condition, deadline_ms, 1);
+  }
+  plat_waitq* raw() { return &queue_; }
+
+ private:
+  template <typename Condition>
+  bool wait_in_until(Condition condition, u64 deadline_ms, int idle) {
     plat_wait_entry entry = {};
     bool holds;
     for (;;) {
-      snbf_plat_wait_prepare(&queue_, &entry, 0);
+      snbf_plat_wait_prepare(&queue_, &entry, idle);
       holds = condition();
       const u64 now = snbf_plat_ticks_ms();
       if (holds || now >= deadline_ms) break;
@@ -112,9 +123,6 @@ class WaitQueue {
     snbf_plat_wait_finish(&queue_, &entry);
     return holds;
   }
-  plat_waitq* raw() { return &queue_; }
-
- private:
   template <typename Condition>
   void wait_in(Condition condition, int idle) {
     plat_wait_entry entry = {};

@@ -98,8 +98,19 @@ struct MarkedWrite {
   return left;
 }
 
-// The worker first: a request takes memory, for which the submitter may wait until this very write is done.
-[[gnu::noinline]] void do_what_is_left(FilterNode& node, unsigned left) {
+// The worker, whose writes alone come again, makes no request: it takes memory.
+void call_helper(FilterNode& node) {
+  {
+    SpinGuard hold{node.bmp_spin};
+    node.incr_guard.request_is_gone();
+    node.diff_guard.request_is_gone();
+  }
+  ask_for_help(node);
+}
+
+// The worker is woken first: for the memory of a request the submitter may wait until this very write is done.
+[[gnu::noinline]] void do_what_is_left(FilterNode& node, unsigned left, Arrival arrival) {
+  if (arrival == Arrival::Again) return call_helper(node);
   if ((left & kMustWait) != 0) wake_parking(node);
   if ((left & kAskIncr) != 0) snbf_sched_write_dirty_flag(node, SNBF_BMP_INCR);
   if ((left & kAskDiff) != 0) snbf_sched_write_dirty_flag(node, SNBF_BMP_DIFF);
@@ -108,7 +119,7 @@ struct MarkedWrite {
 bool would_overtake(const FilterNode& node, const MarkedWrite& write) REQUIRES(node.bmp_spin) {
   const Parking& parking = node.parking;
   if (parking.first == nullptr && parking.sending.empty()) [[likely]] return false;
-  return write.arrival == Arrival::First && overlaps_parked(node, write.sectors);
+  return write.arrival == Arrival::First && may_overlap_parked(node, write.sectors);
 }
 
 // Of the last extent of a write, the verdict over all of it: true if it may go on. What is not done for every write
@@ -125,7 +136,7 @@ bool would_overtake(const FilterNode& node, const MarkedWrite& write) REQUIRES(n
       left |= wait_for_flags(node, write);
     }
   }
-  if (left != 0) [[unlikely]] do_what_is_left(node, left);
+  if (left != 0) [[unlikely]] do_what_is_left(node, left, write.arrival);
   return (left & kMustWait) == 0;
 }
 

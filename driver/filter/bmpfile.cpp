@@ -170,8 +170,8 @@ int save_locked(const ChangeBitmap& bitmap, const u8* snapshot, FileState* state
   return rc;
 }
 
-// `misplaced` is set where no flag can be raised for as long as the file lies there.
-int write_flag_locked(const ChangeBitmap& bitmap, int flag, bool* misplaced) {
+// `create` is O_CREAT or 0. `misplaced` is set where no flag can be raised for as long as the file lies there.
+int write_flag_locked(const ChangeBitmap& bitmap, int flag, int create, bool* misplaced) {
   constexpr const char* kOrigin = "snbf_block_write_dirty_flag";
   *misplaced = lies_on_node(bitmap.fname(), bitmap.node);
   if (*misplaced) {
@@ -182,7 +182,7 @@ int write_flag_locked(const ChangeBitmap& bitmap, int flag, bool* misplaced) {
   }
   const int truncate = flag != 0 ? PLAT_O_TRUNC : 0;
   snbf_file* file =
-      snbf_fopen(bitmap.fname(), PLAT_O_WRONLY | PLAT_O_CREAT | PLAT_O_SYNC | truncate, kFileMode);
+      snbf_fopen(bitmap.fname(), PLAT_O_WRONLY | create | PLAT_O_SYNC | truncate, kFileMode);
   if (file == nullptr) return -EIO;
   const u8 dirty = flag != 0 ? 1 : 0;
   FileCursor cursor{file};
@@ -202,6 +202,28 @@ int is_dirty(FilterNode& node, u32 type) {
   const ChangeBitmap bitmap{node, type};
   SpinGuard hold{bitmap.node.bmp_spin};
   return bitmap.is_dirty();
+}
+
+int write_flag(FilterNode& node, u32 type, int flag, int create) {
+  snbf_log(2, "%s(): Writing dirty flag %d into %s bitmap of snbf(%d, %d)",
+           "snbf_block_write_dirty_flag", flag, bmp_type_text(type), snbf_blk_major,
+           static_cast<int>(node.minor));
+  const ChangeBitmap bitmap{node, type};
+  ServesWrites serving;
+  KsMutexGuard file_work{node.bmp_mutex};
+  if (flag == 0) snbf_kill_dirty_requests(node, type);
+  bool misplaced;
+  const int rc = write_flag_locked(bitmap, flag, create, &misplaced);
+  // Kept: the file counts as what it was, and so nobody who writes through the node may take its flag down.
+  if (flag == 0) return rc;
+  {
+    SpinGuard hold{bitmap.node.bmp_spin};
+    bitmap.guard().request_is_gone();
+    if (rc == 0) bitmap.guard().flag_is_on_disk();
+    if (misplaced) bitmap.guard().give_up_for_good();  // nothing is gained by waiting
+  }
+  wake_parking(node);
+  return rc;
 }
 
 }  // namespace
@@ -293,26 +315,10 @@ int snbf_block_save_dirty_bmps(FilterNode& node) {
 }
 
 int snbf_block_write_dirty_flag(FilterNode& node, u32 type, int flag) {
-  snbf_log(2, "%s(): Writing dirty flag %d into %s bitmap of snbf(%d, %d)",
-           "snbf_block_write_dirty_flag", flag, bmp_type_text(type), snbf_blk_major,
-           static_cast<int>(node.minor));
-  const ChangeBitmap bitmap{node, type};
-  ServesWrites serving;
-  KsMutexGuard file_work{node.bmp_mutex};
-  if (flag == 0) snbf_kill_dirty_requests(node, type);
-  bool misplaced;
-  const int rc = write_flag_locked(bitmap, flag, &misplaced);
-  // Kept: the file counts as what it was, and so nobody who writes through the node may take its flag down.
-  if (flag == 0) return rc;
-  {
-    SpinGuard hold{bitmap.node.bmp_spin};
-    bitmap.guard().request_is_gone();
-    if (rc == 0) bitmap.guard().flag_is_on_disk();
-    if (misplaced) bitmap.guard().give_up_for_good();  // nothing is gained by waiting
-  }
-  wake_parking(node);
-  return rc;
+  return write_flag(node, type, flag, PLAT_O_CREAT);
 }
+
+void snbf::retry_dirty_flag(FilterNode& node, u32 type) { write_flag(node, type, 1, 0); }
 
 int snbf_ioctl_load_bmp(Node& node, snbf_bmp_sel& record) {
   constexpr const char* kOrigin = "snbf_ioctl_load_bmp";

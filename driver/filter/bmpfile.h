@@ -27,6 +27,11 @@ int snbf_block_save_bmp(snbf::FilterNode& node, snbf::u32 type);
 int snbf_block_save_dirty_bmps(snbf::FilterNode& node);
 // Raises (or lowers) the dirty byte in the file. The node's own dirty field stays.
 int snbf_block_write_dirty_flag(snbf::FilterNode& node, snbf::u32 type, int flag);
+namespace snbf {
+// Raises one that was given up, in the file that is there: while its store is away, another file system may lie in
+// its place, where a new file would say nothing of the old one.
+void retry_dirty_flag(FilterNode& node, u32 type);
+}  // namespace snbf
 
 int snbf_ioctl_load_bmp(snbf::Node& node, snbf_bmp_sel& record);
 int snbf_ioctl_save_bmp(snbf::Node& node, snbf_bmp_sel& record);

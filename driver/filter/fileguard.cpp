@@ -32,8 +32,8 @@ bool FileGuard::end_save(u64 snapshot, FileState state) {
 
 void FileGuard::flag_is_on_disk() {
   file_ = kNoFile;
+  wanted_ = saves_ != 0 && (wanted_ || given_up_);
   given_up_ = false;
-  if (saves_ == 0) wanted_ = false;
   settle();
 }
 
@@ -58,8 +58,9 @@ void FileGuard::file_was_loaded(FileState state) {
 }
 
 void FileGuard::give_up(bool tries_again) {
+  // What was given up for now may only seem misplaced, while its store is away.
+  tries_again_ = tries_again || (given_up_ && tries_again_);
   given_up_ = true;
-  tries_again_ = tries_again;
   settle();
 }
 

@@ -23,15 +23,18 @@ constexpr u32 kTypes[] = {SNBF_BMP_INCR, SNBF_BMP_DIFF};
 constinit Atomic<int> helpers;
 constinit plat_completion helper_exited = {};
 
-bool may_all_go(FilterNode& node) {
-  if (node.parking.stop.load() != 0 || node.started.load() == 0) return true;
-  SpinGuard hold{node.bmp_spin};
+// A list that is longer is not walked for each new write: those that may overlap it are parked unseen.
+constexpr u32 kWalkedMax = 256;
+
+// bmp_spin is held.
+bool both_cover(const FilterNode& node) {
   return node.incr_guard.covers() && node.diff_guard.covers();
 }
 
-void ask_for_help(FilterNode& node) {
-  node.parking.help_wanted.store(1);
-  node.parking.helper_wait.wake();
+bool may_all_go(FilterNode& node) {
+  if (node.parking.stop.load() != 0 || node.started.load() == 0) return true;
+  SpinGuard hold{node.bmp_spin};
+  return both_cover(node);
 }
 
 // False: not within the limit.
@@ -58,7 +61,7 @@ bool wait_for_leave(FilterNode& node) {
 void give_up(FilterNode& node) {
   {
     SpinGuard hold{node.bmp_spin};
-    if (node.incr_guard.covers() && node.diff_guard.covers()) return;
+    if (both_cover(node)) return;
     if (!node.incr_guard.covers()) node.incr_guard.give_up_for_now();
     if (!node.diff_guard.covers()) node.diff_guard.give_up_for_now();
   }
@@ -85,10 +88,11 @@ plat_bio* take_first_of_batch(FilterNode& node) {
   parking.first = snbf_plat_bio_next(bio);
   if (parking.first == nullptr) parking.last = nullptr;
   parking.sending = sectors_of(bio);
-  parking.sending_since_ms = parking.since_ms;
+  parking.regions.remove(parking.sending);
   if (bio == parking.batch_last) {
+    const u64 since_ms = parking.behind_batch_since_ms;
     parking.batch_last = nullptr;
-    parking.since_ms = parking.behind_batch_since_ms;
+    parking.since_ms = since_ms == 0 || both_cover(node) ? snbf_plat_ticks_ms() : since_ms;
   }
   snbf_plat_bio_set_next(bio, nullptr);
   return bio;
@@ -100,6 +104,7 @@ void send_batch(FilterNode& node) {
   {
     SpinGuard hold{node.bmp_spin};
     parking.batch_last = parking.last;
+    parking.batch_waited_ms = snbf_plat_ticks_ms() - parking.since_ms;
   }
   while (plat_bio* bio = take_first_of_batch(node)) {
     continue_parked_write(node, bio);
@@ -136,11 +141,18 @@ void raise_what_lacks(FilterNode& node) {
     KsMutexGuard file_work{node.bmp_mutex};
     // The file work before this one may have outlasted the node: its file may be another's by now.
     if (node.parking.stop.load() != 0) return;
-    const bool lacks_flag = [&] {
+    bool covers;
+    bool tries_again;
+    {
       SpinGuard hold{bitmap.node.bmp_spin};
-      return !bitmap.guard().covers() || bitmap.guard().tries_again();
-    }();
-    if (lacks_flag) snbf_block_write_dirty_flag(node, type, 1);
+      covers = bitmap.guard().covers();
+      tries_again = bitmap.guard().tries_again();
+    }
+    if (tries_again) {
+      retry_dirty_flag(node, type);
+    } else if (!covers) {
+      snbf_block_write_dirty_flag(node, type, 1);
+    }
   }
 }
 
@@ -160,7 +172,7 @@ void wait_for_call(FilterNode& node, u64& retry_ms) {
     parking.helper_wait.wait_idle(is_called);
     return;
   }
-  parking.helper_wait.wait_until(is_called, snbf_plat_ticks_ms() + retry_ms);
+  parking.helper_wait.wait_idle_until(is_called, snbf_plat_ticks_ms() + retry_ms);
   retry_ms = retry_ms * 2 < kLongestRetryMs ? retry_ms * 2 : kLongestRetryMs;
 }
 
@@ -180,9 +192,14 @@ void kflagd(void* argument) {
   snbf_plat_thread_exit(&helper_exited);
 }
 
-void park_last(Parking& parking, plat_bio* bio) {
+// Only the time in which a flag is lacking counts.
+void park_last(FilterNode& node, plat_bio* bio) {
+  Parking& parking = node.parking;
   const u64 now_ms = snbf_plat_ticks_ms();
-  if (parking.last == parking.batch_last) parking.behind_batch_since_ms = now_ms;
+  if (parking.last == parking.batch_last) parking.behind_batch_since_ms = 0;
+  if (parking.behind_batch_since_ms == 0 && !both_cover(node)) {
+    parking.behind_batch_since_ms = now_ms;
+  }
   if (parking.last != nullptr) {
     snbf_plat_bio_set_next(parking.last, bio);
   } else {
@@ -198,7 +215,7 @@ void park_first(Parking& parking, plat_bio* bio) {
   parking.first = bio;
   if (parking.last == nullptr) parking.last = bio;
   parking.batch_last = nullptr;
-  parking.since_ms = parking.sending_since_ms;
+  parking.since_ms = snbf_plat_ticks_ms() - parking.batch_waited_ms;
 }
 
 void end_worker(Parking& parking) {
@@ -243,17 +260,25 @@ void wait_for_parking_threads() {
 }
 
 void park(FilterNode& node, plat_bio* bio, Arrival arrival) {
-  arrival == Arrival::First ? park_last(node.parking, bio) : park_first(node.parking, bio);
+  arrival == Arrival::First ? park_last(node, bio) : park_first(node.parking, bio);
+  node.parking.regions.add(sectors_of(bio));
   node.parking.writes.fetch_add(1);
 }
 
-bool overlaps_parked(const FilterNode& node, const SectorRange& sectors) {
+bool may_overlap_parked(const FilterNode& node, const SectorRange& sectors) {
   const Parking& parking = node.parking;
   if (!parking.sending.empty() && parking.sending.overlaps(sectors)) return true;
+  if (!parking.regions.may_overlap(sectors)) return false;
+  if (parking.regions.all() > kWalkedMax) return true;
   for (const plat_bio* bio = parking.first; bio != nullptr; bio = snbf_plat_bio_next(bio)) {
     if (sectors_of(bio).overlaps(sectors)) return true;
   }
   return false;
+}
+
+void ask_for_help(FilterNode& node) {
+  node.parking.help_wanted.store(1);
+  node.parking.helper_wait.wake();
 }
 
 void wake_parking(FilterNode& node) {

@@ -14,8 +14,8 @@
 // it, though no flag is in his way.
 //
 // The worker does no file work, so that it is there for the end: after kFlagLimitMs the writes go on as if
-// the flag were raised, and an error line says so. Nor does it allocate: the memory may be what its writes are to give
-// back. Where kdirtyd does not raise the flags within kHelpAfterMs (a file that lies on another node, whose own flag
+// the flag were raised, and an error line says so. Nor does it allocate for the flag: the memory may be what its writes
+// are to give back. Where kdirtyd does not raise the flags within kHelpAfterMs (a file that lies on another node, whose own flag
 // must come first, keeps it from serving that one; a request may find no memory; a file may fail) the worker asks a
 // second thread of the node, again and again, which raises them itself. That thread goes on trying once the writes have
 // been let go.
@@ -39,17 +39,52 @@ constexpr u32 kHelpAfterMs = 100;
 // Whether a write comes from its submitter, or was parked before.
 enum class Arrival { First, Again };
 
+// How many writes of a list touch each part of the device, so that most of the others need not be compared with them.
+class RegionCounts {
+ public:
+  void add(const SectorRange& sectors) {
+    ++all_;
+    for_each(sectors, [this](u64 region) { ++counts_[region]; });
+  }
+  void remove(const SectorRange& sectors) {
+    --all_;
+    for_each(sectors, [this](u64 region) { --counts_[region]; });
+  }
+  u32 all() const { return all_; }
+  // False: none of them overlaps.
+  bool may_overlap(const SectorRange& sectors) const {
+    bool found = false;
+    for_each(sectors, [&](u64 region) { found = found || counts_[region] != 0; });
+    return found;
+  }
+
+ private:
+  static constexpr u32 kRegions = 2048;
+  static constexpr u32 kRegionShift = 7;  // of 64 KiB; those that lie kRegions apart share a count
+
+  template <typename Visit>
+  static void for_each(const SectorRange& sectors, Visit visit) {
+    const u64 first = sectors.first.value >> kRegionShift;
+    const u64 count = (sectors.last() >> kRegionShift) - first + 1;
+    for (u64 n = 0; n < count && n < kRegions; ++n) visit((first + n) % kRegions);
+  }
+
+  u32 all_ = 0;
+  u32 counts_[kRegions] = {};
+};
+
 struct Parking {
   // The list, linked through the requests; all of it under the node's bmp_spin.
   plat_bio* first = nullptr;
   plat_bio* last = nullptr;
   plat_bio* batch_last =
       nullptr;       // the last that the worker sends on now; null: it waits for a flag
-  u64 since_ms = 0;  // the first of the list has waited since then, at most
-  u64 behind_batch_since_ms = 0;  // the same of the first behind batch_last
+  u64 since_ms = 0;               // the first of the list has waited for a flag since then, at most
+  u64 behind_batch_since_ms = 0;  // the same of those behind batch_last; 0: none of them lacked one
+  u64 batch_waited_ms = 0;        // so long the batch waited until it was let go
   // The write that has left the list, and has not reached what keeps its order from there.
   SectorRange sending = {};
-  u64 sending_since_ms = 0;
+  RegionCounts regions = {};  // of the list
 
   Atomic<int> writes;  // in the list, or on their way out of it
   WaitQueue worker_wait;
@@ -73,8 +108,10 @@ void wait_for_parking_threads();
 
 // Step 1. bmp_spin is held; wake_parking follows behind it.
 void park(FilterNode& node, plat_bio* bio, Arrival arrival);
-// Whether a write would overtake a parked one. bmp_spin is held.
-bool overlaps_parked(const FilterNode& node, const SectorRange& sectors);
+// Whether a write might overtake a parked one. bmp_spin is held.
+bool may_overlap_parked(const FilterNode& node, const SectorRange& sectors);
+// Has the helper raise the flags. Any lock but bmp_spin may be held.
+void ask_for_help(FilterNode& node);
 // After a change of a guard. Any lock but bmp_spin may be held.
 void wake_parking(FilterNode& node);
 // False: writes are still parked after `limit_ms`. Neither bmp_mutex nor io_rwlock is held. May sleep.

@@ -147,6 +147,25 @@ TEST(FileGuard, OnlyWhatWasGivenUpForNowIsTriedAgain) {
   EXPECT_FALSE(guard.tries_again());
 }
 
+// Its store may only be away, and the place where it was mounted lie on the node.
+TEST(FileGuard, WhatWasGivenUpForNowStaysSo) {
+  FileGuard guard = saved();
+  guard.count_mark();
+  guard.give_up_for_now();
+  guard.give_up_for_good();
+  EXPECT_TRUE(guard.tries_again());
+}
+
+TEST(FileGuard, AFlagThatComesBackAmidASaveIsAskedForAtItsEnd) {
+  FileGuard guard = saved();
+  guard.count_mark();
+  guard.give_up_for_now();
+  const u64 snapshot = guard.begin_save();
+  guard.count_mark();  // a write that waits for nothing
+  guard.flag_is_on_disk();
+  EXPECT_TRUE(guard.end_save(snapshot, FileState::Whole));
+}
+
 TEST(FileGuard, OneRequestIsQueuedAtATimeAndTheEndOfASaveAsksAgain) {
   FileGuard guard = saved();
   const u64 snapshot = guard.begin_save();

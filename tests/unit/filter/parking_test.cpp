@@ -197,6 +197,88 @@ SIM_TEST(Parking, WhereNoMemoryIsToBeHadTheWriteGoesOnAtTheLimit) {
   sim.join(flusher);
 }
 
+// The worker alone is left to send it on.
+SIM_TEST(Parking, AParkedWriteWhoseBitWasTakenNeedsNoMemoryEither) {
+  Node3 rig(sim);
+  rig.store->hold(true);
+  const Io io = rig.write(7);
+  for (u32 type : {0u, 1u}) {
+    SpinGuard hold{rig.node->bmp_spin};
+    const ChangeBitmap bitmap{*rig.node, type};
+    bitmap.fill(0);
+    bitmap.set_dirty(0);
+  }
+  sim.hold_heap(true);
+  EXPECT_EQ(io.wait(), 0);
+  EXPECT_TRUE(rig.is_set(7));
+  sim.hold_heap(false);
+  rig.store->hold(false);
+  rig.store->release_all();
+}
+
+// The writes are long on their way, for their disk is slow; only then a bit comes that a file lacks, for as long as the
+// flag takes. `again`: they are those that wait for others that they overlap, and have never lacked a flag.
+void sends_for_long(Sim& sim, bool again) {
+  Node3 rig(sim, 1);
+  rig.disk->set_latency(300'000, 300'000);
+  rig.store->hold(true);
+  std::vector<Io> writes;
+  for (u64 extent = 0; extent < 60; ++extent) writes.push_back(rig.write(extent));
+  sim.sleep_us(50'000);
+  rig.store->hold(false);
+  rig.store->release_all();
+  sim.sleep_us(1'000'000);
+  for (u64 extent = 20; again && extent < 60; ++extent) writes.push_back(rig.write(extent));
+  sim.wait_until([&] { return rig.node->parking.writes.load() <= 20; });
+  EXPECT_EQ(rig.select(SNBF_SAVE_BMP, 1), 0);
+  rig.store->hold(true);
+  writes.push_back(rig.write(100));
+  sim.sleep_us(2'000'000);
+  EXPECT_TRUE(rig.is_waiting());
+  rig.store->hold(false);
+  rig.store->release_all();
+  for (const Io& io : writes) EXPECT_EQ(io.wait(), 0);
+  EXPECT_FALSE(sim.log().contains(kGaveUp));
+}
+
+SIM_TEST(Parking, TheTimeThatTheDiskTakesIsNotTheStores) { sends_for_long(sim, false); }
+SIM_TEST(Parking, NorIsTheTimeBehindAWriteThatOverlaps) { sends_for_long(sim, true); }
+
+// More than are looked at one by one, and one of them all over the device.
+SIM_TEST(Parking, BehindManyWritesTheOrderHoldsToo) {
+  Node3 rig(sim, 4);
+  rig.store->hold(true);
+  std::vector<Io> writes;
+  for (u64 extent = 0; extent < 400; ++extent) writes.push_back(rig.write(extent));
+  writes.push_back(rig.write(0, 1 << 20));
+  rig.store->hold(false);
+  rig.store->release_all();
+  sim.wait_until([&] { return rig.reached() > 0; });
+  for (u64 extent = 0; extent < 400; extent += 3) writes.push_back(rig.write(extent));
+  for (const Io& io : writes) EXPECT_EQ(io.wait(), 0);
+  std::vector<u64> at;
+  for (const auto& seen : rig.disk->history()) at.push_back(seen.sector);
+  ASSERT_EQ(at.size(), writes.size());
+  EXPECT_EQ(rig.disk->history()[400].bytes, 1u << 20) << "nobody overtook it";
+  EXPECT_EQ(rig.node->parking.regions.all(), 0u);
+  EXPECT_FALSE(rig.node->parking.regions.may_overlap({Sector{0}, (16 << 20) / 512}));
+}
+
+// Another file system lies where the store was mounted: its file would say nothing of the store's.
+SIM_TEST(Parking, AFlagThatWasGivenUpIsNotRaisedInAnotherFileSystem) {
+  Node3 rig(sim);
+  sim.fail_always(Fault::FileWrite, -EIO);
+  EXPECT_EQ(rig.write(7).wait(), 0);
+  EXPECT_EQ(sim.log().count(kGaveUp), 1);
+  EXPECT_EQ(sim.unmount(sim.fs("store")), 0);
+  sim.clear_faults();
+  sim.sleep_us(130'000'000);
+  Bytes none;
+  EXPECT_FALSE(sim.peek_file("/store/snbf3.incr", &none));
+  EXPECT_EQ(sim.mount(sim.fs("store"), "/store"), 0);
+  sim.wait_until([&] { return rig.file("incr") == kFlagged && rig.file("diff") == kFlagged; });
+}
+
 // No write needs to come for it.
 SIM_TEST(Parking, AFlagThatWasGivenUpIsRaisedOnceItsStoreIsBack) {
   Node3 rig(sim);
