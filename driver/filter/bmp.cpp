@@ -94,7 +94,8 @@ struct MarkedWrite {
   unsigned left = kMustWait;
   if (wants_request(node.incr_guard)) left |= kAskIncr;
   if (wants_request(node.diff_guard)) left |= kAskDiff;
-  if (write.bio != nullptr) park(node, write.bio, write.arrival);
+  const bool lacks_flag = !node.incr_guard.covers() || !node.diff_guard.covers();
+  if (write.bio != nullptr) park(node.parking, write.bio, write.arrival, lacks_flag);
   return left;
 }
 
@@ -119,7 +120,7 @@ void call_helper(FilterNode& node) {
 bool would_overtake(const FilterNode& node, const MarkedWrite& write) REQUIRES(node.bmp_spin) {
   const Parking& parking = node.parking;
   if (parking.first == nullptr && parking.sending.empty()) [[likely]] return false;
-  return write.arrival == Arrival::First && may_overlap_parked(node, write.sectors);
+  return write.arrival == Arrival::First && may_overlap_parked(parking, write.sectors);
 }
 
 // Of the last extent of a write, the verdict over all of it: true if it may go on. What is not done for every write

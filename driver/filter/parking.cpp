@@ -26,8 +26,7 @@ constinit plat_completion helper_exited = {};
 // A list that is longer is not walked for each new write: those that may overlap it are parked unseen.
 constexpr u32 kWalkedMax = 256;
 
-// bmp_spin is held.
-bool both_cover(const FilterNode& node) {
+bool both_cover(const FilterNode& node) REQUIRES(node.bmp_spin) {
   return node.incr_guard.covers() && node.diff_guard.covers();
 }
 
@@ -193,13 +192,10 @@ void kflagd(void* argument) {
 }
 
 // Only the time in which a flag is lacking counts.
-void park_last(FilterNode& node, plat_bio* bio) {
-  Parking& parking = node.parking;
+void park_last(Parking& parking, plat_bio* bio, bool lacks_flag) {
   const u64 now_ms = snbf_plat_ticks_ms();
   if (parking.last == parking.batch_last) parking.behind_batch_since_ms = 0;
-  if (parking.behind_batch_since_ms == 0 && !both_cover(node)) {
-    parking.behind_batch_since_ms = now_ms;
-  }
+  if (parking.behind_batch_since_ms == 0 && lacks_flag) parking.behind_batch_since_ms = now_ms;
   if (parking.last != nullptr) {
     snbf_plat_bio_set_next(parking.last, bio);
   } else {
@@ -259,14 +255,13 @@ void wait_for_parking_threads() {
   for (; helpers.load() > 0; helpers.fetch_sub(1)) snbf_plat_completion_wait(&helper_exited);
 }
 
-void park(FilterNode& node, plat_bio* bio, Arrival arrival) {
-  arrival == Arrival::First ? park_last(node, bio) : park_first(node.parking, bio);
-  node.parking.regions.add(sectors_of(bio));
-  node.parking.writes.fetch_add(1);
+void park(Parking& parking, plat_bio* bio, Arrival arrival, bool lacks_flag) {
+  arrival == Arrival::First ? park_last(parking, bio, lacks_flag) : park_first(parking, bio);
+  parking.regions.add(sectors_of(bio));
+  parking.writes.fetch_add(1);
 }
 
-bool may_overlap_parked(const FilterNode& node, const SectorRange& sectors) {
-  const Parking& parking = node.parking;
+bool may_overlap_parked(const Parking& parking, const SectorRange& sectors) {
   if (!parking.sending.empty() && parking.sending.overlaps(sectors)) return true;
   if (!parking.regions.may_overlap(sectors)) return false;
   if (parking.regions.all() > kWalkedMax) return true;

@@ -106,10 +106,10 @@ void end_parking(FilterNode& node);
 // Before the driver's text goes: every thread that end_parking left behind has ended. May sleep.
 void wait_for_parking_threads();
 
-// Step 1. bmp_spin is held; wake_parking follows behind it.
-void park(FilterNode& node, plat_bio* bio, Arrival arrival);
+// Step 1; without `lacks_flag` the write waits for an other one alone. bmp_spin is held; wake_parking follows behind it.
+void park(Parking& parking, plat_bio* bio, Arrival arrival, bool lacks_flag);
 // Whether a write might overtake a parked one. bmp_spin is held.
-bool may_overlap_parked(const FilterNode& node, const SectorRange& sectors);
+bool may_overlap_parked(const Parking& parking, const SectorRange& sectors);
 // Has the helper raise the flags. Any lock but bmp_spin may be held.
 void ask_for_help(FilterNode& node);
 // After a change of a guard. Any lock but bmp_spin may be held.
