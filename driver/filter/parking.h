@@ -7,18 +7,18 @@
 //      flag unless one is queued. The submitter goes on; nothing is allocated for the write.
 //   2. kdirtyd writes the flag, or a save writes a file that lacks nothing: the node's worker wakes.
 //   3. The worker sends each write of the list on under fresh locks, from behind its marking. Only bits that a
-//      command has taken away meanwhile are set again, which may park it again: at the front, with the time that it
-//      has waited.
+//      command has taken away meanwhile are set again, which may park it again: at the front, with the time that
+//      it has waited.
 //
 // Writes that overlap keep their order: who meets a parked one, or one on its way out of the list, is parked behind
 // it, though no flag is in his way.
 //
 // The worker does no file work, so that it is there for the end: after kFlagLimitMs the writes go on as if
-// the flag were raised, and an error line says so. Nor does it allocate for the flag: the memory may be what its writes
-// are to give back. Where kdirtyd does not raise the flags within kHelpAfterMs (a file that lies on another node, whose own flag
-// must come first, keeps it from serving that one; a request may find no memory; a file may fail) the worker asks a
-// second thread of the node, again and again, which raises them itself. That thread goes on trying once the writes have
-// been let go.
+// the flag were raised, and an error line says so. Nor does it allocate for the flag: the memory may be what its
+// writes are to give back. Where kdirtyd does not raise the flags within kHelpAfterMs (a file that lies on another
+// node, whose own flag must come first, keeps it from serving that one; a request may find no memory; a file may
+// fail) the worker asks a second thread of the node, again and again, which raises them itself. That thread goes on
+// trying once the writes have been let go.
 //
 // Stop, deletion and unload wait until no write is parked, and so does a snap's start for its instant.
 #pragma once
@@ -77,11 +77,10 @@ struct Parking {
   // The list, linked through the requests; all of it under the node's bmp_spin.
   plat_bio* first = nullptr;
   plat_bio* last = nullptr;
-  plat_bio* batch_last =
-      nullptr;       // the last that the worker sends on now; null: it waits for a flag
-  u64 since_ms = 0;               // the first of the list has waited for a flag since then, at most
-  u64 behind_batch_since_ms = 0;  // the same of those behind batch_last; 0: none of them lacked one
-  u64 batch_waited_ms = 0;        // so long the batch waited until it was let go
+  plat_bio* batch_last = nullptr;  // the last that the worker sends on now; null: it waits for a flag
+  u64 since_ms = 0;                // the first of the list has waited for a flag since then, at most
+  u64 behind_batch_since_ms = 0;   // the same of those behind batch_last; 0: none of them lacked one
+  u64 batch_waited_ms = 0;         // so long the batch waited until it was let go
   // The write that has left the list, and has not reached what keeps its order from there.
   SectorRange sending = {};
   RegionCounts regions = {};  // of the list
@@ -106,7 +105,8 @@ void end_parking(FilterNode& node);
 // Before the driver's text goes: every thread that end_parking left behind has ended. May sleep.
 void wait_for_parking_threads();
 
-// Step 1; without `lacks_flag` the write waits for an other one alone. bmp_spin is held; wake_parking follows behind it.
+// Step 1; without `lacks_flag` the write waits for another one alone. bmp_spin is held; wake_parking follows
+// behind it.
 void park(Parking& parking, plat_bio* bio, Arrival arrival, bool lacks_flag);
 // Whether a write might overtake a parked one. bmp_spin is held.
 bool may_overlap_parked(const Parking& parking, const SectorRange& sectors);

@@ -23,7 +23,9 @@ int snbf_kill_dirty_requests(FilterNode&, u32) { return 0; }
 
 // No write is ever parked: nobody writes.
 namespace snbf {
-void park(FilterNode&, plat_bio*) {}
+void park(Parking&, plat_bio*, Arrival, bool) {}
+bool may_overlap_parked(const Parking&, const SectorRange&) { return false; }
+void ask_for_help(FilterNode&) {}
 void wake_parking(FilterNode&) {}
 bool wait_for_parked(FilterNode&, u32) { return true; }
 }  // namespace snbf
