@@ -11,7 +11,6 @@ how the job ended, so that no output of a test can be mistaken for its verdict.
 import dataclasses
 import glob
 import hashlib
-import json
 import lzma
 import os
 import re

@@ -16,7 +16,6 @@ import fcntl
 import glob
 import hashlib
 import os
-import shlex
 import shutil
 import subprocess
 

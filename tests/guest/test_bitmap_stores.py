@@ -1,19 +1,20 @@
-"""A store of bitmap files that fails, stalls, is full or is gone: the writes go on, each of them is marked in memory, and
-the files are flagged again as soon as they can be."""
+"""A store of bitmap files that fails, stalls, is full or is gone: the writes go on, each of them is marked in memory,
+and the files are flagged again as soon as they can be."""
 
 import contextlib
 import os
 import random
-import threading
 
 import images
 import kit
 import mapper
+import worker
 from kit import KIB, MIB
 
 GUEST = {"minutes": 4, "disks": ["raw:16M", "store:48M"], "limit": 500,
          # What ext4 says when the disk below it is made to fail.
-         "allow": [r"Buffer I/O error on dev(ice)? dm-", r"EXT4-fs (error|warning) \(device dm-", "EXT4-fs error: .* suppressed",
+         "allow": [r"Buffer I/O error on dev(ice)? dm-", r"EXT4-fs (error|warning) \(device dm-",
+                   "EXT4-fs error: .* suppressed",
                    r"EXT4-fs \(dm-\d+\): (I/O error while writing superblock|Remounting)", "JBD2: I/O error .*dm-"]}
 
 SEED = 20261123
@@ -80,12 +81,13 @@ class Scene:
 
     def first_write_waits(self):
         """It is not lost, and not for ever on its way; those behind it do not wait any more."""
-        first = threading.Thread(target=self.write, args=(3,))
+        first = worker.Worker(self.write, 3)
         first.start()
         first.join(LIMIT_S - 3)
         kit.check(first.is_alive(), "it went on before the flag was given up")
         first.join(6 * LIMIT_S * kit.SLOWNESS)
         kit.check(not first.is_alive(), "the write waits for the store")
+        first.check()
         self.log.expect(GAVE_UP)
         for extent in range(20, 60):
             self.write(extent)
@@ -165,7 +167,8 @@ def one_that_is_full():
                 filler.write(bytes(64 * KIB))
                 filler.flush()
         at.write(5)
-        kit.wait_until(at.is_flagged, LIMIT_S, "the flags")  # two threads raise them, and the later one empties the file first
+        # Two threads raise them, and the later one empties the file first.
+        kit.wait_until(at.is_flagged, LIMIT_S, "the flags")
         kit.check(not any(GAVE_UP in text for text in at.log.texts()), "they were given up")
         at.all_is_marked()
         os.unlink("/mnt/store/filler")

@@ -8,6 +8,7 @@ import threading
 import time
 
 import kit
+import worker
 from kit import KIB, MIB
 from tool import TOOL, good, tool
 
@@ -125,11 +126,11 @@ def what_a_writer_overtakes_is_in_the_next_point():
             time.sleep(0.002)
         os.close(fd)
 
-    writer = threading.Thread(target=keep_writing)
+    writer = worker.Worker(keep_writing)
     writer.start()
     status, out, _ = tool("backup", "data", DEST, "--no-snap", "--json")
     done.set()
-    writer.join()
+    writer.finish()
     kit.equal((status, json.loads(out)["exact"]), (3, False), "it says that it is not exact")
     kit.equal(backup()["exact"], True, "the next one is")
     comes_back_identical()

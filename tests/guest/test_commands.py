@@ -8,7 +8,6 @@ import re
 import stat
 import struct
 import threading
-import time
 
 import kit
 from kit import ERROR_LEVEL, INFO_LEVEL, KIB, MIB

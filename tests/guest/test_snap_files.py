@@ -1,7 +1,6 @@
 """Snaps of file systems at work: whole for fsck, with every byte that was synced before their start."""
 
 import contextlib
-import errno
 import fcntl
 import hashlib
 import mmap
@@ -10,12 +9,12 @@ import os
 import random
 import struct
 import subprocess
-import threading
 import time
 
 import images
 import kit
 import mapper
+import worker
 import writers
 from kit import KIB, MIB
 
@@ -238,8 +237,7 @@ class Instant:
         self.results = []
         self.store = store
         store.stall()
-        self.threads = [threading.Thread(target=write_past_the_file_system, args=(node, offset)),
-                        threading.Thread(target=self.start)]
+        self.threads = [worker.Worker(write_past_the_file_system, node, offset), worker.Worker(self.start)]
         self.threads[0].start()
         kit.wait_until(lambda: int(kit.proc("cowqueue_len", 0)) > 0, 30, "a write is held")
         self.threads[1].start()
@@ -253,7 +251,7 @@ class Instant:
     def go_on(self):
         self.store.go_on()
         for thread in self.threads:
-            thread.join()
+            thread.finish()
         kit.equal(self.results, [0], "start")
 
 

@@ -1,7 +1,6 @@
 """Snaps that come and go, and are read, while the node is under load: each shows an instant."""
 
 import contextlib
-import os
 import random
 import subprocess
 import threading
@@ -68,6 +67,9 @@ def sequences(node):
             thread.leave = True
         for thread in threads:
             thread.join(60)
+    for thread in threads:
+        kit.check(not thread.is_alive(), "a write hangs")
+        thread.check()
 
 
 @contextlib.contextmanager

@@ -12,6 +12,7 @@ import subprocess
 import threading
 
 import kit
+import worker
 from kit import KIB, MIB
 from tool import TOOL, answer, good, refused, tool, tree_of, write
 
@@ -194,7 +195,7 @@ class Writer:
         self.folder = folder
         self.done = threading.Event()
         self.rounds = 0
-        self.thread = threading.Thread(target=self.work)
+        self.worker = worker.Worker(self.work)
 
     def work(self):
         while not self.done.is_set():
@@ -210,12 +211,14 @@ class Writer:
             self.rounds += 1
 
     def __enter__(self):
-        self.thread.start()
+        self.worker.start()
         return self
 
-    def __exit__(self, *_):
+    def __exit__(self, failure, *_):
         self.done.set()
-        self.thread.join()
+        self.worker.join()
+        if failure is None:
+            self.worker.check()
 
 
 class Held:

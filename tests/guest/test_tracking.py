@@ -10,6 +10,7 @@ import threading
 
 import kit
 import trace
+import worker
 import writers
 from kit import DIFF, INCR, KIB, MIB
 
@@ -204,7 +205,7 @@ def no_change_is_lost_between_two_bitmaps_that_are_handed_out():
             handed.append(kit.extents(kit.bitmap(0, INCR, "GET_AND_CLR_BMP"), kit.info(0).extent_cnt))
 
     with tracked("raw", 4 * KIB) as path, contextlib.closing(trace.Trace(0, 4 * KIB)) as tracer:
-        backup = threading.Thread(target=take)
+        backup = worker.Worker(take)
         backup.start()
         try:
             kit.run("fio", "--name=load", f"--filename={path}", "--direct=1", "--ioengine=libaio", "--iodepth=16",
@@ -213,6 +214,7 @@ def no_change_is_lost_between_two_bitmaps_that_are_handed_out():
         finally:
             stop.set()
             backup.join()
+        backup.check()
         take_last = kit.marked(0, INCR)
         written = tracer.written()
         every = set().union(take_last, *handed)

@@ -7,9 +7,9 @@ import os
 import random
 import struct
 import subprocess
-import threading
 
 import kit
+import worker
 from kit import KIB, MIB
 
 BLKDISCARD = 0x1277
@@ -75,14 +75,14 @@ class RawWriter:
         return at, 0
 
 
-class Sequence(threading.Thread):
+class Sequence(worker.Worker):
     """Writes blocks of an area one after another, each write once and whole, and tells when each began
     and ended: of all sequences together, an instant holds a beginning of each."""
 
     clock = itertools.count(1)  # shared, so that the writes of different sequences have an order
 
     def __init__(self, path, at, size, seed):
-        super().__init__(daemon=True)
+        super().__init__(self.write_on)
         self.path, self.at, self.blocks, self.seed = path, at, size // BLOCK, seed
         self.writes = [(None, 0, 0)]  # (block, begun, ended) of each; the first stands for the state before
         self.leave = False
@@ -91,7 +91,7 @@ class Sequence(threading.Thread):
     def block(seed, number):
         return struct.pack("<QQ", seed, number) * (BLOCK // 16)
 
-    def run(self):
+    def write_on(self):
         rng = random.Random(self.seed)
         fd = os.open(self.path, os.O_WRONLY | os.O_DIRECT)
         with mmap.mmap(-1, BLOCK) as page:
