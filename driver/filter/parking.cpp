@@ -17,14 +17,13 @@ constexpr u64 kHelperLimitMs = 10000;
 // How long the helper waits between its tries while the writes go on without a flag.
 constexpr u64 kFirstRetryMs = 1000;
 constexpr u64 kLongestRetryMs = 60000;
+// A list that is longer is not walked for each new write: those that may overlap it are parked unseen.
+constexpr u32 kWalkedMax = 256;
 constexpr u32 kTypes[] = {SNBF_BMP_INCR, SNBF_BMP_DIFF};
 
 // Helpers that have been started and not been waited for.
 constinit Atomic<int> helpers;
 constinit plat_completion helper_exited = {};
-
-// A list that is longer is not walked for each new write: those that may overlap it are parked unseen.
-constexpr u32 kWalkedMax = 256;
 
 bool both_cover(const FilterNode& node) REQUIRES(node.bmp_spin) {
   return node.incr_guard.covers() && node.diff_guard.covers();
@@ -97,7 +96,7 @@ plat_bio* take_first_of_batch(FilterNode& node) {
   return bio;
 }
 
-// What is parked from now on has to wait for its own flag. So has what is parked again, and all behind it with that.
+// What is parked from now on is of another batch. What is parked again ends this one: what is behind it waits as well.
 void send_batch(FilterNode& node) {
   Parking& parking = node.parking;
   {
