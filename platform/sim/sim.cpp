@@ -98,6 +98,8 @@ void Sim::wait_until(std::function<bool()> condition) {
     me->polling = true;
     k.sleep_in(k.pollers, "a condition of the test", nullptr, nullptr);
   }
+  // Others may wait for what it does from here on, be it without another stop.
+  if (me->polling) k.progress = true;
   me->polling = false;
 }
 

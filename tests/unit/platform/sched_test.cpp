@@ -160,6 +160,23 @@ SIM_TEST(SpinLock, KeepsOthersOutInterruptsIncluded) {
   sim.sleep_us(100);
 }
 
+// One who waits may be what another waits for, and stop nowhere before it waits again.
+SIM_TEST_SEEDS(WaitUntil, SeesWhatAnotherWaiterDoes, 20) {
+  bool begun = false, first_is_done = false, second_is_done = false;
+  sim.spawn("second", [&] {
+    sim.wait_until([&] { return first_is_done; });
+    second_is_done = true;
+  });
+  sim.spawn("first", [&] {
+    sim.wait_until([&] { return begun; });
+    first_is_done = true;
+    sim.wait_until([&] { return second_is_done; });
+  });
+  sim.sleep_us(100);
+  begun = true;
+  sim.join_all();
+}
+
 SIM_TEST_SEEDS(WaitQueue, LosesNoWakeUp, 60) {
   plat_waitq queue;
   snbf_plat_waitq_init(&queue);
