@@ -28,6 +28,7 @@ constexpr u32 kHeaderBytes = 16;
 constexpr u32 kRecordBytes = 8;
 constexpr u32 kChildBytes = 4;
 constexpr u32 kNoSibling = 0xFFFFFFFF;
+constexpr u32 kLevelsMax = 16;  // no tree is that high
 
 // A real AG has 16 MiB at the least, but for the last; a superblock that counts far more of them
 // than there is room for is no reason to fill the memory.
@@ -168,8 +169,23 @@ bool take_ags(XfsReader& reader) {
   return true;
 }
 
+// A leaf is walked from record to record, a node is not.
+bool records_rise(const XfsReader& reader) {
+  if (block_level(reader) != 0) return true;
+  for (u32 record = 1; record < block_records(reader); ++record) {
+    if (start_of(reader, record) <= start_of(reader, record - 1)) return false;
+  }
+  return true;
+}
+
+int fail_order(const char* origin, u64 block) {
+  snbf_log(kLogError, "%s(): B+tree node block %lld is out of order", origin,
+           static_cast<long long>(block));
+  return -EINVAL;
+}
+
 // Brings a block of a tree into the buffer. What it says is checked as far as no access may leave
-// the buffer.
+// the buffer, and no walk may go round and round.
 int load_block(const XfsReader& reader, const char* origin, u64 block) {
   const int rc = snbf_bread(reader.bdev, reader.buffer, static_cast<int>(reader.block_size),
                             static_cast<s64>(block), 1);
@@ -190,7 +206,7 @@ int load_block(const XfsReader& reader, const char* origin, u64 block) {
              static_cast<long long>(block), static_cast<int>(block_records(reader)));
     return -EINVAL;
   }
-  return 0;
+  return records_rise(reader) ? 0 : fail_order(origin, block);
 }
 
 // The child of the last key that is not above the target, or the first one.
@@ -245,9 +261,7 @@ int enter_sibling(const XfsReader& reader, Cursor& cursor) {
   cursor.records = block_records(reader);
   cursor.take(reader);
   if (block_level(reader) == 0 && cursor.has_record() && cursor.start > last_start) return 0;
-  snbf_log(kLogError, "%s(): B+tree node block %lld is out of order", kRead,
-           static_cast<long long>(block));
-  return -EINVAL;
+  return fail_order(kRead, block);
 }
 
 // The first record that ends behind p, or none.
@@ -308,15 +322,11 @@ XfsReader* xfs_reader_init(plat_bdev* bdev, u32* block_size) {
 }
 
 int xfs_find_leaf(XfsReader* reader, u32 target, u64 ag_start, u32 node) {
-  u32 level_above = 0x10000;
+  u32 level_above = kLevelsMax;
   for (;;) {
     if (int rc = load_block(*reader, kFind, ag_start + node); rc < 0) return rc;
     const u32 level = block_level(*reader);
-    if (level >= level_above) {
-      snbf_log(kLogError, "%s(): B+tree node block %lld is out of order", kFind,
-               static_cast<long long>(ag_start + node));
-      return -EINVAL;
-    }
+    if (level >= level_above) return fail_order(kFind, ag_start + node);
     if (level == 0) return 0;
     level_above = level;
     node = child_for(*reader, target);

@@ -3,7 +3,7 @@
 
 #include <vector>
 
-#include "byte_image.h"
+#include "put_bytes.h"
 
 namespace snbf::sim {
 
@@ -40,9 +40,11 @@ struct XfsImage {
     return block;
   }
 
-  void put_on(Device* device) const {
+  // On something with poke(sector, bytes).
+  template <typename Disk>
+  void put_on(Disk* device) const {
     for (u32 ag = 0; ag < ag_count(); ++ag) {
-      Bytes head(1024);
+      std::vector<u8> head(1024);
       put_be(head, 0, 0x58465342, 4);
       put_be(head, 4, block_size, 4);
       put_be(head, 84, ag_blocks, 4);
@@ -63,7 +65,8 @@ struct XfsImage {
   }
 
  private:
-  void put_tree(Device* device, u32 ag) const {
+  template <typename Disk>
+  void put_tree(Disk* device, u32 ag) const {
     std::vector<FreeExtent> keys;  // the first of each block of the level below
     u32 block = kFirstTreeBlock;
     for (u32 leaf = 0; leaf < leaf_count(ag); ++leaf) {
@@ -96,10 +99,11 @@ struct XfsImage {
     }
   }
 
-  void put_block(Device* device, u32 ag, u32 block, u32 level,
+  template <typename Disk>
+  void put_block(Disk* device, u32 ag, u32 block, u32 level,
                  const std::vector<FreeExtent>& records, const std::vector<u32>& children,
                  u32 right) const {
-    Bytes bytes(block_size);
+    std::vector<u8> bytes(block_size);
     put_be(bytes, 0, 0x41425442, 4);
     put_be(bytes, 4, level, 2);
     put_be(bytes, 6, records.size(), 2);
@@ -115,23 +119,6 @@ struct XfsImage {
     }
     device->poke((ag_at(ag) + u64{block} * block_size) / 512, bytes);
   }
-};
-
-struct XfsOnDevice {
-  XfsOnDevice(Sim& sim, const XfsImage& image, u64 device_bytes = 0)
-      : disk(sim, {.name = "sd" + std::to_string(sim.random()),
-                   .bytes = device_bytes != 0 ? device_bytes : image.device_bytes()}) {
-    image.put_on(disk.device);
-  }
-  plat_bdev* bdev() const { return disk.bdev; }
-  // Changes bytes in place.
-  void patch(u64 at, u64 value, int width) {
-    Bytes sector = disk.device->peek(at / 512, 512);
-    put_be(sector, at % 512, value, width);
-    disk.device->poke(at / 512, sector);
-  }
-
-  OpenDevice disk;
 };
 
 }  // namespace snbf::sim

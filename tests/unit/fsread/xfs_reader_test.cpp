@@ -1,9 +1,27 @@
 #include "fsread/xfs_reader.h"
 
+#include "byte_image.h"
 #include "xfs_image.h"
 
 namespace snbf::sim {
 namespace {
+
+struct XfsOnDevice {
+  XfsOnDevice(Sim& sim, const XfsImage& image, u64 device_bytes = 0)
+      : disk(sim, {.name = "sd" + std::to_string(sim.random()),
+                   .bytes = device_bytes != 0 ? device_bytes : image.device_bytes()}) {
+    image.put_on(disk.device);
+  }
+  plat_bdev* bdev() const { return disk.bdev; }
+  // Changes bytes in place.
+  void patch(u64 at, u64 value, int width) {
+    Bytes sector = disk.device->peek(at / 512, 512);
+    put_be(sector, at % 512, value, width);
+    disk.device->poke(at / 512, sector);
+  }
+
+  OpenDevice disk;
+};
 
 using Chunks = std::set<u64>;
 
@@ -284,6 +302,7 @@ SIM_TEST(XfsRead, DamagedTreesEndIt) {
   const u64 children = 16 + 340 * 8;
   for (const Damage& damage :
        {Damage{root + children, layout.root_block(0), 4, "xfs_find_leaf(): B+tree node block "},
+        Damage{root + 4, 16, 2, "xfs_find_leaf(): B+tree node block "},
         Damage{root + 6, 341, 2, " has 341 records, more than fit"},
         Damage{leaf + 6, 511, 2, " has 511 records, more than fit"},
         Damage{leaf + 12, layout.leaf_block(2), 4,
@@ -300,6 +319,23 @@ SIM_TEST(XfsRead, DamagedTreesEndIt) {
     EXPECT_LT(free_chunks(image.bdev(), 0, 4096, 4096, &free), 0) << damage.line;
     EXPECT_EQ(sim.log().count(damage.line, 3), 1) << sim.log().dump();
   }
+}
+
+// A leaf whose records fall may follow itself: its first always begins behind its last.
+SIM_TEST(XfsRead, ARingOfLeavesWhoseRecordsFallEndsIt) {
+  LoggedParts parts;
+  XfsImage layout;
+  layout.free[0] = {{100, 3}, {50, 3}};
+  XfsOnDevice image(sim, layout);
+  const u64 leaf = u64{layout.leaf_block(0)} * 4096;
+  image.patch(leaf + 12, layout.leaf_block(0), 4);
+  // A reader that goes round and round has its device fail in the end.
+  sim.interrupt([disk = image.disk.device] { disk->fail_range(0, 4096 * 8, Op::Read, -EIO); },
+                1'000'000);
+  Chunks free;
+  EXPECT_EQ(free_chunks(image.bdev(), 0, 4096, 4096, &free), -EINVAL);
+  EXPECT_EQ(sim.log().count("xfs_find_leaf(): B+tree node block 16 is out of order", 3), 1)
+      << sim.log().dump();
 }
 
 SIM_TEST(XfsRead, RefusesChunksThatItCannotAnswerFor) {
