@@ -2,4 +2,5 @@
 
 #include "reader_fuzz.h"
 
-SNBF_FUZZ_READER(ext2_reader, 40 << 20, "mke2fs -q -F -t ext2 -b 1024 @", snbf::Ext2Reader)
+SNBF_FUZZ_READER(ext2_reader, Ext2Reader, 40 << 20,
+                 snbf::fuzz::make_base(40 << 20, "mke2fs -q -F -t ext2 -b 1024 @"))

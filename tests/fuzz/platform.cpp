@@ -68,13 +68,15 @@ extern "C" {
 int snbf_debug = 4;
 int snbf_blk_major = 100;
 
-// The text is made, for the sanitizers to look at, and dropped.
+// The text is made, for the sanitizers to look at, and dropped, but for somebody who looks into one input.
 void snbf_log(int, const char* format, ...) {
   char line[4096];
   va_list arguments;
   va_start(arguments, format);
   vsnprintf(line, sizeof(line), format, arguments);
   va_end(arguments);
+  static const bool is_told = getenv("SNBF_FUZZ_LOG") != nullptr;
+  if (is_told) fprintf(stderr, "%s\n", line);
 }
 
 void snbf_plat_bug(const char* file, int line, const char* what) {
