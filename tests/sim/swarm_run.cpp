@@ -38,8 +38,9 @@ Swarm::Swarm(Sim& kernel, const Plan& plan, Bitmaps& bitmaps, bool first_boot)
   rig_.copies_may_fail = breaks_copies();
   rig_.partition_may_fail = plan.has(Trait::DiskFails);
   rig_.memory_may_fail = plan.has(Trait::NoMemory);
-  // A copy that fails in the midst of a stall has one more request for the store: that the snap is given up.
-  if (plan.has(Trait::Stall)) rig_.longest_wait_allowed_us = 2 * rig::kWriteWaitMaxUs;
+  // Its flag, the copy in front of it, its own copy: one stall outlasts the first and ends within the second, and the
+  // next follows at once. Or a copy fails in the midst, and there is one more request, that the snap is given up.
+  if (plan.has(Trait::Stall)) rig_.longest_wait_allowed_us = 3 * rig::kWriteWaitMaxUs;
 }
 
 void Swarm::run() {
@@ -63,7 +64,10 @@ bool Swarm::breaks_copies() const {
 }
 
 bool Swarm::may_is_known() const {
-  return !breaks() && !plan_.has(Trait::Files) && !plan_.has(Trait::Cut);
+  // An order to save has its snapshot before it has the file: one that comes to write it last may bring back what was
+  // taken since, and a restart then loads that.
+  const bool may_come_back = plan_.has(Trait::Saver) && plan_.has(Trait::Restarts);
+  return !breaks() && !plan_.has(Trait::Files) && !plan_.has(Trait::Cut) && !may_come_back;
 }
 
 void Swarm::begin() {
