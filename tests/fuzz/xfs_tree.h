@@ -1,6 +1,8 @@
 // A tree of free space that has grown: mkfs.xfs makes trees of one leaf.
 #pragma once
 
+#include <algorithm>
+
 #include "device.h"
 #include "fsread/reader.h"
 #include "put_bytes.h"
