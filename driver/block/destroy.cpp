@@ -19,7 +19,9 @@ namespace snbf {
 namespace {
 
 constexpr const char* kOrigin = "snbf_block_destroy_device";
+constexpr const char* kDelNode = "snbf_ioctl_del_node";
 constexpr int kDirtyRequestsSeconds = 10;
+constexpr u64 kHeldWritesLimitMs = 10000;
 
 // May the node go? 0 with `postponed` set: not now, and that is no error.
 int judge_destruction(Node& node, bool& postponed) {
@@ -142,6 +144,51 @@ int destroy_all_nodes(DoomedNodes& doomed) REQUIRES(lifecycle_mutex) {
   return 0;
 }
 
+int nothing_is_known(u32 minor) {
+  snbf_log(kLogError, "%s(): Nothing is known about snbf(%d, %d)", kDelNode, snbf_blk_major,
+           static_cast<int>(minor));
+  return -EINVAL;
+}
+
+// Whether writes are still held on a filter none of whose snaps is started: the next pass lets them go. (Not only for
+// the last snap: those whose deletion was postponed go with an older one.)
+bool has_needless_holds(const Node& node) REQUIRES_SHARED(snbf_blkdev_rwlock) {
+  const FilterNode* filter = node.dev_type == kSnapNode ? as_snap(node).filter_node : nullptr;
+  if (filter == nullptr || filter->cowthread.pid.load() == 0 || filter->cowqueue.length() == 0) {
+    return false;
+  }
+  const SnapNode* snap = filter->snaps.first();
+  while (snap != nullptr && snap->started.load() == 0) {
+    snap = List<SnapNode, BySnapOrder>::next(snap);
+  }
+  return snap == nullptr;
+}
+
+void wait_for_holds(u32 minor, u64 deadline_ms) REQUIRES(lifecycle_mutex) {
+  const auto must_wait = [minor] {
+    KsReadGuard table{snbf_blkdev_rwlock};
+    const Node* node = find_node(minor);
+    return node != nullptr && has_needless_holds(*node);
+  };
+  while (must_wait() && snbf_plat_ticks_ms() < deadline_ms) snbf_plat_yield();
+}
+
+// Without snaps nobody looks at the queue any more, and a later write would overtake those in it. While the table is
+// held nobody queues or sends one, so it is asked then; false: the caller asks again, with the table released.
+bool destroy_behind_holds(u32 minor, u64 deadline_ms, DoomedNodes& doomed, int& rc)
+    REQUIRES(lifecycle_mutex) {
+  TableWriteGuard table;
+  Node* node = find_node(minor);
+  if (node == nullptr) {
+    rc = nothing_is_known(minor);
+    return true;
+  }
+  // Whoever writes to one place without a pause may keep the queue from ever being empty.
+  if (has_needless_holds(*node) && snbf_plat_ticks_ms() < deadline_ms) return false;
+  rc = snbf_block_destroy_device(node, 1, doomed);
+  return true;
+}
+
 }  // namespace
 
 void take_apart(DoomedNodes& doomed) {
@@ -151,32 +198,21 @@ void take_apart(DoomedNodes& doomed) {
 }  // namespace snbf
 
 int snbf_ioctl_del_node(snbf_minor_cmd& record) {
-  constexpr const char* kOrigin = "snbf_ioctl_del_node";
-  const int minor = static_cast<int>(record.minor);
-  snbf_log(1, "%s(): Removing snbf(%d, %d)", kOrigin, snbf_blk_major, minor);
+  snbf_log(1, "%s(): Removing snbf(%d, %d)", snbf::kDelNode, snbf_blk_major,
+           static_cast<int>(record.minor));
   snbf::KsMutexGuard life{snbf::lifecycle_mutex};
   {
     snbf::KsReadGuard table{snbf_blkdev_rwlock};
     snbf::Node* node = snbf::find_node(record.minor);
-    if (node == nullptr) {
-      snbf_log(kLogError, "%s(): Nothing is known about snbf(%d, %d)", kOrigin, snbf_blk_major,
-               minor);
-      return -EINVAL;
-    }
+    if (node == nullptr) return snbf::nothing_is_known(record.minor);
     if (int rc = snbf_block_stop_device(*node); rc != 0) return rc;
   }
   snbf::DoomedNodes doomed;
-  int rc;
-  {
-    snbf::TableWriteGuard table;
-    snbf::Node* node = snbf::find_node(record.minor);
-    if (node == nullptr) {
-      snbf_log(kLogError, "%s(): Nothing is known about snbf(%d, %d)", kOrigin, snbf_blk_major,
-               minor);
-      return -EINVAL;
-    }
-    rc = snbf_block_destroy_device(node, 1, doomed);
-  }
+  int rc = 0;
+  const snbf::u64 deadline_ms = snbf_plat_ticks_ms() + snbf::kHeldWritesLimitMs;
+  do {
+    snbf::wait_for_holds(record.minor, deadline_ms);
+  } while (!snbf::destroy_behind_holds(record.minor, deadline_ms, doomed, rc));
   snbf::take_apart(doomed);
   return rc;
 }

@@ -86,6 +86,25 @@ SIM_TEST(DeleteNode, DoesNotWaitForEverForItsDirtyRequests) {
   ASSERT_EQ(sim.unload_driver(), 0);
 }
 
+// It is the node's own file that kdirtyd hangs in.
+SIM_TEST(DeleteNode, DoesNotWaitForEverForAFlagThatHangs) {
+  load_with_partition(sim);
+  Device* store = sim.add_device({.name = "sdb1", .bytes = 4 << 20});
+  ASSERT_EQ(sim.mount(sim.add_fs("store", store->number()), "/store"), 0);
+  snbf_filter_node_cmd record = filter_record("/dev/sda1", 3, kExtentBytes, "/store");
+  ASSERT_EQ(add_filter(sim, record), 0);
+  store->hold(true);
+  snbf_sched_write_dirty_flag(*filter_at(3), SNBF_BMP_INCR);
+  sim.sleep_us(1'000'000);
+  const u64 before = sim.now_us();
+  EXPECT_EQ(delete_node(sim, 3), 0);
+  EXPECT_LE(sim.now_us() - before, 25'000'000u);
+  EXPECT_EQ(sim.log().count("Continuing anyway", 3), 1);
+  store->hold(false);
+  store->release_all();
+  ASSERT_EQ(sim.unload_driver(), 0);
+}
+
 SIM_TEST(DeleteNode, AMinorWithoutANodeIsRefused) {
   load_with_partition(sim);
   for (u32 minor : {0u, 255u, 256u, 0x7fffffffu, 0xffffffffu}) {

@@ -204,6 +204,64 @@ SIM_TEST(DeleteFilter, TakesItsSnapsTheirFilesAndKcowdWithIt) {
   ASSERT_EQ(sim.unload_driver(), 0);
 }
 
+// Each covers the one before it and goes to its end, so that each is in the way of all that follow.
+void writes_keep_their_order(Sim& sim, bool with_a_newer_one) {
+  constexpr u64 kEnd = 1000;
+  SnapBench bench(sim, {.debug = 0});
+  bench.add_started(7);
+  if (with_a_newer_one) {
+    bench.add_started(8);
+    EXPECT_EQ(delete_node(sim, 8), 0);
+    ASSERT_NE(find_node(8), nullptr) << "it goes with the older one";
+  }
+  bench.disk->clear_history();
+  bool over = false;
+  Task* agent = sim.spawn("agent", [&] {
+    sim.sleep_us(1000 + sim.random(30'000));
+    EXPECT_EQ(stop_node(sim, 7), 0);
+    EXPECT_EQ(delete_node(sim, 7), 0);
+    over = true;
+  });
+  std::vector<Io> writes;
+  for (u64 left = 20; (!over || left-- > 0) && writes.size() < kEnd - 100;) {
+    const u64 sectors = writes.size() + 1;
+    writes.push_back(
+        sim.submit(kNode(kOrigin),
+                   {.op = Op::Write, .sector = kEnd - sectors, .data = Bytes(sectors * 512, 1)}));
+    sim.sleep_us(sim.random(300));
+  }
+  for (const Io& io : writes) EXPECT_EQ(io.wait(), 0);
+  sim.join(agent);
+  u64 sent = 0;
+  for (const Device::Seen& seen : bench.disk->history()) {
+    if (seen.op != Op::Write) continue;
+    ASSERT_EQ(seen.sector, kEnd - 1 - sent);
+    ++sent;
+  }
+  EXPECT_EQ(sent, writes.size());
+}
+
+SIM_TEST_SEEDS(DeleteSnap, WritesKeepTheirOrderWhileTheLastOneGoes, 12) {
+  writes_keep_their_order(sim, false);
+}
+SIM_TEST_SEEDS(DeleteSnap, WritesKeepTheirOrderWhileTheLastTwoGo, 12) {
+  writes_keep_their_order(sim, true);
+}
+
+SIM_TEST(DeleteSnap, DoesNotWaitForEverForHeldWrites) {
+  SnapBench bench(sim);
+  bench.add_started(7);
+  ASSERT_EQ(stop_node(sim, 7), 0);
+  FilterNode* filter = filter_at(kOrigin);
+  filter->cowqueue.cowqueue_len.fetch_add(1);  // one that no pass ever sees
+  const u64 before = sim.now_us();
+  EXPECT_EQ(delete_node(sim, 7), 0);
+  filter->cowqueue.cowqueue_len.fetch_sub(1);
+  EXPECT_GE(sim.now_us() - before, 9'000'000u);
+  EXPECT_LT(sim.now_us() - before, 12'000'000u);
+  ASSERT_EQ(sim.unload_driver(), 0);
+}
+
 SIM_TEST(UnloadSnaps, KeepsTheirFiles) {
   SnapBench bench(sim);
   ASSERT_EQ(bench.write(1, 0x11), 0);
