@@ -141,9 +141,10 @@ int load_block(const Xfs5Reader& reader, u32 ag, u32 number, u32 level) {
   return 0;
 }
 
-// The leaf with the last record that does not begin behind the target.
-int find_leaf(const Xfs5Reader& reader, u32 ag, u64 target) {
-  u32 number = reader.agfs[ag].bno_root;
+// The leaf with the last record that does not begin behind the target, in the reader's buffer, and its number.
+int find_leaf(const Xfs5Reader& reader, u32 ag, u64 target, u32* leaf) {
+  u32& number = *leaf;
+  number = reader.agfs[ag].bno_root;
   for (u32 level = reader.agfs[ag].bno_level - 1;; --level) {
     if (int rc = load_block(reader, ag, number, level); rc != 0) return rc;
     if (level == 0) return 0;
@@ -196,8 +197,8 @@ class GapMarker {
 
 int mark_ag(const Xfs5Reader& reader, u32 ag, ChunkMarks& marks) {
   GapMarker gaps{reader.super, ag, marks};
-  if (int rc = find_leaf(reader, ag, gaps.begin()); rc != 0) return rc;
-  u32 number = reader.agfs[ag].bno_root;
+  u32 number;
+  if (int rc = find_leaf(reader, ag, gaps.begin(), &number); rc != 0) return rc;
   for (;;) {
     const XfsTreeBlock leaf = xfs_tree_block(reader.super, reader.buffer);
     for (u32 record = 0; record < leaf.records() && !gaps.is_done(); ++record) {

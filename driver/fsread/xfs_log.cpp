@@ -285,6 +285,9 @@ bool has_place(const XfsSuper& super, u64 device_bytes) {
   }
   const u64 blocks = device_bytes / super.block_size;
   const u64 bytes = u64{super.log_blocks} * super.block_size;
+  // With an AG that far behind the end its number in blocks could wrap into the device.
+  if (super.ag_blocks != 0 && super.log_start >> super.ag_block_log > blocks / super.ag_blocks)
+    return false;
   const u64 first = super.log_start_block();
   return super.log_blocks >= 2 && bytes <= 0x80000000 && first < blocks &&
          super.log_blocks <= blocks - first;

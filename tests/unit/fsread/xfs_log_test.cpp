@@ -270,6 +270,10 @@ SIM_TEST_SEEDS(XfsLog, ThatIsNotThere, 1) {
   Bytes super = super_with(kLogAt, 1000);
   put_be(super, 4, 513, 4);
   EXPECT_EQ(OnDevice(sim, super, log.bytes).verdict(), "a log that cannot be read");
+  // An AG whose number in blocks wraps to 0.
+  super = super_with(kLogAt | u64{1} << 63, 1000);
+  put_be(super, 84, 1 << 21, 4);
+  EXPECT_EQ(OnDevice(sim, super, log.bytes).verdict(), "a log that cannot be read");
   super = super_with(kLogAt, 1000);
   super[124] = 64;
   EXPECT_EQ(OnDevice(sim, super, log.bytes).verdict(), "a log that cannot be read");
