@@ -57,10 +57,13 @@ int Sim::unmount(FileSystem* handle) {
   Kernel& k = enter_sleeping("unmount");
   FsState& fs = *handle->state_;
   if (!fs.mounted) return -EINVAL;
-  for (const auto& [number, inode] : fs.inodes) {
-    if (inode->opens > 0) return -EBUSY;
-  }
+  const auto is_busy = [&fs] {
+    return std::any_of(fs.inodes.begin(), fs.inodes.end(),
+                       [](const auto& each) { return each.second->opens > 0; });
+  };
+  if (is_busy()) return -EBUSY;
   const int error = fs_sync(k, fs);
+  if (is_busy()) return -EBUSY;  // somebody came meanwhile
   auto& mounts = k.files->mounts;
   mounts.erase(std::find(mounts.begin(), mounts.end(), &fs));
   fs.mounted = false;
