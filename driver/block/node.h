@@ -89,6 +89,9 @@ struct FilterNode : Node {
   int diff_bmp_dirty GUARDED_BY(bmp_spin) = 0;
   FileGuard incr_guard GUARDED_BY(bmp_spin);
   FileGuard diff_guard GUARDED_BY(bmp_spin);
+  // The number of the file system in which the file was last seen, 0: in none yet. Under bmp_mutex.
+  plat_devt incr_bmp_store = 0;
+  plat_devt diff_bmp_store = 0;
   Parking parking;
 
   // Who still holds a pointer: the table or the deletion, each queued dirty request, and whoever writes flags. The

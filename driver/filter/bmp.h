@@ -24,6 +24,8 @@ class ChangeBitmap {
   const char* fname() const { return is_incr_ ? node.incr_bmp_fname : node.diff_bmp_fname; }
   u32 size_bytes() const { return is_incr_ ? node.incr_bmp_size : node.diff_bmp_size; }
 
+  plat_devt& store() const { return is_incr_ ? node.incr_bmp_store : node.diff_bmp_store; }
+
   u8* bits() const REQUIRES(node.bmp_spin) {
     return reinterpret_cast<u8*>(is_incr_ ? node.incr_bmp : node.diff_bmp);
   }

@@ -120,6 +120,27 @@ bool lies_on_node(const char* path, const FilterNode& node) {
   return snbf_get_file_devt(path) == make_dev(static_cast<u32>(snbf_blk_major), node.minor);
 }
 
+// While the store of a file is away, the path leads into another file system. A file that is made there says
+// nothing to whoever loads the one that was left behind. Once the file is open its store stays.
+bool has_moved(const ChangeBitmap& bitmap) {
+  return bitmap.store() != 0 && find_file_system(bitmap.fname()) != bitmap.store();
+}
+
+void note_store(const ChangeBitmap& bitmap) {
+  if (const plat_devt found = find_file_system(bitmap.fname()); found != 0) bitmap.store() = found;
+}
+
+bool may_be_whole(const ChangeBitmap& bitmap) {
+  SpinGuard hold{bitmap.node.bmp_spin};
+  return bitmap.guard().may_be_whole();
+}
+
+int refuse_moved(const char* origin, const ChangeBitmap& bitmap) {
+  snbf_log(kLogError, "%s(): %s lies in another file system than before. Is its store mounted?",
+           origin, bitmap.fname());
+  return -EIO;
+}
+
 bool is_absent(const char* path) {
   plat_path* found = nullptr;
   const int rc = snbf_get_file_dentry(path, 1, &found);
@@ -128,17 +149,26 @@ bool is_absent(const char* path) {
 }
 
 int load_locked(const ChangeBitmap& bitmap, u8* scratch) {
+  constexpr const char* kOrigin = "snbf_block_load_bmp";
   int rc = -EIO;
   FileState state = FileState::Unknown;
   snbf_file* file = snbf_fopen(bitmap.fname(), PLAT_O_RDONLY, kFileMode);
   if (file != nullptr) {
     rc = 0;
     state = read_bitmap(file, bitmap, scratch, &rc);
+    if (has_moved(bitmap)) {
+      rc = refuse_moved(kOrigin, bitmap);
+      state = FileState::Unknown;
+    }
   } else if (is_absent(bitmap.fname())) {
     state = FileState::NoWhole;
   }
+  if (bitmap.store() == 0 && file != nullptr) note_store(bitmap);
+  bool lacks_writes;
   {
     SpinGuard hold{bitmap.node.bmp_spin};
+    lacks_writes = bitmap.guard().lacks_writes();
+    if (lacks_writes) state = FileState::Unknown;
     bitmap.guard().file_was_loaded(state);
     if (state == FileState::Whole) {
       bitmap.set_dirty(0);
@@ -148,6 +178,12 @@ int load_locked(const ChangeBitmap& bitmap, u8* scratch) {
     }
   }
   wake_parking(bitmap.node);
+  if (lacks_writes) {
+    snbf_log(
+        kLogError,
+        "%s(): File %s lacks writes that have gone on without its flag. Ignoring file contents.",
+        kOrigin, bitmap.fname());
+  }
   if (file != nullptr) snbf_fclose(file);
   return rc;
 }
@@ -161,9 +197,17 @@ int save_locked(const ChangeBitmap& bitmap, const u8* snapshot, FileState* state
              kOrigin, bitmap.fname());
     return -EINVAL;
   }
-  snbf_file* file = snbf_fopen(
-      bitmap.fname(), PLAT_O_WRONLY | PLAT_O_CREAT | PLAT_O_TRUNC | PLAT_O_SYNC, kFileMode);
-  if (file == nullptr) return -EIO;
+  const bool moved = has_moved(bitmap);
+  if (moved && may_be_whole(bitmap)) return refuse_moved(kOrigin, bitmap);
+  const int create = moved ? 0 : PLAT_O_CREAT;
+  snbf_file* file =
+      snbf_fopen(bitmap.fname(), PLAT_O_WRONLY | create | PLAT_O_TRUNC | PLAT_O_SYNC, kFileMode);
+  if (file == nullptr) return moved ? refuse_moved(kOrigin, bitmap) : -EIO;
+  if (!moved && has_moved(bitmap)) {  // its store went away just then
+    snbf_fclose(file);
+    return refuse_moved(kOrigin, bitmap);
+  }
+  note_store(bitmap);
   const int rc = write_bitmap(file, snapshot, bitmap.size_bytes());
   *state = rc == 0 ? FileState::Whole : FileState::Unknown;
   snbf_fclose(file);
@@ -181,15 +225,30 @@ int write_flag_locked(const ChangeBitmap& bitmap, int flag, int create, bool* mi
     return -EINVAL;
   }
   const int truncate = flag != 0 ? PLAT_O_TRUNC : 0;
+  const bool moved = has_moved(bitmap);
+  if (moved) create = 0;
   snbf_file* file =
       snbf_fopen(bitmap.fname(), PLAT_O_WRONLY | create | PLAT_O_SYNC | truncate, kFileMode);
-  if (file == nullptr) return -EIO;
+  if (file == nullptr) return moved ? refuse_moved(kOrigin, bitmap) : -EIO;
   const u8 dirty = flag != 0 ? 1 : 0;
   FileCursor cursor{file};
   cursor.write(kMagic, sizeof(kMagic));
   cursor.write(&dirty, sizeof(dirty));
+  // What lies there may be a copy, and is raised all the same; but the file that was left behind is as it was.
+  const bool is_elsewhere = has_moved(bitmap);
   snbf_fclose(file);
+  if (is_elsewhere && may_be_whole(bitmap)) return refuse_moved(kOrigin, bitmap);
+  note_store(bitmap);
   return cursor.error();
+}
+
+void ask_where_a_save_failed(const ChangeBitmap& bitmap) {
+  bool must_ask;
+  {
+    SpinGuard hold{bitmap.node.bmp_spin};
+    must_ask = bitmap.guard().ask_instead_of_save();
+  }
+  if (must_ask) snbf_sched_write_dirty_flag(bitmap.node, bitmap.type());
 }
 
 // A save makes parked writes wait on. So that one after another cannot keep them for ever, those that are there
@@ -216,12 +275,22 @@ int write_flag(FilterNode& node, u32 type, int flag, int create) {
   const int rc = write_flag_locked(bitmap, flag, create, &misplaced);
   // Kept: the file counts as what it was, and so nobody who writes through the node may take its flag down.
   if (flag == 0) return rc;
+  const bool is_hidden = misplaced && has_moved(bitmap);
+  bool must_call = false;
   {
     SpinGuard hold{bitmap.node.bmp_spin};
-    bitmap.guard().request_is_gone();
-    if (rc == 0) bitmap.guard().flag_is_on_disk();
-    if (misplaced) bitmap.guard().give_up_for_good();  // nothing is gained by waiting
+    FileGuard& guard = bitmap.guard();
+    guard.request_is_gone();
+    if (rc == 0) guard.flag_is_on_disk();
+    // Nothing is gained by waiting; but what only hides the file may go away again.
+    if (is_hidden) {
+      must_call = !guard.tries_again();
+      guard.give_up_for_now();
+    } else if (misplaced) {
+      guard.give_up_for_good();
+    }
   }
+  if (must_call) ask_for_help(node);
   wake_parking(node);
   return rc;
 }
@@ -262,10 +331,12 @@ int snbf_block_load_bmps(FilterNode& node) {
 // 2. Under bmp_mutex: cancel the flags queued until now, which this save makes needless; write the
 // whole file.
 // 3. On failure the dirty field goes up again.
+//    What only a command had put there is in no file then: the flag is asked for, once. (A flag that is served between
+//    1 and 2 raises the field, too: one save too many.)
 // 4. Of writes that came in between, and wait: those whose bits are in the file may go, and for the others
 // the flag is asked for again, since 2 has cancelled it.
-// Kept: a flag queued late, for a bit that is in the file, makes a file dirty that is whole: distrusted without
-// need, never trusted wrongly.
+// Kept: a flag queued late, for a bit that is in the file, makes a file dirty that is whole: the next save, or the
+// stop, makes it whole again.
 int snbf_block_save_bmp(FilterNode& node, u32 type) {
   constexpr const char* kOrigin = "snbf_block_save_bmp";
   snbf_log(2, "%s(): Saving %s bitmap of snbf(%d, %d)", kOrigin, bmp_type_text(type),
@@ -275,6 +346,7 @@ int snbf_block_save_bmp(FilterNode& node, u32 type) {
   if (!snapshot) {
     snbf_log(kLogError, "%s(): Failed to allocate %d bytes.", kOrigin,
              static_cast<int>(bitmap.size_bytes()));
+    ask_where_a_save_failed(bitmap);
     return -ENOMEM;
   }
   let_parked_writes_go(node);
@@ -298,6 +370,7 @@ int snbf_block_save_bmp(FilterNode& node, u32 type) {
     if (rc != 0 || bitmap.guard().is_behind()) bitmap.set_dirty(1);
   }
   if (must_ask) snbf_sched_write_dirty_flag(node, type);
+  if (rc != 0) ask_where_a_save_failed(bitmap);
   wake_parking(node);
   return rc;
 }

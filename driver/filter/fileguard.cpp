@@ -16,8 +16,12 @@ bool FileGuard::end_save(u64 snapshot, FileState state) {
   --saves_;
   if (state == FileState::Whole) {
     file_ = snapshot;
+    if (snapshot >= unguarded_) unguarded_ = 0;
     // Nobody has waited for a flag meanwhile, though the file may lack something.
-    if (given_up_) wanted_ = true;
+    if (given_up_) {
+      wanted_ = true;
+      unguarded_ = marks_;
+    }
     given_up_ = false;
   } else if (state == FileState::Unknown && snapshot < file_) {
     file_ = snapshot;
@@ -32,6 +36,7 @@ bool FileGuard::end_save(u64 snapshot, FileState state) {
 
 void FileGuard::flag_is_on_disk() {
   file_ = kNoFile;
+  unguarded_ = 0;
   wanted_ = saves_ != 0 && (wanted_ || given_up_);
   given_up_ = false;
   settle();

@@ -38,9 +38,13 @@ class FileGuard {
 
   bool covers() const { return marks_ <= safe_; }
   // No whole file is on disk, and none is being written.
-  bool is_guarded() const { return file_ == kNoFile && saves_ == 0; }
+  bool is_guarded() const { return !may_be_whole() && saves_ == 0; }
+  // On disk there may be a file that a load would believe.
+  bool may_be_whole() const { return file_ != kNoFile; }
   // The file, as it is on disk, lacks something, and nobody is about to write it.
   bool is_behind() const { return saves_ == 0 && marks_ > file_; }
+  // Writes have gone on that a whole file lacks: no load may believe it.
+  bool lacks_writes() const { return (given_up_ && marks_ > file_) || unguarded_ > file_; }
 
   void count_mark() { ++marks_; }
 
@@ -49,6 +53,9 @@ class FileGuard {
   // `state`: Whole: written; Unknown: it failed within the file; NoWhole: it did not touch it.
   // True: the caller queues a request for the flag, which a write has asked for.
   bool end_save(u64 snapshot, FileState state);
+  // Behind a save that failed: what a command has put into memory is in no file, and no write may ever come to ask
+  // for the flag. True as of end_save.
+  bool ask_instead_of_save() { return is_behind() && !given_up_ && ask_for_flag(); }
   void flag_is_on_disk();
   // Before any load.
   void file_is_unknown();
@@ -76,6 +83,8 @@ class FileGuard {
   u64 safe_ = kNoFile;  // the least of the others
   u64 file_ = kNoFile;
   u64 pending_ = 0;
+  u64 unguarded_ =
+      0;  // up to this one writes may have gone on behind the snapshot that ended a give-up
   u32 saves_ = 0;
   bool was_loaded_ = false;
   bool given_up_ = false;

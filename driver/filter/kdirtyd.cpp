@@ -6,6 +6,7 @@
 #include "core/memory.h"
 #include "filter/bmp.h"
 #include "filter/bmpfile.h"
+#include "io/route.h"
 #include "util/path.h"
 
 namespace snbf {
@@ -103,7 +104,14 @@ void serve(snbf_dirty_req& request) {
   if (!is_valid(request)) return;
   raise_flags_below(*request.node, request.bmp_type);
   KsMutexGuard file_work{request.node->bmp_mutex};
-  if (is_valid(request)) snbf_block_write_dirty_flag(*request.node, request.bmp_type, 1);
+  if (!is_valid(request)) return;
+  {
+    // The file is about to show nothing of it.
+    const ChangeBitmap bitmap{*request.node, request.bmp_type};
+    SpinGuard hold{bitmap.node.bmp_spin};
+    bitmap.set_dirty(1);
+  }
+  snbf_block_write_dirty_flag(*request.node, request.bmp_type, 1);
 }
 
 // Whoever waits for the flag may ask again.
@@ -189,8 +197,8 @@ int snbf_sched_write_dirty_flag(FilterNode& node, u32 type) {
   snbf_log(2, "%s(): Appending dirty request for %s bitmap of snbf(%d, %d)", kOrigin,
            bmp_type_text(type), snbf_blk_major, static_cast<int>(node.minor));
   // It may sleep, but starts no I/O: the submitter may be reclaiming memory, and the write that it
-  // submits is what the memory waits for.
-  auto* request = heap_new<snbf_dirty_req>(PLAT_ALLOC_NOIO);
+  // submits is what the memory waits for. A COW thread does not even sleep; whoever is parked asks again.
+  auto* request = heap_new<snbf_dirty_req>(request_alloc_mode());
   if (request == nullptr) {
     snbf_log(kLogError, "%s(): Memory allocation failure", kOrigin);
     forget_request(node, type);

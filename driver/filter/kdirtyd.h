@@ -2,11 +2,12 @@
 // kdirtyd: the thread that raises dirty flags in bitmap files, since the request path can write no
 // file.
 //
-// The life of a request: queued by a write that changed a clean bitmap; perhaps cancelled by a save
-// that makes it needless; served by kdirtyd, which writes the flag under the node's bmp_mutex if it
-// is still valid; removed only then. So when no request of a node is queued, kdirtyd does no file work for that node,
-// unless the files of another lie on it: then it may hold the record, and raises the flags only while the node is
-// started. A deletion that stops waiting cancels what is queued, and the last holder frees the record.
+// The life of a request: queued by a write that changed a clean bitmap or that has to wait for the flag, or at the end
+// of a save that failed or that writes wait for; perhaps cancelled by a save that makes it needless; served by kdirtyd,
+// which writes the flag under the node's bmp_mutex if it is still valid; removed only then. So when no request of a
+// node is queued, kdirtyd does no file work for that node, unless the files of another lie on it: then it may hold the
+// record, and raises the flags only while the node is started. A deletion that stops waiting cancels what is queued,
+// and the last holder frees the record.
 #pragma once
 
 #include "block/node.h"

@@ -88,9 +88,10 @@ plat_bio* take_first_of_batch(FilterNode& node) {
   parking.sending = sectors_of(bio);
   parking.regions.remove(parking.sending);
   if (bio == parking.batch_last) {
+    if (both_cover(node)) parking.behind_batch_since_ms = 0;
     const u64 since_ms = parking.behind_batch_since_ms;
     parking.batch_last = nullptr;
-    parking.since_ms = since_ms == 0 || both_cover(node) ? snbf_plat_ticks_ms() : since_ms;
+    parking.since_ms = since_ms == 0 ? snbf_plat_ticks_ms() : since_ms;
   }
   snbf_plat_bio_set_next(bio, nullptr);
   return bio;
@@ -194,13 +195,15 @@ void kflagd(void* argument) {
 void park_last(Parking& parking, plat_bio* bio, bool lacks_flag) {
   const u64 now_ms = snbf_plat_ticks_ms();
   if (parking.last == parking.batch_last) parking.behind_batch_since_ms = 0;
-  if (parking.behind_batch_since_ms == 0 && lacks_flag) parking.behind_batch_since_ms = now_ms;
+  const bool is_first_to_lack = parking.behind_batch_since_ms == 0 && lacks_flag;
+  if (is_first_to_lack) parking.behind_batch_since_ms = now_ms;
   if (parking.last != nullptr) {
     snbf_plat_bio_set_next(parking.last, bio);
   } else {
     parking.first = bio;
-    parking.since_ms = now_ms;
   }
+  if (parking.last == nullptr || (is_first_to_lack && parking.batch_last == nullptr))
+    parking.since_ms = now_ms;
   parking.last = bio;
 }
 
@@ -211,6 +214,7 @@ void park_first(Parking& parking, plat_bio* bio) {
   if (parking.last == nullptr) parking.last = bio;
   parking.batch_last = nullptr;
   parking.since_ms = snbf_plat_ticks_ms() - parking.batch_waited_ms;
+  parking.behind_batch_since_ms = parking.since_ms;
 }
 
 void end_worker(Parking& parking) {

@@ -30,10 +30,6 @@ bool is_cow_thread() {
   return text_contains(name, "kcowd");
 }
 
-// A COW thread's own request must not wait for memory that only that thread can give back. Looked
-// up only where something is allocated: the plain way through allocates nothing.
-AllocMode request_alloc_mode() { return is_cow_thread() ? PLAT_ALLOC_ATOMIC : PLAT_ALLOC_NOIO; }
-
 // Hands the caller's own request to the COW thread. A clone of it is dropped first: an append may
 // wait for memory that requests in flight hold, and the clone is one of those.
 int hold_request(FilterNode& filter, plat_bio* bio, plat_bio* clone, AllocMode mode) {
@@ -118,7 +114,7 @@ int pass_in_place(FilterNode& filter, Request& request) {
   const bool has_data = request.info.size_bytes >= kSectorBytes;
   // A write that nobody could wait for must be known to the tracker, should a snap start meanwhile.
   const auto is_traceless = [&] {
-    return !filter.can_drain || snbf_plat_bio_may_be_parked(request.bio) != 0;
+    return !filter.can_drain || snbf_plat_bio_may_be_throttled(request.bio) != 0;
   };
   const bool as_clone = !filter.snaps.empty() || (request.info.is_write && is_traceless());
   if (has_data && as_clone) return route_beside_snaps(filter, request);
@@ -249,6 +245,8 @@ bool must_hold_write(FilterNode& filter, const SectorRange& sectors) {
   }
   return false;
 }
+
+AllocMode request_alloc_mode() { return is_cow_thread() ? PLAT_ALLOC_ATOMIC : PLAT_ALLOC_NOIO; }
 
 int newest_started_minor(const FilterNode& filter) {
   using Snaps = List<SnapNode, BySnapOrder>;

@@ -37,6 +37,32 @@ void cut_last_component(char* path) {
   path[length > 0 ? length - 1 : 0] = '\0';
 }
 
+// Of the path, or of its nearest ancestor that exists; all zeros if there is none.
+plat_path_info nearest_that_exists(const char* path, int follow) {
+  constexpr const char* kOrigin = "snbf_get_file_devt";
+  plat_path_info info = {};
+  SNBF_ASSERT(path != nullptr);
+  const size_t path_bytes = text_length(path) + 1;
+  char* ancestor = static_cast<char*>(snbf_plat_heap_alloc(path_bytes, PLAT_ALLOC_NORMAL));
+  if (ancestor == nullptr) {
+    snbf_log(kLogError, "%s(): Memory allocation failed.", kOrigin);
+    return info;
+  }
+  ScopeExit free_ancestor{[&] { snbf_plat_heap_free(ancestor); }};
+  mem_copy(ancestor, path, path_bytes);
+  // Kept: the cut takes the last "/" along, so the root itself is never asked.
+  while (ancestor[0] != '\0') {
+    plat_path* found = nullptr;
+    if (snbf_get_file_dentry(ancestor, follow, &found) == 0 && found != nullptr) {
+      snbf_plat_path_info(found, &info);
+      snbf_plat_path_put(found);
+      return info;
+    }
+    cut_last_component(ancestor);
+  }
+  return info;
+}
+
 }  // namespace
 
 int snbf_mknod(const char* path, int block, int major, int minor) {
@@ -87,29 +113,10 @@ int snbf_get_file_dentry(const char* path, int follow, plat_path** found) {
   return 0;
 }
 
-plat_devt snbf_get_file_devt(const char* path) {
-  constexpr const char* kOrigin = "snbf_get_file_devt";
-  SNBF_ASSERT(path != nullptr);
-  const size_t path_bytes = text_length(path) + 1;
-  char* ancestor = static_cast<char*>(snbf_plat_heap_alloc(path_bytes, PLAT_ALLOC_NORMAL));
-  if (ancestor == nullptr) {
-    snbf_log(kLogError, "%s(): Memory allocation failed.", kOrigin);
-    return 0;
-  }
-  ScopeExit free_ancestor{[&] { snbf_plat_heap_free(ancestor); }};
-  mem_copy(ancestor, path, path_bytes);
-  // Kept: the cut takes the last "/" along, so the root itself is never asked.
-  while (ancestor[0] != '\0') {
-    plat_path* found = nullptr;
-    if (snbf_get_file_dentry(ancestor, 0, &found) == 0 && found != nullptr) {
-      plat_path_info info = {};
-      snbf_plat_path_info(found, &info);
-      snbf_plat_path_put(found);
-      return info.store_device;
-    }
-    cut_last_component(ancestor);
-  }
-  return 0;
+plat_devt snbf_get_file_devt(const char* path) { return nearest_that_exists(path, 0).store_device; }
+
+plat_devt snbf::find_file_system(const char* path) {
+  return nearest_that_exists(path, 1).file_system;
 }
 
 Result<plat_devt> snbf::find_hdd(const char* origin, const char* path) {

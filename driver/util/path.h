@@ -20,6 +20,10 @@ plat_devt snbf_get_file_devt(const char* path);
 
 namespace snbf {
 
+// The number of the file system that holds the path or its nearest ancestor that exists, behind symbolic links; 0 if
+// that cannot be told.
+plat_devt find_file_system(const char* path);
+
 // The device number of the block device file that a command names, or a negative error; logged for
 // the command `origin`. Follows a final symbolic link.
 Result<plat_devt> find_hdd(const char* origin, const char* path);

@@ -149,7 +149,7 @@ void snbf_plat_bio_set_next(plat_bio* bio, plat_bio* next) { bio_of(bio)->bi_nex
 plat_bio* snbf_plat_bio_next(const plat_bio* bio) { return (plat_bio*)bio_of(bio)->bi_next; }
 
 /* Limits of the root group, which the old hierarchy has, are not seen. */
-int snbf_plat_bio_may_be_parked(const plat_bio* bio) {
+int snbf_plat_bio_may_be_throttled(const plat_bio* bio) {
 #ifdef CONFIG_BLK_CGROUP
   const struct cgroup_subsys_state* group = bio_blkcg_css(bio_of(bio));
 

@@ -245,6 +245,7 @@ void snbf_plat_path_info(const plat_path* path, plat_path_info* info) {
   info->mode = inode->i_mode;
   info->device = inode->i_rdev;
   if (inode->i_sb->s_bdev) info->store_device = inode->i_sb->s_bdev->bd_dev;
+  info->file_system = inode->i_sb->s_dev;
   info->inode_number = inode->i_ino;
   info->inode = inode;
 }

@@ -179,8 +179,8 @@ plat_bio* snbf_plat_bio_next(const plat_bio* bio) {
   return kernel().check_bio(bio, "bio_next")->next;
 }
 
-int snbf_plat_bio_may_be_parked(const plat_bio* bio) {
-  kernel().check_bio(bio, "bio_may_be_parked");
+int snbf_plat_bio_may_be_throttled(const plat_bio* bio) {
+  kernel().check_bio(bio, "bio_may_be_throttled");
   return 0;
 }
 

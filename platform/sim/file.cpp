@@ -214,6 +214,7 @@ void snbf_plat_path_info(const plat_path* path, plat_path_info* info) {
   info->mode = static_cast<int>(path->meta.mode);
   info->device = path->meta.device;
   info->store_device = path->place.fs->device;
+  info->file_system = path->place.fs->number;
   info->inode_number = path->place.inode;
   info->entry = path;
   info->inode = path->place.fs->inode(path->place.inode);

@@ -60,6 +60,7 @@ struct Inode {
 struct FsState {
   std::string name;
   plat_devt device = 0;  // 0: none below it
+  plat_devt number = 0;  // the device's, or one of its own
   u64 first_data = 1 + kJournalBlocks;
   u64 blocks = 0;
   u64 free_limit = ~0ull;    // set by a test

@@ -50,6 +50,7 @@ FileSystem* Sim::add_fs(const std::string& name, plat_devt device, u64 blocks) {
   auto fs = std::make_unique<FsState>();
   fs->name = name;
   fs->device = device;
+  fs->number = device != 0 ? device : dev(0, static_cast<u32>(k.files->all.size()) + 1);
   BlockDev* dev = device != 0 ? k.find_dev(device) : nullptr;
   if (device != 0 && dev == nullptr)
     k.fatal("add_fs: there is no device %u:%u", device >> 20, device & 0xFFFFF);

@@ -130,6 +130,7 @@ void mount_fs(Kernel& k, FsState& fs, const std::string& path) {
 // Memory only, as an initramfs: it is gone with the power.
 void make_root(Kernel& k) {
   auto root = std::make_unique<FsState>();
+  root->number = dev(0, 1);
   root->name = "rootfs";
   root->meta.names[""] = 1;
   root->meta.inodes[1].mode = kTypeDir | 0755;

@@ -62,7 +62,7 @@ int snbf_plat_bio_is_write(const plat_bio* bio);
 void snbf_plat_bio_set_next(plat_bio* bio, plat_bio* next);
 plat_bio* snbf_plat_bio_next(const plat_bio* bio);
 /* 1 when a limit of its sender's control group may hold it back on its way into a queue, where nobody sees it. */
-int snbf_plat_bio_may_be_parked(const plat_bio* bio);
+int snbf_plat_bio_may_be_throttled(const plat_bio* bio);
 
 /*
  * Sends the caller's own request on to `bdev` in place and gives it up; counted in the statistics of the node

@@ -76,6 +76,7 @@ typedef struct plat_path_info {
   int mode;               /* file type and permission bits */
   plat_devt device;       /* of a device file: the device that it names */
   plat_devt store_device; /* block device of the file system that holds it; 0 if that has none */
+  plat_devt file_system;  /* number of that file system: of its device, or its own; not 0 */
   plat_u64 inode_number;
   const void* entry; /* for log lines only */
   const void* inode; /* for log lines only */

@@ -137,8 +137,11 @@ SIM_TEST(SaveBitmap, AfterOneThatFailedWithinItsFileWritesWaitForTheFlag) {
     filter.node->incr_guard.count_mark();
   }
   sim.fail_nth(Fault::FileWrite, 1, -ENOSPC);
-  EXPECT_EQ(snbf_block_save_bmp(*filter.node, SNBF_BMP_INCR), -ENOSPC);
-  EXPECT_FALSE(mark_extents(*filter.node, {Sector{8 * extent}, 8}));
+  {
+    KsMutexGuard file_work{filter.node->bmp_mutex};
+    EXPECT_EQ(snbf_block_save_bmp(*filter.node, SNBF_BMP_INCR), -ENOSPC);
+    EXPECT_FALSE(mark_extents(*filter.node, {Sector{8 * extent}, 8}));
+  }
   ASSERT_EQ(snbf_yield_to_dirty_requests(*filter.node, 10), 0);
   EXPECT_TRUE(mark_extents(*filter.node, {Sector{8 * extent}, 8}));
 }
@@ -148,6 +151,7 @@ SIM_TEST(SaveBitmap, AfterOneThatFailedWithinItsFileWritesWaitForTheFlag) {
 SIM_TEST(SaveBitmap, AFailedWriteLeavesAFileThatNoLoadAccepts) {
   for (u8 byte : {u8{0x5A}, u8{0}}) {  // a run of zeros that is cut short keeps its checksum
     BareFilter filter(sim, kExtents);
+    KsMutexGuard file_work{filter.node->bmp_mutex};  // no flag cuts it down meanwhile
     for (int nth = 1; nth <= 5; ++nth) {
       filter.fill(byte, 0);
       filter.set_dirty(0, 0);
@@ -164,6 +168,30 @@ SIM_TEST(SaveBitmap, AFailedWriteLeavesAFileThatNoLoadAccepts) {
     sim.fail_nth(Fault::FileWrite, 6, -ENOSPC);
     EXPECT_EQ(snbf_block_save_bmp(*filter.node, SNBF_BMP_INCR), -ENOSPC);
     expect_distrust(sim, filter, 0, "has invalid checksum. Ignoring file contents.");
+  }
+}
+
+// What a backup that failed gives back is in memory alone then: the file must not be believed without it, though no
+// write ever comes.
+SIM_TEST(SaveBitmap, AfterAMergeThatCannotSaveTheFlagIsRaised) {
+  struct {
+    Fault fault;
+    u64 nth;
+  } causes[] = {
+      {Fault::FileOpen, 1}, {Fault::FileWrite, 1}, {Fault::FileWrite, 5}, {Fault::Virt, 2}};
+  for (const auto& cause : causes) {
+    BareFilter filter(sim, kExtents);
+    set_incr(filter, Bytes(kBytes, 0));
+    ASSERT_EQ(snbf_block_save_bmp(*filter.node, SNBF_BMP_INCR), 0);
+    filter.set_dirty(0, 0);
+    UserBuffer bits = sim.user(Bytes(kBytes, 0xFF));
+    snbf_bmp_cmd record = {3, SNBF_BMP_INCR, kBytes, 0, bits.address()};
+    sim.fail_nth(cause.fault, cause.nth, -EIO);
+    ASSERT_EQ(snbf_ioctl_merge_bmp(*filter.node, record), 0);
+    EXPECT_TRUE(sim.fault_reached(cause.fault));
+    ASSERT_EQ(snbf_yield_to_dirty_requests(*filter.node, 10), 0);
+    EXPECT_EQ(contents(sim, kIncr), (Bytes{'S', 'N', 'B', 'F', 'B', 'M', 'P', 1}));
+    EXPECT_EQ(filter.incr_dirty(), 1);
   }
 }
 

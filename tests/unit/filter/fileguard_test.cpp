@@ -180,5 +180,26 @@ TEST(FileGuard, OneRequestIsQueuedAtATimeAndTheEndOfASaveAsksAgain) {
   EXPECT_FALSE(guard.end_save(guard.begin_save(), FileState::Whole));
 }
 
+// What went on unguarded behind its snapshot is not in the file that the save has left.
+TEST(FileGuard, ASaveThatEndsAGiveUpMayLackWrites) {
+  FileGuard guard = saved();
+  guard.count_mark();
+  guard.give_up_for_now();
+  EXPECT_TRUE(guard.lacks_writes());
+  const u64 snapshot = guard.begin_save();
+  guard.count_mark();
+  EXPECT_TRUE(guard.covers());
+  guard.end_save(snapshot, FileState::Whole);
+  EXPECT_TRUE(guard.lacks_writes());
+  FileGuard flagged = guard;
+  flagged.flag_is_on_disk();
+  guard.end_save(guard.begin_save(), FileState::Whole);
+  for (FileGuard* each : {&guard, &flagged}) {
+    EXPECT_FALSE(each->lacks_writes());
+    each->file_was_loaded(FileState::Unknown);
+    EXPECT_FALSE(each->lacks_writes()) << "what there is now may be had";
+  }
+}
+
 }  // namespace
 }  // namespace snbf

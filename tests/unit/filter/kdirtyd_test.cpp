@@ -97,6 +97,32 @@ SIM_TEST(DirtyRequest, ThatASaveCancelsIsSkipped) {
   EXPECT_FALSE(sim.log().contains("Writing dirty flag"));
 }
 
+// Its bit may be in the file by then, which it cuts down all the same: what the file showed is to be saved again.
+SIM_TEST(DirtyRequest, ThatComesLateHasTheBitmapSavedAgain) {
+  BareFilter filter(sim, 64);
+  filter.set_dirty(0, 0);
+  ASSERT_EQ(snbf_sched_write_dirty_flag(*filter.node, SNBF_BMP_INCR), 0);
+  ASSERT_EQ(snbf_yield_to_dirty_requests(*filter.node, 10), 0);
+  EXPECT_EQ(filter.incr_dirty(), 1);
+  EXPECT_EQ(filter.diff_dirty(), 0);
+}
+
+// Its store may lie on a node, and the memory may be had only by its own work.
+SIM_TEST(DirtyRequest, OfACowThreadWaitsForNoMemory) {
+  BareFilter filter(sim, 64);
+  sim.hold_heap(true);
+  bool over = false;
+  sim.spawn("kcowd9", [&] {
+    snbf_sched_write_dirty_flag(*filter.node, SNBF_BMP_INCR);
+    over = true;
+  });
+  sim.sleep_us(1'000'000);
+  EXPECT_TRUE(over);
+  sim.hold_heap(false);
+  sim.join_all();
+  ASSERT_EQ(snbf_yield_to_dirty_requests(*filter.node, 10), 0);
+}
+
 SIM_TEST(DirtyRequest, CancellingMeansOneBitmapOfOneNode) {
   BareFilter filter(sim, 64);
   auto other = std::make_unique<FilterNode>();

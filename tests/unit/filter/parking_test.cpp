@@ -264,13 +264,167 @@ SIM_TEST(Parking, BehindManyWritesTheOrderHoldsToo) {
   EXPECT_FALSE(rig.node->parking.regions.may_overlap({Sector{0}, (16 << 20) / 512}));
 }
 
+// What waits behind one that it overlaps, which is long on its way, lacks no flag; only much later somebody does.
+SIM_TEST(Parking, NorIsTheTimeBeforeAnyFlagWasLacking) {
+  Node3 rig(sim, 1);
+  EXPECT_EQ(rig.write(200).wait(), 0);
+  for (u32 type : {0u, 1u}) ASSERT_EQ(rig.select(SNBF_SAVE_BMP, type), 0);
+  rig.disk->set_latency(9'900'000, 9'900'000);
+  std::vector<Io> writes = {rig.write(200)};  // in both files; and the disk takes one at a time
+  writes.push_back(rig.write(7));
+  sim.wait_until([&] {
+    SpinGuard hold{rig.node->bmp_spin};
+    return !rig.node->parking.sending.empty();
+  });
+  writes.push_back(rig.write(7));
+  ASSERT_EQ(rig.node->parking.writes.load(), 2);
+  sim.sleep_us(8'000'000);
+  EXPECT_EQ(rig.select(SNBF_SAVE_BMP, 1), 0);
+  rig.store->hold(true);
+  writes.push_back(rig.write(100));
+  ASSERT_EQ(rig.node->parking.writes.load(), 3);
+  sim.sleep_us(5'000'000);
+  EXPECT_FALSE(sim.log().contains(kGaveUp));
+  rig.store->hold(false);
+  rig.store->release_all();
+  for (const Io& io : writes) EXPECT_EQ(io.wait(), 0);
+  EXPECT_FALSE(sim.log().contains(kGaveUp));
+}
+
+// While a flag is tried, the file is open at times.
+void unmount(Sim& sim, const char* name) {
+  int rc = sim.unmount(sim.fs(name));
+  for (; rc == -EBUSY; rc = sim.unmount(sim.fs(name))) sim.sleep_us(10'000);
+  EXPECT_EQ(rc, 0);
+}
+
+constexpr const char* kMoved =
+    "/store/snbf3.incr lies in another file system than before. Is its store mounted?";
+
+// Nobody has the files open, so their store can be unmounted. A new file beneath would say nothing of the old one.
+SIM_TEST(Parking, AFlagIsNotRaisedBesideTheFile) {
+  Node3 rig(sim);
+  EXPECT_EQ(sim.unmount(sim.fs("store")), 0);
+  const Io io = rig.write(7);
+  sim.sleep_us(5'000'000);
+  EXPECT_FALSE(io.done());
+  EXPECT_EQ(io.wait(), 0);
+  EXPECT_EQ(sim.log().count(kGaveUp), 1);
+  EXPECT_TRUE(sim.log().contains(kMoved));
+  Bytes none;
+  EXPECT_FALSE(sim.peek_file("/store/snbf3.incr", &none));
+  EXPECT_EQ(sim.mount(sim.fs("store"), "/store"), 0);
+  sim.wait_until([&] { return rig.file("incr") == kFlagged && rig.file("diff") == kFlagged; });
+}
+
+// What has no device below it, a tmpfs or a share, is told apart as well; and the folder may be reached by a link.
+SIM_TEST(Parking, AFlagIsNotRaisedBesideAFileOnAShare) {
+  Node3 rig(sim);
+  ASSERT_EQ(delete_node(sim, kFilter), 0);
+  ASSERT_EQ(sim.mount(sim.add_fs("share", 0, 1000), "/share"), 0);
+  ASSERT_EQ(sim.make_dir("/share/bmp"), 0);
+  ASSERT_EQ(sim.make_symlink("/share/bmp", "/var/link"), 0);
+  snbf_filter_node_cmd record = filter_record("/dev/sda1", kFilter, 4096, "/var/link");
+  ASSERT_EQ(add_filter(sim, record), 0);
+  ASSERT_EQ(start_node(sim, kFilter), 0);
+  rig.node = filter_at(kFilter);
+  for (u32 type : {0u, 1u}) ASSERT_EQ(rig.select(SNBF_CLR_BMP, type), 0);
+  EXPECT_EQ(rig.write(7).wait(), 0);
+  for (u32 type : {0u, 1u}) ASSERT_EQ(rig.select(SNBF_SAVE_BMP, type), 0);
+  EXPECT_FALSE(sim.log().contains("lies in another file system"));
+  ASSERT_EQ(sim.unmount(sim.fs("share")), 0);
+  ASSERT_EQ(sim.make_dir("/share/bmp"), 0);
+  const Io io = rig.write(8);
+  EXPECT_EQ(io.wait(), 0);
+  EXPECT_EQ(sim.log().count(kGaveUp), 1);
+  Bytes found;
+  EXPECT_FALSE(sim.peek_file("/share/bmp/snbf3.incr", &found));
+  ASSERT_EQ(sim.mount(sim.fs("share"), "/share"), 0);
+  sim.wait_until(
+      [&] { return sim.peek_file("/share/bmp/snbf3.incr", &found) && found == kFlagged; });
+}
+
+SIM_TEST(Parking, ASaveDoesNotMakeAFileBesideTheFile) {
+  Node3 rig(sim);
+  for (const bool flagged : {false, true}) {
+    if (flagged) {
+      EXPECT_EQ(rig.write(7).wait(), 0);
+    }
+    EXPECT_EQ(sim.unmount(sim.fs("store")), 0);
+    EXPECT_EQ(rig.select(SNBF_SAVE_BMP, SNBF_BMP_INCR), -EIO);
+    EXPECT_GE(sim.log().count(kMoved, 3), 1);
+    Bytes none;
+    EXPECT_FALSE(sim.peek_file("/store/snbf3.incr", &none));
+    EXPECT_EQ(sim.mount(sim.fs("store"), "/store"), 0);
+    EXPECT_EQ(rig.select(SNBF_SAVE_BMP, SNBF_BMP_INCR), 0);
+    sim.log().clear();
+  }
+  EXPECT_NE(rig.file("incr"), kFlagged);
+}
+
+// Copies of the files lie there. They are not to be believed, but the old ones may come back.
+SIM_TEST(Parking, TheFlagOfACopyIsNotTheFiles) {
+  Node3 rig(sim);
+  const Bytes whole = rig.file("incr");
+  Device* other = sim.add_device({.name = "sdc1", .bytes = 4 << 20});
+  EXPECT_EQ(sim.unmount(sim.fs("store")), 0);
+  EXPECT_EQ(sim.mount(sim.add_fs("copy", other->number()), "/store"), 0);
+  for (const char* suffix : {"incr", "diff"}) {
+    EXPECT_EQ(sim.write_file(std::string("/store/snbf3.") + suffix, whole), 0);
+  }
+  EXPECT_EQ(rig.write(7).wait(), 0);
+  EXPECT_EQ(sim.log().count(kGaveUp), 1);
+  sim.wait_until([&] { return rig.file("incr") == kFlagged && rig.file("diff") == kFlagged; });
+  EXPECT_EQ(rig.select(SNBF_SAVE_BMP, SNBF_BMP_INCR), -EIO);
+  EXPECT_EQ(rig.select(SNBF_LOAD_BMP, SNBF_BMP_INCR), -EIO);
+  EXPECT_TRUE(rig.is_set(8)) << "nothing is known any more";
+  unmount(sim, "copy");
+  EXPECT_EQ(sim.mount(sim.fs("store"), "/store"), 0);
+  sim.wait_until([&] { return rig.file("incr") == kFlagged && rig.file("diff") == kFlagged; });
+}
+
+// The store is mounted late, behind files that were made where it was to be.
+SIM_TEST(Parking, BehindTheFlagASaveFollowsTheStore) {
+  Node3 rig(sim);
+  const Bytes whole = rig.file("incr");
+  EXPECT_EQ(rig.write(7).wait(), 0);
+  Device* late = sim.add_device({.name = "sdc1", .bytes = 4 << 20});
+  EXPECT_EQ(sim.mount(sim.add_fs("late", late->number()), "/store"), 0);
+  EXPECT_EQ(sim.write_file("/store/snbf3.incr", whole), 0);
+  EXPECT_EQ(rig.select(SNBF_SAVE_BMP, SNBF_BMP_INCR), 0);
+  EXPECT_NE(rig.file("incr"), kFlagged);
+  EXPECT_NE(rig.file("incr"), whole);
+  const Io io = rig.write(9);
+  EXPECT_EQ(io.wait(), 0);
+  EXPECT_EQ(rig.file("incr"), kFlagged);
+  EXPECT_EQ(sim.unmount(sim.fs("late")), 0);
+}
+
+// The file is whole, and older than the writes that went on without its flag.
+SIM_TEST(Parking, WhatIsKnownToLackWritesIsNotLoaded) {
+  Node3 rig(sim);
+  sim.fail_always(Fault::FileOpen, -EPERM);
+  EXPECT_EQ(rig.write(7).wait(), 0);
+  EXPECT_EQ(sim.log().count(kGaveUp), 1);
+  sim.clear_faults();
+  EXPECT_EQ(rig.select(SNBF_LOAD_BMP, SNBF_BMP_INCR), 0);
+  EXPECT_TRUE(rig.is_set(7));
+  {
+    SpinGuard hold{rig.node->bmp_spin};
+    EXPECT_EQ(rig.node->incr_bmp_dirty, 1);
+  }
+  EXPECT_EQ(rig.select(SNBF_SAVE_BMP, SNBF_BMP_INCR), 0);
+  EXPECT_EQ(rig.select(SNBF_LOAD_BMP, SNBF_BMP_INCR), 0) << "and now it is";
+  EXPECT_TRUE(rig.is_set(7));
+}
+
 // Another file system lies where the store was mounted: its file would say nothing of the store's.
 SIM_TEST(Parking, AFlagThatWasGivenUpIsNotRaisedInAnotherFileSystem) {
   Node3 rig(sim);
   sim.fail_always(Fault::FileWrite, -EIO);
   EXPECT_EQ(rig.write(7).wait(), 0);
   EXPECT_EQ(sim.log().count(kGaveUp), 1);
-  EXPECT_EQ(sim.unmount(sim.fs("store")), 0);
+  unmount(sim, "store");
   sim.clear_faults();
   sim.sleep_us(130'000'000);
   Bytes none;
@@ -565,6 +719,7 @@ SIM_TEST(Parking, ARingEndsAtTheLimit) {
   EXPECT_EQ(sim.write_file("/of3/file", Bytes(4096, 1), true), 0);
   EXPECT_EQ(sim.write_file("/of4/file", Bytes(4096, 1), true), 0);
   EXPECT_LT(sim.now_us() - before_us, 60'000'000u);
+  EXPECT_TRUE(sim.log().contains("could not be raised within 10 seconds"));
   EXPECT_EQ(sim.unmount(sim.fs("of3")), 0);
   EXPECT_EQ(sim.unmount(sim.fs("of4")), 0);
   EXPECT_EQ(sim.unload_driver(), 0);
@@ -717,6 +872,12 @@ SIM_TEST(Parking, AFlagThatCanNeverBeRaisedIsNotWaitedFor) {
   EXPECT_LT(sim.now_us() - before_us, 1'000'000u);
   EXPECT_TRUE(sim.log().contains("Can't set dirty flag in /store/snbf3.incr"));
   EXPECT_EQ(sim.unmount(sim.fs("own")), 0);
+  // It was only hidden.
+  sim.sleep_us(200'000'000);
+  for (const char* suffix : {"incr", "diff"}) {
+    const Bytes file = rig.file(suffix);
+    EXPECT_TRUE(file == kFlagged || (file.size() > 16 && (file[16] >> 7 & 1) != 0)) << suffix;
+  }
 }
 
 SIM_TEST(Parking, AFailedStartOfAThreadUndoesTheNode) {
@@ -739,13 +900,15 @@ SIM_TEST(Parking, DeletionDoesNotWaitForAHelperThatHangs) {
   rig.store->hold(true);
   const Io io = rig.write(7);
   EXPECT_EQ(io.wait(), 0);  // at the limit
-  // The save at the stop hangs as well, so the node goes without one.
-  {
-    SpinGuard hold{rig.node->bmp_spin};
-    rig.node->incr_bmp_dirty = rig.node->diff_bmp_dirty = 0;
-  }
-  Task* deleter = sim.spawn("deleter", [&] { EXPECT_EQ(delete_node(sim, kFilter), 0); });
+  // A stop would wait for the mutex and save, so the node counts as stopped.
+  rig.node->started.store(0);
+  bool over = false;
+  Task* deleter = sim.spawn("deleter", [&] {
+    EXPECT_EQ(delete_node(sim, kFilter), 0);
+    over = true;
+  });
   sim.sleep_us(60'000'000);
+  EXPECT_TRUE(over);
   rig.store->hold(false);
   rig.store->release_all();
   sim.join(deleter);
