@@ -59,6 +59,11 @@ class Scene:
         os.makedirs("/mnt/store", exist_ok=True)
         kit.run("mount", "-o", "errors=continue", self.store.path, "/mnt/store")
 
+    @staticmethod
+    def unmount():
+        """The driver may just look for the folder."""
+        kit.wait_until(lambda: "target is busy" not in kit.run("umount", "/mnt/store", ok=False), 30, "unmount")
+
     def close(self):
         if self.fd is not None:
             os.close(self.fd)
@@ -142,8 +147,7 @@ def one_that_is_dead_for_a_while():
             at.all_is_marked()
         finally:
             at.store.become(at.store.good())
-        # Its file system has lost the thread. While it is away the driver may have looked for the folder.
-        kit.wait_until(lambda: "target is busy" not in kit.run("umount", "/mnt/store", ok=False), 30, "unmount")
+        at.unmount()  # its file system has lost the thread
         kit.run("fsck.ext4", "-fy", at.store.path, ok=False)
         at.mount()
         at.flags_come_back()
@@ -155,6 +159,19 @@ def one_that_is_gone():
         os.rename(FOLDER, FOLDER + ".away")
         at.first_write_waits()
         os.rename(FOLDER + ".away", FOLDER)
+        at.flags_come_back()
+
+
+@kit.case
+def one_that_is_unmounted():
+    """Nobody has its files open. Beneath it is a folder of the same name, where new ones would say nothing of them."""
+    with scene() as at:
+        at.unmount()
+        os.makedirs(FOLDER)
+        at.first_write_waits()
+        kit.equal(os.listdir(FOLDER), [], "files beneath the store")
+        at.all_is_marked()
+        at.mount()
         at.flags_come_back()
 
 
