@@ -195,6 +195,24 @@ SIM_TEST(SaveBitmap, AfterAMergeThatCannotSaveTheFlagIsRaised) {
   }
 }
 
+// Where its store is cannot be told any more once the file is open: what was written may lie anywhere.
+SIM_TEST(SaveBitmap, FailsWhereTheStoreGoesAwayJustThen) {
+  BareFilter filter(sim, kExtents);
+  ASSERT_EQ(snbf_block_save_bmp(*filter.node, SNBF_BMP_INCR), 0);
+  u64 refused = 0;
+  for (u64 nth = 1; nth <= 8; ++nth) {
+    sim.log().clear();
+    filter.set_dirty(0, 0);
+    sim.fail_nth(Fault::Heap, nth);
+    const int rc = snbf_block_save_bmp(*filter.node, SNBF_BMP_INCR);
+    sim.clear_faults();
+    EXPECT_EQ(filter.incr_dirty(), rc != 0) << nth;
+    if (rc != 0 && sim.log().contains("lies in another file system than before")) ++refused;
+    ASSERT_EQ(snbf_block_save_bmp(*filter.node, SNBF_BMP_INCR), 0);
+  }
+  EXPECT_EQ(refused, 2u) << "before it is opened, and behind that";
+}
+
 SIM_TEST(SaveBitmap, RefusesAFileThatLiesOnTheNode) {
   Device* disk = sim.add_device({.name = "node", .number = dev(100, 3)});
   BareFilter filter(sim, kExtents);
