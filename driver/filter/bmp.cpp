@@ -68,7 +68,7 @@ bool mark(u32* bitmap, int& dirty, FileGuard& guard, u64 extent) {
   guard.count_mark();
   if (dirty != 0) return false;
   dirty = 1;
-  guard.ask_for_flag();  // one more than are queued already: the documented count is one each time it gets dirty
+  guard.ask_for_flag();  // also where one is queued: each time that it gets dirty makes one request
   return true;
 }
 

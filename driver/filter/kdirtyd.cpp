@@ -64,6 +64,16 @@ FilterNode* hold_node_below(const FilterNode& node, u32 type) {
   return &as_filter(*below);
 }
 
+// The file shows nothing of the bitmap from then on, so that is to be saved again. bmp_mutex is held.
+void cut_file_down(FilterNode& node, u32 type) {
+  const ChangeBitmap bitmap{node, type};
+  {
+    SpinGuard hold{bitmap.node.bmp_spin};
+    bitmap.set_dirty(1);
+  }
+  snbf_block_write_dirty_flag(node, type, 1);
+}
+
 void raise_flag(FilterNode& node, u32 type) {
   const ChangeBitmap bitmap{node, type};
   KsMutexGuard file_work{node.bmp_mutex};
@@ -72,10 +82,8 @@ void raise_flag(FilterNode& node, u32 type) {
   {
     SpinGuard hold{bitmap.node.bmp_spin};
     if (bitmap.guard().is_guarded()) return;
-    // The file is about to show nothing of it.
-    bitmap.set_dirty(1);
   }
-  snbf_block_write_dirty_flag(node, type, 1);
+  cut_file_down(node, type);
 }
 
 // What this thread writes into a file on another node would wait there for a flag that only this thread
@@ -104,14 +112,7 @@ void serve(snbf_dirty_req& request) {
   if (!is_valid(request)) return;
   raise_flags_below(*request.node, request.bmp_type);
   KsMutexGuard file_work{request.node->bmp_mutex};
-  if (!is_valid(request)) return;
-  {
-    // The file is about to show nothing of it.
-    const ChangeBitmap bitmap{*request.node, request.bmp_type};
-    SpinGuard hold{bitmap.node.bmp_spin};
-    bitmap.set_dirty(1);
-  }
-  snbf_block_write_dirty_flag(*request.node, request.bmp_type, 1);
+  if (is_valid(request)) cut_file_down(*request.node, request.bmp_type);
 }
 
 // Whoever waits for the flag may ask again.
