@@ -94,6 +94,7 @@ struct BlockDev {
   std::map<u64, u64> flush_covers;
   WaitList depth_waiters = {};
   std::vector<plat_bio*> flying;
+  std::function<void(const Device::Arrival&)> on_arrival;
   u64 entered = 0;  // in the queue, plugged or under way
   WaitList drain_waiters = {};
   u32 draining = 0;  // nothing enters the queue meanwhile

@@ -12,6 +12,15 @@ bool overlaps(u64 a, u64 a_count, u64 b, u64 b_count) { return a < b + b_count &
 
 bool is_data_write(const plat_bio& bio) { return bio.op != Op::Read && bio.bytes > 0; }
 
+Device::Arrival arrival_of(const plat_bio& bio) {
+  u64 mark = 0;
+  if (bio.op == Op::Write && bio.bytes > 0) {
+    const plat_bio::Piece& piece = bio.pieces.front();
+    memcpy(&mark, piece.page + piece.offset, sizeof(mark));
+  }
+  return {bio.op, bio.sector, bio.bytes, mark};
+}
+
 // A flush covers what had completed when it was sent, not what completes meanwhile.
 int perform(Kernel& k, BlockDev& dev, plat_bio& bio, u64 covers) {
   const u64 sectors = bio.bytes / kSectorBytes;
@@ -58,6 +67,7 @@ void Kernel::device_start(plat_bio* bio) {
   while (dev.options.queue_depth > 0 && dev.counts.in_flight >= dev.options.queue_depth) {
     sleep_in(dev.depth_waiters, "a free place in the queue of", &dev, dev.name.c_str());
   }
+  if (dev.on_arrival) dev.on_arrival(arrival_of(*bio));
   Device::Counts& counts = dev.counts;
   counts.in_flight_max = std::max(counts.in_flight_max, ++counts.in_flight);
   const u64 sectors = bio->bytes / kSectorBytes;
@@ -160,6 +170,16 @@ Bytes Device::durable(u64 sector, u32 bytes) const {
 
 void Device::poke(u64 sector, std::span<const u8> data) {
   dev_->storage->write(0, sector, data.data(), data.size());
+}
+
+void Device::on_arrival(std::function<void(const Arrival&)> told) {
+  dev_->on_arrival = std::move(told);
+}
+
+std::vector<Device::Arrival> Device::under_way() const {
+  std::vector<Arrival> arrivals;
+  for (const plat_bio* bio : dev_->flying) arrivals.push_back(arrival_of(*bio));
+  return arrivals;
 }
 
 void Device::hold(bool on) { dev_->held = on; }

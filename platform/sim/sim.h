@@ -267,6 +267,17 @@ class Device {
   };
   const std::vector<Seen>& history() const;
   void clear_history();
+  // A request as it comes to the device.
+  struct Arrival {
+    Op op;
+    u64 sector;
+    u32 bytes;
+    u64 mark;  // the first eight bytes that a write carries; else 0
+    bool operator==(const Arrival&) const = default;
+  };
+  // Told of each, before it is under way; no switch to another task inside.
+  void on_arrival(std::function<void(const Arrival&)> told);
+  std::vector<Arrival> under_way() const;
   int openers() const;
   // Contents that a power cut now would keep for certain.
   Bytes durable(u64 sector, u32 bytes) const;
