@@ -24,7 +24,7 @@ void stamp(u32 write, u64 sector, u8* to) {
 
 // Write 0 is what was there before.
 Partition::Partition(u64 sectors) : history_(sectors) {
-  writes_.push_back({0, sectors, false, 0, 1});
+  writes_.push_back({0, sectors, false, 0, 1, true});
   for (auto& covering : history_) covering.push_back(0);
 }
 
@@ -67,6 +67,18 @@ void Partition::end(const WriteTicket& ticket, bool ok) {
     writes_[number].ended = ended;
 }
 
+void Partition::hardened(const WriteTicket& ticket) {
+  for (u32 number = ticket.first; number < ticket.first + ticket.count; ++number)
+    writes_[number].is_hard = true;
+}
+
+void Partition::flushed(u64 sent) { flushed_ = std::max(flushed_, sent); }
+
+void Partition::power_cut() {
+  cut_ = now();
+  for (Write& write : writes_) write.is_lost = !is_durable(write);
+}
+
 std::string Partition::decode(u64 sector, const u8* bytes, Value* value) const {
   u64 mark;
   std::memcpy(&mark, bytes, 8);
@@ -97,7 +109,9 @@ bool Partition::replaced(u64 sector, u32 number, u64 before) const {
   const u64 ended = writes_[number].ended;
   if (ended == kNever) return false;
   for (auto at = history_[sector].rbegin(); at != history_[sector].rend() && *at > number; ++at) {
-    if (writes_[*at].ended < before && ended < writes_[*at].sent) return true;
+    const Write& write = writes_[*at];
+    if (write.is_lost && cut_ < before) continue;
+    if (write.ended < before && ended < write.sent) return true;
   }
   return false;
 }
@@ -130,6 +144,29 @@ std::string Partition::check_read(u64 sector, std::span<const u8> data, u64 sent
       wrong = "cannot hold in [" + std::to_string(sent) + "," + std::to_string(ended) + "] " +
               describe(sector, value);
     }
+    if (!wrong.empty()) return "sector " + std::to_string(sector) + " of the partition " + wrong;
+  }
+  return "";
+}
+
+bool Partition::has_durable_behind(u64 sector, u32 number) const {
+  const u64 ended = writes_[number].ended;
+  return std::ranges::any_of(history_[sector], [&](u32 other) {
+    return is_durable(writes_[other]) && ended < writes_[other].sent;
+  });
+}
+
+std::string Partition::check_kept(u64 sector, std::span<const u8> data, u64* kept) const {
+  for (u64 done = 0; done < data.size(); done += kSectorBytes, ++sector) {
+    if (has_durable_behind(sector, 0)) ++*kept;
+    Value value;
+    std::string wrong = decode(sector, &data[done], &value);
+    const auto may_be = [&](u32 number) {
+      return value.zero == writes_[number].zero && !has_durable_behind(sector, number);
+    };
+    if (wrong.empty() &&
+        !(value.zero ? std::ranges::any_of(history_[sector], may_be) : may_be(value.write)))
+      wrong = "has lost what was durable: it holds " + describe(sector, value);
     if (!wrong.empty()) return "sector " + std::to_string(sector) + " of the partition " + wrong;
   }
   return "";

@@ -48,10 +48,19 @@ class Partition {
   std::vector<u8> data(const WriteTicket& ticket) const;
   // One that failed may have reached the partition, or not.
   void end(const WriteTicket& ticket, bool ok);
+  // A write that has ended well was sent to be durable at its end.
+  void hardened(const WriteTicket& ticket);
+  // A flush has ended well; it was sent at `sent`.
+  void flushed(u64 sent);
+  // The power is gone, and with it may be what was not durable.
+  void power_cut();
 
   u64 now() { return ++clock_; }
   u64 writes() const { return writes_.size(); }
 
+  // What a power cut may have left of all that was sent, from `sector` on: each sector holds a write behind which
+  // no durable one was sent. "" or what is wrong. `kept` counts the sectors of which anything was promised.
+  std::string check_kept(u64 sector, std::span<const u8> data, u64* kept) const;
   // What a read may have found that was sent at `sent` and has just ended. "" or what is wrong.
   std::string check_read(u64 sector, std::span<const u8> data, u64 sent);
 
@@ -62,6 +71,8 @@ class Partition {
     bool zero;
     u64 sent;
     u64 ended;  // kNever: not, or it failed
+    bool is_hard = false;
+    bool is_lost = false;  // or may be, from the power cut on
   };
   // What a sector says: the write that made it, or that it is zero.
   struct Value {
@@ -76,11 +87,17 @@ class Partition {
   bool possible(u64 sector, const Value& value, u64 from, u64 to) const;
   bool replaced(u64 sector, u32 write, u64 before) const;
   std::string describe(u64 sector, const Value& value) const;
+  bool is_durable(const Write& write) const {
+    return write.ended != kNever && !write.is_lost && (write.is_hard || write.ended < flushed_);
+  }
+  bool has_durable_behind(u64 sector, u32 write) const;
 
   std::vector<Write> writes_;
   std::vector<std::vector<u32>>
       history_;  // of each sector: the writes that cover it, as they were sent
   u64 clock_ = 1;
+  u64 cut_ = kNever;
+  u64 flushed_ = 0;  // when the last of the flushes that have ended was sent
 };
 
 // The image of one start. Made when the start is asked for.

@@ -36,7 +36,12 @@ void SnapRig::one_write() {
 
 void SnapRig::writer(int steps) {
   for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
-    if (setup.fs_blocks != 0) {
+    const u64 kind = sim.random(16);
+    if (kind < 4) {
+      pipeline();
+    } else if (kind == 4) {
+      flush();
+    } else if (setup.fs_blocks != 0) {
       const u64 from = setup.fs_blocks * 8;
       const u64 count = 1 + sim.random(std::min<u64>(sectors() - from, write_sectors_max));
       write(from + sim.random(sectors() - from - count + 1), count);
@@ -87,10 +92,10 @@ void SnapRig::admin(int steps) {
       case 0:
       case 1:
       case 2:
-        if (Snap* fresh = add_snap(); fresh != nullptr) start_snap(*fresh);
+        if (Snap* fresh = add_snap(); fresh != nullptr) bring_up(*fresh);
         break;
       case 3:
-        if (stopped != nullptr) start_snap(*stopped);
+        if (stopped != nullptr) bring_up(*stopped);
         break;
       case 4:
         if (started != nullptr) stop_snap(*started);

@@ -12,6 +12,9 @@ namespace {
 constexpr int kStoreMinor = 200;
 constexpr u32 kReadPieceSectors = 2048;
 constexpr u64 kFilePages = 24;
+constexpr int kStartTries = 3;
+
+bool is_change(sim::Op op) { return op != sim::Op::Read && op != sim::Op::Flush; }
 
 }  // namespace
 
@@ -30,6 +33,7 @@ void SnapRig::make_devices() {
                                       .latency_max_us = setup.latency_max_us,
                                       .queue_depth = setup.queue_depth});
   disk->poke(0, partition.initial());
+  arrivals_.watch(disk);
   sim::Device* store = sim.add_device({.name = "sdb1",
                                        .bytes = setup.store_bytes,
                                        .latency_max_us = setup.store_latency_max_us,
@@ -75,6 +79,8 @@ void SnapRig::begin() {
 }
 
 void SnapRig::begin_again() {
+  partition.power_cut();
+  arrivals_.watch(sim.device("sda1"));
   mount_and_load(false);
   ASSERT_EQ(base.add("/dev/sda1", 0), 0);
 }
@@ -127,15 +133,14 @@ snbf_info SnapRig::info(int minor) {
 
 // ---- Requests
 
-void SnapRig::judge_write(const model::WriteTicket& ticket, int rc, u64 sent_us) {
+void SnapRig::judge_write(const model::WriteTicket& ticket, int rc, u64 waited_us) {
   partition.end(ticket, rc == 0);
-  const u64 waited = sim.now_us() - sent_us;
-  longest_wait_us = std::max(longest_wait_us, waited);
+  longest_wait_us = std::max(longest_wait_us, waited_us);
   if (!partition_may_fail) {
     EXPECT_EQ(rc, 0) << "a write failed";
   }
   if (waits_checked) {
-    EXPECT_LE(waited, longest_wait_allowed_us) << "a write was held too long";
+    EXPECT_LE(waited_us, longest_wait_allowed_us) << "a write was held too long";
   }
 }
 
@@ -154,43 +159,100 @@ int SnapRig::read(plat_devt device, u64 sector, u32 sectors, Bytes* data) {
   return rc;
 }
 
-int SnapRig::write(u64 sector, u64 sectors) {
-  const u64 sent_us = sim.now_us();
-  const u64 told = listener != nullptr ? listener->sent(sector, sectors) : 0;
-  const model::WriteTicket ticket = partition.send(sector, sectors, false);
-  const int rc = sim.submit(node(), {.op = sim::Op::Write,
-                                     .sector = sector,
-                                     .data = partition.data(ticket),
-                                     .fua = sim.random(8) == 0,
-                                     .first_piece_offset = piece_offset()})
-                     .wait();
-  if (listener != nullptr) listener->ended(told, rc == 0);
-  judge_write(ticket, rc, sent_us);
+// `bytes` says how long a write is, too; its data is made here.
+SnapRig::Sent SnapRig::send(sim::Request request) {
+  Sent sent = {.op = request.op, .sector = request.sector, .sent_us = sim.now_us()};
+  sent.is_flush = request.op == sim::Op::Flush || request.preflush;
+  sent.is_fua = request.fua;
+  sim::Device::Arrival arrival = {request.op, request.sector, request.bytes, 0};
+  if (is_change(request.op)) {
+    const u64 sectors = request.bytes / 512;
+    if (listener != nullptr) sent.told = listener->sent(request.sector, sectors);
+    sent.ticket = partition.send(request.sector, sectors, request.op != sim::Op::Write);
+  }
+  if (request.op == sim::Op::Write) {
+    request.data = partition.data(sent.ticket);
+    std::memcpy(&arrival.mark, request.data.data(), sizeof(arrival.mark));
+  }
+  sent.sent = partition.now();
+  sent.place = arrivals_.sending(arrival);
+  sent.io = sim.submit(node(), request);
+  arrivals_.taken(sent.place, sent.io);
+  return sent;
+}
+
+int SnapRig::finish(const Sent& sent) {
+  const int rc = sent.io.wait();
+  arrivals_.ended(sent.place);
+  if (is_change(sent.op)) {
+    if (listener != nullptr) listener->ended(sent.told, rc == 0);
+    judge_write(sent.ticket, rc, sent.io.done_at_us() - sent.sent_us);
+    if (rc == 0 && sent.is_fua) partition.hardened(sent.ticket);
+  } else if (rc != 0) {
+    EXPECT_TRUE(partition_may_fail) << "a read or a flush of the origin failed: " << rc;
+  } else if (sent.op == sim::Op::Read) {
+    EXPECT_EQ(partition.check_read(sent.sector, sent.io.data(), sent.sent), "");
+  }
+  if (rc == 0 && sent.is_flush) {
+    partition.flushed(sent.sent);
+    ++tally[Met::Flush];
+  }
   return rc;
+}
+
+int SnapRig::write(u64 sector, u64 sectors) {
+  return finish(send({.op = sim::Op::Write,
+                      .sector = sector,
+                      .bytes = static_cast<u32>(sectors * 512),
+                      .preflush = sim.random(16) == 0,
+                      .fua = sim.random(8) == 0,
+                      .first_piece_offset = piece_offset()}));
 }
 
 int SnapRig::discard(u64 sector, u64 sectors) {
-  const u64 sent_us = sim.now_us();
-  const u64 told = listener != nullptr ? listener->sent(sector, sectors) : 0;
-  const model::WriteTicket ticket = partition.send(sector, sectors, true);
-  const u32 bytes = static_cast<u32>(sectors * 512);
-  const int rc = sim.random(2) == 0 ? sim.discard(node(), sector, bytes)
-                                    : sim.write_zeroes(node(), sector, bytes);
-  if (listener != nullptr) listener->ended(told, rc == 0);
-  judge_write(ticket, rc, sent_us);
-  return rc;
+  return finish(send({.op = sim.random(2) == 0 ? sim::Op::Discard : sim::Op::WriteZeroes,
+                      .sector = sector,
+                      .bytes = static_cast<u32>(sectors * 512)}));
 }
 
 int SnapRig::read_origin(u64 sector, u32 sectors) {
-  const u64 sent = partition.now();
-  Bytes data;
-  const int rc = read(node(), sector, sectors, &data);
-  if (rc == 0) {
-    EXPECT_EQ(partition.check_read(sector, data, sent), "");
-  } else if (!partition_may_fail) {
-    ADD_FAILURE() << "a read of the origin failed: " << rc;
+  return finish(send({.op = sim::Op::Read,
+                      .sector = sector,
+                      .bytes = sectors * 512,
+                      .first_piece_offset = piece_offset()}));
+}
+
+int SnapRig::flush() { return finish(send({.op = sim::Op::Flush})); }
+
+// Within these sectors.
+SnapRig::Sent SnapRig::send_one_of(u64 first, u64 sectors) {
+  const u64 kind = sim.random(16);
+  if (kind == 0) return send({.op = sim::Op::Flush});
+  const u64 count = 1 + sim.random(sectors);
+  sim::Request request = {.op = sim::Op::Write,
+                          .sector = first + sim.random(sectors - count + 1),
+                          .bytes = static_cast<u32>(count * 512)};
+  if (kind < 4) request.op = sim::Op::Read;
+  if (kind == 4 && setup.fs_blocks == 0) request.op = sim::Op::Discard;
+  if (request.op == sim::Op::Discard) return send(request);
+  request.first_piece_offset = piece_offset();
+  if (request.op == sim::Op::Write) {
+    request.preflush = sim.random(16) == 0;
+    request.fua = sim.random(8) == 0;
   }
-  return rc;
+  return send(request);
+}
+
+void SnapRig::pipeline() {
+  const u64 from = setup.fs_blocks * 8;
+  const u64 room = 1 + sim.random(std::min<u64>(sectors() - from, 24));
+  const u64 first = from + sim.random(sectors() - from - room + 1);
+  std::vector<Sent> under_way;
+  for (u64 left = 2 + sim.random(3); left > 0; --left) {
+    under_way.push_back(send_one_of(first, room));
+    if (sim.random(8) == 0) sim.sleep_us(sim.random(300));
+  }
+  for (const Sent& sent : under_way) finish(sent);
 }
 
 bool SnapRig::may_refuse(int minor) {
@@ -201,7 +263,7 @@ bool SnapRig::may_refuse(int minor) {
 
 void SnapRig::judge_refusal(Snap& snap, int rc) {
   EXPECT_EQ(rc, kIoError) << "the error of a refused read";
-  if (!partition_may_fail && !copies_may_fail) {
+  if (is_mended || (!partition_may_fail && !copies_may_fail)) {
     EXPECT_TRUE(may_refuse(snap.minor)) << "a read of a valid snap was refused: " << snap.minor;
   }
 }
@@ -236,7 +298,7 @@ int SnapRig::read_snap(Snap& snap, u64 sector, u32 sectors) {
     judge_refusal(snap, rc);
   } else if (image != nullptr) {
     EXPECT_EQ(judge_image(*image, sector, data), "") << "snap " << snap.minor;
-    ++images_checked;
+    ++tally[Met::Image];
   }
   return rc;
 }
@@ -251,6 +313,7 @@ bool SnapRig::is_exact(Snap& snap) {
 void SnapRig::check_snap(Snap& snap) {
   const snbf_info before = info(snap.minor);
   if (before.started == 0) return;
+  count_copies(snap);
   sim::OpenNode opening;
   ASSERT_EQ(sim.open_node(node(snap.minor), PLAT_MODE_READ, &opening), 0);
   const bool good = before.snap_valid != 0 && before.stop_pending == 0;
@@ -263,7 +326,7 @@ void SnapRig::check_snap(Snap& snap) {
     const int rc = read_snap(snap, sector, count);
     if (!good) {
       EXPECT_EQ(rc, kIoError) << "snap " << snap.minor << " must refuse reads";
-    } else if (!copies_may_fail && !partition_may_fail) {
+    } else if (is_mended || (!copies_may_fail && !partition_may_fail)) {
       EXPECT_EQ(rc, 0) << "snap " << snap.minor;
     }
     if (rc != 0) break;
@@ -293,7 +356,7 @@ int SnapRig::write_file_page(u64 page, bool sync) {
   const int rc = sim.write_at("/data/file", page * 4096, partition.data(ticket), sync);
   // A file's write also waits for its file system to be thawed.
   const bool checked = std::exchange(waits_checked, false);
-  judge_write(ticket, rc, sent_us);
+  judge_write(ticket, rc, sim.now_us() - sent_us);
   waits_checked = checked;
   return rc;
 }
@@ -322,6 +385,7 @@ int SnapRig::start_snap(Snap& snap) {
   const int rc = base.start(snap.minor);
   if (rc == 0) {
     image->started();
+    ++tally[Met::Snap];
   } else if (was_started == 0) {
     snap.started = false;
     snap.image = nullptr;
@@ -329,9 +393,21 @@ int SnapRig::start_snap(Snap& snap) {
   return rc;
 }
 
+// Beside requests that never end the instant may not come within a minute; theirs do end.
+void SnapRig::bring_up(Snap& snap) {
+  for (int tries = 1;; ++tries) {
+    const int rc = start_snap(snap);
+    if (rc == 0 || copies_may_fail || testing::Test::HasFailure()) return;
+    EXPECT_EQ(rc, kAgain) << "snap " << snap.minor << " could not be started";
+    if (tries < kStartTries) continue;
+    ADD_FAILURE() << "snap " << snap.minor << " could not be started " << tries << " times";
+  }
+}
+
 // Postponed while an older one is started; the cascade may take newer ones along.
 int SnapRig::stop_snap(Snap& snap) {
   const int minor = snap.minor;
+  count_copies(snap);
   const int rc = base.stop(minor);
   if (rc != 0 && !memory_may_fail) {
     EXPECT_EQ(rc, kBusy) << "snap " << minor;
@@ -342,6 +418,8 @@ int SnapRig::stop_snap(Snap& snap) {
 
 int SnapRig::delete_snap(Snap& snap) {
   const int minor = snap.minor;
+  count_copies(snap);
+  arrivals_.snaps_may_go();
   const int rc = base.remove(minor);
   if (rc != 0) {
     const bool no_memory = memory_may_fail && (rc == kNoMemory || rc == kFault);
@@ -349,6 +427,18 @@ int SnapRig::delete_snap(Snap& snap) {
   }
   forget_gone();
   return rc;
+}
+
+void SnapRig::count_copies(Snap& snap) {
+  const Sim::Quiet quiet(sim);
+  Node* node = find_node(static_cast<u32>(snap.minor));
+  if (node == nullptr || node->dev_type != kSnapNode) return;
+  const SnapNode& record = as_snap(*node);
+  u64 copies = 0;
+  for (u64 chunk = 0; record.cow_bmp.pages != nullptr && chunk < record.chunk_cnt; ++chunk)
+    copies += snbf_cowbmp_is_set(&record.cow_bmp, chunk) ? 1 : 0;
+  if (copies > snap.copies) tally[Met::Copy] += copies - snap.copies;
+  snap.copies = copies;
 }
 
 void SnapRig::check_files_gone(const Snap& snap) {
@@ -386,6 +476,8 @@ Snap* SnapRig::any_snap(bool started) {
 void SnapRig::stop_all_and_resume(bool reload) {
   const snbf_info before = info(0);
   ASSERT_EQ(base.stop(), 0);
+  ++tally[Met::Restart];
+  arrivals_.snaps_may_go();
   if (reload) {
     ASSERT_EQ(sim.unload_driver(), 0);
     base.load({.debug = setup.debug, .max_blk_minor = setup.minor_max});
@@ -407,6 +499,7 @@ void SnapRig::stop_all_and_resume(bool reload) {
     const auto at = order.begin() + static_cast<long>(sim.random(order.size()));
     if ((*at)->started) {
       ASSERT_EQ(resume((*at)->minor), 0);
+      ++tally[Met::Resume];
     }
     order.erase(at);
   }

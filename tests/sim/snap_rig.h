@@ -9,14 +9,17 @@
 #include <map>
 #include <memory>
 
+#include "arrivals.h"
 #include "rig.h"
 #include "snap_model.h"
+#include "tally.h"
 
 namespace snbf::rig {
 
 using model::SnapImage;
 
-constexpr int kAgain = -11, kBusy = -16, kFault = -14, kIoError = -5, kNoMemory = -12;
+constexpr int kAgain = -11, kBusy = -16, kFault = -14, kIoError = -5, kNoMemory = -12,
+              kInvalid = -22;
 // kcowd may be in one file operation for 10 seconds; after it no write is held for it.
 constexpr u64 kWriteWaitMaxUs = 11'000'000;
 
@@ -41,6 +44,7 @@ struct Snap {
   std::string files;  // path of its COW files without their suffixes
   bool started = false;
   std::shared_ptr<SnapImage> image;
+  u64 copies = 0;  // chunks, when last looked at
 };
 
 // Told of each write that the rig's people send to the node, before it goes and when it has ended.
@@ -79,6 +83,9 @@ class SnapRig {
   int write(u64 sector, u64 sectors);
   int discard(u64 sector, u64 sectors);
   int read_origin(u64 sector, u32 sectors);
+  int flush();
+  // A few of these near one another, each sent before the one before it has ended.
+  void pipeline();
   // Of a snap, through an opening of its own where `open`.
   int read_snap(Snap& snap, u64 sector, u32 sectors);
   // All of it, and the instant; or, for an invalid one, the refusal.
@@ -101,6 +108,8 @@ class SnapRig {
 
   Snap* add_snap();            // created, or null
   int start_snap(Snap& snap);  // as the command answers
+  // The same, for one that is stopped: it may have to be asked again, a few times.
+  void bring_up(Snap& snap);
   int stop_snap(Snap& snap);
   int delete_snap(Snap& snap);
   Snap* any_snap(bool started);
@@ -130,12 +139,31 @@ class SnapRig {
   bool waits_checked = true;
   u64 longest_wait_allowed_us = kWriteWaitMaxUs;
   u64 longest_wait_us = 0;
-  u64 images_checked = 0;
+  bool is_mended = false;  // what could break is whole again: what is valid answers
+  Tally tally;
 
  private:
+  // A request of ours on its way to the node.
+  struct Sent {
+    sim::Op op;
+    u64 sector = 0;
+    bool is_flush = false;  // whatever else it is
+    bool is_fua = false;
+    u64 sent = 0;  // the model's time
+    u64 sent_us = 0;
+    u64 told = 0;
+    u64 place = 0;  // in the order of arrival
+    model::WriteTicket ticket = {};
+    sim::Io io = {};
+  };
+
+  Sent send(sim::Request request);
+  int finish(const Sent& sent);
+  Sent send_one_of(u64 first, u64 sectors);
   void make_devices();
   void mount_and_load(bool fresh);
-  void judge_write(const model::WriteTicket& ticket, int rc, u64 sent_us);
+  void judge_write(const model::WriteTicket& ticket, int rc, u64 waited_us);
+  void count_copies(Snap& snap);
   void judge_refusal(Snap& snap, int rc);
   std::string judge_image(SnapImage& image, u64 sector, const Bytes& data) const;
   bool is_foreign(u64 sector) const;  // what a file system keeps there for itself
@@ -145,6 +173,7 @@ class SnapRig {
   void check_files_gone(const Snap& snap);
   void forget_gone();
 
+  Arrivals arrivals_{sim, tally};
   std::vector<std::pair<u64, u64>> file_map_;
   u64 file_pages_ = 0;
   int files_made_ = 0;

@@ -28,12 +28,14 @@ SnapSetup setup_of(const Plan& plan, bool first_boot) {
 
 }  // namespace
 
-Swarm::Swarm(Sim& kernel, const Plan& plan, Bitmaps& bitmaps, bool first_boot)
+Swarm::Swarm(Sim& kernel, const Plan& plan, Bitmaps& bitmaps, model::Partition& partition,
+             bool first_boot)
     : sim(kernel),
       plan_(plan),
       bitmaps_(bitmaps),
       first_boot_(first_boot),
-      rig_(kernel, setup_of(plan, first_boot)) {
+      before_(partition),
+      rig_(kernel, setup_of(plan, first_boot), first_boot ? &partition : nullptr) {
   rig_.listener = &bitmaps;
   rig_.copies_may_fail = breaks_copies();
   rig_.partition_may_fail = plan.has(Trait::DiskFails);
@@ -63,6 +65,25 @@ bool Swarm::breaks_copies() const {
          plan_.has(Trait::StoreFails) || plan_.has(Trait::StoreFull) || plan_.has(Trait::Stall);
 }
 
+bool Swarm::is_excused(int rc) const {
+  if (rc == 0) return true;
+  if (plan_.has(Trait::NoMemory) && (rc == kNoMemory || rc == kFault)) return true;
+  return plan_.has(Trait::Restarts) && rc == kInvalid;  // the node is away just then
+}
+
+void Swarm::expect_done(int rc, const char* command) const {
+  EXPECT_TRUE(is_excused(rc)) << command << " answers " << rc;
+}
+
+void Swarm::expect_file_done(int rc, const char* command) const {
+  if (!breaks_copies()) expect_done(rc, command);
+}
+
+void Swarm::expect_open(int rc) const {
+  if (plan_.has(Trait::Restarts) || plan_.has(Trait::NoMemory)) return;
+  EXPECT_EQ(rc, 0) << "the node could not be opened";
+}
+
 bool Swarm::may_is_known() const {
   // An order to save has its snapshot before it has the file: one that comes to write it last may bring back what was
   // taken since, and a restart then loads that.
@@ -75,7 +96,18 @@ void Swarm::begin() {
   for (const u32 type : kTypes) bitmaps_.models[type].fill();  // there were no files
 }
 
+void Swarm::judge_cut() {
+  const u64 first = plan_.has(Trait::Files) ? kFsBlocks * 8 : 0;  // below lies the file system
+  const u64 bytes = kDiskBytes - first * 512;
+  u64 kept = 0;
+  EXPECT_EQ(
+      before_.check_kept(first, sim.device("sda1")->peek(first, static_cast<u32>(bytes)), &kept),
+      "");
+  rig_.tally[Met::Durable] += kept;
+}
+
 void Swarm::begin_again() {
+  judge_cut();
   rig_.begin_again();
   sim.device("sda1")->poke(0, rig_.partition.initial());
   for (const u32 type : kTypes) {
@@ -107,6 +139,7 @@ void Swarm::send_people(int steps) {
 
 void Swarm::live() {
   over_ = false;
+  rig_.is_mended = false;
   send_people(plan_.steps);
   std::vector<sim::Task*> troubles;
   for (const auto& [trait, trouble] : troubles_of()) {
@@ -122,6 +155,7 @@ void Swarm::live() {
 }
 
 void Swarm::settle() {
+  rig_.is_mended = true;
   if (rig_.info(0).started == 0) {
     ASSERT_EQ(rig_.base.start(), 0);
   }
@@ -150,14 +184,15 @@ void Swarm::rest() {
 
 Outcome run_plan(const Plan& plan) {
   Bitmaps bitmaps;
+  model::Partition partition(kDiskBytes / 512);
   Outcome outcome;
   sim::Images images;
   bool cut = false;
   {
     Sim sim({.seed = plan.seed});
-    Swarm swarm(sim, plan, bitmaps, true);
+    Swarm swarm(sim, plan, bitmaps, partition, true);
     const sim::RunEnd end = sim.run([&] { swarm.run(); });
-    outcome = {sim.steps(), sim.trace_hash(), 0};
+    outcome = {sim.steps(), sim.trace_hash(), 0, swarm.tally()};
     cut = end == sim::RunEnd::PowerCut;
     // Given up on after ten seconds, with a line that says so: then nothing is promised.
     if (sim.log().contains(kGaveUp)) {
@@ -170,12 +205,13 @@ Outcome run_plan(const Plan& plan) {
     images = sim.take_images();
   }
   Sim sim({.seed = plan.seed + 1, .images = &images});
-  Swarm swarm(sim, plan, bitmaps, false);
+  Swarm swarm(sim, plan, bitmaps, partition, false);
   EXPECT_EQ(sim.run([&] { swarm.run(); }), sim::RunEnd::Done);
   if (testing::Test::HasFailure()) {
     std::printf("  failed in step %" PRIu64 " after the power cut\n", sim.steps());
   }
-  return {outcome.steps + sim.steps(), outcome.hash * 31 + sim.trace_hash(), 1};
+  outcome.tally.add(swarm.tally());
+  return {outcome.steps + sim.steps(), outcome.hash * 31 + sim.trace_hash(), 1, outcome.tally};
 }
 
 }  // namespace snbf::rig

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <functional>
+#include <span>
 
 #include "snap_rig.h"
 #include "swarm.h"
@@ -41,9 +42,12 @@ class Bitmaps : public WriteListener {
 // One boot of a run: lives, until its end or a power cut.
 class Swarm {
  public:
-  Swarm(Sim& kernel, const Plan& plan, Bitmaps& bitmaps, bool first_boot);
+  // `partition`: of the first boot, what it holds is left for the second to judge.
+  Swarm(Sim& kernel, const Plan& plan, Bitmaps& bitmaps, model::Partition& partition,
+        bool first_boot);
   // In a task.
   void run();
+  Tally& tally() { return rig_.tally; }
 
  private:
   using Trouble = std::pair<Trait, std::function<void()>>;
@@ -51,12 +55,19 @@ class Swarm {
   static bool failed() { return testing::Test::HasFailure(); }
   bool breaks_copies() const;
   bool breaks() const { return breaks_copies() || plan_.has(Trait::DiskFails); }
+  // A command that answers an error must have a reason in the plan.
+  bool is_excused(int rc) const;
+  void expect_done(int rc, const char* command) const;
+  void expect_file_done(int rc, const char* command) const;
+  void expect_open(int rc) const;
   // Also the file system's own writes set bits, and a file that is not trusted sets them all.
   bool may_is_known() const;
 
   void begin();
-  // After a power cut: each bitmap covers what was acknowledged, whatever its file went through.
+  // After a power cut: each bitmap covers what was acknowledged, whatever its file went through, and the partition
+  // holds what a flush or the write itself was to make durable.
   void begin_again();
+  void judge_cut();
   // A life: all people, and what breaks beside them until the last has gone.
   void live();
   void send_people(int steps);
@@ -88,6 +99,8 @@ class Swarm {
 
   // What breaks.
   std::vector<Trouble> troubles_of();
+  // Some such call, soon.
+  void fail_one_of(std::span<const sim::Fault> kinds, u64 nth_max);
   void fail_files();
   void fail_memory();
   void fail_device(const char* name);
@@ -99,6 +112,7 @@ class Swarm {
   const Plan& plan_;
   Bitmaps& bitmaps_;
   const bool first_boot_;
+  model::Partition& before_;  // of the first boot
   SnapRig rig_;
   std::vector<sim::Task*> people_;
   Extents taken_[2];
@@ -109,6 +123,7 @@ struct Outcome {
   u64 steps = 0;
   u64 hash = 0;
   int cuts = 0;
+  Tally tally = {};
 };
 
 // One run. What it finds wrong is a failure of the running test.

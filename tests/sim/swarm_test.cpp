@@ -12,6 +12,18 @@
 namespace snbf::rig {
 namespace {
 
+constexpr int kSeeds = 120;
+constexpr u64 kCutsMin = 30;
+// What the runs of `make check` must come to, together; some half of what they do.
+constexpr Tally kFloors = {{170, 800, 700, 350, 150, 300, 30, 6, 900, 600, 20000}};
+
+void tell(const char* head, const Tally& tally) {
+  std::printf("%s", head);
+  for (unsigned i = 0; i < std::size(kMetNames); ++i)
+    std::printf(" %s=%" PRIu64, kMetNames[i], tally.counts[i]);
+  std::printf("\n");
+}
+
 void run_and_tell(const Plan& plan) {
   std::printf("plan %s\n", to_text(plan).c_str());
   std::fflush(stdout);
@@ -20,6 +32,7 @@ void run_and_tell(const Plan& plan) {
   std::printf("%s steps=%" PRIu64 " hash=%016" PRIx64 " cuts=%d\n",
               testing::Test::HasFailure() ? "failed" : "done", outcome.steps, outcome.hash,
               outcome.cuts);
+  tell("met", outcome.tally);
   std::fflush(stdout);
 }
 
@@ -40,16 +53,23 @@ TEST(Swarm, EverySeedKeepsEveryPromise) {
     return;
   }
   u64 steps = 0;
-  int runs = 0, cuts = 0;
-  sim::for_seeds(120, [&](u64 seed) {
+  u64 runs = 0, cuts = 0;
+  Tally tally;
+  sim::for_seeds(kSeeds, [&](u64 seed) {
     const Plan plan = plan_of_seed(seed);
     SCOPED_TRACE("SNBF_PLAN=\"" + to_text(plan) + "\"");
     const Outcome outcome = run_plan(plan);
     steps += outcome.steps;
-    cuts += outcome.cuts;
+    cuts += static_cast<u64>(outcome.cuts);
+    tally.add(outcome.tally);
     ++runs;
   });
-  std::printf("  %d runs, %d power cuts, %" PRIu64 " steps\n", runs, cuts, steps);
+  std::printf("  %" PRIu64 " runs, %" PRIu64 " power cuts, %" PRIu64 " steps\n", runs, cuts, steps);
+  tell(" ", tally);
+  if (runs < kSeeds) return;  // a share of them, or one failed
+  EXPECT_GE(cuts, kCutsMin);
+  for (unsigned i = 0; i < std::size(kMetNames); ++i)
+    EXPECT_GE(tally.counts[i], kFloors.counts[i]) << kMetNames[i];
 }
 
 TEST(Swarm, TheSameSeedGoesTheSameWay) {

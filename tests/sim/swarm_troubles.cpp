@@ -1,4 +1,6 @@
 // What breaks in a run of the swarm: see swarm_run.h.
+#include <algorithm>
+
 #include "swarm_run.h"
 
 namespace snbf::rig {
@@ -19,20 +21,25 @@ auto Swarm::troubles_of() -> std::vector<Trouble> {
           {Trait::Stall, [this] { stall(); }}};
 }
 
+void Swarm::fail_one_of(std::span<const Fault> kinds, u64 nth_max) {
+  const Fault kind = kinds[sim.random(kinds.size())];
+  sim.fail_nth(kind, 1 + sim.random(nth_max));
+  sim.sleep_us(2000 + sim.random(20'000));
+  if (sim.fault_reached(kind)) ++rig_.tally[Met::Fault];
+}
+
 void Swarm::fail_files() {
   constexpr Fault kKinds[] = {Fault::FileWrite,  Fault::FileSync,   Fault::ZeroWrite,
                               Fault::ShortWrite, Fault::FileRead,   Fault::ShortRead,
                               Fault::FileOpen,   Fault::DirectWrite};
-  sim.fail_nth(kKinds[sim.random(std::size(kKinds))], 1 + sim.random(6));
-  sim.sleep_us(2000 + sim.random(20'000));
+  fail_one_of(kKinds, 6);
 }
 
 void Swarm::fail_memory() {
   constexpr Fault kKinds[] = {Fault::Heap, Fault::Virt, Fault::Page, Fault::BioAlloc,
                               Fault::ThreadStart};
   if (sim.random(4) == 0) sim.set_memory_pressure(true);
-  sim.fail_nth(kKinds[sim.random(std::size(kKinds))], 1 + sim.random(12));
-  sim.sleep_us(2000 + sim.random(20'000));
+  fail_one_of(kKinds, 12);
   sim.set_memory_pressure(false);
 }
 
@@ -42,7 +49,13 @@ void Swarm::fail_device(const char* name) {
   sim.sleep_us(sim.random(15'000));
   sim.device(name)->fail_range(sim.random(sectors), 1 + sim.random(sectors / 8),
                                kOps[sim.random(3)], kIoError);
+  const size_t before = sim.device(name)->history().size();
   sim.sleep_us(sim.random(10'000));
+  const std::span seen = std::span(sim.device(name)->history()).subspan(before);
+  rig_.tally[Met::Fault] +=
+      static_cast<u64>(std::ranges::count_if(seen, [](const sim::Device::Seen& request) {
+        return request.completed && request.error != 0;
+      }));
   sim.device(name)->clear_failures();
 }
 
