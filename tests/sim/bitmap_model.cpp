@@ -34,7 +34,9 @@ void BitmapModel::settle(const Write& write, std::uint64_t acknowledged_at) {
       // What was handed out may have been this write's bit; what was not was marked behind the taking.
       if (!taking->tells || taking->handed_out.contains(extent)) certain = false;
     }
-    if (certain) must_.insert(extent);
+    if (!certain) continue;
+    must_.insert(extent);
+    brought_.erase(extent);
   }
 }
 
@@ -48,6 +50,7 @@ void BitmapModel::end_taking(const Extents* handed_out) {
                       handed_out != nullptr ? *handed_out : Extents{}});
   taking_ = false;
   must_.clear();
+  brought_.clear();
   may_ = std::move(failed_meanwhile_);
   failed_meanwhile_.clear();
   for (const auto& [ticket, write] : in_flight_) {
@@ -70,15 +73,20 @@ void BitmapModel::cancel_taking() {
 }
 
 void BitmapModel::add(const Extents& extents) {
-  must_.insert(extents.begin(), extents.end());
-  may_.insert(extents.begin(), extents.end());
+  for (const std::uint64_t extent : extents) {
+    if (must_.insert(extent).second) brought_.insert(extent);
+    may_.insert(extent);
+  }
 }
 
 void BitmapModel::fill() {
-  for (std::uint64_t extent = 0; extent < extent_count_; ++extent) {
-    must_.insert(extent);
-    may_.insert(extent);
-  }
+  for (std::uint64_t extent = 0; extent < extent_count_; ++extent) add({extent});
+}
+
+void BitmapModel::load() {
+  for (const std::uint64_t extent : brought_) must_.erase(extent);
+  brought_.clear();
+  for (std::uint64_t extent = 0; extent < extent_count_; ++extent) may_.insert(extent);
 }
 
 }  // namespace snbf::model

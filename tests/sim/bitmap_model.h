@@ -39,6 +39,9 @@ class BitmapModel {
 
   void add(const Extents& extents);  // a merge
   void fill();                       // all ones
+  // From its file, or all ones: what writes have set is there again, but what a command brought in may be in no file
+  // that counts.
+  void load();
 
   const Extents& must() const { return must_; }
   const Extents& may() const { return may_; }
@@ -64,6 +67,7 @@ class BitmapModel {
   std::vector<std::pair<Write, std::uint64_t>> unsettled_;
   Extents failed_meanwhile_;  // of writes that failed while a command was taking
   Extents must_;
+  Extents brought_;  // those of must_ that only a command has set
   Extents may_;
 };
 

@@ -93,8 +93,8 @@ void SnapRig::end(bool delete_nodes) {
   if (delete_nodes) {
     ASSERT_EQ(base.remove(), 0);
     for (const auto& snap : snaps) check_files_gone(*snap);
-  } else {
-    ASSERT_EQ(base.stop(), 0);
+  } else if (setup.store_on_node || sim.random(2) == 0) {
+    ASSERT_EQ(base.stop(), 0);  // else the unloading stops it
   }
   if (setup.store_on_node) {
     ASSERT_EQ(sim.unmount(sim.fs("store")), 0);
@@ -296,7 +296,7 @@ int SnapRig::read_snap(Snap& snap, u64 sector, u32 sectors) {
   const int rc = read(node(snap.minor), sector, sectors, &data);
   if (rc != 0) {
     judge_refusal(snap, rc);
-  } else if (image != nullptr) {
+  } else if (image != nullptr && snap.image == image) {
     EXPECT_EQ(judge_image(*image, sector, data), "") << "snap " << snap.minor;
     ++tally[Met::Image];
   }
@@ -368,8 +368,13 @@ Snap* SnapRig::add_snap() {
   const std::string files = "/store/cow" + std::to_string(files_made_++);
   const int minor = create(files);
   if (minor < 0) {
-    if (!copies_may_fail) ADD_FAILURE() << "a snap could not be created: " << minor;
+    if (!copies_may_fail && !(node_may_go && minor == kInvalid))
+      ADD_FAILURE() << "a snap could not be created: " << minor;
     return nullptr;
+  }
+  // It went with its node, and its minor is another's.
+  for (const auto& snap : std::vector<std::shared_ptr<Snap>>(snaps)) {
+    if (snap->minor == minor) forget(snap);
   }
   snaps.push_back(std::make_shared<Snap>(Snap{minor, files, false, nullptr}));
   return snaps.back().get();
@@ -386,6 +391,11 @@ int SnapRig::start_snap(Snap& snap) {
   if (rc == 0) {
     image->started();
     ++tally[Met::Snap];
+    if (node_may_go && was_started == 0 &&
+        std::ranges::count(snaps, &snap, &std::shared_ptr<Snap>::get) != 0) {
+      snap.started = info(snap.minor).started != 0;
+      snap.image = snap.started ? image : nullptr;
+    }
   } else if (was_started == 0) {
     snap.started = false;
     snap.image = nullptr;
@@ -398,6 +408,7 @@ void SnapRig::bring_up(Snap& snap) {
   for (int tries = 1;; ++tries) {
     const int rc = start_snap(snap);
     if (rc == 0 || copies_may_fail || testing::Test::HasFailure()) return;
+    if (node_may_go && rc == kInvalid) return;
     EXPECT_EQ(rc, kAgain) << "snap " << snap.minor << " could not be started";
     if (tries < kStartTries) continue;
     ADD_FAILURE() << "snap " << snap.minor << " could not be started " << tries << " times";
@@ -409,7 +420,7 @@ int SnapRig::stop_snap(Snap& snap) {
   const int minor = snap.minor;
   count_copies(snap);
   const int rc = base.stop(minor);
-  if (rc != 0 && !memory_may_fail) {
+  if (rc != 0 && !memory_may_fail && !(node_may_go && rc == kInvalid)) {
     EXPECT_EQ(rc, kBusy) << "snap " << minor;
   }
   forget_gone();
@@ -447,22 +458,38 @@ void SnapRig::check_files_gone(const Snap& snap) {
   EXPECT_FALSE(sim.exists(snap.files + ".bmp")) << snap.files;
 }
 
+void SnapRig::forget(const std::shared_ptr<Snap>& snap) {
+  snap->started = false;
+  snap->image = nullptr;
+  std::erase(snaps, snap);
+  gone_.push_back(snap);
+}
+
+// Its files go behind it, where another deletes it.
 void SnapRig::forget_gone() {
-  std::vector<std::shared_ptr<Snap>> left;
   for (const auto& snap : std::vector<std::shared_ptr<Snap>>(snaps)) {
     const snbf_info now = info(snap->minor);
     if (now.dev_type != SNBF_DEV_SNAP) {
-      snap->started = false;
-      check_files_gone(*snap);
-      continue;
-    }
-    if (now.started == 0) {
+      if (std::ranges::count(snaps, snap) != 0) forget(snap);
+      if (!node_may_go) check_files_gone(*snap);
+    } else if (now.started == 0) {
       snap->started = false;
       snap->image = nullptr;
     }
-    left.push_back(snap);
   }
-  snaps = std::move(left);
+}
+
+int SnapRig::stop_node() {
+  const int rc = base.stop();
+  forget_gone();
+  return rc;
+}
+
+int SnapRig::remove_node() {
+  arrivals_.snaps_may_go();
+  const int rc = base.remove();
+  forget_gone();
+  return rc;
 }
 
 Snap* SnapRig::any_snap(bool started) {

@@ -19,7 +19,7 @@ namespace snbf::rig {
 using model::SnapImage;
 
 constexpr int kAgain = -11, kBusy = -16, kFault = -14, kIoError = -5, kNoMemory = -12,
-              kInvalid = -22;
+              kInvalid = -22, kAlready = -114;
 // kcowd may be in one file operation for 10 seconds; after it no write is held for it.
 constexpr u64 kWriteWaitMaxUs = 11'000'000;
 
@@ -112,10 +112,15 @@ class SnapRig {
   void bring_up(Snap& snap);
   int stop_snap(Snap& snap);
   int delete_snap(Snap& snap);
+  // The node, with all of them, under whoever is about.
+  int stop_node();
+  int remove_node();
   Snap* any_snap(bool started);
   // After an error of a read or a copy: whether the snap may refuse reads.
   bool may_refuse(int minor);
   void check_snaps();
+  // Those that the driver knows no more.
+  void forget_gone();
   // With nobody about: the node and its snaps are stopped, the driver perhaps loaded anew, and
   // those that were started resumed.
   void stop_all_and_resume(bool reload);
@@ -139,6 +144,7 @@ class SnapRig {
   bool waits_checked = true;
   u64 longest_wait_allowed_us = kWriteWaitMaxUs;
   u64 longest_wait_us = 0;
+  bool node_may_go = false;  // with its snaps, under everybody
   bool is_mended = false;  // what could break is whole again: what is valid answers
   Tally tally;
 
@@ -164,6 +170,7 @@ class SnapRig {
   void mount_and_load(bool fresh);
   void judge_write(const model::WriteTicket& ticket, int rc, u64 waited_us);
   void count_copies(Snap& snap);
+  void forget(const std::shared_ptr<Snap>& snap);
   void judge_refusal(Snap& snap, int rc);
   std::string judge_image(SnapImage& image, u64 sector, const Bytes& data) const;
   bool is_foreign(u64 sector) const;  // what a file system keeps there for itself
@@ -171,9 +178,9 @@ class SnapRig {
   u32 piece_offset();
   int read(plat_devt device, u64 sector, u32 sectors, Bytes* data);
   void check_files_gone(const Snap& snap);
-  void forget_gone();
 
   Arrivals arrivals_{sim, tally};
+  std::vector<std::shared_ptr<Snap>> gone_;  // somebody may be about to ask for one
   std::vector<std::pair<u64, u64>> file_map_;
   u64 file_pages_ = 0;
   int files_made_ = 0;

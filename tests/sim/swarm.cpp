@@ -29,8 +29,8 @@ std::uint32_t reconciled(std::uint32_t traits) {
   const auto drop = [&traits](Trait one, std::uint32_t because_of) {
     if ((traits & because_of) != 0) traits &= ~bit(one);
   };
-  // Whether a snap's command may fail depends on whether its node is there just then.
-  drop(Trait::Restarts, bit(Trait::Snaps) | bit(Trait::NoMemory) | bit(Trait::Files));
+  // A file system that is mounted on the node keeps it there.
+  drop(Trait::Restarts, bit(Trait::Files));
   // A file system over what fails answers errors of its own, at any later time.
   drop(Trait::Files, bit(Trait::DiskFails) | bit(Trait::NoMemory));
   drop(Trait::Below, bit(Trait::StoreFails) | bit(Trait::Stall) | bit(Trait::NoMemory));

@@ -39,6 +39,7 @@ Swarm::Swarm(Sim& kernel, const Plan& plan, Bitmaps& bitmaps, model::Partition& 
   rig_.listener = &bitmaps;
   rig_.copies_may_fail = breaks_copies();
   rig_.partition_may_fail = plan.has(Trait::DiskFails);
+  rig_.node_may_go = plan.has(Trait::Restarts);
   rig_.memory_may_fail = plan.has(Trait::NoMemory);
   // Its flag, the copy in front of it, its own copy: one stall outlasts the first and ends within the second, and the
   // next follows at once. Or a copy fails in the midst, and there is one more request, that the snap is given up.
@@ -152,6 +153,7 @@ void Swarm::live() {
   over_ = true;
   for (sim::Task* task : troubles) sim.join(task);
   mend();
+  rig_.forget_gone();
 }
 
 void Swarm::settle() {

@@ -86,6 +86,7 @@ class Swarm {
   // Those who ask for what there is not, and those who look at everything.
   void odd_commands(int steps);
   void look(int steps);
+  void test_datablocks();
 
   // What the agent does.
   void one_command(u32 type);
@@ -93,6 +94,9 @@ class Swarm {
   void take_into_bad_memory(u32 type);
   // A backup that failed gives back what it took. Where its save may fail it is in memory alone.
   void merge(u32 type);
+  void set(u32 type);
+  // Loses no write, whatever the file is.
+  void load(u32 type);
   void look_at(u32 type);
   void judge_map(u32 type, const Extents& must, const Extents& map);
   void expect_covers(const Extents& must, const Extents& map);
