@@ -78,8 +78,17 @@ void SnapRig::begin() {
   ASSERT_EQ(sim.sync_all(), 0);
 }
 
+void SnapRig::judge_cut(const model::Partition& before, u64 fs_blocks) {
+  const u64 first = fs_blocks * 8;
+  const Bytes all = sim.device("sda1")->all();
+  u64 kept = 0;
+  EXPECT_EQ(before.check_kept(first, std::span(all).subspan(first * 512), &kept), "");
+  tally[Met::Durable] += kept;
+}
+
 void SnapRig::begin_again() {
   partition.power_cut();
+  if (own_partition_ == nullptr) judge_cut(partition, setup.fs_blocks);
   arrivals_.watch(sim.device("sda1"));
   mount_and_load(false);
   ASSERT_EQ(base.add("/dev/sda1", 0), 0);

@@ -66,6 +66,9 @@ class SnapRig {
   void begin();
   // In a task, on a kernel with what an earlier one left: the same, without filling anything.
   void begin_again();
+  // After a power cut, before the driver is there: the partition holds what a flush or the write itself was to make
+  // durable, but for the first `fs_blocks`, which are a file system's.
+  void judge_cut(const model::Partition& before, u64 fs_blocks);
   // Every node deleted (or left to the unloading), the driver unloaded.
   void end(bool delete_nodes = true);
   plat_devt node(int minor = 0) const { return base.node(minor); }

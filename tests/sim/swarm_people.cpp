@@ -196,6 +196,7 @@ void Swarm::load(u32 type) {
   const int rc = rig_.base.load_map(type);
   if (rc != kIoError) expect_file_done(rc, "the loading of a bitmap");  // there may be no file yet
   bitmaps_.models[type].load();
+  look_at(type);
 }
 
 // ---- The odd and the curious

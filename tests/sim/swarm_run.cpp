@@ -97,18 +97,8 @@ void Swarm::begin() {
   for (const u32 type : kTypes) bitmaps_.models[type].fill();  // there were no files
 }
 
-void Swarm::judge_cut() {
-  const u64 first = plan_.has(Trait::Files) ? kFsBlocks * 8 : 0;  // below lies the file system
-  const u64 bytes = kDiskBytes - first * 512;
-  u64 kept = 0;
-  EXPECT_EQ(
-      before_.check_kept(first, sim.device("sda1")->peek(first, static_cast<u32>(bytes)), &kept),
-      "");
-  rig_.tally[Met::Durable] += kept;
-}
-
 void Swarm::begin_again() {
-  judge_cut();
+  rig_.judge_cut(before_, plan_.has(Trait::Files) ? kFsBlocks : 0);
   rig_.begin_again();
   sim.device("sda1")->poke(0, rig_.partition.initial());
   for (const u32 type : kTypes) {

@@ -67,7 +67,6 @@ class Swarm {
   // After a power cut: each bitmap covers what was acknowledged, whatever its file went through, and the partition
   // holds what a flush or the write itself was to make durable.
   void begin_again();
-  void judge_cut();
   // A life: all people, and what breaks beside them until the last has gone.
   void live();
   void send_people(int steps);
