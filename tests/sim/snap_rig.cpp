@@ -259,7 +259,7 @@ void SnapRig::pipeline() {
   std::vector<Sent> under_way;
   for (u64 left = 2 + sim.random(3); left > 0; --left) {
     under_way.push_back(send_one_of(first, room));
-    if (sim.random(8) == 0) sim.sleep_us(sim.random(300));
+    if (sim.random(4) == 0) sim.sleep_us(sim.random(2000));
   }
   for (const Sent& sent : under_way) finish(sent);
 }

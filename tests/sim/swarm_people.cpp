@@ -6,6 +6,12 @@
 
 namespace snbf::rig {
 
+namespace {
+
+constexpr int kAddTries = 8;
+
+}  // namespace
+
 void Swarm::person(const char* name, std::function<void()> body) {
   people_.push_back(sim.spawn(name, std::move(body)));
 }
@@ -65,7 +71,13 @@ void Swarm::restarter(int steps) {
       continue;
     }
     if (removes) {
-      const int minor = rig_.base.add("/dev/sda1", 0);
+      int minor = rig_.base.add("/dev/sda1", 0);
+      // A partition that somebody has open is none to attach to; who tests its file system soon closes it.
+      for (int tries = 0; minor == kBusy && plan_.has(Trait::Procfs) && tries < kAddTries;
+           ++tries) {
+        sim.sleep_us(sim.random(2000));
+        minor = rig_.base.add("/dev/sda1", 0);
+      }
       expect_file_done(minor, "the making of the node");
       if (minor != 0) continue;
     }

@@ -18,6 +18,7 @@ SnapSetup setup_of(const Plan& plan, bool first_boot) {
   setup.chunk_bytes = kChunks[plan.seed % 3];
   setup.store_bytes = 16 << 20;
   setup.store_on_node = plan.has(Trait::Below);
+  if (plan.seed % 7 == 0) setup.store_latency_max_us = 4000;  // many writes are held at once
   setup.store_takes_direct = plan.seed % 4 != 0;
   setup.bio_based = plan.has(Trait::BioBased);
   setup.queue_depth = plan.seed % 5 == 0 ? 1 + plan.seed / 5 % 8 : 0;
@@ -37,6 +38,7 @@ Swarm::Swarm(Sim& kernel, const Plan& plan, Bitmaps& bitmaps, model::Partition& 
       before_(partition),
       rig_(kernel, setup_of(plan, first_boot), first_boot ? &partition : nullptr) {
   rig_.listener = &bitmaps;
+  if (plan.seed % 4 == 1) rig_.snaps_max = 1;  // each deletion is that of the last
   rig_.copies_may_fail = breaks_copies();
   rig_.partition_may_fail = plan.has(Trait::DiskFails);
   rig_.node_may_go = plan.has(Trait::Restarts);
