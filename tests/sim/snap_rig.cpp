@@ -441,6 +441,7 @@ int SnapRig::delete_snap(Snap& snap) {
   count_copies(snap);
   arrivals_.snaps_may_go();
   const int rc = base.remove(minor);
+  arrivals_.snaps_may_go();  // nor is what was sent meanwhile known to have met one
   if (rc != 0) {
     const bool no_memory = memory_may_fail && (rc == kNoMemory || rc == kFault);
     EXPECT_TRUE(rc == kBusy || rc == -22 || no_memory) << "snap " << minor << ": " << rc;
@@ -497,6 +498,7 @@ int SnapRig::stop_node() {
 int SnapRig::remove_node() {
   arrivals_.snaps_may_go();
   const int rc = base.remove();
+  arrivals_.snaps_may_go();  // nor is what was sent meanwhile known to have met one
   forget_gone();
   return rc;
 }
