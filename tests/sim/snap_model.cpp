@@ -20,6 +20,13 @@ void stamp(u32 write, u64 sector, u8* to) {
   }
 }
 
+// At the end of a sector.
+void put_mark(u32 write, u64 sector, u8* to) {
+  const u64 words[] = {mark_of(write, sector), ~mark_of(write, sector)};
+  static_assert(sizeof(words) == kMarkBytes);
+  std::memcpy(to + kSectorBytes - kMarkBytes, words, kMarkBytes);
+}
+
 }  // namespace
 
 // Write 0 is what was there before.
@@ -32,7 +39,30 @@ std::vector<u8> Partition::initial() const {
   std::vector<u8> bytes(sectors() * kSectorBytes);
   for (u64 sector = 0; sector < sectors(); ++sector)
     stamp(0, sector, &bytes[sector * kSectorBytes]);
+  if (const auto laid_out = own_.find(0); laid_out != own_.end()) {
+    const Own& own = laid_out->second;
+    std::copy(own.bytes.begin(), own.bytes.end(),
+              bytes.begin() + static_cast<long>(own.sector * kSectorBytes));
+  }
   return bytes;
+}
+
+void Partition::keep_own(u32 number, u64 sector, std::vector<u8> bytes) {
+  for (u64 at = 0; at < bytes.size(); at += kSectorBytes)
+    put_mark(number, sector + at / kSectorBytes, &bytes[at]);
+  own_[number] = {sector, std::move(bytes)};
+}
+
+void Partition::lay_out(u64 sector, std::vector<u8> bytes) {
+  laid_out_first_ = sector;
+  laid_out_end_ = sector + bytes.size() / kSectorBytes;
+  keep_own(0, sector, std::move(bytes));
+}
+
+WriteTicket Partition::send_own(u64 sector, std::vector<u8> bytes) {
+  const WriteTicket ticket = send(sector, bytes.size() / kSectorBytes, false);
+  keep_own(ticket.first, sector, std::move(bytes));
+  return ticket;
 }
 
 WriteTicket Partition::send(u64 sector, u64 sectors, bool zero) {
@@ -52,6 +82,7 @@ std::vector<u8> Partition::data(const WriteTicket& ticket) const {
   std::vector<u8> bytes;
   for (u32 number = ticket.first; number < ticket.first + ticket.count; ++number) {
     const Write& write = writes_[number];
+    if (const auto own = own_.find(number); own != own_.end()) return own->second.bytes;
     const u64 from = bytes.size();
     bytes.resize(from + write.sectors * kSectorBytes);
     for (u64 i = 0; i < write.sectors; ++i)
@@ -79,7 +110,21 @@ void Partition::power_cut() {
   for (Write& write : writes_) write.is_lost = !is_durable(write);
 }
 
+std::string Partition::decode_own(u64 sector, const u8* bytes, Value* value) const {
+  u64 mark;
+  std::memcpy(&mark, bytes + kSectorBytes - kMarkBytes, sizeof(mark));
+  const u32 number = static_cast<u32>((mark ^ kMark) >> 32);
+  *value = {false, number};
+  const auto own = own_.find(number);
+  if (own == own_.end()) return "holds no metadata that anybody wrote";
+  const u64 at = (sector - own->second.sector) * kSectorBytes;
+  const bool covers = sector >= own->second.sector && at < own->second.bytes.size();
+  if (covers && std::memcmp(&own->second.bytes[at], bytes, kSectorBytes) == 0) return "";
+  return "holds metadata other than that of write " + std::to_string(number);
+}
+
 std::string Partition::decode(u64 sector, const u8* bytes, Value* value) const {
+  if (is_laid_out(sector)) return decode_own(sector, bytes, value);
   u64 mark;
   std::memcpy(&mark, bytes, 8);
   const u32 number = static_cast<u32>((mark ^ kMark) >> 32);
@@ -102,6 +147,11 @@ std::string Partition::decode(u64 sector, const u8* bytes, Value* value) const {
     return "holds write " + std::to_string(number) + ", which never wrote there";
   }
   return "";
+}
+
+bool Partition::was_zeroed(u64 sector) const {
+  return std::any_of(history_[sector].begin(), history_[sector].end(),
+                     [&](u32 number) { return writes_[number].zero; });
 }
 
 // Whether another write had surely replaced this one before `before`.
@@ -193,6 +243,13 @@ std::string SnapImage::check_read(u64 sector, std::span<const u8> data) {
     Value value;
     std::string wrong = partition_->decode(sector, &data[done], &value);
     const u32 code = code_of(value);
+    if (!is_promised(sector)) {
+      if (wrong.empty() && value.zero && !partition_->was_zeroed(sector))
+        wrong = "holds zeros that nobody wrote";
+      if (!wrong.empty())
+        return "sector " + std::to_string(sector) + " of the image, a free one, " + wrong;
+      continue;
+    }
     if (wrong.empty() && seen_[sector] != kUnknown && seen_[sector] != code) {
       wrong = "has changed: it was " +
               (seen_[sector] == kZero ? "zero" : "write " + std::to_string(seen_[sector])) +

@@ -11,10 +11,16 @@
 //   sent after the
 //     start had answered; what a write that ran beside the start left in it is free, but whole, and
 //     of one instant: if the image holds a write, it holds all that ended before that one was sent;
-//   - two reads of a sector of one image find the same.
+//   - two reads of a sector of one image find the same;
+//   - of what its file system did not use at its start an image promises nothing: there it may hold
+//   anything that was ever written to that sector.
+//
+// Some sectors hold what a file system keeps about itself. There a write's number stands at the
+// end, beside its complement: so it changes no count of bits.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <span>
 #include <string>
 #include <vector>
@@ -27,6 +33,7 @@ using u64 = std::uint64_t;
 
 constexpr u64 kNever = ~u64{0};
 constexpr u32 kSectorBytes = 512;
+constexpr u32 kMarkBytes = 16;
 constexpr u32 kPieceSectors = (4 << 20) / kSectorBytes;  // a larger request is cut into these
 
 // A request: its pieces have consecutive numbers.
@@ -45,6 +52,11 @@ class Partition {
 
   // `zero`: a discard, or zeroes written.
   WriteTicket send(u64 sector, u64 sectors, bool zero);
+  // From here on these sectors hold bytes of their senders' own, but for the last kMarkBytes of each.
+  // Before anything is sent.
+  void lay_out(u64 sector, std::vector<u8> bytes);
+  // One piece, within what is laid out.
+  WriteTicket send_own(u64 sector, std::vector<u8> bytes);
   std::vector<u8> data(const WriteTicket& ticket) const;
   // One that failed may have reached the partition, or not.
   void end(const WriteTicket& ticket, bool ok);
@@ -81,8 +93,18 @@ class Partition {
     bool operator==(const Value&) const = default;
   };
 
+  struct Own {
+    u64 sector;
+    std::vector<u8> bytes;
+  };
+  bool is_laid_out(u64 sector) const { return sector >= laid_out_first_ && sector < laid_out_end_; }
+  void keep_own(u32 number, u64 sector, std::vector<u8> bytes);
+
   // "" or why the bytes are nothing that was ever written there.
   std::string decode(u64 sector, const u8* bytes, Value* value) const;
+  std::string decode_own(u64 sector, const u8* bytes, Value* value) const;
+  // Whether a discard was ever sent to it.
+  bool was_zeroed(u64 sector) const;
   // Whether `value` may be in the sector for somebody who looks between `from` and `to`.
   bool possible(u64 sector, const Value& value, u64 from, u64 to) const;
   bool replaced(u64 sector, u32 write, u64 before) const;
@@ -95,6 +117,8 @@ class Partition {
   std::vector<Write> writes_;
   std::vector<std::vector<u32>>
       history_;  // of each sector: the writes that cover it, as they were sent
+  std::map<u32, Own> own_;  // by the number of the write
+  u64 laid_out_first_ = 0, laid_out_end_ = 0;
   u64 clock_ = 1;
   u64 cut_ = kNever;
   u64 flushed_ = 0;  // when the last of the flushes that have ended was sent
@@ -106,6 +130,12 @@ class SnapImage {
   explicit SnapImage(Partition& partition);
 
   void started() { started_ = partition_->now(); }
+  // Of each chunk whether its contents are promised; until this is known all are.
+  void promise_only(std::vector<bool> chunks, u64 chunk_sectors) {
+    promised_ = std::move(chunks);
+    chunk_sectors_ = chunk_sectors;
+  }
+  const std::vector<bool>& promised() const { return promised_; }
   // What a read that succeeded has found. "" or what is wrong.
   std::string check_read(u64 sector, std::span<const u8> data);
   // Of sectors that the model knows nothing of: only that they stay what they were.
@@ -119,12 +149,17 @@ class SnapImage {
 
   static constexpr u32 kUnknown = ~u32{0};
   static constexpr u32 kZero = ~u32{0} - 1;
+  bool is_promised(u64 sector) const {
+    return promised_.empty() || promised_[sector / chunk_sectors_];
+  }
   static u32 code_of(const Value& value) { return value.zero ? kZero : value.write; }
 
   Partition* partition_;
   u64 asked_;
   u64 started_ = kNever;
   std::vector<u32> seen_;
+  std::vector<bool> promised_;  // of each chunk; empty: all are
+  u64 chunk_sectors_ = 1;
   std::vector<u64> foreign_;  // sums of the sectors that the model knows nothing of; 0: not seen
 };
 

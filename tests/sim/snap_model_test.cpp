@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include "ext_map.h"
+
 namespace snbf::model {
 namespace {
 
@@ -103,6 +105,64 @@ TEST_F(SnapModel, WhatIsUnknownMustStayTheSame) {
   EXPECT_EQ(image.check_same(3, zeroes(2)), "");
   EXPECT_EQ(image.check_same(4, zeroes(1)), "");
   EXPECT_NE(image.check_same(4, initial(4)), "");
+}
+
+TEST_F(SnapModel, AFreeChunkMayHoldAnyWriteButNothingElse) {
+  const WriteTicket before = written(8, 8);
+  SnapImage image(partition_);
+  image.started();
+  image.promise_only({true, false, true, true, true, true, true, true}, 8);
+  const WriteTicket after = written(8, 9);
+  EXPECT_EQ(image.check_read(8, of(before, 0, 8)), "");
+  EXPECT_EQ(image.check_read(8, of(after, 0, 8)), "");
+  EXPECT_NE(image.check_read(16, of(after, 8)), "") << "the next chunk is not free";
+  EXPECT_NE(image.check_read(8, of(after, 1)), "") << "another sector's";
+  EXPECT_NE(image.check_read(8, zeroes(1)), "");
+  written(8, 1, true);
+  EXPECT_EQ(image.check_read(8, zeroes(1)), "");
+}
+
+TEST_F(SnapModel, WhatAFileSystemWritesIsKnownByItsMark) {
+  partition_.lay_out(4, zeroes(2));
+  const WriteTicket first = partition_.send_own(4, std::vector<u8>(1024, 7));
+  partition_.end(first, true);
+  EXPECT_EQ(partition_.check_read(4, of(first, 0, 2), partition_.now()), "");
+  EXPECT_NE(partition_.check_read(5, of(first), partition_.now()), "");
+  EXPECT_NE(partition_.check_read(4, initial(4), partition_.now()), "");
+  std::vector<u8> torn = of(first);
+  torn[0] ^= 1;
+  EXPECT_NE(partition_.check_read(4, torn, partition_.now()), "");
+  SnapImage image(partition_);
+  image.started();
+  const WriteTicket second = partition_.send_own(4, std::vector<u8>(1024, 7));
+  partition_.end(second, true);
+  EXPECT_NE(SnapImage(image).check_read(4, of(second)), "")
+      << "the same bytes, but of a later write";
+  EXPECT_EQ(image.check_read(4, of(first)), "");
+}
+
+TEST(ExtMap, SaysWhichChunksHoldUsedBlocks) {
+  for (const bool small_groups : {false, true}) {
+    ExtMap map((700 << 10) + 512, small_groups);
+    map.set(0, 700, false);  // but for the metadata
+    map.set(11, 1, true);
+    map.set(256, 1, true);
+    map.set(699, 1, true);
+    Partition partition(1401);
+    partition.lay_out(ExtMap::kMapSector, map.map());
+    std::vector<u8> bytes = partition.initial();  // with their marks
+    bytes.erase(bytes.begin(), bytes.begin() + ExtMap::kMapSector * kSectorBytes);
+    const std::vector<bool> chunks = map.used_chunks(bytes, 4096);
+    const u64 own = (map.end_sector() + 7) / 8;
+    ASSERT_EQ(chunks.size(), 176u);
+    for (u64 chunk = 0; chunk < chunks.size(); ++chunk) {
+      const bool is_tail = small_groups && chunk == 175;
+      EXPECT_EQ(chunks[chunk], chunk < own || chunk == 2 || chunk == 64 || chunk == 174 || is_tail)
+          << chunk;
+    }
+    bytes[12] ^= 1;  // a descriptor that its bitmap does not bear out
+    EXPECT_TRUE(map.used_chunks(bytes, 4096)[30]);
+  }
 }
 
 TEST_F(SnapModel, ALargeRequestIsJudgedByThePieces) {

@@ -5,23 +5,40 @@
 
 namespace snbf::rig {
 
+// What is free is soon used again: the newest snap does not mind, but an older one may.
+void SnapRig::write_freed() {
+  const u64 from = std::max(2 * freed_.first, first_sector());
+  const u64 end = 2 * (freed_.first + freed_.second);
+  if (from >= end) return;
+  const u64 count = 1 + sim.random(std::min<u64>(end - from, write_sectors_max));
+  write(from + sim.random(end - from - count + 1), count);
+}
+
 void SnapRig::one_write() {
-  const u64 kind = sim.random(32);
-  if (kind == 0) {
-    discard(0, sectors());
+  if (map_ && sim.random(6) == 0) {
+    change_map();
     return;
   }
-  const u64 from = setup.fs_blocks * 8;  // what lies below is the file system's
+  if (map_ && sim.random(3) == 0) {
+    write_freed();
+    return;
+  }
+  const u64 kind = sim.random(32);
+  const u64 from = first_sector();
+  if (kind == 0) {
+    discard(from, sectors() - from);
+    return;
+  }
   const u64 room = sectors() - from;
   u64 count = 1 + sim.random(std::min<u64>(room, write_sectors_max));
   if (kind == 1) count = 1 + sim.random(room);
   u64 sector = from + sim.random(room - count + 1);
   if (kind >= 24) {  // whole blocks at block borders
-    sector = sector / 8 * 8;
+    sector = std::max(sector / 8 * 8, from);
     count = std::min<u64>((count + 7) / 8 * 8, sectors() - sector);
   } else if (kind >= 20) {  // over a border of two chunks
     const u64 chunk = setup.chunk_bytes / 512;
-    const u64 border = from + (1 + sim.random(std::max<u64>(room / chunk, 2) - 1)) * chunk;
+    const u64 border = (1 + sim.random(std::max<u64>(sectors() / chunk, 2) - 1)) * chunk;
     if (border > from && border + 1 < sectors()) {
       sector = border - 1;
       count = 2;
@@ -52,6 +69,13 @@ void SnapRig::writer(int steps) {
   }
 }
 
+void SnapRig::map_writer(int steps) {
+  for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
+    sim.random(4) == 0 ? static_cast<void>(change_map()) : write_freed();
+    if (sim.random(2) == 0) sim.sleep_us(sim.random(3000));
+  }
+}
+
 void SnapRig::file_writer(int steps) {
   for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
     write_file_page(sim.random(file_pages_), sim.random(6) == 0);
@@ -78,6 +102,7 @@ void SnapRig::snap_reader(int steps) {
         const u32 count = static_cast<u32>(1 + sim.random(std::min<u64>(sectors(), 96)));
         read_snap(*snap, sim.random(sectors() - count + 1), count);
       }
+      if (map_ && sim.random(4) == 0) check_map(*snap);
       EXPECT_EQ(sim.close_node(&opening), 0);
     }
     if (snap == nullptr || sim.random(2) == 0) sim.sleep_us(100 + sim.random(3000));
@@ -86,6 +111,7 @@ void SnapRig::snap_reader(int steps) {
 
 void SnapRig::admin(int steps) {
   for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
+    if (map_ && sim.random(3) == 0) change_map();
     Snap* stopped = any_snap(false);
     Snap* started = any_snap(true);
     switch (sim.random(8)) {

@@ -24,7 +24,25 @@ SnapRig::SnapRig(Sim& kernel, const SnapSetup& options, model::Partition* shared
       base(kernel),
       own_partition_(shared != nullptr ? nullptr
                                        : std::make_unique<model::Partition>(options.bytes / 512)),
-      partition(shared != nullptr ? *shared : *own_partition_) {}
+      partition(shared != nullptr ? *shared : *own_partition_) {
+  if (setup.has_map) lay_out_map();
+}
+
+// Chunks in use, free ones, and ones of which only the last block is used.
+void SnapRig::lay_out_map() {
+  map_.emplace(setup.bytes, setup.small_groups);
+  const u64 chunk_blocks = setup.chunk_bytes / model::ExtMap::kBlockBytes;
+  for (u64 block = 0; block < map_->blocks(); ++block) {
+    const u64 kind = block / chunk_blocks % 4;
+    const bool is_last = block % chunk_blocks == chunk_blocks - 1;
+    map_->set(block, 1, kind == 0 || (kind == 2 && is_last));
+  }
+  if (partition.writes() > 1) return;  // it is there since an earlier boot
+  Bytes bytes = map_->super();
+  const Bytes map = map_->map();
+  bytes.insert(bytes.end(), map.begin(), map.end());
+  partition.lay_out(model::ExtMap::kSuperSector, bytes);
+}
 
 void SnapRig::make_devices() {
   sim::Device* disk = sim.add_device({.name = "sda1",
@@ -168,8 +186,8 @@ int SnapRig::read(plat_devt device, u64 sector, u32 sectors, Bytes* data) {
   return rc;
 }
 
-// `bytes` says how long a write is, too; its data is made here.
-SnapRig::Sent SnapRig::send(sim::Request request) {
+// `bytes` says how long a write is, too; its data is made here. `own`: it is sent already, as far as the model goes.
+SnapRig::Sent SnapRig::send(sim::Request request, std::optional<model::WriteTicket> own) {
   Sent sent = {.op = request.op, .sector = request.sector, .sent_us = sim.now_us()};
   sent.is_flush = request.op == sim::Op::Flush || request.preflush;
   sent.is_fua = request.fua;
@@ -177,7 +195,7 @@ SnapRig::Sent SnapRig::send(sim::Request request) {
   if (is_change(request.op)) {
     const u64 sectors = request.bytes / 512;
     if (listener != nullptr) sent.told = listener->sent(request.sector, sectors);
-    sent.ticket = partition.send(request.sector, sectors, request.op != sim::Op::Write);
+    sent.ticket = own ? *own : partition.send(request.sector, sectors, request.op != sim::Op::Write);
   }
   if (request.op == sim::Op::Write) {
     request.data = partition.data(sent.ticket);
@@ -253,7 +271,7 @@ SnapRig::Sent SnapRig::send_one_of(u64 first, u64 sectors) {
 }
 
 void SnapRig::pipeline() {
-  const u64 from = setup.fs_blocks * 8;
+  const u64 from = first_sector();
   const u64 room = 1 + sim.random(std::min<u64>(sectors() - from, 24));
   const u64 first = from + sim.random(sectors() - from - room + 1);
   std::vector<Sent> under_way;
@@ -299,8 +317,99 @@ std::string SnapRig::judge_image(SnapImage& image, u64 sector, const Bytes& data
   return "";
 }
 
+// One at a time, as a file system does it; beside a start of a snap as at any other time. A map that was not
+// written whole is written whole with the next change.
+int SnapRig::change_map() {
+  if (map_changes_) return 0;
+  map_changes_ = true;
+  const u64 chunk_blocks = setup.chunk_bytes / model::ExtMap::kBlockBytes;
+  const u64 chunks = map_->blocks() / chunk_blocks;
+  u64 first = sim.random(map_->blocks());
+  u64 count = 1 + sim.random(2 * chunk_blocks);
+  if (sim.random(4) != 0) {
+    first = first / chunk_blocks * chunk_blocks;
+    count = (1 + sim.random(chunks / 3 + 1)) * chunk_blocks;
+  }
+  const bool used = sim.random(2) == 0;
+  map_->set(first, count, used);
+  if (!used) freed_ = {first, std::min(first + count, map_->blocks()) - first};
+  const Bytes map = map_->map();
+  const u64 sector = model::ExtMap::kMapSector;
+  const int rc = finish(send({.op = sim::Op::Write,
+                              .sector = sector,
+                              .bytes = static_cast<u32>(map.size()),
+                              .fua = sim.random(8) == 0,
+                              .first_piece_offset = piece_offset()},
+                             partition.send_own(sector, map)));
+  map_changes_ = false;
+  return rc;
+}
+
+int SnapRig::learn_map(Snap& snap, SnapImage& image, std::string* wrong) {
+  wrong->clear();
+  if (!map_ || !image.promised().empty()) return 0;
+  Bytes map;
+  const u64 sector = model::ExtMap::kMapSector;
+  const int rc = read(node(snap.minor), sector, static_cast<u32>(map_->map_sectors()), &map);
+  if (rc != 0) return rc;
+  *wrong = image.check_read(sector, map);
+  image.promise_only(map_->used_chunks(map, setup.chunk_bytes), setup.chunk_bytes / 512);
+  return 0;
+}
+
+void SnapRig::check_map(Snap& snap) {
+  const std::shared_ptr<SnapImage> image = snap.image;
+  const MapState state = snap.map;
+  if (!map_ || image == nullptr || state == MapState::Unknown) return;
+  std::string wrong;
+  if (learn_map(snap, *image, &wrong) != 0) return;
+  EXPECT_EQ(wrong, "") << "snap " << snap.minor;
+  const std::vector<bool>& used = image->promised();
+  const u64 per_bit = u64{1} << sim.random(4);
+  const u64 bits = (used.size() + per_bit - 1) / per_bit;
+  sim::UserBuffer buffer = sim.user((bits + 7) / 8 + sim.random(4));
+  snbf_datablock_cmd record = {static_cast<u32>(snap.minor),
+                               static_cast<u32>(setup.chunk_bytes * per_bit),
+                               static_cast<u32>(buffer.size()), 0, buffer.address()};
+  const int rc = sim.ioctl(SNBF_GET_DATABLOCK_BMP, &record, sizeof(record));
+  const Bytes told = buffer.bytes();
+  buffer.unmap();
+  if (snap.image != image || snap.map != state || info(snap.minor).started == 0) return;
+  if (rc != 0) {
+    EXPECT_TRUE(memory_may_fail || state == MapState::Building)
+        << "snap " << snap.minor << " tells no map: " << rc;
+    return;
+  }
+  EXPECT_EQ(record.size, (bits + 7) / 8);
+  ++maps_checked;
+  const bool may_be_missing =
+      state == MapState::Building || copies_may_fail || partition_may_fail || memory_may_fail;
+  const bool is_missing =
+      std::all_of(told.begin(), told.begin() + record.size, [](u8 byte) { return byte == 0xFF; });
+  if (is_missing && may_be_missing) {
+    ++maps_missing;
+    return;
+  }
+  for (u64 bit = 0; bit < bits; ++bit) {
+    const auto first = used.begin() + static_cast<long>(bit * per_bit);
+    const auto end =
+        used.begin() + static_cast<long>(std::min<u64>(used.size(), (bit + 1) * per_bit));
+    const bool is_used = std::find(first, end, true) != end;
+    free_chunks += is_used ? 0 : per_bit;
+    ASSERT_EQ((told[bit / 8] >> bit % 8 & 1) != 0, is_used)
+        << "snap " << snap.minor << ": bit " << bit << " of " << bits << ", each for " << per_bit
+        << " chunks";
+  }
+}
+
 int SnapRig::read_snap(Snap& snap, u64 sector, u32 sectors) {
   const std::shared_ptr<SnapImage> image = snap.image;
+  std::string wrong;
+  if (const int rc = image != nullptr ? learn_map(snap, *image, &wrong) : 0; rc != 0) {
+    judge_refusal(snap, rc);
+    return rc;
+  }
+  EXPECT_EQ(wrong, "") << "snap " << snap.minor;
   Bytes data;
   const int rc = read(node(snap.minor), sector, sectors, &data);
   if (rc != 0) {
@@ -314,6 +423,8 @@ int SnapRig::read_snap(Snap& snap, u64 sector, u32 sectors) {
 
 // As check_snap, for one that need not be right.
 bool SnapRig::is_exact(Snap& snap) {
+  std::string wrong;
+  if (learn_map(snap, *snap.image, &wrong) != 0 || !wrong.empty()) return false;
   Bytes data;
   if (read(node(snap.minor), 0, static_cast<u32>(sectors()), &data) != 0) return false;
   return judge_image(*snap.image, 0, data).empty() && snap.image->check_instant().empty();
@@ -343,6 +454,7 @@ void SnapRig::check_snap(Snap& snap) {
   if (snap.image != nullptr) {
     EXPECT_EQ(snap.image->check_instant(), "") << "snap " << snap.minor;
   }
+  check_map(snap);
   EXPECT_EQ(sim.close_node(&opening), 0);
 }
 
@@ -385,7 +497,7 @@ Snap* SnapRig::add_snap() {
   for (const auto& snap : std::vector<std::shared_ptr<Snap>>(snaps)) {
     if (snap->minor == minor) forget(snap);
   }
-  snaps.push_back(std::make_shared<Snap>(Snap{minor, files, false, nullptr}));
+  snaps.push_back(std::make_shared<Snap>(Snap{minor, files}));
   return snaps.back().get();
 }
 
@@ -394,11 +506,13 @@ int SnapRig::start_snap(Snap& snap) {
   auto image = std::make_shared<SnapImage>(partition);
   if (was_started == 0) {
     snap.image = image;
+    snap.map = MapState::Building;
     snap.started = true;  // readers may come as soon as it is
   }
   const int rc = base.start(snap.minor);
   if (rc == 0) {
     image->started();
+    snap.map = MapState::Built;
     ++tally[Met::Snap];
     if (node_may_go && was_started == 0 &&
         std::ranges::count(snaps, &snap, &std::shared_ptr<Snap>::get) != 0) {
@@ -532,12 +646,18 @@ void SnapRig::stop_all_and_resume(bool reload) {
       ASSERT_EQ(create(snap->files, snap->minor), snap->minor);
     }
   }
-  // None is written to before all are there, so any order will do.
+  // None is written to before all are there, so any order will do; but a map is right only where the newer
+  // snaps, which hold what has changed of it, were there before.
+  const bool newest_first = map_ && sim.random(2) == 0;
   while (!order.empty()) {
-    const auto at = order.begin() + static_cast<long>(sim.random(order.size()));
+    const u64 number = newest_first ? order.size() - 1 : sim.random(order.size());
+    const auto at = order.begin() + static_cast<long>(number);
     if ((*at)->started) {
       ASSERT_EQ(resume((*at)->minor), 0);
       ++tally[Met::Resume];
+      const bool is_newest =
+          std::none_of(at + 1, order.end(), [](const Snap* newer) { return newer->started; });
+      (*at)->map = is_newest ? MapState::Built : MapState::Unknown;
     }
     order.erase(at);
   }

@@ -8,8 +8,10 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 
 #include "arrivals.h"
+#include "ext_map.h"
 #include "rig.h"
 #include "snap_model.h"
 #include "tally.h"
@@ -37,14 +39,26 @@ struct SnapSetup {
   u32 queue_depth = 0;  // of the partition
   u32 latency_max_us = 400;
   bool bio_based = false;  // so is the partition: what is passed on in place cannot be waited for
+  // The partition holds a file system's block bitmaps, and the people write them as it would: what is free
+  // at its start a snap need not keep. Not with fs_blocks.
+  bool has_map = false;
+  bool small_groups = false;  // of it
+};
+
+// What a snap's data-block map may be.
+enum class MapState {
+  Unknown,
+  Building,  // whole, or not there yet: then all counts as used
+  Built,     // whole, but for lack of memory and of what can be read
 };
 
 struct Snap {
   int minor;
   std::string files;  // path of its COW files without their suffixes
   bool started = false;
-  std::shared_ptr<SnapImage> image;
+  std::shared_ptr<SnapImage> image = nullptr;
   u64 copies = 0;  // chunks, when last looked at
+  MapState map = MapState::Unknown;
 };
 
 // Told of each write that the rig's people send to the node, before it goes and when it has ended.
@@ -91,6 +105,10 @@ class SnapRig {
   void pipeline();
   // Of a snap, through an opening of its own where `open`.
   int read_snap(Snap& snap, u64 sector, u32 sectors);
+  // Blocks are allocated or freed: a write of the bitmaps that say so.
+  int change_map();
+  // The snap's data-block map, against what its image says. The caller has it open.
+  void check_map(Snap& snap);
   // All of it, and the instant; or, for an invalid one, the refusal.
   void check_snap(Snap& snap);
   bool is_exact(Snap& snap);
@@ -103,6 +121,7 @@ class SnapRig {
 
   void writer(int steps);
   void file_writer(int steps);
+  void map_writer(int steps);
   void origin_reader(int steps);
   void snap_reader(int steps);
   void admin(int steps);
@@ -150,6 +169,9 @@ class SnapRig {
   bool node_may_go = false;  // with its snaps, under everybody
   bool is_mended = false;  // what could break is whole again: what is valid answers
   Tally tally;
+  u64 maps_checked = 0;
+  u64 maps_missing = 0;  // of those: that were not there
+  u64 free_chunks = 0;   // of those, together
 
  private:
   // A request of ours on its way to the node.
@@ -166,7 +188,7 @@ class SnapRig {
     sim::Io io = {};
   };
 
-  Sent send(sim::Request request);
+  Sent send(sim::Request request, std::optional<model::WriteTicket> own = std::nullopt);
   int finish(const Sent& sent);
   Sent send_one_of(u64 first, u64 sectors);
   void make_devices();
@@ -177,7 +199,14 @@ class SnapRig {
   void judge_refusal(Snap& snap, int rc);
   std::string judge_image(SnapImage& image, u64 sector, const Bytes& data) const;
   bool is_foreign(u64 sector) const;  // what a file system keeps there for itself
+  void lay_out_map();
+  // What the people leave alone: a file system's, or its map.
+  u64 first_sector() const { return map_ ? map_->end_sector() : setup.fs_blocks * 8; }
+  // Reads from the image what its file system used, unless that is known. The read's error; what is wrong
+  // with what was read, or "".
+  int learn_map(Snap& snap, SnapImage& image, std::string* wrong);
   void one_write();
+  void write_freed();
   u32 piece_offset();
   int read(plat_devt device, u64 sector, u32 sectors, Bytes* data);
   void check_files_gone(const Snap& snap);
@@ -187,6 +216,9 @@ class SnapRig {
   std::vector<std::pair<u64, u64>> file_map_;
   u64 file_pages_ = 0;
   int files_made_ = 0;
+  std::optional<model::ExtMap> map_;  // as it was last written, or is about to be
+  bool map_changes_ = false;
+  std::pair<u64, u64> freed_;  // blocks, the last that were: the first and how many
 };
 
 }  // namespace snbf::rig
