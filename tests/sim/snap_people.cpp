@@ -111,7 +111,7 @@ void SnapRig::snap_reader(int steps) {
 
 void SnapRig::admin(int steps) {
   for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
-    if (map_ && sim.random(3) == 0) change_map();
+    if (map_ && !node_may_go && sim.random(3) == 0) change_map();
     Snap* stopped = any_snap(false);
     Snap* started = any_snap(true);
     switch (sim.random(8)) {

@@ -381,21 +381,18 @@ void SnapRig::check_map(Snap& snap) {
     return;
   }
   EXPECT_EQ(record.size, (bits + 7) / 8);
-  ++maps_checked;
   const bool may_be_missing =
       state == MapState::Building || copies_may_fail || partition_may_fail || memory_may_fail;
   const bool is_missing =
       std::all_of(told.begin(), told.begin() + record.size, [](u8 byte) { return byte == 0xFF; });
-  if (is_missing && may_be_missing) {
-    ++maps_missing;
-    return;
-  }
+  if (is_missing && may_be_missing) return;
+  ++tally[Met::Map];
   for (u64 bit = 0; bit < bits; ++bit) {
     const auto first = used.begin() + static_cast<long>(bit * per_bit);
     const auto end =
         used.begin() + static_cast<long>(std::min<u64>(used.size(), (bit + 1) * per_bit));
     const bool is_used = std::find(first, end, true) != end;
-    free_chunks += is_used ? 0 : per_bit;
+    tally[Met::Free] += is_used ? 0 : per_bit;
     ASSERT_EQ((told[bit / 8] >> bit % 8 & 1) != 0, is_used)
         << "snap " << snap.minor << ": bit " << bit << " of " << bits << ", each for " << per_bit
         << " chunks";

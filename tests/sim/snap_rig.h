@@ -169,9 +169,6 @@ class SnapRig {
   bool node_may_go = false;  // with its snaps, under everybody
   bool is_mended = false;  // what could break is whole again: what is valid answers
   Tally tally;
-  u64 maps_checked = 0;
-  u64 maps_missing = 0;  // of those: that were not there
-  u64 free_chunks = 0;   // of those, together
 
  private:
   // A request of ours on its way to the node.

@@ -55,6 +55,8 @@ void write_some(SnapRig& rig, int writers, int writes, u64 spread_us = 0) {
       rig.writer(writes);
     }));
   }
+  if (rig.setup.has_map)
+    tasks.push_back(rig.sim.spawn("file system", [&rig, writes] { rig.map_writer(writes); }));
   for (sim::Task* task : tasks) rig.sim.join(task);
 }
 
@@ -125,6 +127,8 @@ SnapSetup setup_of(u64 seed) {
   setup.bytes = (192 << 10) + 1536;
   setup.store_bytes = 4 << 20;
   setup.store_takes_direct = seed % 4 != 3;
+  setup.has_map = seed % 4 >= 2;
+  setup.small_groups = seed % 8 >= 4;
   // Long between the bit and its sync: other writes of the chunk come by meanwhile.
   if (is_crowded(seed)) {
     setup.chunk_bytes = 65536;
@@ -163,7 +167,7 @@ void boot_again(u64 seed, const sim::Images& images, Scene scene, Life& life, Ta
     for (const auto& [files, image] : life.snaps) {
       const int minor = rig.create(files);
       ASSERT_GT(minor, 0);
-      rig.snaps.push_back(std::make_shared<Snap>(Snap{minor, files, false, nullptr}));
+      rig.snaps.push_back(std::make_shared<Snap>(Snap{minor, files}));
     }
     bool refused = false;
     for (size_t i = rig.snaps.size(); i-- > 0;) {
@@ -171,6 +175,7 @@ void boot_again(u64 seed, const sim::Images& images, Scene scene, Life& life, Ta
       if (!refused && rig.resume(rig.snaps[i]->minor) == 0) {
         rig.snaps[i]->started = true;
         rig.snaps[i]->image = life.snaps[i].second;
+        rig.snaps[i]->map = MapState::Built;  // the newer ones are there
         if (scene == Scene::StoreDead && !rig.is_exact(*rig.snaps[i])) {
           ++tally.wrong;
           rig.snaps[i]->started = false;

@@ -33,6 +33,7 @@ void crowd(SnapRig& rig, int steps) {
     rig.sim.spawn("snap reader", [&rig, steps] { rig.snap_reader(steps); });
   rig.sim.spawn("origin reader", [&rig, steps] { rig.origin_reader(steps / 2); });
   rig.sim.spawn("admin", [&rig, steps] { rig.admin(steps / 2); });
+  if (rig.setup.has_map) rig.sim.spawn("file system", [&rig, steps] { rig.map_writer(steps); });
   if (rig.setup.fs_blocks != 0) rig.sim.spawn("files", [&rig, steps] { rig.file_writer(steps); });
   rig.sim.join_all();
 }
@@ -69,6 +70,17 @@ SIM_TEST_SEEDS(Snapshot, ImagesOfAMountedFileSystem, 150) {
   live(rig, 20);
 }
 
+SnapSetup with_map(Sim& sim, SnapSetup setup) {
+  setup.has_map = true;
+  setup.small_groups = sim.random(2) == 0;
+  return setup;
+}
+
+SIM_TEST_SEEDS(Snapshot, ImagesKeepWhatTheirFileSystemUsed, 100) {
+  SnapRig rig(sim, with_map(sim, setup_for(sim, kChunks[sim.random(std::size(kChunks))])));
+  live(rig, 24);
+}
+
 SIM_TEST_SEEDS(Snapshot, CowFilesOnAnotherNode, 100) {
   SnapSetup setup = setup_for(sim, kChunks[sim.random(3)]);
   setup.store_on_node = true;
@@ -76,20 +88,29 @@ SIM_TEST_SEEDS(Snapshot, CowFilesOnAnotherNode, 100) {
   live(rig, 20);
 }
 
-SIM_TEST_SEEDS(Snapshot, ResumedSnapsGoOnWithTheirImages, 100) {
-  SnapRig rig(sim, setup_for(sim, kChunks[sim.random(3)]));
+void live_through_resumes(SnapRig& rig) {
   rig.begin();
   if (testing::Test::HasFatalFailure()) return;
   for (int round = 0; round < 3 && !testing::Test::HasFailure(); ++round) {
     crowd(rig, 12);
     if (testing::Test::HasFailure()) return;
-    rig.stop_all_and_resume(sim.random(2) == 0);
+    rig.stop_all_and_resume(rig.sim.random(2) == 0);
   }
   if (testing::Test::HasFailure()) return;
   rig.writer(6);
   rig.check_snaps();
   if (testing::Test::HasFailure()) return;
   rig.end();
+}
+
+SIM_TEST_SEEDS(Snapshot, ResumedSnapsGoOnWithTheirImages, 100) {
+  SnapRig rig(sim, setup_for(sim, kChunks[sim.random(3)]));
+  live_through_resumes(rig);
+}
+
+SIM_TEST_SEEDS(Snapshot, ResumedSnapsGoOnWithTheirMaps, 100) {
+  SnapRig rig(sim, with_map(sim, setup_for(sim, kChunks[sim.random(3)])));
+  live_through_resumes(rig);
 }
 
 // Few chunks, everybody at them at once, and again with the next snap: a read that overlaps

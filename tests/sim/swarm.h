@@ -32,6 +32,7 @@ enum class Trait : unsigned {
   BioBased,  // the partition cannot be drained
   Slow,      // so is the partition
   Hurry,     // commands come without a pause
+  Map,       // the partition holds block bitmaps, which say what a snap need not keep
   kCount,
 };
 

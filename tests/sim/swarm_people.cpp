@@ -8,7 +8,7 @@ namespace snbf::rig {
 
 namespace {
 
-constexpr int kAddTries = 8;
+constexpr int kAddTries = 3000;
 
 }  // namespace
 
@@ -16,19 +16,27 @@ void Swarm::person(const char* name, std::function<void()> body) {
   people_.push_back(sim.spawn(name, std::move(body)));
 }
 
-void Swarm::writer(int steps) {
+void Swarm::write_by(int steps, const std::function<void(int)>& some) {
   while (steps > 0 && !failed()) {
     sim::OpenNode opening;
     const int count = 1 + static_cast<int>(sim.random(8));
     const int rc = sim.open_node(rig_.node(), PLAT_MODE_READ | PLAT_MODE_WRITE, &opening);
     expect_open(rc);
     if (rc == 0) {
-      rig_.writer(std::min(count, steps));
+      some(std::min(count, steps));
       EXPECT_EQ(sim.close_node(&opening), 0);
     }
     steps -= count;
     sim.sleep_us(sim.random(5000));
   }
+}
+
+void Swarm::writer(int steps) {
+  write_by(steps, [this](int some) { rig_.writer(some); });
+}
+
+void Swarm::map_writer(int steps) {
+  write_by(steps, [this](int some) { rig_.map_writer(some); });
 }
 
 void Swarm::origin_reader(int steps) {

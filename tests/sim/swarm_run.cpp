@@ -24,6 +24,8 @@ SnapSetup setup_of(const Plan& plan, bool first_boot) {
   setup.queue_depth = plan.seed % 5 == 0 ? 1 + plan.seed / 5 % 8 : 0;
   setup.latency_max_us = plan.has(Trait::Slow) ? 30'000 : 400;
   setup.fs_blocks = first_boot && plan.has(Trait::Files) ? kFsBlocks : 0;
+  setup.has_map = plan.has(Trait::Map);
+  setup.small_groups = plan.seed / 4 % 2 != 0;
   return setup;
 }
 
@@ -115,6 +117,7 @@ void Swarm::begin_again() {
 void Swarm::send_people(int steps) {
   people_.clear();
   for (int i = 0; i < 2; ++i) person("writer", [this, steps] { writer(steps); });
+  if (plan_.has(Trait::Map)) person("file system", [this, steps] { map_writer(2 * steps); });
   if (plan_.has(Trait::Agent)) person("agent", [this, steps] { agent(steps); });
   if (plan_.has(Trait::Saver)) person("saver", [this, steps] { saver(steps); });
   if (plan_.has(Trait::Openers)) person("opener", [this, steps] { opener(steps); });

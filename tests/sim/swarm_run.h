@@ -76,7 +76,10 @@ class Swarm {
 
   // People. Each goes on for so many steps.
   void person(const char* name, std::function<void()> body);
+  // So many steps, some at a time, each time while the node is open.
+  void write_by(int steps, const std::function<void(int)>& some);
   void writer(int steps);
+  void map_writer(int steps);
   void origin_reader(int steps);
   void opener(int steps);
   void saver(int steps);

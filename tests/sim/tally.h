@@ -19,11 +19,14 @@ enum class Met : unsigned {
   Pair,     // requests that overlap, both not done: their order was judged
   Flush,    // that was answered
   Durable,  // a sector that a power cut had to leave
+  Map,      // a snap's data-block map that was compared
+  Free,     // a chunk that it told to be free
   kCount,
 };
 
-constexpr const char* kMetNames[] = {"snaps",    "copies",  "parked", "held",    "faults", "images",
-                                     "restarts", "resumes", "pairs",  "flushes", "durable"};
+constexpr const char* kMetNames[] = {"snaps",   "copies",   "parked",  "held",  "faults",
+                                     "images",  "restarts", "resumes", "pairs", "flushes",
+                                     "durable", "maps",     "free"};
 static_assert(std::size(kMetNames) == static_cast<unsigned>(Met::kCount));
 
 struct Tally {
