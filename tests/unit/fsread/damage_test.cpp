@@ -1,6 +1,6 @@
 // Real images with bits turned over, and on devices that are too short. A map may be refused, or
-// say less; it never hangs, reads outside, or, where the file system has checksums, calls used what
-// is free.
+// say less; it never hangs, reads outside, or, where the file system has checksums, calls free what
+// is used.
 #include <random>
 
 #include "real_image.h"
