@@ -52,6 +52,16 @@ static void let_go(struct freeze* freeze) {
   kfree(freeze);
 }
 
+/*
+ * The freeze shuts writers out and only then writes what is dirty. Most of that is written here first, while they
+ * go on. What fails, the freeze meets again.
+ */
+static void write_back(struct super_block* sb) {
+  down_read(&sb->s_umount);
+  sync_filesystem(sb);
+  up_read(&sb->s_umount);
+}
+
 int snbf_plat_bdev_freeze(plat_bdev* device) {
   struct block_device* bdev = (struct block_device*)device;
   struct freeze* freeze = kmalloc(sizeof(*freeze), GFP_KERNEL | __GFP_NOFAIL);
@@ -60,6 +70,7 @@ int snbf_plat_bdev_freeze(plat_bdev* device) {
   INIT_WORK(&freeze->unmount, let_go_last);
   freeze->bdev = bdev;
   freeze->kept = snbf_bdev_hold_file_system(bdev);
+  if (freeze->kept) write_back(freeze->kept);
   rc = snbf_bdev_freeze(bdev);
   if (rc != 0) {
     let_go(freeze);
