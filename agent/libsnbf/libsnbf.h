@@ -285,8 +285,8 @@ int libsnbf_snap_create(struct libsnbf* handle, struct libsnbf_snap_request* req
 
 /*
  * Delete a snap and its files. `postponed`: an older snap needs what it holds; it can no longer be
- * read, and the driver takes it away with the last of those. `uuid`: -ENOENT unless the snap has
- * it; null for whichever has the minor.
+ * read, and the driver takes it away with the last of those; or, if somebody has it open in that moment, the next
+ * deletion does. `uuid`: -ENOENT unless the snap has it; null for whichever has the minor.
  */
 int libsnbf_snap_delete(struct libsnbf* handle, uint32_t minor, const char* uuid, int* postponed);
 /* The record and the files of a snap that is no node. -EBUSY: it is one. */
@@ -294,7 +294,7 @@ int libsnbf_snap_discard(struct libsnbf* handle, uint32_t filter_minor, const ch
 /*
  * Resume all that can be resumed, and start the filter node with it. `resumed` counts them; on a
  * failure those that were not resumed are lost. -ESTALE: something was written meanwhile; none is
- * left.
+ * left. -ENODATA: the driver gave one up at once, for want of memory.
  */
 int libsnbf_snap_resume(struct libsnbf* handle, uint32_t filter_minor, uint32_t* resumed);
 

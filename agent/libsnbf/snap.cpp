@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <chrono>
 #include <ctime>
+#include <optional>
 
 #include "record_file.h"
 #include "snap_record.h"
@@ -177,6 +178,27 @@ bool is_node(libsnbf* handle, uint32_t minor, const char* uuid) {
   return libsnbf_get_info(handle, minor, &now) == 0 && std::strcmp(now.uuid, uuid) == 0;
 }
 
+// The oldest snap that is started, where its deletion was put off. The driver deletes it when the last older one
+// goes; but if somebody had it open in that moment it stays, and holds up the deletion of every later one.
+std::optional<uint32_t> left_over(libsnbf* handle, uint32_t filter_minor) {
+  std::vector<snbf_info> snaps;
+  snbf_info filter;
+  if (libsnbf_get_info(handle, filter_minor, &filter) != 0) return std::nullopt;
+  if (snbf::lib::snap_infos(handle, filter, &snaps) != 0) return std::nullopt;
+  for (const snbf_info& snap : snaps) {
+    if (!snap.started) continue;
+    if (!snap.del_pending || snap.use_cnt > 0) return std::nullopt;
+    return snap.minor;
+  }
+  return std::nullopt;
+}
+
+void delete_left_over(libsnbf* handle, uint32_t filter_minor) {
+  while (const auto minor = left_over(handle, filter_minor)) {
+    if (snbf::lib::del_node_locked(handle, *minor) != 0) return;
+  }
+}
+
 // Records of deletions that the driver had put off and has carried out since.
 void sweep(libsnbf* handle, const snbf_info& filter) {
   std::vector<snbf_info> snaps;
@@ -236,6 +258,7 @@ int delete_locked(libsnbf* handle, uint32_t minor, const char* uuid, int* postpo
     if (known) libsnbf_snap_record_write(dir.c_str(), &record);
     return rc;
   }
+  delete_left_over(handle, filter.minor);
   *postponed = is_node(handle, minor, snap.uuid);
   if (known && !*postponed) snbf::lib::remove_snap_record(dir, snap.name);
   sweep(handle, filter);

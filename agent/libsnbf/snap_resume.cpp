@@ -196,6 +196,10 @@ int resume_locked(libsnbf* handle, uint32_t filter_minor, uint32_t* resumed) {
                                  candidate->record.stop_pending ? 1u : 0u,
                                  candidate->record.del_pending ? 1u : 0u};
     if (int rc = snbf::lib::resume_snap_locked(handle, resume); rc != 0) return rc;
+    // Given up at once, where there was no memory for the thread that copies: it is started, and answers no read.
+    snbf_info now;
+    if (int rc = libsnbf_get_info(handle, resume.minor, &now); rc != 0) return rc;
+    if (!now.snap_valid) return -ENODATA;
     ++*resumed;
   }
   if (writes_of(handle, filter_minor) == writes_before) return 0;
