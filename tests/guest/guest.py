@@ -42,6 +42,7 @@ TROUBLE = re.compile(
     r"stack-protector|invalid opcode|hogged CPU|trying to register non-static key|"
     r"lockdep is turned off|bad unlock balance|lock held when returning|held lock freed|ODEBUG|"
     r"EXT4-fs (error|\(.*\): error)|XFS .*(Corruption|Internal error|Metadata)|Buffer I/O error|"
+    r"Page cache invalidation failure|"
     r"sysfs: cannot create duplicate|kobject_add_internal failed|proc_dir_entry .* already registered|"
     r"remove_proc_entry|name .* too long|guest: kernel log lost|guest: cannot start")
 
