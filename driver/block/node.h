@@ -89,6 +89,7 @@ struct FilterNode : Node {
   int diff_bmp_dirty GUARDED_BY(bmp_spin) = 0;
   FileGuard incr_guard GUARDED_BY(bmp_spin);
   FileGuard diff_guard GUARDED_BY(bmp_spin);
+  Atomic<u32> loads;  // files whose bits have taken the place of those in memory
   // The number of the file system in which the file was last seen, 0: in none yet. Under bmp_mutex.
   plat_devt incr_bmp_store = 0;
   plat_devt diff_bmp_store = 0;

@@ -181,9 +181,14 @@ bool mark_extents(FilterNode& node, SectorRange range, plat_bio* write, Arrival 
   // is touched.
   const u64 end = span.last < node.extent_cnt ? span.last + 1 : node.extent_cnt;
   bool may_go = true;
-  for (u64 extent = span.first; extent < end; ++extent) {
-    may_go = mark_extent(node, extent, extent + 1 == end, {range, write, arrival});
-  }
+  u32 loads;
+  do {
+    loads = node.loads.load();
+    for (u64 extent = span.first; extent < end; ++extent) {
+      may_go = mark_extent(node, extent, extent + 1 == end, {range, write, arrival});
+    }
+    // A load between two extents has taken the bit of the first, and its file covers that of the last.
+  } while (may_go && node.loads.load() != loads);
   return may_go;
 }
 

@@ -173,6 +173,7 @@ int load_locked(const ChangeBitmap& bitmap, u8* scratch) {
     if (state == FileState::Whole) {
       bitmap.set_dirty(0);
       mem_copy(bitmap.bits(), scratch, bitmap.size_bytes());
+      bitmap.node.loads.fetch_add(1);
     } else {
       bitmap.fill(0xFF);
     }
@@ -242,7 +243,7 @@ int write_flag_locked(const ChangeBitmap& bitmap, int flag, int create, bool* mi
   return cursor.error();
 }
 
-void ask_where_a_save_failed(const ChangeBitmap& bitmap) {
+void ask_where_the_file_is_behind(const ChangeBitmap& bitmap) {
   bool must_ask;
   {
     SpinGuard hold{bitmap.node.bmp_spin};
@@ -346,7 +347,7 @@ int snbf_block_save_bmp(FilterNode& node, u32 type) {
   if (!snapshot) {
     snbf_log(kLogError, "%s(): Failed to allocate %d bytes.", kOrigin,
              static_cast<int>(bitmap.size_bytes()));
-    ask_where_a_save_failed(bitmap);
+    ask_where_the_file_is_behind(bitmap);
     return -ENOMEM;
   }
   let_parked_writes_go(node);
@@ -370,7 +371,7 @@ int snbf_block_save_bmp(FilterNode& node, u32 type) {
     if (rc != 0 || bitmap.guard().is_behind()) bitmap.set_dirty(1);
   }
   if (must_ask) snbf_sched_write_dirty_flag(node, type);
-  if (rc != 0) ask_where_a_save_failed(bitmap);
+  ask_where_the_file_is_behind(bitmap);
   wake_parking(node);
   return rc;
 }

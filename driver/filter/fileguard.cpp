@@ -16,15 +16,18 @@ bool FileGuard::end_save(u64 snapshot, FileState state) {
   --saves_;
   if (state == FileState::Whole) {
     file_ = snapshot;
-    if (snapshot >= unguarded_) unguarded_ = 0;
+    is_uncertain_ = false;
+    // A save whose snapshot is older may still write its own file last.
+    if (snapshot >= unguarded_ && saves_ == 0) unguarded_ = 0;
     // Nobody has waited for a flag meanwhile, though the file may lack something.
     if (given_up_) {
       wanted_ = true;
       unguarded_ = marks_;
     }
     given_up_ = false;
-  } else if (state == FileState::Unknown && snapshot < file_) {
-    file_ = snapshot;
+  } else if (state == FileState::Unknown) {
+    is_uncertain_ = true;
+    if (snapshot < file_) file_ = snapshot;
   }
   settle();
   if (marks_ <= honest_limit()) {
@@ -36,7 +39,8 @@ bool FileGuard::end_save(u64 snapshot, FileState state) {
 
 void FileGuard::flag_is_on_disk() {
   file_ = kNoFile;
-  unguarded_ = 0;
+  is_uncertain_ = false;
+  note_unguarded();
   wanted_ = saves_ != 0 && (wanted_ || given_up_);
   given_up_ = false;
   settle();
@@ -53,8 +57,9 @@ void FileGuard::file_was_loaded(FileState state) {
   was_loaded_ = true;
   ++marks_;
   file_ = 0;
-  if (state == FileState::Whole) {
+  if (state == FileState::Whole && !is_uncertain_) {
     file_ = marks_;
+    note_unguarded();
     given_up_ = false;
   } else if (state == FileState::NoWhole && !was_whole) {
     file_ = kNoFile;
@@ -67,6 +72,16 @@ void FileGuard::give_up(bool tries_again) {
   tries_again_ = tries_again || (given_up_ && tries_again_);
   given_up_ = true;
   settle();
+}
+
+// What is in the file now is good; but a save under way is still to overwrite it, with a snapshot of before what has
+// gone on meanwhile.
+void FileGuard::note_unguarded() {
+  if (saves_ == 0) {
+    unguarded_ = 0;
+  } else if (given_up_) {
+    unguarded_ = marks_;
+  }
 }
 
 bool FileGuard::ask_for_flag() {

@@ -20,8 +20,8 @@
 //   end of a save            file_ = its snapshot; if it failed within the file, whichever is less
 //   flag on disk             file_ = kNoFile
 //   file found while loading file_ = marks_ if it is taken over, kNoFile if it can never be taken for a
-//                            whole one, else 0; what is found where a whole one was before may be no more
-//                            than this kernel's idea of it, after a write that failed: 0
+//                            whole one, else 0; what is found where a whole one was before, or behind a save
+//                            that failed within it, may be no more than this kernel's idea of it: 0
 //   flag not raised in time  writes go on, unguarded, until a save or a flag reaches the disk again: whoever has
 //                            given it up tries again, unless the file can never have one where it lies
 //
@@ -53,8 +53,8 @@ class FileGuard {
   // `state`: Whole: written; Unknown: it failed within the file; NoWhole: it did not touch it.
   // True: the caller queues a request for the flag, which a write has asked for.
   bool end_save(u64 snapshot, FileState state);
-  // Behind a save that failed: what a command has put into memory is in no file, and no write may ever come to ask
-  // for the flag. True as of end_save.
+  // Behind a save that failed, or that has put an older file back: what a command has put into memory is in no file,
+  // and no write may ever come to ask for the flag. True as of end_save.
   bool ask_instead_of_save() { return is_behind() && !given_up_ && ask_for_flag(); }
   void flag_is_on_disk();
   // Before any load.
@@ -62,7 +62,8 @@ class FileGuard {
   void file_was_loaded(FileState state);
   void give_up_for_now() { give_up(true); }
   void give_up_for_good() { give_up(false); }
-  bool tries_again() const { return given_up_ && tries_again_; }
+  // Also behind a save that has ended the give-up, for what its file lacks.
+  bool tries_again() const { return tries_again_ && (given_up_ || unguarded_ > file_); }
 
   // A write waits for the flag.
   void want_flag() { wanted_ = true; }
@@ -76,6 +77,7 @@ class FileGuard {
 
   u64 honest_limit() const;
   void give_up(bool tries_again);
+  void note_unguarded();
   void settle() { safe_ = given_up_ ? kNoFile : honest_limit(); }
 
   // A record that knows of no file.
@@ -83,14 +85,16 @@ class FileGuard {
   u64 safe_ = kNoFile;  // the least of the others
   u64 file_ = kNoFile;
   u64 pending_ = 0;
-  u64 unguarded_ =
-      0;  // up to this one writes may have gone on behind the snapshot that ended a give-up
+  // Up to this one writes may have gone on unguarded that a file which is whole, or becomes so by a save under way, lacks.
+  u64 unguarded_ = 0;
   u32 saves_ = 0;
   bool was_loaded_ = false;
   bool given_up_ = false;
   bool tries_again_ = false;
   bool wanted_ = false;
   bool requested_ = false;
+  bool is_uncertain_ =
+      false;  // a save failed within the file: what can be read of it may not be what is on disk
 };
 
 }  // namespace snbf

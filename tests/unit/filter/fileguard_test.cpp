@@ -180,6 +180,53 @@ TEST(FileGuard, OneRequestIsQueuedAtATimeAndTheEndOfASaveAsksAgain) {
   EXPECT_FALSE(guard.end_save(guard.begin_save(), FileState::Whole));
 }
 
+// A save whose snapshot is older may yet overwrite what has made the file good meanwhile.
+TEST(FileGuard, AnOlderSaveBringsBackAFileThatLacksWrites) {
+  for (const bool by_flag : {true, false}) {
+    FileGuard guard = saved();
+    guard.count_mark();
+    const u64 older = guard.begin_save();
+    guard.give_up_for_now();
+    guard.count_mark();
+    if (by_flag) guard.flag_is_on_disk();
+    for (int saves = by_flag ? 0 : 2; saves > 0; --saves)
+      guard.end_save(guard.begin_save(), FileState::Whole);
+    EXPECT_FALSE(guard.lacks_writes()) << by_flag;
+    guard.end_save(older, FileState::Whole);
+    EXPECT_TRUE(guard.lacks_writes()) << by_flag;
+    EXPECT_TRUE(guard.tries_again()) << by_flag;
+    guard.flag_is_on_disk();
+    EXPECT_FALSE(guard.tries_again()) << by_flag;
+  }
+}
+
+TEST(FileGuard, ALoadAmidASaveEndsAGiveUpForNow) {
+  FileGuard guard = saved();
+  const u64 older = guard.begin_save();
+  guard.count_mark();
+  guard.give_up_for_now();
+  guard.file_was_loaded(FileState::Whole);
+  EXPECT_FALSE(guard.lacks_writes());
+  guard.end_save(older, FileState::Whole);
+  EXPECT_TRUE(guard.lacks_writes());
+}
+
+// What is read behind it may be in this kernel's memory alone.
+TEST(FileGuard, WhatALoadFindsBehindASaveThatFailedIsNotOnDiskForCertain) {
+  FileGuard guard = saved();
+  guard.count_mark();
+  guard.end_save(guard.begin_save(), FileState::Unknown);
+  guard.file_was_loaded(FileState::Whole);
+  EXPECT_FALSE(guard.covers());
+  FileGuard flagged = guard;
+  flagged.flag_is_on_disk();
+  guard.end_save(guard.begin_save(), FileState::Whole);
+  for (FileGuard* each : {&guard, &flagged}) {
+    each->file_was_loaded(FileState::Whole);
+    EXPECT_TRUE(each->covers());
+  }
+}
+
 // What went on unguarded behind its snapshot is not in the file that the save has left.
 TEST(FileGuard, ASaveThatEndsAGiveUpMayLackWrites) {
   FileGuard guard = saved();
@@ -191,6 +238,7 @@ TEST(FileGuard, ASaveThatEndsAGiveUpMayLackWrites) {
   EXPECT_TRUE(guard.covers());
   guard.end_save(snapshot, FileState::Whole);
   EXPECT_TRUE(guard.lacks_writes());
+  EXPECT_TRUE(guard.tries_again()) << "no write may ever come";
   FileGuard flagged = guard;
   flagged.flag_is_on_disk();
   guard.end_save(guard.begin_save(), FileState::Whole);

@@ -418,6 +418,27 @@ SIM_TEST(Parking, WhatIsKnownToLackWritesIsNotLoaded) {
   EXPECT_TRUE(rig.is_set(7));
 }
 
+// The file covers the last extent, and not the others, whose bits the load takes away.
+TEST(ParkingBySeed, ALoadAmidAWriteOfManyExtentsLosesNone) {
+  constexpr u64 kFirst = 16, kExtents = 16;
+  for_seeds(800, [](u64 seed) {
+    Sim sim({.seed = seed});
+    EXPECT_EQ(sim.run([&] {
+      Node3 rig(sim);
+      EXPECT_EQ(rig.write(kFirst + kExtents - 1).wait(), 0);
+      EXPECT_EQ(rig.select(SNBF_SAVE_BMP, SNBF_BMP_INCR), 0);
+      Task* loader =
+          sim.spawn("loader", [&] { EXPECT_EQ(rig.select(SNBF_LOAD_BMP, SNBF_BMP_INCR), 0); });
+      sim.sleep_us(sim.random(150));  // about as long as it takes
+      EXPECT_EQ(rig.write(kFirst, kExtents * 4096).wait(), 0);
+      sim.join(loader);
+      for (u64 extent = kFirst; extent < kFirst + kExtents; ++extent)
+        ASSERT_TRUE(rig.is_set(extent)) << extent;
+    }),
+              RunEnd::Done);
+  });
+}
+
 // Another file system lies where the store was mounted: its file would say nothing of the store's.
 SIM_TEST(Parking, AFlagThatWasGivenUpIsNotRaisedInAnotherFileSystem) {
   Node3 rig(sim);
