@@ -106,12 +106,18 @@ class _Running:
         """Whether this was the first to end it."""
         if not self.ending.acquire(blocking=False):
             return False
-        _mark(f"{self.name} ends")
+        mark(f"{self.name} ends")
         report("case", name=self.name, ok=not detail, detail=detail, seconds=round(time.monotonic() - self.began, 1))
         return True
 
-    def cut(self):
-        if self.end():
+    def cut(self, ready=None):
+        detail = ""
+        try:
+            if ready:
+                ready()
+        except Exception:  # pylint: disable=broad-except
+            detail = traceback.format_exc()
+        if self.end(detail):
             os.write(RUNNER, b"crash\n")
         time.sleep(600)
 
@@ -119,14 +125,16 @@ class _Running:
 _running = None
 
 
-def crash_after(seconds):
-    """As crash(), that much later and in the midst of what the case is doing then; it passes if nothing failed before."""
-    timer = threading.Timer(seconds, _running.cut)
+def crash_after(seconds, ready=None):
+    """As crash(), that much later and in the midst of what the case is doing then; it passes if nothing failed before.
+    What ready() raises, which is called then and may put the cut off, fails it, too."""
+    timer = threading.Timer(seconds, _running.cut, (ready,))
     timer.daemon = True
     timer.start()
 
 
-def _mark(text):
+def mark(text):
+    """A line "test: TEXT" of the kernel log, in its order with the driver's."""
     with open("/dev/kmsg", "w", encoding="ascii") as kmsg:
         kmsg.write(f"<5>test: {text}\n")
 
@@ -142,7 +150,7 @@ def main():
     watch.begin()
     for body in chosen:
         _running = _Running(body.__name__)
-        _mark(f"{body.__name__} begins")
+        mark(f"{body.__name__} begins")
         detail = ""
         try:
             body()
@@ -174,8 +182,8 @@ class KernelLog:
         self.fd = os.open("/dev/kmsg", os.O_RDONLY | os.O_NONBLOCK)
         os.lseek(self.fd, 0, os.SEEK_END)
 
-    def lines(self):
-        """(level, text) of each record since the last call."""
+    def records(self):
+        """(seconds of the kernel's clock, level, text) of each since the last call, in their order."""
         found = []
         while True:
             try:
@@ -189,7 +197,12 @@ class KernelLog:
             head, _, text = record.partition(";")
             text = text.split("\n")[0]
             text = re.sub(r"\\x([0-9a-f]{2})", lambda match: chr(int(match.group(1), 16)), text)
-            found.append((int(head.split(",")[0]) & 7, text))
+            level, _, when_us, *_ = head.split(",")
+            found.append((int(when_us) / 1e6, int(level) & 7, text))
+
+    def lines(self):
+        """(level, text) of each record since the last call."""
+        return [(level, text) for _, level, text in self.records()]
 
     def texts(self):
         return [text for _, text in self.lines()]
@@ -206,6 +219,16 @@ class KernelLog:
 
     def close(self):
         os.close(self.fd)
+
+
+def times_of(records, *wanted):
+    """When each of the lines came, the first that has it of records that KernelLog answered."""
+    found = []
+    for part in wanted:
+        when = next((seconds for seconds, _, text in records if part in text), None)
+        check(when is not None, f"no kernel log line has {part!r}; there were {[text for _, _, text in records]}")
+        found.append(when)
+    return found
 
 
 ERROR_LEVEL = 3
