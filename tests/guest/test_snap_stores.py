@@ -9,6 +9,7 @@ import time
 import images
 import kit
 import mapper
+import patience
 import worker
 from kit import KIB, MIB
 
@@ -18,6 +19,7 @@ GUEST = {"minutes": 4, "disks": ["raw:24M", "store:64M", "small:12M", "state:64M
 
 SEED = 20240713
 STALL_S = 10  # that long kcowd may be in one file operation
+GIVEN_UP = "Invalidating snap device snbf({}, {})"
 
 
 @kit.case
@@ -123,7 +125,7 @@ def a_full_store_costs_the_snaps_and_no_writer():
         said = log.texts()
         log.close()
         for image in (older, newer):
-            line = f"Invalidating snap device snbf({kit.block_major()}, {image.minor})"
+            line = GIVEN_UP.format(kit.block_major(), image.minor)
             kit.check(any(line in text for text in said), f"no line has {line!r}")
             is_given_up(image.minor)
         kit.equal(os.path.getsize(f"{store}/cow1.data"), 0, "the copies of an invalid snap")
@@ -209,8 +211,11 @@ def a_failing_store(*features):
     with contextlib.ExitStack() as stack:
         bad, snaps, writer, started = with_a_store_that(stack)
         bad.become(bad.failing(*features))
-        for at in range(8 * MIB, 12 * MIB, MIB):
-            writer.write(at, MIB)
+        writer.longest_s = 0
+        with patience.Patience() as beside:
+            for at in range(8 * MIB, 12 * MIB, MIB):
+                writer.write(at, MIB)
+            beside.judge(writer.longest_s, STALL_S, "the longest write")
         for image in started:
             is_given_up(image.minor)
         bad.become(bad.good())
@@ -244,24 +249,43 @@ def ends(begun, what):
 
 
 def a_stalling_store(stall, go_on):
-    """One write meets the stall; the others must not even notice. All of it ends before the store goes on."""
+    """One write meets the stall; the others must not even notice. All of it ends before the store goes on, and the
+    write waits for the one request that met the stall, not for those that would have followed."""
     with contextlib.ExitStack() as stack:
         bad, snaps, writer, started = with_a_store_that(stack)
+        log = kit.KernelLog()
+        stack.callback(log.close)
         stall(bad)
         going = True
         stack.callback(lambda: going and go_on(bad))
         ended = []
-        first = begin(lambda: [writer.write(12 * MIB, 4 * KIB), ended.append("the write")])
-        time.sleep(0.5)
-        commands = begin(lambda: [*map(kit.info, (0, started[0].minor)), ended.append("the commands")])
-        ends(first, "the write")
-        ends(commands, "the commands")
-        kit.equal(ended, ["the commands", "the write"], "what ended first")
-        kit.check(STALL_S - 3 < writer.longest_s, f"the write waited {writer.longest_s:.1f} s")
+
+        def write():
+            kit.mark("the write begins")
+            writer.write(12 * MIB, 4 * KIB)
+            kit.mark("the write has ended")
+            ended.append("the write")
+
+        with patience.Patience() as beside:
+            first = begin(write)
+            time.sleep(0.5)
+            commands = begin(lambda: [*map(kit.info, (0, started[0].minor)), ended.append("the commands")])
+            ends(first, "the write")
+            ends(commands, "the commands")
+            kit.equal(ended, ["the commands", "the write"], "what ended first")
+            lines = [GIVEN_UP.format(kit.block_major(), image.minor) for image in started]
+            begun, end, *given_up = kit.times_of(log.records(), "the write begins", "the write has ended", *lines)
+            kit.check(STALL_S - 1 < min(given_up) - begun, f"given up after {min(given_up) - begun:.1f} s")
+            kit.check(end > max(given_up) - 1, "it went on before the snaps were given up")
+            beside.judge(max(given_up) - begun, STALL_S, "until the snaps were given up")
+            beside.judge(end - begun, STALL_S, "until the write had ended")
         for image in started:
             is_given_up(image.minor)
-        ends(begin(lambda: [writer.write(at, 64 * KIB) for at in range(13 * MIB, 20 * MIB, MIB)]),
-             "writes beside snaps that are given up")
+        with patience.Patience() as beside:
+            writer.longest_s = 0
+            ends(begin(lambda: [writer.write(at, 64 * KIB) for at in range(13 * MIB, 20 * MIB, MIB)]),
+                 "writes beside snaps that are given up")
+            beside.judge(writer.longest_s, 0, "the longest write beside snaps that are given up")
         go_on(bad)
         going = False
         for image in started:
@@ -301,9 +325,12 @@ def a_read_of_a_snap_from_a_store_that_stalls_ends():
             finally:
                 os.close(fd)
 
-        reader = begin(read)
-        time.sleep(0.5)
-        ends(begin(writer.write, 20 * MIB, 4 * KIB), "a write behind the read")
+        with patience.Patience() as beside:
+            writer.longest_s = 0
+            reader = begin(read)
+            time.sleep(0.5)
+            ends(begin(writer.write, 20 * MIB, 4 * KIB), "a write behind the read")
+            beside.judge(writer.longest_s, STALL_S, "a write behind the read")
         is_given_up(started[2].minor)
         bad.go_on()
         going = False
