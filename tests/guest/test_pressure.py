@@ -21,6 +21,7 @@ SIZE = 24 * MIB
 WRITERS = 4
 STRIPE = SIZE // WRITERS
 LEFT_KIB = 12 * 1024
+ROUNDS = 3  # at the most
 HOG = f"""
 import ctypes, mmap, sys
 libc = ctypes.CDLL(None, use_errno=True)
@@ -66,41 +67,52 @@ def write_stripe(fd, number, page, wanted):
                 wanted[place:place + 64 * KIB] = view[source:source + 64 * KIB]
 
 
+def one_round(path, store, page):
+    """How many chunks were copied for the snap before it was given up, if it was."""
+    before = images.read_all(kit.disk("raw"))
+    after = bytearray(SIZE)
+    failures = []
+    fd = os.open(path, os.O_RDWR | os.O_DIRECT)
+    snap = store.start(before, chunk_size=64 * KIB)
+
+    def write(number):
+        try:
+            write_stripe(fd, number, page, after)
+        except Exception as error:  # pylint: disable=broad-except
+            failures.append(error)
+
+    writers = [threading.Thread(target=write, args=(number,)) for number in range(WRITERS)]
+    with hog():
+        for writer in writers:
+            writer.start()
+        for writer in writers:
+            writer.join()
+    os.close(fd)
+    for failure in failures:
+        raise failure
+    kit.equal(images.differing(kit.disk("raw"), after, 64 * KIB), [], "writes that did not reach the partition")
+    copied = len(snap.copied())
+    is_valid = kit.info(snap.minor).snap_valid
+    if is_valid:
+        snap.check("without memory")
+        kit.equal(copied, SIZE // (64 * KIB), "copied chunks, of which each was written")
+    print(f"the image is {'exact' if is_valid else 'given up'}, {copied} chunks were copied")
+    kit.done(kit.stop(snap.minor), "stop")
+    return copied
+
+
 @kit.case
 def held_writes_need_no_more_memory_than_there_is():
+    """A snap that is given up at its first copy holds no write, so that nothing would have been tried: once more then."""
     with open(kit.disk("raw"), "wb") as out:
         out.write(random.Random(1).randbytes(SIZE))
     kit.load(snbf_debug=0)
     with images.snapped(kit.disk("raw"), kit.state_folder("store"), extent_size=4 * KIB) as (path, store):
-        before = images.read_all(kit.disk("raw"))
-        after = bytearray(SIZE)
-        failures = []
         page = images.aligned(2 * MIB)
         page.write(random.Random(2).randbytes(2 * MIB))
-        fd = os.open(path, os.O_RDWR | os.O_DIRECT)
         threading.stack_size(256 * KIB)  # which is locked, too
         stay_in_memory()
-        snap = store.start(before, chunk_size=64 * KIB)
-
-        def write(number):
-            try:
-                write_stripe(fd, number, page, after)
-            except Exception as error:  # pylint: disable=broad-except
-                failures.append(error)
-
-        writers = [threading.Thread(target=write, args=(number,)) for number in range(WRITERS)]
-        with hog():
-            for writer in writers:
-                writer.start()
-            for writer in writers:
-                writer.join()
-        os.close(fd)
-        for failure in failures:
-            raise failure
-        kit.equal(images.differing(kit.disk("raw"), after, 64 * KIB), [], "writes that did not reach the partition")
-        if kit.info(snap.minor).snap_valid:
-            snap.check("without memory")
-        print(f"the image is {'exact' if kit.info(snap.minor).snap_valid else 'given up'}")
+        kit.check(any(one_round(path, store, page) for _ in range(ROUNDS)), f"no chunk was copied in {ROUNDS} rounds")
 
 
 @kit.case
