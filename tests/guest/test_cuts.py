@@ -29,7 +29,10 @@ SLOTS = SNAPS + 2
 WRITERS = 4
 STRIPE = SIZE // WRITERS
 ACK_AREA = 8 * MIB
+MOST_A_LIFE = ACK_AREA // SECTOR - 1
 LONGEST_S = 4
+HANG_S = 120  # much longer than a write may wait for all steps of a copy, and for the flag
+LEAST_A_LIFE = 3  # acknowledged writes of each writer
 
 
 class Keep:
@@ -79,8 +82,8 @@ class Keep:
         self.write(self.FIRST_IMAGE + slot * SIZE, data)
         return slot
 
-    def count(self, what):
-        self.update(found={**self["found"], what: self["found"].get(what, 0) + 1})
+    def count(self, what, many=1):
+        self.update(found={**self["found"], what: self["found"].get(what, 0) + many})
 
 
 class Writer(threading.Thread):
@@ -89,6 +92,7 @@ class Writer(threading.Thread):
     Each sector says which write it is of: the life of the guest, and its number in that."""
 
     HEAD = struct.Struct("<IIII")  # life, writer, number, sector
+    least = LEAST_A_LIFE
 
     def __init__(self, life, number):
         super().__init__(daemon=True)
@@ -99,6 +103,7 @@ class Writer(threading.Thread):
         self.acks = os.open(kit.disk("acks"), os.O_WRONLY | os.O_DSYNC)
         self.node = os.open(NODE, os.O_RDWR | (0 if number == 0 else os.O_DIRECT | os.O_DSYNC))
         self.failure = None
+        self.done = 0  # acknowledged writes
 
     @classmethod
     def sectors(cls, life, writer, number, first, count):
@@ -113,7 +118,7 @@ class Writer(threading.Thread):
 
     def write_on(self):
         with images.aligned(64 * KIB) as page, memoryview(page) as view:
-            for number in range(1, ACK_AREA // SECTOR):
+            for number in range(1, MOST_A_LIFE + 1):
                 count = self.rng.choice((1, 2, 8, 8, 8, 40, 128))
                 first = (self.number * STRIPE + self.rng.randrange(0, self.reach - count * SECTOR, SECTOR)) // SECTOR
                 view[:count * SECTOR] = self.sectors(self.life, self.number, number, first, count)
@@ -122,26 +127,28 @@ class Writer(threading.Thread):
                     os.fsync(self.node)
                 ack = struct.pack("<IIII", self.life, number, first, count)
                 os.pwrite(self.acks, ack.ljust(SECTOR, b"\0"), self.number * ACK_AREA + (number - 1) * SECTOR)
+                self.done = number
 
     @staticmethod
     def acknowledged(life, writer):
-        """The last of that life's writes to each sector that was acknowledged."""
+        """How many of that life's writes were acknowledged, and the last of them to each sector."""
         last = {}
         with open(kit.disk("acks"), "rb") as acks:
             acks.seek(writer * ACK_AREA)
-            for number in range(1, ACK_AREA // SECTOR):
+            for number in range(1, MOST_A_LIFE + 1):
                 its_life, its_number, first, count = struct.unpack("<IIII", acks.read(SECTOR)[:16])
                 if (its_life, its_number) != (life, number):
-                    return last
+                    return number - 1, last
                 last.update({first + sector: number for sector in range(count)})
-        return last
+        return number, last
 
     @classmethod
-    def lost(cls, life, data):
-        """Sectors that hold neither what was acknowledged last nor what was written after it."""
+    def lost(cls, life, last, data):
+        """Sectors that hold neither what was acknowledged last, which `last` tells of each writer, nor what was written
+        after it."""
         wrong = []
         for writer in range(WRITERS):
-            for sector, number in cls.acknowledged(life, writer).items():
+            for sector, number in last[writer].items():
                 held = data[sector * SECTOR:(sector + 1) * SECTOR]
                 its_life, _, its_number, _ = cls.HEAD.unpack_from(held)
                 if its_life != life or its_number < number or held != cls.sectors(life, writer, its_number, sector, 1):
@@ -200,8 +207,11 @@ def judge():
     keep = Keep()
     attach()
     now = images.read_all(kit.disk("raw"))
-    lost = Writer.lost(keep["life"], now)
+    writes, last = zip(*(Writer.acknowledged(keep["life"], number) for number in range(WRITERS)))
+    kit.check(min(writes) >= LEAST_A_LIFE, f"acknowledged writes of each writer: {writes}; {LEAST_A_LIFE} are the least")
+    lost = Writer.lost(keep["life"], last, now)
     kit.equal(lost[:20], [], f"{len(lost)} sectors lost an acknowledged write")
+    keep.count("acknowledged writes", sum(writes))
     judge_bitmaps(keep, now)
     forget_those_that_were_going(keep)
     resume_all(keep)
@@ -232,20 +242,51 @@ def let_the_oldest_go(keep):
     keep.update(going=[])
 
 
+def check_writers(writers):
+    for failure in filter(None, (writer.failure for writer in writers)):
+        raise failure
+
+
+class Saves:
+    """Who saves the bitmaps, and lets snaps go; it counts as a writer does."""
+
+    done = 0
+    least = 1
+
+
+def all_get_on(workers, writers, rng):
+    """What hung before the cut would look as if it had been cut: from its moment on each has one more done. A life in which
+    little was done goes on until it is enough, and then for a while that nobody chose."""
+    seen = [worker.done for worker in workers]
+    wanted = [min(max(done + 1, worker.least), MOST_A_LIFE) for worker, done in zip(workers, seen)]
+    deadline = time.monotonic() + HANG_S * kit.SLOWNESS
+    while any(worker.done < least for worker, least in zip(workers, wanted)):
+        check_writers(writers)
+        now = [worker.done for worker in workers]
+        if all(done > before for done, before in zip(now, seen)):
+            seen, deadline = now, time.monotonic() + HANG_S * kit.SLOWNESS
+        kit.check(time.monotonic() < deadline, f"before the cut somebody hangs: {now} done, {seen} {HANG_S} s before")
+        time.sleep(0.005)
+    time.sleep(rng.uniform(0, 0.1))
+    check_writers(writers)
+
+
 def work_until_the_end(keep):
     begin_life(keep)
     rng = random.Random(keep["life"])
-    kit.crash_after(rng.uniform(0.1, LONGEST_S))
     writers = [Writer(keep["life"], number) for number in range(WRITERS)]
+    saves = Saves()
+    moments = random.Random(f"moments of {keep['life']}")
+    kit.crash_after(rng.uniform(0.1, LONGEST_S), lambda: all_get_on([*writers, saves], writers, moments))
     for writer in writers:
         writer.start()
     while True:
         time.sleep(rng.uniform(0, 0.2))
-        for failure in filter(None, (writer.failure for writer in writers)):
-            raise failure
+        check_writers(writers)
         if len(keep["snaps"]) > SNAPS - 1:
             let_the_oldest_go(keep)
         kit.done(kit.bmp_select("SAVE_BMP", 0, rng.choice(kit.BITMAPS)), "save")
+        saves.done += 1
 
 
 @kit.case(boot="begin")
@@ -264,9 +305,15 @@ def what_the_cut_left_is_true_and_the_next_one_comes():
 @kit.case(boot="end")
 def what_the_last_cut_left_is_true():
     keep = judge()
-    print(keep["found"])
+    found = {"bitmaps covering": 0, "bitmaps all ones": 0, **keep["found"]}
+    print(found)
+    lives = int(os.environ.get("SNBF_LONG") or 1) + 1
+    kit.equal(found["lives"], lives, "lives that were judged")
+    kit.equal(found["bitmaps covering"] + found["bitmaps all ones"], lives * len(kit.BITMAPS), "bitmaps that were judged")
+    # Each life starts one before its writers begin, and the second has that of the first as well.
+    kit.check(found["snaps exact"] > lives, f"{found['snaps exact']} images were judged in {lives} lives")
     if os.environ.get("SNBF_LONG"):
-        kit.check(keep["found"].keys() >= {"bitmaps covering", "bitmaps all ones", "snaps exact"}, "too little was tried")
+        kit.check(found["bitmaps covering"] and found["bitmaps all ones"], "too little was tried")
     kit.unload()
     kit.equal(kit.slabs(), [], "slab caches")
 
