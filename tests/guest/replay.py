@@ -5,25 +5,35 @@ The logged device holds the partition of node 0 in front (PART bytes) and behind
 in its root folder. The log tells in which order writes became durable; each of its prefixes is what one power cut could
 leave. Marks in the log say when the judging begins and ends, and when the bitmaps were cleared, with no writer at work.
 
+A device need not keep the order of what was written since the last flush: of that a power cut leaves some sectors and not
+others. So of the writes that a flush made durable together some are left out or torn, by chance that a seed gives, and
+what that leaves is judged as well, and counted apart.
+
 Alone: replay.py LOG PART-MIB TOTAL-MIB, over the log disk of a test that has run.
 """
 
 import collections
 import os
+import random
 import re
 import struct
 import sys
 import zlib
 
 MAGIC = 0x6a736677736872
-FLAG_DISCARD, FLAG_MARK = 4, 8
+FLAG_FLUSH, FLAG_FUA, FLAG_DISCARD, FLAG_MARK = 1, 2, 4, 8
+SECTOR = 512
 EXTENT = 4096
 BLOCK = 4096
 JOURNAL_MAGIC = 0xC03B3998
 DESCRIPTOR, COMMIT, REVOKE = 1, 2, 5
 TAG_ESCAPED, TAG_SAME_UUID, TAG_LAST = 1, 2, 8
 
-Entry = collections.namedtuple("Entry", "offset length data mark")
+# `flags` are those of a write, or of a flush, which has no length. One that has a length and flushes as well comes as two.
+SEED = 20261123
+CUTS_ALONE = 2  # of each flush, where nobody waits for the judging
+
+Entry = collections.namedtuple("Entry", "offset length data mark flags")
 
 
 def entries(log):
@@ -37,14 +47,16 @@ def entries(log):
         sector, sectors, flags, extra = struct.unpack("<QQQQ", log.read(32))
         at += unit
         if flags & FLAG_MARK:
-            yield Entry(0, 0, b"", log.read(extra).rstrip(b"\0").decode())
+            yield Entry(0, 0, b"", log.read(extra).rstrip(b"\0").decode(), 0)
             continue
+        if flags & FLAG_FLUSH:
+            yield Entry(0, 0, b"", "", FLAG_FLUSH)
         if flags & FLAG_DISCARD:
-            yield Entry(sector * unit, sectors * unit, bytes(sectors * unit), "")
+            yield Entry(sector * unit, sectors * unit, bytes(sectors * unit), "", 0)
             continue
         if sectors:
             log.seek(at)
-            yield Entry(sector * unit, sectors * unit, log.read(sectors * unit), "")
+            yield Entry(sector * unit, sectors * unit, log.read(sectors * unit), "", flags & FLAG_FUA)
         at += sectors * unit
 
 
@@ -111,7 +123,7 @@ class Ext4:
             at = step(at)
             if kind == DESCRIPTOR:
                 tag = 12
-                while True:
+                while tag + 8 <= BLOCK:  # a torn one may have no last tag
                     target, _, flags = struct.unpack_from(">IHH", block, tag)
                     data = logged(at)
                     if flags & TAG_ESCAPED:
@@ -167,38 +179,117 @@ def trusted(file):
     return {at * 8 + bit for at, byte in enumerate(bits) if byte for bit in range(8) if byte >> bit & 1}
 
 
-class Judge:
-    """Counts prefixes, and of each bitmap file in them what it was."""
+class LogJudge:
+    """Counts prefixes, and what is in them; and the same of power cuts that leave some of what a flush makes durable.
+
+    A judge has apply(entry), which changes its state as a write does, look(counts, what), which judges the state, and
+    take_mark(mark); what it knows beside the device's bytes, and cannot find again from them, is kept()."""
+
+    LEAST_PREFIXES = 200
+    CUTS_OF_A_FLUSH = 0.5  # on the average
+
+    def __init__(self, part_bytes, total_bytes):
+        self.part = bytearray(part_bytes)
+        self.store = bytearray(total_bytes - part_bytes)
+        self.ended = False
+        self.prefixes = 0
+        self.cuts = 0
+        self.counts = collections.Counter()
+        self.cut_counts = collections.Counter()
+        self.faults = []
+        self.group = []
+        self.rng = random.Random(SEED)
+        self.cuts_of_a_flush = self.CUTS_OF_A_FLUSH
+
+    def is_judging(self):
+        raise NotImplementedError
+
+    def bytes_of(self, offset):
+        """Of the two parts of the device the one that has that offset, and where it is in that."""
+        return (self.part, offset) if offset < len(self.part) else (self.store, offset - len(self.part))
+
+    def take(self, entry):
+        """Of a flush the log has first what it made durable, in one piece."""
+        if entry.flags == FLAG_FLUSH:
+            self.try_cuts()
+        elif not entry.mark and not entry.flags:
+            self.group.append(entry)
+            return
+        for write in self.group:
+            self.take_write(write)
+        self.group = []
+        if entry.mark:
+            self.take_mark(entry.mark)
+        elif entry.length:
+            self.take_write(entry)
+
+    def take_write(self, entry):
+        self.apply(entry)
+        if self.is_judging():
+            self.prefixes += 1
+            self.look(self.counts, f"prefix {self.prefixes}")
+
+    def try_cuts(self):
+        if not self.group or not self.is_judging():
+            return
+        for _ in range(int(self.cuts_of_a_flush + self.rng.random())):
+            self.cuts += 1
+            self.try_cut([piece for write in self.group for piece in self.left_of(write)])
+
+    def left_of(self, write):
+        """All of a write, or nothing, or some of its sectors."""
+        fate = self.rng.choice(("whole", "lost", "torn"))
+        if fate == "whole":
+            return [write]
+        if fate == "lost":
+            return []
+        return [Entry(write.offset + at, SECTOR, write.data[at:at + SECTOR], "", 0)
+                for at in range(0, write.length, SECTOR) if self.rng.random() < 0.5]
+
+    def try_cut(self, pieces):
+        """The device is as it was when this returns."""
+        kept = self.kept()
+        undo = []
+        for piece in pieces:
+            data, at = self.bytes_of(piece.offset)
+            undo.append(piece._replace(data=bytes(data[at:at + piece.length])))
+            self.apply(piece)
+        self.look(self.cut_counts, f"cut {self.cuts}, behind prefix {self.prefixes}")
+        for piece in reversed(undo):
+            self.apply(piece)
+        self.restore(kept)
+
+
+class Judge(LogJudge):
+    """What each bitmap file is."""
 
     NAMES = ("snbf0.diff", "snbf0.incr")
     LEAST = {"not whole": 20, "covering": 20}
+    LEAST_IN_CUTS = {"not whole": 20, "covering": 5}
 
     def __init__(self, part_bytes, total_bytes):
-        self.part = part_bytes
-        self.store = bytearray(total_bytes - part_bytes)
+        super().__init__(part_bytes, total_bytes)
         self.changed = set()
         self.clearing = False
         self.judging = False
-        self.ended = False
         self.files = None
-        self.prefixes = 0
-        self.counts = collections.Counter()
-        self.faults = []
 
-    def take(self, entry):
-        if entry.mark:
-            self.take_mark(entry.mark)
-            return
-        if entry.offset < self.part:
-            if self.judging:
-                last = (entry.offset + entry.length - 1) // EXTENT
-                self.changed.update(range(entry.offset // EXTENT, last + 1))
-        else:
-            at = entry.offset - self.part
-            self.store[at:at + entry.length] = entry.data
+    def is_judging(self):
+        return self.judging
+
+    def kept(self):
+        return set(self.changed), self.files
+
+    def restore(self, kept):
+        self.changed, self.files = kept
+
+    def apply(self, entry):
+        data, at = self.bytes_of(entry.offset)
+        data[at:at + entry.length] = entry.data
+        if data is self.store:
             self.files = None
-        if self.judging:
-            self.judge()
+        elif self.judging:
+            self.changed.update(range(at // EXTENT, (at + entry.length - 1) // EXTENT + 1))
 
     def take_mark(self, mark):
         if mark == "begin":
@@ -212,32 +303,32 @@ class Judge:
             self.clearing = False
             self.changed.clear()
 
-    def judge(self):
-        self.prefixes += 1
+    def look(self, counts, what):
         if self.files is None:
             fs = Ext4(self.store)
             names = fs.names()
             self.files = [trusted(fs.read(names[name])) if name in names else None for name in self.NAMES]
         for name, bits in zip(self.NAMES, self.files):
             if bits is None:
-                self.counts["not whole"] += 1
+                counts["not whole"] += 1
             elif self.changed <= bits:
-                self.counts["covering"] += 1
+                counts["covering"] += 1
             elif self.clearing and not bits:
-                self.counts["cleared"] += 1
+                counts["cleared"] += 1
             else:
-                self.counts["lacking"] += 1
-                self.faults.append(f"prefix {self.prefixes}: {name} lacks {sorted(self.changed - bits)[:8]}")
-
-
-LEAST_PREFIXES = 200
+                counts["lacking"] += 1
+                self.faults.append(f"{what}: {name} lacks {sorted(self.changed - bits)[:8]}")
 
 
 def shortcomings(judge):
     """Why a log without a fault would prove nothing."""
     found = [] if judge.ended else ["the log has no end: its disk ran full, or the test did not come to its own"]
-    if judge.prefixes < LEAST_PREFIXES or any(judge.counts[what] < least for what, least in judge.LEAST.items()):
-        found.append(f"too little was tried: {LEAST_PREFIXES} prefixes are the least, and {judge.LEAST}")
+    for what, counts, least in (("prefixes", judge.counts, judge.LEAST),
+                                ("cuts", judge.cut_counts, judge.LEAST_IN_CUTS)):
+        if any(counts[key] < value for key, value in least.items()):
+            found.append(f"too little was tried: of {what} {least} is the least")
+    if judge.prefixes < judge.LEAST_PREFIXES:
+        found.append(f"too little was tried: {judge.LEAST_PREFIXES} prefixes are the least")
     return found
 
 
@@ -247,6 +338,7 @@ def judge_log(judge, path):
         for entry in entries(log):
             judge.take(entry)
     print(f"{judge.prefixes} prefixes: {dict(judge.counts)}")
+    print(f"{judge.cuts} cuts before a flush: {dict(judge.cut_counts)}")
     judge.faults += shortcomings(judge)
     return judge
 
@@ -255,7 +347,9 @@ def main(judge_of):
     """Of a program that judges a log; `judge_of` makes the judge from the bytes of the partition and of the whole."""
     if len(sys.argv) != 4 or not all(re.fullmatch(r"\d+", word) for word in sys.argv[2:]):
         sys.exit(f"usage: {os.path.basename(sys.argv[0])} LOG PART-MIB TOTAL-MIB")
-    judge = judge_log(judge_of(int(sys.argv[2]) << 20, int(sys.argv[3]) << 20), sys.argv[1])
+    judge = judge_of(int(sys.argv[2]) << 20, int(sys.argv[3]) << 20)
+    judge.cuts_of_a_flush = CUTS_ALONE
+    judge_log(judge, sys.argv[1])
     for line in judge.faults[:20]:
         print(line)
     sys.exit(1 if judge.faults else 0)

@@ -10,8 +10,6 @@ every chunk counts.
 Alone: replay_snaps.py LOG PART-MIB TOTAL-MIB, over the log disk of a test that has run.
 """
 
-import collections
-
 import replay
 from replay import BLOCK
 
@@ -49,37 +47,34 @@ class Snap:
         return b"".join(zeros if at is None else bytes(store[at * BLOCK:(at + 1) * BLOCK]) for at in found)
 
 
-class Judge:
-    """Counts prefixes, and of each snap in them whether it would be refused, or shows what it must."""
+class Judge(replay.LogJudge):
+    """Of each snap in a prefix whether it would be refused, or shows what it must."""
 
     LEAST = {"exact": 200, "copies in exact ones": 10000}
+    LEAST_IN_CUTS = {"exact": 50, "copies in exact ones": 2000}
+    CUTS_OF_A_FLUSH = 0.1  # one takes as long as several prefixes
 
     def __init__(self, part_bytes, total_bytes):
-        self.part = bytearray(part_bytes)
-        self.store = bytearray(total_bytes - part_bytes)
+        super().__init__(part_bytes, total_bytes)
         self.snaps = []
         self.owners = {}  # of a block of the store: its snap and chunk, if it is a snap's data and nothing else
-        self.ended = False
-        self.prefixes = 0
-        self.counts = collections.Counter()
-        self.faults = []
 
-    def take(self, entry):
-        if entry.mark:
-            self.take_mark(*entry.mark.split(":"))
-            return
-        if entry.offset < len(self.part):
-            self.part[entry.offset:entry.offset + entry.length] = entry.data
-            touched = set(range(entry.offset // CHUNK, (entry.offset + entry.length - 1) // CHUNK + 1))
+    def is_judging(self):
+        return bool(self.snaps)
+
+    def kept(self):
+        """All of it follows from the device's bytes."""
+
+    def restore(self, _):
+        pass
+
+    def apply(self, entry):
+        data, at = self.bytes_of(entry.offset)
+        data[at:at + entry.length] = entry.data
+        if data is self.part:
+            touched = set(range(at // CHUNK, (at + entry.length - 1) // CHUNK + 1))
             self.look_again(dict.fromkeys(self.snaps, touched))
-        else:
-            self.take_store(entry)
-        if self.snaps:
-            self.judge()
-
-    def take_store(self, entry):
-        at = entry.offset - len(self.part)
-        self.store[at:at + entry.length] = entry.data
+            return
         blocks = range(at // BLOCK, (at + max(entry.length, 1) - 1) // BLOCK + 1)
         if all(block in self.owners for block in blocks):
             touched = {}
@@ -89,7 +84,8 @@ class Judge:
         elif self.snaps:
             self.find_files()
 
-    def take_mark(self, word, number=None):
+    def take_mark(self, mark):
+        word, _, number = mark.partition(":")
         if word == "snap":
             self.snaps.append(Snap(int(number), bytes(self.part)))
             self.find_files()
@@ -123,17 +119,16 @@ class Judge:
                 shown = self.part[at] if holder is None else holder.copy_of(self.store, chunk)
                 (snap.wrong.discard if shown == snap.wanted[at] else snap.wrong.add)(chunk)
 
-    def judge(self):
-        self.prefixes += 1
+    def look(self, counts, what):
         for place, snap in enumerate(self.snaps):
             if any(newer.is_refused for newer in self.snaps[place:]):  # nor would the agent resume one below it
-                self.counts["refused"] += 1
+                counts["refused"] += 1
             elif not snap.wrong:
-                self.counts["exact"] += 1
-                self.counts["copies in exact ones"] += len(snap.bits)
+                counts["exact"] += 1
+                counts["copies in exact ones"] += len(snap.bits)
             else:
-                self.counts["wrong"] += 1
-                self.faults.append(f"prefix {self.prefixes}: snap {snap.number} is wrong in {sorted(snap.wrong)[:8]}")
+                counts["wrong"] += 1
+                self.faults.append(f"{what}: snap {snap.number} is wrong in {sorted(snap.wrong)[:8]}")
 
 
 if __name__ == "__main__":
