@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <optional>
@@ -31,6 +32,7 @@ constexpr size_t kNodeNameShown = 64;
 constexpr int kNameTries = 100;
 constexpr auto kDrainStep = std::chrono::milliseconds(10);
 constexpr int kDrainStepsMax = 200;
+constexpr int kDrainLooks = 2;  // in a row
 
 std::string node_device(const snbf_info& node) {
   return "/dev/snbf/snbf" + std::to_string(node.minor);
@@ -69,20 +71,74 @@ int sync_mounts(dev_t device) {
   return 0;
 }
 
+struct Underway {
+  uint64_t reads = 0;
+  uint64_t writes = 0;
+};
+
+// Of a device's folder in sysfs. Nothing: it cannot be told.
+std::optional<Underway> underway(const std::string& folder) {
+  std::ifstream file(folder + "/inflight");
+  Underway found;
+  if (!(file >> found.reads >> found.writes)) return std::nullopt;
+  return found;
+}
+
+// Where the writes of a node can be on their way.
+class Way {
+ public:
+  Way(libsnbf* handle, uint32_t minor) {
+    const std::string proc = handle->proc_root + "/snbf/snbf" + std::to_string(minor);
+    const std::string devices = handle->sys_root + "/dev/block/";
+    uint32_t major = 0;
+    if (libsnbf_blk_major(handle, &major) != 0) return;
+    held_ = proc + "/cowqueue_len";
+    node_ = devices + std::to_string(major) + ":" + std::to_string(minor);
+    disk_ = devices + read_line(proc + "/hdd_major") + ":" + read_line(proc + "/hdd_minor");
+    std::error_code ignored;
+    if (!std::filesystem::exists(disk_ + "/partition", ignored)) return;
+    // It lies in its disk's folder. The system follows a link before it goes up.
+    partition_ = disk_;
+    disk_ += "/..";
+  }
+
+  // Asked in the order of a write's way, or one that goes on meanwhile is seen nowhere. Writes that
+  // the driver has parked need no question: they are marked again when they go on. Nothing: it
+  // cannot be told.
+  std::optional<bool> is_free() const {
+    uint64_t held = 0;
+    if (std::ifstream file(held_); !(file >> held)) return std::nullopt;
+    const auto node = underway(node_);
+    const auto disk = underway(disk_);
+    const auto partition = partition_.empty() ? Underway{} : underway(partition_);
+    if (!node || !disk || !partition) return std::nullopt;
+    return held == 0 && node->writes == 0 && disk->reads == 0 && disk->writes == 0 &&
+           partition->writes == 0;
+  }
+
+ private:
+  std::string held_;  // for a snap that still needs what they overwrite
+  std::string node_;  // passed on as clones, though a control group may hold those up
+  std::string disk_;
+  std::string partition_;  // where there is one: some disks without a queue count here alone
+};
+
 // Waits for a moment in which no write is under way to the partition. A write is marked before it
 // reaches it: one that was taken as marked must have landed before its extent is read. False: it
 // cannot be told that all have.
-bool drain(const libsnbf& handle, const snbf_info& node) {
-  const std::string proc = handle.proc_root + "/snbf/snbf" + std::to_string(node.minor);
-  const std::string inflight = handle.sys_root + "/dev/block/" + read_line(proc + "/hdd_major") +
-                               ":" + read_line(proc + "/hdd_minor") + "/inflight";
+//
+// The disk counts what it was given, and not what its scheduler holds back: only where it has
+// nothing to do, reads of other partitions included, does nothing wait. It may pause between two
+// requests, so it is looked at twice.
+bool drain(libsnbf* handle, uint32_t minor) {
+  const Way way(handle, minor);
+  int looks_free = 0;
   for (int step = 0; step < kDrainStepsMax; ++step) {
     std::this_thread::sleep_for(kDrainStep);
-    std::ifstream file(inflight);
-    uint64_t reads = 0;
-    uint64_t writes = 0;
-    if (!(file >> reads >> writes)) return false;
-    if (writes == 0) return true;
+    const auto is_free = way.is_free();
+    if (!is_free) return false;
+    looks_free = *is_free ? looks_free + 1 : 0;
+    if (looks_free == kDrainLooks) return true;
   }
   return false;
 }
@@ -203,7 +259,7 @@ int libsnbf_capture::make_snap(const char* cow_dir) {
 }
 
 void libsnbf_capture::settle(const Bits& just_taken) {
-  if (!snbf::lib::drain(*handle, node)) snbf::lib::merge(&unsettled, just_taken);
+  if (!snbf::lib::drain(handle, node.minor)) snbf::lib::merge(&unsettled, just_taken);
 }
 
 int libsnbf_capture::add_marked(uint32_t type) {

@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0-only
 // The library's capture over a driver that the test plays: its order, every failure, every kill.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 
 #include "played_capture.h"
 
@@ -18,6 +22,12 @@ class Capture : public Captures {
     for (int extent : {1, 2, 9}) mark(SNBF_BMP_INCR, extent);
     for (int extent : {1, 2, 9, 12}) mark(SNBF_BMP_DIFF, extent);
     EXPECT_EQ(open(), 0);
+  }
+  // Begun without a snap: all that was taken is known to have landed.
+  bool settles() {
+    EXPECT_EQ(begin(LIBSNBF_LEVEL_INCR, false), 0);
+    wanted();
+    return !source_.unsettled;
   }
 };
 
@@ -195,13 +205,125 @@ TEST_F(Capture, WithoutASnapItGoesOnUntilNothingIsLeft) {
 }
 
 TEST_F(Capture, WritesThatMayNotHaveLandedCountAsChangedAgain) {
-  std::filesystem::remove(dir_ + "/dev/block/7:99/inflight");
-  ASSERT_EQ(begin(LIBSNBF_LEVEL_INCR, false), 0);
-  wanted();
-  EXPECT_TRUE(source_.unsettled);
+  std::filesystem::remove(dir_ + "/" + kAtHdd);
+  EXPECT_FALSE(settles());
   ASSERT_EQ(libsnbf_capture_seal(capture_), 0);
   ASSERT_EQ(libsnbf_capture_commit(capture_, nullptr), 0);
   EXPECT_EQ(marked(SNBF_BMP_INCR), kIncr);
+}
+
+TEST_F(Capture, WhatCannotBeToldOfWritesUnderWayIsNoRest) {
+  for (const char* missing : {kHeld, kAtNode, kAtHdd, "snbf/blk_major"}) {
+    SCOPED_TRACE(missing);
+    std::filesystem::rename(dir_ + "/" + missing, dir_ + "/kept");
+    EXPECT_FALSE(settles());
+    EXPECT_EQ(libsnbf_capture_abort(capture_, nullptr), 0);
+    std::filesystem::rename(dir_ + "/kept", dir_ + "/" + missing);
+  }
+  put_on_a_partition();
+  std::filesystem::remove(dir_ + "/devices/disk/inflight");
+  EXPECT_FALSE(settles());
+}
+
+TEST_F(Capture, HeldWritesAreNoRest) {
+  put(kHeld, "1\n");
+  EXPECT_FALSE(settles());
+}
+
+TEST_F(Capture, AWriteUnderWayAtTheNodeIsNoRest) {
+  put(kAtNode, "0 1\n");
+  EXPECT_FALSE(settles());
+}
+
+TEST_F(Capture, AReadUnderWayAtTheDiskOfThePartitionIsNoRest) {
+  put_on_a_partition();
+  put("devices/disk/inflight", "1 0\n");
+  EXPECT_FALSE(settles());
+}
+
+TEST_F(Capture, AReadUnderWayAtAWholeDiskIsNoRest) {
+  put(kAtHdd, "1 0\n");
+  EXPECT_FALSE(settles());
+}
+
+TEST_F(Capture, AWriteThatOnlyThePartitionCountsIsNoRest) {
+  put_on_a_partition();
+  put("devices/disk/part/inflight", "0 1\n");
+  EXPECT_FALSE(settles());
+}
+
+TEST_F(Capture, AFolderOfAPartitionThatIsNoLinkWillDo) {
+  put("dev/block/7:99/partition", "1\n");
+  EXPECT_FALSE(settles()) << "what the disk says is missing";
+  EXPECT_EQ(libsnbf_capture_abort(capture_, nullptr), 0);
+  put("dev/block/inflight", "0 0\n");
+  EXPECT_TRUE(settles());
+}
+
+TEST_F(Capture, RestAtThePartitionsDiskAndReadsOfTheNodeSettleIt) {
+  put_on_a_partition();
+  put(kAtNode, "3 0\n");
+  EXPECT_TRUE(settles());
+  ASSERT_EQ(libsnbf_capture_seal(capture_), 0);
+  EXPECT_EQ(marked(SNBF_BMP_INCR), Marks{});
+}
+
+// What a file says, look by look; then it says what the last one said for good, or is gone.
+class Looks {
+ public:
+  Looks(std::string path, std::vector<std::string> texts, bool is_gone_then)
+      : path_(std::move(path)), texts_(std::move(texts)), is_gone_then_(is_gone_then) {
+    replace(0);
+    player_ = std::jthread([this](const std::stop_token& stop) { play(stop); });
+  }
+  size_t taken() const { return taken_; }
+
+ private:
+  // A pipe for each: who opens one waits for its text, and whoever comes next finds the next.
+  void replace(size_t at) {
+    const std::string next = path_ + ".next";
+    if (at < texts_.size()) {
+      EXPECT_EQ(::mkfifo(next.c_str(), 0600), 0);
+    } else if (is_gone_then_) {
+      std::filesystem::remove(path_);
+      return;
+    } else {
+      std::ofstream(next) << texts_.back();
+    }
+    std::filesystem::rename(next, path_);
+  }
+  void play(const std::stop_token& stop) {
+    while (taken_ < texts_.size()) {
+      const int reader = ::open(path_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+      if (reader < 0 && stop.stop_requested()) return;
+      if (reader < 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        continue;
+      }
+      const std::string& text = texts_[taken_];
+      replace(++taken_);
+      EXPECT_EQ(::write(reader, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+      ::close(reader);
+    }
+  }
+
+  const std::string path_;
+  const std::vector<std::string> texts_;
+  const bool is_gone_then_;
+  std::atomic<size_t> taken_ = 0;
+  std::jthread player_;
+};
+
+TEST_F(Capture, OneLookThatFindsRestIsNotEnough) {
+  Looks looks(dir_ + "/" + kAtHdd, {"0 0\n", "0 1\n", "0 0\n", "1 0\n", "0 0\n"}, true);
+  EXPECT_FALSE(settles());
+  EXPECT_EQ(looks.taken(), 5u);
+}
+
+TEST_F(Capture, RestThatComesLaterIsWaitedFor) {
+  Looks looks(dir_ + "/" + kAtHdd, {"1 4\n", "0 2\n", "2 0\n", "0 0\n"}, false);
+  EXPECT_TRUE(settles());
+  EXPECT_EQ(looks.taken(), 4u);
 }
 
 TEST_F(Capture, AfterOneThatWasCutOffRecoveryComesFirst) {

@@ -18,6 +18,11 @@ namespace snbf::played {
 constexpr uint32_t kExtent = 65536;
 constexpr uint32_t kBitsBytes = kSize / kExtent / 8;
 
+// Writes that are held, and what /sys says of requests under way: reads and writes.
+constexpr const char* kHeld = "snbf/snbf0/cowqueue_len";
+constexpr const char* kAtNode = "dev/block/240:0/inflight";
+constexpr const char* kAtHdd = "dev/block/7:99/inflight";
+
 using Marks = std::set<int>;
 
 inline Marks marks_of(const void* bits) {
@@ -57,15 +62,23 @@ class Captures : public Snaps {
     driver_->answer_first_ = [this](uint32_t command, void* record) {
       return answer(command, record);
     };
-    settled("0 0\n");
+    put(kHeld, "0\n");
+    put(kAtNode, "0 0\n");
+    put(kAtHdd, "0 0\n");
   }
   ~Captures() override {
     libsnbf_capture_close(capture_);
     ::munmap(bitmaps_, sizeof(Bitmaps));
   }
 
-  // What /sys says of requests under way: reads and writes.
-  void settled(const std::string& inflight) { put("dev/block/7:99/inflight", inflight); }
+  // The disk has a partition, which is the node's; in /sys a link leads to its folder.
+  void put_on_a_partition() {
+    std::filesystem::remove_all(dir_ + "/dev/block/7:99");
+    put("devices/disk/inflight", "0 0\n");
+    put("devices/disk/part/inflight", "0 0\n");
+    put("devices/disk/part/partition", "1\n");
+    std::filesystem::create_directory_symlink("../../devices/disk/part", dir_ + "/dev/block/7:99");
+  }
   void mark(uint32_t type, int extent) {
     bitmaps_->bits[type][extent / 8] |= static_cast<uint8_t>(1u << (extent % 8));
   }
