@@ -54,11 +54,11 @@ static void let_go(struct freeze* freeze) {
 
 /*
  * The freeze shuts writers out and only then writes what is dirty. Most of that is written here first, while they
- * go on. What fails, the freeze meets again.
+ * go on. What fails is the freeze's to tell. One that is frozen by hand has nothing dirty, and is not kept from its thaw.
  */
 static void write_back(struct super_block* sb) {
   down_read(&sb->s_umount);
-  sync_filesystem(sb);
+  if (sb->s_writers.frozen == SB_UNFROZEN) sync_filesystem(sb);
   up_read(&sb->s_umount);
 }
 
