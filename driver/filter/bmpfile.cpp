@@ -171,7 +171,7 @@ int load_locked(const ChangeBitmap& bitmap, u8* scratch) {
     if (lacks_writes) state = FileState::Unknown;
     bitmap.guard().file_was_loaded(state);
     if (state == FileState::Whole) {
-      bitmap.set_dirty(0);
+      bitmap.set_dirty(bitmap.guard().is_behind() ? 1 : 0);  // what was read may not be on disk
       mem_copy(bitmap.bits(), scratch, bitmap.size_bytes());
       bitmap.node.loads.fetch_add(1);
     } else {
@@ -364,14 +364,18 @@ int snbf_block_save_bmp(FilterNode& node, u32 type) {
   FileState state = FileState::NoWhole;
   const int rc = save_locked(bitmap, snapshot.data(), &state);
   bool must_ask;
+  bool must_call;
   {
     SpinGuard hold{bitmap.node.bmp_spin};
     must_ask = bitmap.guard().end_save(number, state);
+    // kflagd may have gone to sleep, for the flag that this save has overwritten was up.
+    must_call = bitmap.guard().tries_again();
     // A save with a newer snapshot may have been faster, and this one has put the older back.
     if (rc != 0 || bitmap.guard().is_behind()) bitmap.set_dirty(1);
   }
   if (must_ask) snbf_sched_write_dirty_flag(node, type);
   ask_where_the_file_is_behind(bitmap);
+  if (must_call) ask_for_help(node);
   wake_parking(node);
   return rc;
 }

@@ -418,6 +418,21 @@ SIM_TEST(Parking, WhatIsKnownToLackWritesIsNotLoaded) {
   EXPECT_TRUE(rig.is_set(7));
 }
 
+// It was read from this kernel's memory.
+SIM_TEST(Parking, WhatIsLoadedBehindASaveThatFailedIsToBeSavedAgain) {
+  Node3 rig(sim);
+  EXPECT_EQ(rig.select(SNBF_SAVE_BMP, SNBF_BMP_INCR), 0);
+  {
+    SpinGuard hold{rig.node->bmp_spin};
+    FileGuard& guard = rig.node->incr_guard;
+    guard.end_save(guard.begin_save(), FileGuard::FileState::Unknown);
+  }
+  EXPECT_EQ(rig.select(SNBF_LOAD_BMP, SNBF_BMP_INCR), 0);
+  EXPECT_FALSE(rig.is_set(7)) << "what it says is taken";
+  SpinGuard hold{rig.node->bmp_spin};
+  EXPECT_EQ(rig.node->incr_bmp_dirty, 1);
+}
+
 // The file covers the last extent, and not the others, whose bits the load takes away.
 TEST(ParkingBySeed, ALoadAmidAWriteOfManyExtentsLosesNone) {
   constexpr u64 kFirst = 16, kExtents = 16;
