@@ -76,8 +76,9 @@ struct Underway {
   uint64_t writes = 0;
 };
 
-// Of a device's folder in sysfs. Nothing: it cannot be told.
+// Of a device's folder in sysfs. Nothing: it cannot be told, or the device has been told not to count.
 std::optional<Underway> underway(const std::string& folder) {
+  if (read_line(folder + "/queue/iostats") == "0") return std::nullopt;
   std::ifstream file(folder + "/inflight");
   Underway found;
   if (!(file >> found.reads >> found.writes)) return std::nullopt;
@@ -331,8 +332,10 @@ int libsnbf_capture::check() {
 
 int libsnbf_capture::seal() {
   if (int rc = check(); rc != 0) return rc;
-  if (!snbf::lib::none(unsettled)) {
-    if (int rc = libsnbf_merge_bmp(handle, node.minor, SNBF_BMP_INCR, unsettled.data(),
+  // A full one has taken both, and differentials are laid over it.
+  for (const uint32_t type : {SNBF_BMP_INCR, SNBF_BMP_DIFF}) {
+    if (snbf::lib::none(unsettled) || (type == SNBF_BMP_DIFF && !record.full)) continue;
+    if (int rc = libsnbf_merge_bmp(handle, node.minor, type, unsettled.data(),
                                    static_cast<uint32_t>(unsettled.size()));
         rc != 0) {
       return rc;

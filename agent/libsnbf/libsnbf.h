@@ -294,7 +294,7 @@ int libsnbf_snap_discard(struct libsnbf* handle, uint32_t filter_minor, const ch
 /*
  * Resume all that can be resumed, and start the filter node with it. `resumed` counts them; on a
  * failure those that were not resumed are lost. -ESTALE: something was written meanwhile; none is
- * left. -ENODATA: the driver gave one up at once, for want of memory.
+ * left. -ENODATA: the driver gave one up at once, as for want of memory.
  */
 int libsnbf_snap_resume(struct libsnbf* handle, uint32_t filter_minor, uint32_t* resumed);
 

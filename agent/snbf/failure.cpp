@@ -59,7 +59,7 @@ constexpr Sentence kSentences[] = {
      "full one"},
     {ESTALE, kFailed, "the partition was written meanwhile", "make a new snap"},
     {ENODATA, kSnapLost, "the driver gave the snap up as it came back",
-     "free some memory; delete it, and make a new one"},
+     "look at `dmesg`; delete it, and make a new one"},
     {ENAMETOOLONG, kMisused, "a path is too long", "use paths of at most 1023 characters"},
     {EPROTO, kNoDriver, "the driver answered something that cannot be",
      "the loaded module is of another version: reload it"},

@@ -137,8 +137,9 @@ int report(const Captured& captured, const BackupTarget& target, const Options& 
   if (captured.hook_failed) note("the point is complete, although the hook after the thaw failed");
   if (point.exact()) return captured.hook_failed ? kWarned : kDone;
   warn(
-      "the device kept changing during the copy: this point is not of one moment. The next one "
-      "copies what moved; a snap (--cow) or --freeze makes it exact");
+      "the device kept changing during the copy, or its disk did not come to rest: this point is "
+      "not of one moment. The next one copies what moved; a snap (--cow) or --freeze makes it "
+      "exact");
   return kWarned;
 }
 

@@ -252,6 +252,26 @@ TEST_F(Capture, AWriteThatOnlyThePartitionCountsIsNoRest) {
   EXPECT_FALSE(settles());
 }
 
+TEST_F(Capture, ADeviceThatHasBeenToldNotToCountIsNoRest) {
+  for (const char* device : {"dev/block/240:0", "dev/block/7:99"}) {
+    SCOPED_TRACE(device);
+    put(std::string(device) + "/queue/iostats", "0\n");
+    EXPECT_FALSE(settles());
+    EXPECT_EQ(libsnbf_capture_abort(capture_, nullptr), 0);
+    put(std::string(device) + "/queue/iostats", "1\n");
+  }
+  EXPECT_TRUE(settles());
+}
+
+// Both were taken, and a differential is laid over the full one, which may hold what was there before.
+TEST_F(Capture, WhatAFullOneCouldNotCallSettledGoesBackIntoBoth) {
+  put(kHeld, "1\n");
+  ASSERT_EQ(begin(LIBSNBF_LEVEL_FULL, false), 0);
+  ASSERT_EQ(libsnbf_capture_seal(capture_), 0);
+  EXPECT_EQ(marked(SNBF_BMP_INCR), marked(SNBF_BMP_DIFF));
+  EXPECT_FALSE(marked(SNBF_BMP_DIFF).empty());
+}
+
 TEST_F(Capture, AFolderOfAPartitionThatIsNoLinkWillDo) {
   put("dev/block/7:99/partition", "1\n");
   EXPECT_FALSE(settles()) << "what the disk says is missing";
