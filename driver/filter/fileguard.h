@@ -85,7 +85,8 @@ class FileGuard {
   u64 safe_ = kNoFile;  // the least of the others
   u64 file_ = kNoFile;
   u64 pending_ = 0;
-  // Up to this one writes may have gone on unguarded that a file which is whole, or becomes so by a save under way, lacks.
+  // Up to this one writes may have gone on unguarded that a file lacks which is whole, or becomes so by a save under
+  // way.
   u64 unguarded_ = 0;
   u32 saves_ = 0;
   bool was_loaded_ = false;
@@ -93,8 +94,8 @@ class FileGuard {
   bool tries_again_ = false;
   bool wanted_ = false;
   bool requested_ = false;
-  bool is_uncertain_ =
-      false;  // a save failed within the file: what can be read of it may not be what is on disk
+  // A save failed within the file: what can be read of it may not be what is on disk.
+  bool is_uncertain_ = false;
 };
 
 }  // namespace snbf

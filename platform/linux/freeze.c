@@ -54,7 +54,8 @@ static void let_go(struct freeze* freeze) {
 
 /*
  * The freeze shuts writers out and only then writes what is dirty. Most of that is written here first, while they
- * go on. What fails is the freeze's to tell. One that is frozen by hand has nothing dirty, and is not kept from its thaw.
+ * go on. What fails is the freeze's to tell. One that is frozen by hand has nothing dirty, and is not kept from its
+ * thaw.
  */
 static void write_back(struct super_block* sb) {
   down_read(&sb->s_umount);
