@@ -332,14 +332,14 @@ int libsnbf_capture::check() {
 
 int libsnbf_capture::seal() {
   if (int rc = check(); rc != 0) return rc;
-  // A full one has taken both, and differentials are laid over it.
-  for (const uint32_t type : {SNBF_BMP_INCR, SNBF_BMP_DIFF}) {
-    if (snbf::lib::none(unsettled) || (type == SNBF_BMP_DIFF && !record.full)) continue;
-    if (int rc = libsnbf_merge_bmp(handle, node.minor, type, unsettled.data(),
-                                   static_cast<uint32_t>(unsettled.size()));
-        rc != 0) {
-      return rc;
-    }
+  const auto give_back_unsettled = [this](uint32_t type) {
+    return libsnbf_merge_bmp(handle, node.minor, type, unsettled.data(),
+                             static_cast<uint32_t>(unsettled.size()));
+  };
+  if (!snbf::lib::none(unsettled)) {
+    if (int rc = give_back_unsettled(SNBF_BMP_INCR); rc != 0) return rc;
+    // A full one has taken both, and differentials are laid over it.
+    if (int rc = record.full ? give_back_unsettled(SNBF_BMP_DIFF) : 0; rc != 0) return rc;
   }
   stage = Stage::Sealed;
   return 0;

@@ -367,14 +367,13 @@ int snbf_block_save_bmp(FilterNode& node, u32 type) {
   bool must_call;
   {
     SpinGuard hold{bitmap.node.bmp_spin};
-    must_ask = bitmap.guard().end_save(number, state);
+    must_ask = bitmap.guard().end_save(number, state) || bitmap.guard().ask_instead_of_save();
     // kflagd may have gone to sleep, for the flag that this save has overwritten was up.
     must_call = bitmap.guard().tries_again();
     // A save with a newer snapshot may have been faster, and this one has put the older back.
     if (rc != 0 || bitmap.guard().is_behind()) bitmap.set_dirty(1);
   }
   if (must_ask) snbf_sched_write_dirty_flag(node, type);
-  ask_where_the_file_is_behind(bitmap);
   if (must_call) ask_for_help(node);
   wake_parking(node);
   return rc;

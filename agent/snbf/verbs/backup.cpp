@@ -138,8 +138,8 @@ int report(const Captured& captured, const BackupTarget& target, const Options& 
   if (point.exact()) return captured.hook_failed ? kWarned : kDone;
   warn(
       "the device kept changing during the copy, or its disk did not come to rest: this point is "
-      "not of one moment. The next one copies what moved; a snap (--cow) or --freeze makes it "
-      "exact");
+      "not of one moment. The next one copies what moved; a snap (--cow) makes it exact, and so "
+      "does --freeze on a disk that rests");
   return kWarned;
 }
 
