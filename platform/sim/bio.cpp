@@ -301,6 +301,7 @@ void snbf_plat_bio_submit(plat_bio* bio, plat_bdev* bdev) {
 }
 
 void snbf_plat_bio_submit_all(plat_bio* const* bios, int count, plat_bdev* bdev) {
+  Sim::Plug plug(enter_sleeping("bio_submit_all").sim);
   for (int i = 0; i < count; ++i) snbf_plat_bio_submit(bios[i], bdev);
 }
 

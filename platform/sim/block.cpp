@@ -2,8 +2,9 @@
 // devices.
 //
 // A request sent from inside a submit function waits on the task's list until that function has
-// returned; then those for other devices go first, as in a kernel. A plugged request is sent when
-// the task unplugs or sleeps, and by nothing else.
+// returned; then those for other devices go first, as in a kernel. What is refused never waits there: its
+// end comes before its submission returns. A plugged request is sent when the task unplugs or sleeps, and
+// by nothing else; what has no queue is never plugged.
 #include <algorithm>
 #include <cstring>
 
@@ -29,6 +30,7 @@ plat_bdev* Kernel::check_bdev(plat_bdev* bdev, const char* call) const {
 void Kernel::submit(plat_bio* bio, BlockDev* target) {
   bio->target = target;
   bio->in_flight = true;
+  if (refuse(bio)) return;
   Task* task = current;
   if (task->bio_lists != nullptr) {
     task->bio_lists->fresh.push_back(bio);
@@ -74,10 +76,10 @@ void Kernel::dispatch(plat_bio* bio) {
   }
   while (dev.draining != 0) sleep_in(dev.drained, "the end of a drain of", &dev, dev.name.c_str());
   ++dev.entered;
-  if (current->plug_depth > 0) {
+  if (current->plug_depth > 0 && !dev.options.bio_based) {
     current->plugged.push_back(bio);
   } else {
-    device_start(bio);
+    device_start(bio, true);
   }
 }
 
@@ -97,11 +99,11 @@ int Kernel::drain(BlockDev& dev, u32 limit_ms) {
   return is_empty ? 0 : -ETIMEDOUT;
 }
 
-void Kernel::flush_plug(Task* task) {
+void Kernel::flush_plug(Task* task, bool sleeps) {
   if (task->plugged.empty()) return;
   std::vector<plat_bio*> bios;
   bios.swap(task->plugged);
-  for (plat_bio* bio : bios) device_start(bio);
+  for (plat_bio* bio : bios) device_start(bio, !sleeps);
 }
 
 namespace {

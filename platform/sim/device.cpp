@@ -21,8 +21,7 @@ Device::Arrival arrival_of(const plat_bio& bio) {
   return {bio.op, bio.sector, bio.bytes, mark};
 }
 
-// A flush covers what had completed when it was sent, not what completes meanwhile.
-int perform(Kernel& k, BlockDev& dev, plat_bio& bio, u64 covers) {
+int failure_of(const BlockDev& dev, const plat_bio& bio) {
   const u64 sectors = bio.bytes / kSectorBytes;
   if (bio.sector > dev.sectors || sectors > dev.sectors - bio.sector) return -EIO;
   for (const FailRange& bad : dev.failures) {
@@ -31,6 +30,13 @@ int perform(Kernel& k, BlockDev& dev, plat_bio& bio, u64 covers) {
       return bad.error;
     }
   }
+  return 0;
+}
+
+// A flush covers what had completed when it was sent, not what completes meanwhile.
+int perform(Kernel& k, BlockDev& dev, plat_bio& bio, u64 covers) {
+  const u64 sectors = bio.bytes / kSectorBytes;
+  if (const int error = failure_of(dev, bio); error != 0) return error;
   Storage& storage = *dev.storage;
   if (bio.preflush) storage.harden_up_to(covers);
   if (bio.bytes == 0) return 0;
@@ -61,7 +67,21 @@ int perform(Kernel& k, BlockDev& dev, plat_bio& bio, u64 covers) {
 
 }  // namespace
 
-void Kernel::device_start(plat_bio* bio) {
+// True: it has been completed, and is perhaps gone.
+bool Kernel::refuse(plat_bio* bio) {
+  BlockDev& dev = *bio->target;
+  if (dev.options.in_place_percent == 0) return false;
+  const int error = failure_of(dev, *bio);
+  if (error == 0 || io_rng.below(100) >= dev.options.in_place_percent) return false;
+  ++dev.counts.refused;
+  dev.history.push_back(
+      {bio->op, bio->sector, bio->bytes, bio->fua, bio->preflush, error, true, now_us(), now_us()});
+  mix(bio->id);
+  end_bio(bio, error);
+  return true;
+}
+
+void Kernel::device_start(plat_bio* bio, bool may_end_here) {
   BlockDev& dev = *bio->target;
   if (dev.zoned) fatal("a request reaches the zoned device '%s'", dev.name.c_str());
   while (dev.options.queue_depth > 0 && dev.counts.in_flight >= dev.options.queue_depth) {
@@ -106,6 +126,12 @@ void Kernel::device_start(plat_bio* bio) {
   }
   if (dev.held && error == 0) {
     dev.held_bios.push_back({bio, seen});
+    return;
+  }
+  if (may_end_here && dev.options.in_place_percent != 0 &&
+      io_rng.below(100) < dev.options.in_place_percent) {
+    ++counts.in_place;
+    device_complete(bio, seen, error);
     return;
   }
   const u64 spread = dev.options.latency_max_us - dev.options.latency_min_us + 1;

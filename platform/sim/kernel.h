@@ -330,8 +330,10 @@ struct Kernel {
   void dispatch(plat_bio* bio);
   bool can_drain(const BlockDev& dev) const;
   int drain(BlockDev& dev, u32 limit_ms);
-  void flush_plug(Task* task);
-  void device_start(plat_bio* bio);
+  // `sleeps`: another thread sends what a sleeper has left, so nothing of it completes in place.
+  void flush_plug(Task* task, bool sleeps = true);
+  bool refuse(plat_bio* bio);
+  void device_start(plat_bio* bio, bool may_end_here);
   void device_complete(plat_bio* bio, u64 seen, int error);
   void end_bio(plat_bio* bio, int error);
   void finish_caller(plat_bio* bio, int error);

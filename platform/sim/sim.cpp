@@ -117,7 +117,7 @@ Sim::Plug::Plug(Sim& sim) : sim_(sim) { ++sim_.kernel_->current->plug_depth; }
 Sim::Plug::~Plug() {
   Kernel& k = *sim_.kernel_;
   if (k.current == nullptr) return;
-  if (--k.current->plug_depth == 0) k.flush_plug(k.current);
+  if (--k.current->plug_depth == 0) k.flush_plug(k.current, false);
 }
 
 std::map<std::string, std::size_t> Sim::stack_use() const {

@@ -216,6 +216,9 @@ struct DeviceOptions {
       0;  // requests that may be in flight, 0: any; a submitter sleeps for a free place
   bool write_cache = true;  // false: a write is durable when it completes
   u8 blank = 0;             // each byte of it at first: few disks are new
+  // So many of its requests are complete before their submission returns, in the submitter's own context; and so
+  // many of those that fail (Device::fail_range) the kernel refuses at once, whatever its caller holds.
+  u32 in_place_percent = 0;
 };
 
 class Device {
@@ -252,7 +255,7 @@ class Device {
 
   struct Counts {
     u64 reads, writes, discards, flushes, fua, read_sectors, write_sectors, in_flight,
-        in_flight_max;
+        in_flight_max, in_place, refused;
   };
   Counts counts() const;
   // Every request in the order in which it reached the device.

@@ -49,13 +49,15 @@ void SnapRig::make_devices() {
                                       .bytes = setup.bytes,
                                       .bio_based = setup.bio_based,
                                       .latency_max_us = setup.latency_max_us,
-                                      .queue_depth = setup.queue_depth});
+                                      .queue_depth = setup.queue_depth,
+                                      .in_place_percent = setup.in_place_percent});
   disk->poke(0, partition.initial());
   arrivals_.watch(disk);
   sim::Device* store = sim.add_device({.name = "sdb1",
                                        .bytes = setup.store_bytes,
                                        .latency_max_us = setup.store_latency_max_us,
-                                       .blank = 0xA5});
+                                       .blank = 0xA5,
+                                       .in_place_percent = setup.in_place_percent});
   if (!setup.store_on_node && !setup.store_by_test) sim.add_fs("store", store->number());
 }
 

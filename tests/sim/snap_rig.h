@@ -38,6 +38,7 @@ struct SnapSetup {
   int minor_max = 255;
   u32 queue_depth = 0;  // of the partition
   u32 latency_max_us = 400;
+  u32 in_place_percent = 0;  // of the requests to either device: see DeviceOptions
   bool bio_based = false;  // so is the partition: what is passed on in place cannot be waited for
   // The partition holds a file system's block bitmaps, and the people write them as it would: what is free
   // at its start a snap need not keep. Not with fs_blocks.

@@ -33,6 +33,7 @@ enum class Trait : unsigned {
   Slow,      // so is the partition
   Hurry,     // commands come without a pause
   Map,       // the partition holds block bitmaps, which say what a snap need not keep
+  InPlace,   // requests end within their submission
   kCount,
 };
 

@@ -25,6 +25,8 @@ SnapSetup setup_of(const Plan& plan, bool first_boot) {
   setup.latency_max_us = plan.has(Trait::Slow) ? 30'000 : 400;
   setup.fs_blocks = first_boot && plan.has(Trait::Files) ? kFsBlocks : 0;
   setup.has_map = plan.has(Trait::Map);
+  constexpr u32 kInPlacePercent[] = {10, 50, 95};
+  if (plan.has(Trait::InPlace)) setup.in_place_percent = kInPlacePercent[plan.seed / 8 % 3];
   setup.small_groups = plan.seed / 4 % 2 != 0;
   return setup;
 }
@@ -177,6 +179,17 @@ void Swarm::rest() {
   if (failed()) return;
   for (const u32 type : kTypes) look_at(type);
   rig_.check_snaps();
+}
+
+Tally Swarm::tally() {
+  Tally tally = rig_.tally;
+  for (const char* name : {"sda1", "sdb1"}) {
+    const sim::Device* device = sim.device(name);
+    if (device == nullptr) continue;
+    tally[Met::InPlace] += device->counts().in_place;
+    tally[Met::Refused] += device->counts().refused;
+  }
+  return tally;
 }
 
 Outcome run_plan(const Plan& plan) {

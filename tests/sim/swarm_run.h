@@ -47,7 +47,7 @@ class Swarm {
         bool first_boot);
   // In a task.
   void run();
-  Tally& tally() { return rig_.tally; }
+  Tally tally();  // of what has been met so far, and of what the devices have done
 
  private:
   using Trouble = std::pair<Trait, std::function<void()>>;

@@ -21,12 +21,14 @@ enum class Met : unsigned {
   Durable,  // a sector that a power cut had to leave
   Map,      // a snap's data-block map that was compared
   Free,     // a chunk that it told to be free
+  InPlace,  // a request whose end came before its submission returned
+  Refused,  // one that failed so, before it was queued
   kCount,
 };
 
-constexpr const char* kMetNames[] = {"snaps",   "copies",   "parked",  "held",  "faults",
-                                     "images",  "restarts", "resumes", "pairs", "flushes",
-                                     "durable", "maps",     "free"};
+constexpr const char* kMetNames[] = {"snaps",   "copies",   "parked",  "held",    "faults",
+                                     "images",  "restarts", "resumes", "pairs",   "flushes",
+                                     "durable", "maps",     "free",    "inplace", "refused"};
 static_assert(std::size(kMetNames) == static_cast<unsigned>(Met::kCount));
 
 struct Tally {
