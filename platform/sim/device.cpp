@@ -65,6 +65,43 @@ int perform(Kernel& k, BlockDev& dev, plat_bio& bio, u64 covers) {
   return 0;
 }
 
+// What a request that fails has done all the same.
+void tear(Kernel& k, BlockDev& dev, plat_bio& bio) {
+  const u64 sectors = bio.bytes / kSectorBytes;
+  if (bio.sector > dev.sectors || sectors > dev.sectors - bio.sector) return;
+  enum { Nothing, All, Some, kFates };
+  const u64 fate = k.io_rng.below(kFates);
+  if (bio.bytes == 0 || fate == Nothing) return;
+  ++dev.counts.torn;
+  const bool writes = bio.op != Op::Read;
+  const u64 number = writes ? dev.next_write++ : 0;
+  const auto moves = [&] { return fate == All || k.io_rng.one_in(2); };
+  const auto move = [&](u64 sector, u8* data) {
+    if (writes) {
+      dev.storage->write(number, sector, data, kSectorBytes);
+    } else if (k.io_rng.one_in(2)) {
+      dev.storage->read(sector, data, kSectorBytes);
+    } else {
+      memset(data, static_cast<int>(k.io_rng.below(256)), kSectorBytes);
+    }
+  };
+  u64 sector = bio.sector;
+  if (bio.op != Op::Read && bio.op != Op::Write) {
+    Sector zeroes = {};
+    for (; sector < bio.sector + sectors; ++sector) {
+      if (moves()) move(sector, zeroes.data());
+    }
+    return;
+  }
+  for (plat_bio::Piece& piece : bio.pieces) {
+    if (k.is_freed(piece.page))
+      k.fatal("a request in flight on '%s' uses a freed page", dev.name.c_str());
+    for (u32 done = 0; done < piece.bytes; done += kSectorBytes, ++sector) {
+      if (moves()) move(sector, piece.page + piece.offset + done);
+    }
+  }
+}
+
 }  // namespace
 
 // True: it has been completed, and is perhaps gone.
@@ -148,6 +185,7 @@ void Kernel::device_complete(plat_bio* bio, u64 seen, int error) {
     dev.flush_covers.erase(at);
   }
   if (error == 0) error = perform(*this, dev, *bio, covers);
+  if (error != 0 && dev.options.tears) tear(*this, dev, *bio);
   if (seen < dev.history.size()) {
     dev.history[seen].error = error;
     dev.history[seen].completed = true;

@@ -219,6 +219,9 @@ struct DeviceOptions {
   // So many of its requests are complete before their submission returns, in the submitter's own context; and so
   // many of those that fail (Device::fail_range) the kernel refuses at once, whatever its caller holds.
   u32 in_place_percent = 0;
+  // A write that fails has moved any of its sectors all the same, a read has filled any of its memory, with right
+  // bytes or others; but not one that was refused.
+  bool tears = false;
 };
 
 class Device {
@@ -255,7 +258,7 @@ class Device {
 
   struct Counts {
     u64 reads, writes, discards, flushes, fua, read_sectors, write_sectors, in_flight,
-        in_flight_max, in_place, refused;
+        in_flight_max, in_place, refused, torn;
   };
   Counts counts() const;
   // Every request in the order in which it reached the device.

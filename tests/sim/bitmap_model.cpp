@@ -9,12 +9,12 @@ std::uint64_t BitmapModel::send(Extents extents) {
   return ticket;
 }
 
-void BitmapModel::end(std::uint64_t ticket, bool acknowledged) {
+void BitmapModel::end(std::uint64_t ticket, bool moved) {
   auto found = in_flight_.find(ticket);
   Write write = std::move(found->second);
   in_flight_.erase(found);
   const std::uint64_t now = ++clock_;
-  if (!acknowledged) {
+  if (!moved) {
     if (taking_) failed_meanwhile_.insert(write.extents.begin(), write.extents.end());
     return;
   }

@@ -4,7 +4,7 @@
 // acknowledged. Somewhere in between the driver marks it. One agent at a time issues the commands that take bits
 // away (clear, get-and-clear); such a command takes effect somewhere between its own two ends. So:
 //
-//   must  extents of acknowledged writes that no such command can have taken away: they are set
+//   must  extents of writes that were acknowledged, or changed anything, that no such command can have taken away: they are set
 //   may   extents of writes that were sent before now and not certainly taken away: no other bit is set
 #pragma once
 
@@ -28,8 +28,9 @@ class BitmapModel {
   explicit BitmapModel(std::uint64_t extent_count) : extent_count_(extent_count) {}
 
   std::uint64_t send(Extents extents);
-  // `acknowledged` false: it failed, and may or may not have been marked.
-  void end(std::uint64_t ticket, bool acknowledged);
+  // `moved`: it was acknowledged, or has changed the partition though it failed; it was marked before it could. Else
+  // it may or may not have been.
+  void end(std::uint64_t ticket, bool moved);
 
   // A command that takes bits away. `handed_out` null: it tells nothing of what it took.
   void begin_taking();

@@ -93,9 +93,10 @@ std::vector<u8> Partition::data(const WriteTicket& ticket) const {
 
 void Partition::end(const WriteTicket& ticket, bool ok) {
   const u64 ended = now();
-  if (!ok) return;
-  for (u32 number = ticket.first; number < ticket.first + ticket.count; ++number)
-    writes_[number].ended = ended;
+  for (u32 number = ticket.first; number < ticket.first + ticket.count; ++number) {
+    writes_[number].has_failed = !ok;
+    if (ok) writes_[number].ended = ended;
+  }
 }
 
 void Partition::hardened(const WriteTicket& ticket) {
@@ -197,6 +198,22 @@ std::string Partition::check_read(u64 sector, std::span<const u8> data, u64 sent
     if (!wrong.empty()) return "sector " + std::to_string(sector) + " of the partition " + wrong;
   }
   return "";
+}
+
+bool Partition::shows(const WriteTicket& ticket, u64 sector, std::span<const u8> data) const {
+  const auto is_its = [&](u32 number) {
+    return number >= ticket.first && number < ticket.first + ticket.count;
+  };
+  for (u64 done = 0; done < data.size(); done += kSectorBytes, ++sector) {
+    Value value;
+    if (!decode(sector, &data[done], &value).empty()) continue;
+    const auto is_its_or_no_zero = [&](u32 number) {
+      return !writes_[number].zero || is_its(number);
+    };
+    if (value.zero ? std::ranges::all_of(history_[sector], is_its_or_no_zero) : is_its(value.write))
+      return true;
+  }
+  return false;
 }
 
 bool Partition::has_durable_behind(u64 sector, u32 number) const {
@@ -311,7 +328,7 @@ std::string SnapImage::check_instant() const {
   u32 last_in = 0, first_out = 0;
   for (u32 number = 0; number < judged.in.size(); ++number) {
     const Partition::Write& write = partition_->writes_[number];
-    if (judged.in[number] && judged.out[number]) {
+    if (judged.in[number] && judged.out[number] && !write.has_failed) {
       return "the image holds only a part of write " + std::to_string(number);
     }
     if (judged.in[number] && write.sent > partition_->writes_[last_in].sent) last_in = number;

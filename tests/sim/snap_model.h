@@ -58,7 +58,7 @@ class Partition {
   // One piece, within what is laid out.
   WriteTicket send_own(u64 sector, std::vector<u8> bytes);
   std::vector<u8> data(const WriteTicket& ticket) const;
-  // One that failed may have reached the partition, or not.
+  // One that failed may have reached the partition, or not, each sector apart.
   void end(const WriteTicket& ticket, bool ok);
   // A write that has ended well was sent to be durable at its end.
   void hardened(const WriteTicket& ticket);
@@ -73,6 +73,8 @@ class Partition {
   // What a power cut may have left of all that was sent, from `sector` on: each sector holds a write behind which
   // no durable one was sent. "" or what is wrong. `kept` counts the sectors of which anything was promised.
   std::string check_kept(u64 sector, std::span<const u8> data, u64* kept) const;
+  // Whether any of these sectors holds what this write alone can have put there.
+  bool shows(const WriteTicket& ticket, u64 sector, std::span<const u8> data) const;
   // What a read may have found that was sent at `sent` and has just ended. "" or what is wrong.
   std::string check_read(u64 sector, std::span<const u8> data, u64 sent);
 
@@ -85,6 +87,7 @@ class Partition {
     u64 ended;  // kNever: not, or it failed
     bool is_hard = false;
     bool is_lost = false;  // or may be, from the power cut on
+    bool has_failed = false;
   };
   // What a sector says: the write that made it, or that it is zero.
   struct Value {

@@ -74,6 +74,31 @@ TEST_F(SnapModel, AWriteBesideTheStartIsFreeButFixed) {
   EXPECT_NE(without.check_read(0, of(beside)), "");
 }
 
+TEST_F(SnapModel, AWriteThatFailedMayBeThereInPart) {
+  const WriteTicket torn = partition_.send(0, 2, false);
+  partition_.end(torn, false);
+  SnapImage image(partition_);
+  image.started();
+  EXPECT_TRUE(partition_.shows(torn, 0, of(torn)));
+  EXPECT_FALSE(partition_.shows(torn, 0, initial(0)));
+  EXPECT_EQ(image.check_read(0, of(torn)), "");
+  EXPECT_EQ(image.check_read(1, initial(1)), "");
+  EXPECT_EQ(image.check_instant(), "");
+  const WriteTicket later = partition_.send(0, 2, false);
+  partition_.end(later, false);
+  EXPECT_NE(image.check_read(0, of(later)), "");
+  EXPECT_NE(SnapImage(image).check_read(0, of(later)), "");
+}
+
+TEST_F(SnapModel, ADiscardThatFailedIsShownByZeroesOfItsOwn) {
+  const WriteTicket torn = partition_.send(0, 2, true);
+  partition_.end(torn, false);
+  EXPECT_TRUE(partition_.shows(torn, 0, zeroes(2)));
+  const WriteTicket other = partition_.send(0, 2, true);
+  EXPECT_FALSE(partition_.shows(torn, 0, zeroes(2)));
+  EXPECT_FALSE(partition_.shows(other, 0, zeroes(2)));
+}
+
 TEST_F(SnapModel, AWriteBesideTheStartIsWholeInTheImage) {
   const WriteTicket beside = partition_.send(0, 2, false);
   SnapImage image(partition_);

@@ -50,14 +50,16 @@ void SnapRig::make_devices() {
                                       .bio_based = setup.bio_based,
                                       .latency_max_us = setup.latency_max_us,
                                       .queue_depth = setup.queue_depth,
-                                      .in_place_percent = setup.in_place_percent});
+                                      .in_place_percent = setup.in_place_percent,
+                                      .tears = setup.tears});
   disk->poke(0, partition.initial());
   arrivals_.watch(disk);
   sim::Device* store = sim.add_device({.name = "sdb1",
                                        .bytes = setup.store_bytes,
                                        .latency_max_us = setup.store_latency_max_us,
                                        .blank = 0xA5,
-                                       .in_place_percent = setup.in_place_percent});
+                                       .in_place_percent = setup.in_place_percent,
+                                       .tears = setup.tears});
   if (!setup.store_on_node && !setup.store_by_test) sim.add_fs("store", store->number());
 }
 
@@ -190,7 +192,8 @@ int SnapRig::read(plat_devt device, u64 sector, u32 sectors, Bytes* data) {
 
 // `bytes` says how long a write is, too; its data is made here. `own`: it is sent already, as far as the model goes.
 SnapRig::Sent SnapRig::send(sim::Request request, std::optional<model::WriteTicket> own) {
-  Sent sent = {.op = request.op, .sector = request.sector, .sent_us = sim.now_us()};
+  Sent sent = {
+      .op = request.op, .sector = request.sector, .bytes = request.bytes, .sent_us = sim.now_us()};
   sent.is_flush = request.op == sim::Op::Flush || request.preflush;
   sent.is_fua = request.fua;
   sim::Device::Arrival arrival = {request.op, request.sector, request.bytes, 0};
@@ -210,11 +213,18 @@ SnapRig::Sent SnapRig::send(sim::Request request, std::optional<model::WriteTick
   return sent;
 }
 
+bool SnapRig::has_moved(const Sent& sent) const {
+  const Bytes now = sim.device("sda1")->peek(sent.sector, sent.bytes);
+  return partition.shows(sent.ticket, sent.sector, now);
+}
+
 int SnapRig::finish(const Sent& sent) {
   const int rc = sent.io.wait();
   arrivals_.ended(sent.place);
   if (is_change(sent.op)) {
-    if (listener != nullptr) listener->ended(sent.told, rc == 0);
+    const bool moved = rc == 0 || has_moved(sent);
+    if (rc != 0 && moved) ++tally[Met::Moved];
+    if (listener != nullptr) listener->ended(sent.told, moved);
     judge_write(sent.ticket, rc, sent.io.done_at_us() - sent.sent_us);
     if (rc == 0 && sent.is_fua) partition.hardened(sent.ticket);
   } else if (rc != 0) {

@@ -39,6 +39,7 @@ struct SnapSetup {
   u32 queue_depth = 0;  // of the partition
   u32 latency_max_us = 400;
   u32 in_place_percent = 0;  // of the requests to either device: see DeviceOptions
+  bool tears = false;        // so are these
   bool bio_based = false;  // so is the partition: what is passed on in place cannot be waited for
   // The partition holds a file system's block bitmaps, and the people write them as it would: what is free
   // at its start a snap need not keep. Not with fs_blocks.
@@ -67,7 +68,8 @@ class WriteListener {
  public:
   virtual ~WriteListener() = default;
   virtual u64 sent(u64 sector, u64 sectors) = 0;  // a ticket
-  virtual void ended(u64 ticket, bool ok) = 0;
+  // `moved`: it has been acknowledged, or has failed and is known to have changed the partition all the same.
+  virtual void ended(u64 ticket, bool moved) = 0;
 };
 
 class SnapRig {
@@ -176,6 +178,7 @@ class SnapRig {
   struct Sent {
     sim::Op op;
     u64 sector = 0;
+    u32 bytes = 0;
     bool is_flush = false;  // whatever else it is
     bool is_fua = false;
     u64 sent = 0;  // the model's time
@@ -191,6 +194,8 @@ class SnapRig {
   Sent send_one_of(u64 first, u64 sectors);
   void make_devices();
   void mount_and_load(bool fresh);
+  // Whether a change that has failed is on the partition all the same, in part or whole.
+  bool has_moved(const Sent& sent) const;
   void judge_write(const model::WriteTicket& ticket, int rc, u64 waited_us);
   void count_copies(Snap& snap);
   void forget(const std::shared_ptr<Snap>& snap);

@@ -11,7 +11,7 @@ namespace {
 constexpr const char* kNames[] = {
     "agent",  "saver", "openers", "snaps",  "readers",    "files",    "below",      "restarts",
     "reload", "cut",   "odd",     "procfs", "filefaults", "nomemory", "storefails", "diskfails",
-    "full",   "stall", "bio",     "slow",   "hurry",      "map",      "inplace"};
+    "full",   "stall", "bio",     "slow",   "hurry",      "map",      "inplace",    "torn"};
 static_assert(std::size(kNames) == static_cast<unsigned>(Trait::kCount));
 
 constexpr std::uint32_t bit(Trait trait) { return 1u << static_cast<unsigned>(trait); }
@@ -48,7 +48,7 @@ Plan plan_of_seed(std::uint64_t seed) {
   plan.traits = static_cast<std::uint32_t>(draw) & (bit(Trait::kCount) - 1);
   // All that breaks at once mostly breaks the first snap, and nothing lives on: half of it.
   plan.traits &= static_cast<std::uint32_t>(scramble(draw)) | (bit(Trait::FileFaults) - 1) |
-                 bit(Trait::Map) | bit(Trait::InPlace);
+                 bit(Trait::Map) | bit(Trait::InPlace) | bit(Trait::Torn);
   plan.traits = reconciled(plan.traits);
   plan.steps = 8 + static_cast<int>(draw >> 40 & 15);
   plan.lives = 1 + static_cast<int>(draw >> 48 & 1);

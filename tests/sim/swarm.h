@@ -34,6 +34,7 @@ enum class Trait : unsigned {
   Hurry,     // commands come without a pause
   Map,       // the partition holds block bitmaps, which say what a snap need not keep
   InPlace,   // requests end within their submission
+  Torn,      // what fails has done a part all the same
   kCount,
 };
 

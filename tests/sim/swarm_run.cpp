@@ -26,6 +26,7 @@ SnapSetup setup_of(const Plan& plan, bool first_boot) {
   setup.fs_blocks = first_boot && plan.has(Trait::Files) ? kFsBlocks : 0;
   setup.has_map = plan.has(Trait::Map);
   constexpr u32 kInPlacePercent[] = {10, 50, 95};
+  setup.tears = plan.has(Trait::Torn);
   if (plan.has(Trait::InPlace)) setup.in_place_percent = kInPlacePercent[plan.seed / 8 % 3];
   setup.small_groups = plan.seed / 4 % 2 != 0;
   return setup;
@@ -188,6 +189,7 @@ Tally Swarm::tally() {
     if (device == nullptr) continue;
     tally[Met::InPlace] += device->counts().in_place;
     tally[Met::Refused] += device->counts().refused;
+    tally[Met::Torn] += device->counts().torn;
   }
   return tally;
 }

@@ -20,8 +20,8 @@ class Bitmaps : public WriteListener {
           models[type].send(extents_of(sector, static_cast<u32>(sectors * 512)));
     return next_++;
   }
-  void ended(u64 ticket, bool ok) override {
-    for (const u32 type : kTypes) models[type].end(tickets_[ticket][type], ok);
+  void ended(u64 ticket, bool moved) override {
+    for (const u32 type : kTypes) models[type].end(tickets_[ticket][type], moved);
     tickets_.erase(ticket);
   }
   // Nobody is about, and the bitmap is known to be `map`.

@@ -23,12 +23,14 @@ enum class Met : unsigned {
   Free,     // a chunk that it told to be free
   InPlace,  // a request whose end came before its submission returned
   Refused,  // one that failed so, before it was queued
+  Torn,     // one that failed, but may have done a part
+  Moved,    // a write that failed and was found on the partition all the same
   kCount,
 };
 
-constexpr const char* kMetNames[] = {"snaps",   "copies",   "parked",  "held",    "faults",
-                                     "images",  "restarts", "resumes", "pairs",   "flushes",
-                                     "durable", "maps",     "free",    "inplace", "refused"};
+constexpr const char* kMetNames[] = {
+    "snaps",   "copies",  "parked", "held", "faults",  "images",  "restarts", "resumes", "pairs",
+    "flushes", "durable", "maps",   "free", "inplace", "refused", "torn",     "moved"};
 static_assert(std::size(kMetNames) == static_cast<unsigned>(Met::kCount));
 
 struct Tally {
