@@ -70,6 +70,11 @@ int begin_refused(Kernel& k, const FsState& fs) {
   return k.fault(Fault::ZeroWrite, 1) != 0 ? 0 : 1;
 }
 
+int sync_loss(Kernel& k) {
+  const int error = k.fault(Fault::SyncLoss, -ENOSPC);
+  return error != 0 && k.io_rng.one_in(2) ? -EIO : error;
+}
+
 plat_parent* check_parent(Kernel& k, plat_parent* parent, const char* call) {
   if (k.files->parents.count(parent) == 0) k.fatal("%s() of a parent that is not locked", call);
   return parent;
@@ -119,8 +124,11 @@ plat_s64 snbf_plat_file_write(plat_file* file, plat_u64 position, const void* fr
   if (const int error = k.fault(Fault::FileWrite, -EIO); error != 0) return error;
   if (k.fault(Fault::ZeroWrite, 1) != 0) return 0;
   if (bytes > 1 && k.fault(Fault::ShortWrite, 1) != 0) bytes /= 2;
-  return fs_write(k, *file->inode, position, static_cast<const u8*>(from), bytes,
-                  (file->flags & PLAT_O_SYNC) != 0);
+  const bool sync = (file->flags & PLAT_O_SYNC) != 0;
+  const int loss = sync ? sync_loss(k) : 0;
+  const s64 done =
+      fs_write(k, *file->inode, position, static_cast<const u8*>(from), bytes, sync && loss == 0);
+  return done > 0 && loss != 0 ? fs_fail_sync(k, *file->inode, loss) : done;
 }
 
 plat_s64 snbf_plat_file_write_pages(plat_file* file, plat_u64 position, void* const* pages,
@@ -179,6 +187,7 @@ int snbf_plat_file_sync(plat_file* file) {
   Kernel& k = enter_sleeping("file_sync");
   check_file(k, file, "file_sync");
   if (const int error = k.fault(Fault::FileSync, -EIO); error != 0) return error;
+  if (const int error = sync_loss(k); error != 0) return fs_fail_sync(k, *file->inode, error);
   return fs_sync_inode(k, *file->inode);
 }
 

@@ -13,6 +13,7 @@ void FileSystem::set_takes_direct(bool takes) { state_->takes_direct = takes; }
 u64 FileSystem::free_blocks() const { return fs_free_blocks(*state_); }
 bool FileSystem::frozen() const { return state_->frozen > 0; }
 bool FileSystem::dirty() const { return fs_dirty(*state_); }
+u64 FileSystem::lost_pages() const { return state_->lost_pages; }
 int FileSystem::freeze_by_hand() { return freeze(enter_sleeping("freeze_by_hand"), *state_, true); }
 int FileSystem::thaw_by_hand() { return thaw(enter_sleeping("thaw_by_hand"), *state_, true); }
 

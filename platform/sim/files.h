@@ -90,6 +90,7 @@ struct FsState {
   bool timer_armed = false;
   int frozen = 0;
   bool by_hand = false;
+  u64 lost_pages = 0;
   Task* frozen_by = nullptr;
   int writers = 0;
   WaitList thaw_waiters = {}, writer_waiters = {};
@@ -135,6 +136,8 @@ int fs_create(Kernel& k, FsState& fs, const std::string& rel, InodeMeta fresh, u
 int fs_unlink(Kernel& k, FsState& fs, const std::string& rel);
 void fs_put_inode(Kernel& k, Inode& inode);
 int fs_sync_inode(Kernel& k, Inode& inode);
+// Answers `error`, and some of what was not on disk never will be.
+int fs_fail_sync(Kernel& k, Inode& inode, int error);
 int fs_sync(Kernel& k, FsState& fs);
 bool fs_dirty(const FsState& fs);
 u64 fs_free_blocks(const FsState& fs);

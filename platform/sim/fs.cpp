@@ -345,6 +345,21 @@ int fs_sync_inode(Kernel& k, Inode& inode) {
   return k.submit_and_wait(fs.device, {.op = Op::Flush}, nullptr);
 }
 
+int fs_fail_sync(Kernel& k, Inode& inode, int error) {
+  for (auto at = inode.pages.begin(); at != inode.pages.end();) {
+    const bool lost = at->second.dirty && k.io_rng.one_in(2);
+    if (lost) {
+      at->second.dirty = false;
+      ++inode.fs->lost_pages;
+    }
+    // Memory may be short, or not: then what is read is yet what was written.
+    at = lost && k.io_rng.one_in(2) ? inode.pages.erase(at) : std::next(at);
+  }
+  // Names and sizes may wait for the next commit, whoever asks for it.
+  if (k.io_rng.one_in(2)) fs_sync_inode(k, inode);
+  return error;
+}
+
 int fs_sync(Kernel& k, FsState& fs) {
   if (fs.device == 0) return 0;
   int error = 0;

@@ -111,6 +111,7 @@ enum class Fault {
   FileRead,
   FileWrite,
   FileSync,
+  SyncLoss,  // ENOSPC or EIO: pages that were not on disk are lost, or not; the next sync knows nothing of it
   ShortRead,
   ShortWrite,
   ZeroWrite,    // nothing is written, no error
@@ -313,6 +314,7 @@ class FileSystem {
   int thaw_by_hand();
   bool frozen() const;
   bool dirty() const;  // pages or journal entries that are not on disk
+  u64 lost_pages() const;  // by Fault::SyncLoss, so far
   // Byte ranges of the device that a file occupies, {first sector, sectors}.
   std::vector<std::pair<u64, u64>> map(const std::string& path) const;
 

@@ -8,10 +8,11 @@ namespace snbf::rig {
 
 namespace {
 
-constexpr const char* kNames[] = {
-    "agent",  "saver", "openers", "snaps",  "readers",    "files",    "below",      "restarts",
-    "reload", "cut",   "odd",     "procfs", "filefaults", "nomemory", "storefails", "diskfails",
-    "full",   "stall", "bio",     "slow",   "hurry",      "map",      "inplace",    "torn"};
+constexpr const char* kNames[] = {"agent",     "saver",  "openers",    "snaps",    "readers",
+                                  "files",     "below",  "restarts",   "reload",   "cut",
+                                  "odd",       "procfs", "filefaults", "nomemory", "storefails",
+                                  "diskfails", "full",   "stall",      "bio",      "slow",
+                                  "hurry",     "map",    "inplace",    "torn",     "syncloss"};
 static_assert(std::size(kNames) == static_cast<unsigned>(Trait::kCount));
 
 constexpr std::uint32_t bit(Trait trait) { return 1u << static_cast<unsigned>(trait); }

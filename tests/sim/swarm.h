@@ -35,6 +35,7 @@ enum class Trait : unsigned {
   Map,       // the partition holds block bitmaps, which say what a snap need not keep
   InPlace,   // requests end within their submission
   Torn,      // what fails has done a part all the same
+  SyncLoss,  // syncs of files fail, and what they were to write is lost
   kCount,
 };
 

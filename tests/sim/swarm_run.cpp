@@ -70,7 +70,8 @@ void Swarm::run() {
 
 bool Swarm::breaks_copies() const {
   return plan_.has(Trait::FileFaults) || plan_.has(Trait::NoMemory) ||
-         plan_.has(Trait::StoreFails) || plan_.has(Trait::StoreFull) || plan_.has(Trait::Stall);
+         plan_.has(Trait::StoreFails) || plan_.has(Trait::StoreFull) || plan_.has(Trait::Stall) ||
+         plan_.has(Trait::SyncLoss);
 }
 
 bool Swarm::is_excused(int rc) const {
@@ -191,6 +192,8 @@ Tally Swarm::tally() {
     tally[Met::Refused] += device->counts().refused;
     tally[Met::Torn] += device->counts().torn;
   }
+  if (const sim::FileSystem* store = sim.fs("store"); store != nullptr)
+    tally[Met::LostPage] += store->lost_pages();
   return tally;
 }
 

@@ -112,6 +112,7 @@ class Swarm {
   void fail_device(const char* name);
   // Each file operation has its ten seconds, so what comes before must be over.
   void stall();
+  void lose_syncs();
   void mend();
 
   Sim& sim;

@@ -18,7 +18,8 @@ auto Swarm::troubles_of() -> std::vector<Trouble> {
              sim.sleep_us(sim.random(20'000));
              sim.fs("store")->set_free_blocks(sim.random(60));
            }},
-          {Trait::Stall, [this] { stall(); }}};
+          {Trait::Stall, [this] { stall(); }},
+          {Trait::SyncLoss, [this] { lose_syncs(); }}};
 }
 
 void Swarm::fail_one_of(std::span<const Fault> kinds, u64 nth_max) {
@@ -33,6 +34,19 @@ void Swarm::fail_files() {
                               Fault::ShortWrite, Fault::FileRead,   Fault::ShortRead,
                               Fault::FileOpen,   Fault::DirectWrite};
   fail_one_of(kKinds, 6);
+}
+
+void Swarm::lose_syncs() {
+  constexpr u64 kNotSoon = u64{1} << 40;
+  sim.sleep_us(sim.random(10'000));
+  if (sim.random(2) == 0) {
+    sim.fail_nth(Fault::SyncLoss, 1 + sim.random(6));
+  } else {
+    sim.fail_always(Fault::SyncLoss);
+  }
+  sim.sleep_us(sim.random(8000));
+  if (sim.fault_reached(Fault::SyncLoss)) ++rig_.tally[Met::Fault];
+  sim.fail_nth(Fault::SyncLoss, kNotSoon);
 }
 
 void Swarm::fail_memory() {

@@ -16,21 +16,23 @@ enum class Met : unsigned {
   Image,    // a read of a snap that was compared
   Restart,  // of the node, or of the driver
   Resume,
-  Pair,     // requests that overlap, both not done: their order was judged
-  Flush,    // that was answered
-  Durable,  // a sector that a power cut had to leave
-  Map,      // a snap's data-block map that was compared
-  Free,     // a chunk that it told to be free
-  InPlace,  // a request whose end came before its submission returned
-  Refused,  // one that failed so, before it was queued
-  Torn,     // one that failed, but may have done a part
-  Moved,    // a write that failed and was found on the partition all the same
+  Pair,      // requests that overlap, both not done: their order was judged
+  Flush,     // that was answered
+  Durable,   // a sector that a power cut had to leave
+  Map,       // a snap's data-block map that was compared
+  Free,      // a chunk that it told to be free
+  InPlace,   // a request whose end came before its submission returned
+  Refused,   // one that failed so, before it was queued
+  Torn,      // one that failed, but may have done a part
+  Moved,     // a write that failed and was found on the partition all the same
+  LostPage,  // of a file, by a sync that failed
   kCount,
 };
 
-constexpr const char* kMetNames[] = {
-    "snaps",   "copies",  "parked", "held", "faults",  "images",  "restarts", "resumes", "pairs",
-    "flushes", "durable", "maps",   "free", "inplace", "refused", "torn",     "moved"};
+constexpr const char* kMetNames[] = {"snaps",   "copies",   "parked",   "held",    "faults",
+                                     "images",  "restarts", "resumes",  "pairs",   "flushes",
+                                     "durable", "maps",     "free",     "inplace", "refused",
+                                     "torn",    "moved",    "lostpages"};
 static_assert(std::size(kMetNames) == static_cast<unsigned>(Met::kCount));
 
 struct Tally {
