@@ -14,6 +14,15 @@ u64 FileSystem::free_blocks() const { return fs_free_blocks(*state_); }
 bool FileSystem::frozen() const { return state_->frozen > 0; }
 bool FileSystem::dirty() const { return fs_dirty(*state_); }
 u64 FileSystem::lost_pages() const { return state_->lost_pages; }
+bool FileSystem::aborted() const { return state_->aborted; }
+u64 FileSystem::refusals() const { return state_->refusals; }
+
+void FileSystem::abort_journal() {
+  if (state_->aborted) return;
+  state_->aborted = true;
+  state_->refuses_open = kernel().io_rng.one_in(2);
+}
+
 int FileSystem::freeze_by_hand() { return freeze(enter_sleeping("freeze_by_hand"), *state_, true); }
 int FileSystem::thaw_by_hand() { return thaw(enter_sleeping("thaw_by_hand"), *state_, true); }
 
@@ -71,6 +80,7 @@ int Sim::unmount(FileSystem* handle) {
   if (fs.device == 0) return error;
   stop_fs_tasks(k, fs);
   fs.inodes.clear();
+  if (fs.aborted) fs_recover(fs);
   fs.bdev->dev->fs = nullptr;
   k.close_bdev(fs.bdev);
   return error;

@@ -91,6 +91,10 @@ struct FsState {
   int frozen = 0;
   bool by_hand = false;
   u64 lost_pages = 0;
+  bool aborted = false;
+  bool refuses_open = false;  // for writing, as what is remounted read-only
+  std::size_t in_doubt = 0;   // entries of the commit whose record is on its way, or was then
+  u64 refusals = 0;
   Task* frozen_by = nullptr;
   int writers = 0;
   WaitList thaw_waiters = {}, writer_waiters = {};
@@ -141,9 +145,13 @@ int fs_fail_sync(Kernel& k, Inode& inode, int error);
 int fs_sync(Kernel& k, FsState& fs);
 bool fs_dirty(const FsState& fs);
 u64 fs_free_blocks(const FsState& fs);
+// What is on disk and no more, as a mount finds it.
+void fs_recover(FsState& fs);
 // ---- journal.cpp
 void journal_start(Kernel& k, FsState& fs);
 void journal_stop(Kernel& k, FsState& fs);
+// 0, or the error with which a change to an aborted file system must fail. Within journal_start.
+int journal_refuses(Kernel& k, FsState& fs);
 void journal_log(Kernel& k, FsState& fs, MetaOp op);
 int journal_commit(Kernel& k, FsState& fs);
 void start_fs_tasks(Kernel& k, FsState& fs);

@@ -43,6 +43,27 @@ Inode* FsState::inode(u64 number) {
   return slot.get();
 }
 
+void fs_recover(FsState& fs) {
+  fs.aborted = false;
+  fs.in_doubt = 0;
+  fs.meta = fs.committed;
+  fs.journal.clear();
+  fs.freed.clear();
+  fs.used.assign(fs.blocks, false);
+  fs.used_count = 0;
+  std::set<u64> named;
+  for (const auto& [path, number] : fs.meta.names) named.insert(number);
+  std::erase_if(fs.meta.inodes, [&](const auto& inode) { return !named.contains(inode.first); });
+  fs.committed = fs.meta;
+  for (const auto& [number, inode] : fs.meta.inodes) {
+    for (const auto& [page, block] : inode.blocks) {
+      if (fs.used[block]) continue;
+      fs.used[block] = true;
+      ++fs.used_count;
+    }
+  }
+}
+
 u64 fs_free_blocks(const FsState& fs) {
   const u64 free_blocks = fs.blocks - fs.first_data - fs.used_count;
   return std::min(free_blocks, fs.free_limit);
@@ -141,7 +162,8 @@ s64 fs_write(Kernel& k, Inode& inode, u64 position, const u8* from, u64 bytes, b
   FsState& fs = *inode.fs;
   k.lock(inode.lock);
   journal_start(k, fs);
-  const s64 done = write_pages(k, inode, position, from, bytes);
+  const int refused = journal_refuses(k, fs);
+  const s64 done = refused != 0 ? refused : write_pages(k, inode, position, from, bytes);
   journal_stop(k, fs);
   k.unlock(inode.lock);
   if (done > 0 && sync) {
@@ -160,6 +182,12 @@ void fs_begin_direct(Kernel& k, Inode& inode, u64 position, void* const* pages, 
   const u64 first = position / kBlockBytes, count = bytes / kBlockBytes;
   k.lock(inode.lock);
   journal_start(k, fs);
+  if (const int refused = journal_refuses(k, fs); refused != 0) {
+    write.result = refused;
+    journal_stop(k, fs);
+    k.unlock(inode.lock);
+    return;
+  }
   // What is in memory goes first, and is forgotten.
   write_back(k, inode);
   while (inode.writing_back > 0) {
@@ -238,18 +266,23 @@ int fs_truncate(Kernel& k, Inode& inode) {
   while (inode.busy()) {
     k.sleep_in(fs.writeback_done, "the write-back of a file of", &fs, fs.name.c_str());
   }
-  free_blocks(fs, fs.meta.inodes[inode.number]);
-  inode.pages.clear();
-  journal_log(k, fs, {.kind = MetaOp::Truncate, .inode = inode.number});
+  const int refused = journal_refuses(k, fs);
+  if (refused == 0) {
+    free_blocks(fs, fs.meta.inodes[inode.number]);
+    inode.pages.clear();
+    journal_log(k, fs, {.kind = MetaOp::Truncate, .inode = inode.number});
+  }
   journal_stop(k, fs);
   k.unlock(inode.lock);
-  return 0;
+  return refused;
 }
 
 int fs_create(Kernel& k, FsState& fs, const std::string& rel, InodeMeta fresh, u64* number) {
   journal_start(k, fs);
-  int error = 0;
-  if (fs.meta.names.count(rel) != 0) {
+  int error = journal_refuses(k, fs);
+  if (error != 0) {
+    // Nothing is made.
+  } else if (fs.meta.names.count(rel) != 0) {
     error = -EEXIST;
   } else if (fs.device != 0 && fs_free_blocks(fs) == 0) {
     error = -ENOSPC;
@@ -287,8 +320,10 @@ int fs_unlink(Kernel& k, FsState& fs, const std::string& rel) {
   journal_start(k, fs);
   wait_written(k, fs, rel);
   auto at = fs.meta.names.find(rel);
-  int error = 0;
-  if (at == fs.meta.names.end()) {
+  int error = journal_refuses(k, fs);
+  if (error != 0) {
+    // It stays.
+  } else if (at == fs.meta.names.end()) {
     error = -ENOENT;
   } else if ((fs.meta.inodes[at->second].mode & kTypeMask) == kTypeDir) {
     error = -EISDIR;
@@ -318,7 +353,7 @@ void fs_put_inode(Kernel& k, Inode& inode) {
     k.sleep_in(fs.writeback_done, "the write-back of a file of", &fs, fs.name.c_str());
   }
   inode.pages.clear();
-  forget(k, fs, inode.number);
+  if (!fs.aborted) forget(k, fs, inode.number);
   journal_stop(k, fs);
 }
 
@@ -339,6 +374,7 @@ int fs_sync_inode(Kernel& k, Inode& inode) {
   while (inode.writing_back > 0) {
     k.sleep_in(fs.writeback_done, "the write-back of a file of", &fs, fs.name.c_str());
   }
+  if (fs.aborted) error = journal_refuses(k, fs);
   if (inode.error != 0) error = std::exchange(inode.error, 0);
   if (error != 0) return error;
   if (!fs.journal.empty()) return journal_commit(k, fs);
@@ -373,6 +409,7 @@ int fs_sync(Kernel& k, FsState& fs) {
       k.sleep_in(fs.writeback_done, "the write-back of a file of", &fs, fs.name.c_str());
     }
   }
+  if (fs.aborted) return journal_refuses(k, fs);
   if (!fs.journal.empty()) {
     if (const int one = journal_commit(k, fs); one != 0) error = one;
     return error;

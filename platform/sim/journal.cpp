@@ -27,21 +27,28 @@ u64 next_journal_sector(FsState& fs) {
 
 // One commit: the entries, then a record behind a flush, durable at once.
 int commit(Kernel& k, FsState& fs) {
+  if (fs.aborted) return -EIO;
   fs.committing = fs.journal.size();
   std::vector<u64> freed;
   freed.swap(fs.freed);
   int error = 0;
   const u64 entries = 1 + fs.committing / 64;
-  for (u64 i = 0; i < std::min<u64>(entries, 8) && error == 0; ++i) {
+  for (u64 i = 0; i < std::min<u64>(entries, 8) && error == 0 && !fs.aborted; ++i) {
     Request request{.op = Op::Write, .sector = next_journal_sector(fs)};
     request.data = journal_bytes(fs, fs.commit_done + 1);
     error = k.submit_and_wait(fs.device, request, nullptr);
   }
-  if (error == 0) {
+  if (error == 0 && !fs.aborted) {
     Request record{.op = Op::Write, .sector = next_journal_sector(fs)};
     record.data = journal_bytes(fs, fs.commit_done + 1);
     record.preflush = record.fua = true;
+    fs.in_doubt = fs.committing;
     error = k.submit_and_wait(fs.device, record, nullptr);
+  }
+  if (fs.aborted) {
+    error = -EIO;
+  } else {
+    fs.in_doubt = 0;
   }
   for (; fs.committing > 0; --fs.committing) {
     if (error == 0) apply(fs.committed, fs.journal.front());
@@ -164,6 +171,12 @@ void journal_stop(Kernel& k, FsState& fs) {
   k.point();
 }
 
+int journal_refuses(Kernel& k, FsState& fs) {
+  if (!fs.aborted) return 0;
+  ++fs.refusals;
+  return k.io_rng.one_in(2) ? -EROFS : -EIO;
+}
+
 void journal_log(Kernel& k, FsState& fs, MetaOp op) {
   apply(fs.meta, op);
   if (fs.device == 0) return;
@@ -184,6 +197,12 @@ int journal_commit(Kernel& k, FsState& fs) {
 int write_back(Kernel& k, Inode& inode) {
   FsState& fs = *inode.fs;
   if (fs.device == 0) return 0;
+  if (fs.aborted) {  // nobody will write it any more
+    for (auto& [index, page] : inode.pages) {
+      page.dirty = false;
+    }
+    return -EIO;
+  }
   ++inode.writing_back;  // keeps the inode while this looks at it
   Sim::Plug plug(k.sim);
   const InodeMeta& meta = fs.meta.inodes[inode.number];
@@ -246,7 +265,7 @@ int freeze(Kernel& k, FsState& fs, bool by_hand) {
   fs.by_hand = by_hand;
   fs.frozen_by = k.current;
   while (fs.writers > 0) k.sleep_in(fs.writer_waiters, "the writers of", &fs, fs.name.c_str());
-  return fs_sync(k, fs);
+  return fs.aborted ? 0 : fs_sync(k, fs);  // there is nothing that it would write
 }
 
 int thaw(Kernel& k, FsState& fs, bool by_hand) {

@@ -315,6 +315,11 @@ class FileSystem {
   bool frozen() const;
   bool dirty() const;  // pages or journal entries that are not on disk
   u64 lost_pages() const;  // by Fault::SyncLoss, so far
+  // Its journal has failed: until it is mounted anew each change and each sync answers -EROFS or -EIO. It can be
+  // read, and what is on disk stays as it is.
+  void abort_journal();
+  bool aborted() const;
+  u64 refusals() const;  // for that, so far
   // Byte ranges of the device that a file occupies, {first sector, sectors}.
   std::vector<std::pair<u64, u64>> map(const std::string& path) const;
 

@@ -114,11 +114,14 @@ int open_inode(Kernel& k, const std::string& path, int flags, int mode, Inode** 
   const u32 type = place.fs->meta.inodes[place.inode].mode & kTypeMask;
   if (type == kTypeDir) return (flags & PLAT_O_ACCMODE) != PLAT_O_RDONLY ? -EISDIR : -EINVAL;
   if (type != kTypeFile) return -ENXIO;
+  if ((flags & PLAT_O_ACCMODE) != PLAT_O_RDONLY && place.fs->refuses_open && place.fs->aborted)
+    return -EROFS;
   *inode = place.fs->inode(place.inode);
   ++(*inode)->opens;
-  if ((flags & PLAT_O_TRUNC) != 0 && place.fs->meta.inodes[place.inode].size > 0)
-    fs_truncate(k, **inode);
-  return 0;
+  if ((flags & PLAT_O_TRUNC) == 0 || place.fs->meta.inodes[place.inode].size == 0) return 0;
+  const int error = fs_truncate(k, **inode);
+  if (error != 0) fs_put_inode(k, **inode);
+  return error;
 }
 
 void mount_fs(Kernel& k, FsState& fs, const std::string& path) {

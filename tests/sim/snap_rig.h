@@ -149,6 +149,9 @@ class SnapRig {
   // With nobody about: the node and its snaps are stopped, the driver perhaps loaded anew, and
   // those that were started resumed.
   void stop_all_and_resume(bool reload);
+  // With nobody about, and the store not on a node: the store is mounted anew and the driver loaded anew, without any
+  // snap.
+  void mount_anew();
 
   Sim& sim;
   SnapSetup setup;

@@ -8,11 +8,11 @@ namespace snbf::rig {
 
 namespace {
 
-constexpr const char* kNames[] = {"agent",     "saver",  "openers",    "snaps",    "readers",
-                                  "files",     "below",  "restarts",   "reload",   "cut",
-                                  "odd",       "procfs", "filefaults", "nomemory", "storefails",
-                                  "diskfails", "full",   "stall",      "bio",      "slow",
-                                  "hurry",     "map",    "inplace",    "torn",     "syncloss"};
+constexpr const char* kNames[] = {
+    "agent",      "saver",     "openers", "snaps",    "readers", "files",      "below",
+    "restarts",   "reload",    "cut",     "odd",      "procfs",  "filefaults", "nomemory",
+    "storefails", "diskfails", "full",    "stall",    "bio",     "slow",       "hurry",
+    "map",        "inplace",   "torn",    "syncloss", "aborts"};
 static_assert(std::size(kNames) == static_cast<unsigned>(Trait::kCount));
 
 constexpr std::uint32_t bit(Trait trait) { return 1u << static_cast<unsigned>(trait); }
@@ -34,7 +34,8 @@ std::uint32_t reconciled(std::uint32_t traits) {
   drop(Trait::Restarts, bit(Trait::Files));
   // A file system over what fails answers errors of its own, at any later time.
   drop(Trait::Files, bit(Trait::DiskFails) | bit(Trait::NoMemory));
-  drop(Trait::Below, bit(Trait::StoreFails) | bit(Trait::Stall) | bit(Trait::NoMemory));
+  drop(Trait::Below,
+       bit(Trait::StoreFails) | bit(Trait::Stall) | bit(Trait::NoMemory) | bit(Trait::Aborts));
   if ((traits & bit(Trait::Snaps)) == 0) traits &= ~bit(Trait::Map);  // nobody would look at it
   drop(Trait::Files, bit(Trait::Map));
   return traits;

@@ -36,6 +36,7 @@ enum class Trait : unsigned {
   InPlace,   // requests end within their submission
   Torn,      // what fails has done a part all the same
   SyncLoss,  // syncs of files fail, and what they were to write is lost
+  Aborts,    // the store's journal fails: it can only be read
   kCount,
 };
 

@@ -71,7 +71,11 @@ void Swarm::run() {
 bool Swarm::breaks_copies() const {
   return plan_.has(Trait::FileFaults) || plan_.has(Trait::NoMemory) ||
          plan_.has(Trait::StoreFails) || plan_.has(Trait::StoreFull) || plan_.has(Trait::Stall) ||
-         plan_.has(Trait::SyncLoss);
+         plan_.has(Trait::SyncLoss) || plan_.has(Trait::Aborts);
+}
+
+bool Swarm::files_may_lack_changes() const {
+  return plan_.has(Trait::Aborts) && sim.log().contains(kGaveUp);
 }
 
 bool Swarm::is_excused(int rc) const {
@@ -192,8 +196,10 @@ Tally Swarm::tally() {
     tally[Met::Refused] += device->counts().refused;
     tally[Met::Torn] += device->counts().torn;
   }
-  if (const sim::FileSystem* store = sim.fs("store"); store != nullptr)
+  if (const sim::FileSystem* store = sim.fs("store"); store != nullptr) {
     tally[Met::LostPage] += store->lost_pages();
+    tally[Met::Refusal] += store->refusals();
+  }
   return tally;
 }
 

@@ -60,6 +60,8 @@ class Swarm {
   void expect_done(int rc, const char* command) const;
   void expect_file_done(int rc, const char* command) const;
   void expect_open(int rc) const;
+  // The driver has said in its log that files lack changes, as nothing could be written; and they may have been loaded.
+  bool files_may_lack_changes() const;
   // Also the file system's own writes set bits, and a file that is not trusted sets them all.
   bool may_is_known() const;
 
@@ -113,7 +115,10 @@ class Swarm {
   // Each file operation has its ten seconds, so what comes before must be over.
   void stall();
   void lose_syncs();
+  void abort_store();
   void mend();
+  // It is mounted anew, and the bitmaps are what its files say.
+  void repair_store();
 
   Sim& sim;
   const Plan& plan_;

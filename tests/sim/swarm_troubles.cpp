@@ -19,7 +19,8 @@ auto Swarm::troubles_of() -> std::vector<Trouble> {
              sim.fs("store")->set_free_blocks(sim.random(60));
            }},
           {Trait::Stall, [this] { stall(); }},
-          {Trait::SyncLoss, [this] { lose_syncs(); }}};
+          {Trait::SyncLoss, [this] { lose_syncs(); }},
+          {Trait::Aborts, [this] { abort_store(); }}};
 }
 
 void Swarm::fail_one_of(std::span<const Fault> kinds, u64 nth_max) {
@@ -83,12 +84,35 @@ void Swarm::stall() {
   sim.device("sdb1")->release_all();
 }
 
+void Swarm::abort_store() {
+  sim.sleep_us(sim.random(30'000));
+  if (over_) return;
+  sim.fs("store")->abort_journal();
+  while (!over_ && !failed()) sim.sleep_us(5000);
+}
+
+void Swarm::repair_store() {
+  if (rig_.exists(0)) {
+    for (const u32 type : kTypes) look_at(type);
+    rig_.check_snaps();
+  }
+  if (failed()) return;
+  rig_.mount_anew();
+  for (const u32 type : kTypes) {
+    Extents map;
+    ASSERT_EQ(rig_.base.get(type, &map), 0);
+    if (!files_may_lack_changes()) expect_covers(bitmaps_.models[type].must(), map);
+    bitmaps_.begin_from(type, map);
+  }
+}
+
 void Swarm::mend() {
   sim.clear_faults();
   sim.set_memory_pressure(false);
   sim.fs("store")->set_free_blocks(~0ull);
   for (const char* name : {"sda1", "sdb1"}) sim.device(name)->clear_failures();
-  if (rig_.exists(0)) return;
+  if (sim.fs("store")->aborted()) repair_store();
+  if (failed() || rig_.exists(0)) return;
   ASSERT_EQ(rig_.base.add("/dev/sda1", 0), 0);
 }
 

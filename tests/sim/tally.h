@@ -26,13 +26,14 @@ enum class Met : unsigned {
   Torn,      // one that failed, but may have done a part
   Moved,     // a write that failed and was found on the partition all the same
   LostPage,  // of a file, by a sync that failed
+  Refusal,   // of a change, by a store whose journal had failed
   kCount,
 };
 
-constexpr const char* kMetNames[] = {"snaps",   "copies",   "parked",   "held",    "faults",
-                                     "images",  "restarts", "resumes",  "pairs",   "flushes",
-                                     "durable", "maps",     "free",     "inplace", "refused",
-                                     "torn",    "moved",    "lostpages"};
+constexpr const char* kMetNames[] = {"snaps",   "copies",   "parked",    "held",    "faults",
+                                     "images",  "restarts", "resumes",   "pairs",   "flushes",
+                                     "durable", "maps",     "free",      "inplace", "refused",
+                                     "torn",    "moved",    "lostpages", "refusals"};
 static_assert(std::size(kMetNames) == static_cast<unsigned>(Met::kCount));
 
 struct Tally {
