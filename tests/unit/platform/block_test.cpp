@@ -368,6 +368,32 @@ SIM_TEST(Bdev, UsedAfterItsCloseEndsTheRun) {
   snbf_plat_bdev_bytes(bdev);
 }
 
+SIM_TEST(InPlace, EndsBeforeTheSubmissionReturns) {
+  Device* disk = sim.add_device({.name = "ram", .in_place_percent = 100});
+  const Io io = sim.submit(disk->number(), {.op = Op::Write, .sector = 0, .data = Bytes(512, 7)});
+  EXPECT_TRUE(io.done());
+  EXPECT_EQ(io.error(), 0);
+  EXPECT_EQ(disk->counts().in_place, 1u);
+  disk->fail_range(0, 8, Op::Write, -EIO);
+  const Io refused =
+      sim.submit(disk->number(), {.op = Op::Write, .sector = 0, .data = Bytes(512, 8)});
+  EXPECT_TRUE(refused.done());
+  EXPECT_EQ(refused.error(), -EIO);
+  EXPECT_EQ(disk->counts().refused, 1u);
+  EXPECT_EQ(disk->peek(0, 512), Bytes(512, 7));
+}
+
+SIM_TEST(Torn, AWriteThatFailsLeavesOldOrNewInEachSector) {
+  Device* disk = sim.add_device({.name = "sda", .tears = true});
+  ASSERT_EQ(sim.write(disk->number(), 0, Bytes(8 * 512, 1)), 0);
+  disk->fail_range(0, 8, Op::Write, -EIO);
+  EXPECT_EQ(sim.write(disk->number(), 0, Bytes(8 * 512, 2)), -EIO);
+  for (u64 sector = 0; sector < 8; ++sector) {
+    const Bytes now = disk->peek(sector, 512);
+    EXPECT_TRUE(now == Bytes(512, 1) || now == Bytes(512, 2));
+  }
+}
+
 SIM_TEST(Bdev, ExclusiveKeepsOtherHoldersAndMountsOut) {
   Device* disk = sim.add_device({.name = "sda"});
   FileSystem* fs = sim.add_fs("a", disk->number());

@@ -217,6 +217,28 @@ SIM_TEST(Files, TellAWriteErrorOfTheDeviceAtTheSync) {
   sim.unmount(fs);
 }
 
+SIM_TEST(Files, AreWhatIsOnDiskBehindAJournalThatFailed) {
+  FileSystem* fs = mounted(sim);
+  const Bytes old = pattern(9000, 3), fresh = pattern(9000, 50);
+  EXPECT_EQ(sim.write_file("/mnt/a/file", old, true), 0);
+  fs->abort_journal();
+  const auto is_refusal = [](int error) { return error == -EROFS || error == -EIO; };
+  EXPECT_TRUE(is_refusal(sim.write_at("/mnt/a/file", 0, fresh)));
+  EXPECT_TRUE(is_refusal(sim.write_file("/mnt/a/file", fresh)));
+  EXPECT_TRUE(is_refusal(sim.write_file("/mnt/a/other", fresh)));
+  EXPECT_TRUE(is_refusal(sim.unlink("/mnt/a/file")));
+  EXPECT_TRUE(is_refusal(sim.sync_all()));
+  Bytes back;
+  EXPECT_EQ(sim.read_file("/mnt/a/file", &back), 0);
+  EXPECT_EQ(back, old);
+  EXPECT_NE(sim.unmount(fs), 0);
+  EXPECT_EQ(sim.mount(fs, "/mnt/a"), 0);
+  EXPECT_EQ(sim.read_file("/mnt/a/file", &back), 0);
+  EXPECT_EQ(back, old);
+  EXPECT_EQ(sim.write_file("/mnt/a/file", fresh, true), 0);
+  EXPECT_EQ(sim.unmount(fs), 0);
+}
+
 SIM_TEST(Freeze, HoldsWritersBackUntilTheThaw) {
   FileSystem* fs = mounted(sim);
   EXPECT_EQ(sim.write_file("/mnt/a/x", Bytes(5000, 1)), 0);
