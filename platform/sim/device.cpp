@@ -18,7 +18,7 @@ Device::Arrival arrival_of(const plat_bio& bio) {
     const plat_bio::Piece& piece = bio.pieces.front();
     memcpy(&mark, piece.page + piece.offset, sizeof(mark));
   }
-  return {bio.op, bio.sector, bio.bytes, mark};
+  return {bio.op, bio.sector, bio.bytes, mark, bio.kind == plat_bio::Kind::Own};
 }
 
 int failure_of(const BlockDev& dev, const plat_bio& bio) {

@@ -279,7 +279,8 @@ class Device {
     Op op;
     u64 sector;
     u32 bytes;
-    u64 mark;  // the first eight bytes that a write carries; else 0
+    u64 mark;     // the first eight bytes that a write carries; else 0
+    bool is_own;  // made by the driver for itself, and nobody's request
     bool operator==(const Arrival&) const = default;
   };
   // Told of each, before it is under way; no switch to another task inside.

@@ -196,7 +196,7 @@ SnapRig::Sent SnapRig::send(sim::Request request, std::optional<model::WriteTick
       .op = request.op, .sector = request.sector, .bytes = request.bytes, .sent_us = sim.now_us()};
   sent.is_flush = request.op == sim::Op::Flush || request.preflush;
   sent.is_fua = request.fua;
-  sim::Device::Arrival arrival = {request.op, request.sector, request.bytes, 0};
+  sim::Device::Arrival arrival = {request.op, request.sector, request.bytes, 0, false};
   if (is_change(request.op)) {
     const u64 sectors = request.bytes / 512;
     if (listener != nullptr) sent.told = listener->sent(request.sector, sectors);
