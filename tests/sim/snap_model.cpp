@@ -31,7 +31,7 @@ void put_mark(u32 write, u64 sector, u8* to) {
 
 // Write 0 is what was there before.
 Partition::Partition(u64 sectors) : history_(sectors) {
-  writes_.push_back({0, sectors, false, 0, 1, true});
+  writes_.push_back({0, sectors, false, 0, 1, 1, true});
   for (auto& covering : history_) covering.push_back(0);
 }
 
@@ -95,6 +95,7 @@ void Partition::end(const WriteTicket& ticket, bool ok) {
   const u64 ended = now();
   for (u32 number = ticket.first; number < ticket.first + ticket.count; ++number) {
     writes_[number].has_failed = !ok;
+    writes_[number].over = ended;
     if (ok) writes_[number].ended = ended;
   }
 }
@@ -157,12 +158,12 @@ bool Partition::was_zeroed(u64 sector) const {
 
 // Whether another write had surely replaced this one before `before`.
 bool Partition::replaced(u64 sector, u32 number, u64 before) const {
-  const u64 ended = writes_[number].ended;
-  if (ended == kNever) return false;
+  const u64 over = writes_[number].over;
+  if (over == kNever) return false;
   for (auto at = history_[sector].rbegin(); at != history_[sector].rend() && *at > number; ++at) {
     const Write& write = writes_[*at];
     if (write.is_lost && cut_ < before) continue;
-    if (write.ended < before && ended < write.sent) return true;
+    if (write.ended < before && over < write.sent) return true;
   }
   return false;
 }
@@ -217,9 +218,9 @@ bool Partition::shows(const WriteTicket& ticket, u64 sector, std::span<const u8>
 }
 
 bool Partition::has_durable_behind(u64 sector, u32 number) const {
-  const u64 ended = writes_[number].ended;
+  const u64 over = writes_[number].over;
   return std::ranges::any_of(history_[sector], [&](u32 other) {
-    return is_durable(writes_[other]) && ended < writes_[other].sent;
+    return is_durable(writes_[other]) && over < writes_[other].sent;
   });
 }
 
@@ -297,7 +298,7 @@ struct SnapImage::Judged {
         lacks_all_behind_zeroes(partition, sector, image.started_);
       } else {
         in[code] = true;
-        lacks_all_behind(partition, sector, partition.writes_[code].ended, image.started_);
+        lacks_all_behind(partition, sector, partition.writes_[code].over, image.started_);
       }
     }
     for (u32 number = 0; number < in.size(); ++number) {
@@ -306,10 +307,10 @@ struct SnapImage::Judged {
   }
 
  private:
-  void lacks_all_behind(const Partition& partition, u64 sector, u64 ended, u64 started) {
+  void lacks_all_behind(const Partition& partition, u64 sector, u64 over, u64 started) {
     for (const u32 number : partition.history_[sector]) {
       const u64 sent = partition.writes_[number].sent;
-      if (sent > ended && sent < started) out[number] = true;
+      if (sent > over && sent < started) out[number] = true;
     }
   }
   // Behind each of those that can have made the zeroes.
@@ -317,7 +318,7 @@ struct SnapImage::Judged {
     u64 last = 0;
     for (const u32 number : partition.history_[sector]) {
       const Partition::Write& write = partition.writes_[number];
-      if (write.zero && write.sent < started) last = std::max(last, write.ended);
+      if (write.zero && write.sent < started) last = std::max(last, write.over);
     }
     lacks_all_behind(partition, sector, last, started);
   }

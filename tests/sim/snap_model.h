@@ -84,7 +84,8 @@ class Partition {
     u64 sector, sectors;
     bool zero;
     u64 sent;
-    u64 ended;  // kNever: not, or it failed
+    u64 ended;          // kNever: not, or it failed: it proves nothing of others
+    u64 over = kNever;  // ended or failed: from then on it puts nothing there
     bool is_hard = false;
     bool is_lost = false;  // or may be, from the power cut on
     bool has_failed = false;

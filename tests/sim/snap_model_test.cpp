@@ -90,6 +90,44 @@ TEST_F(SnapModel, AWriteThatFailedMayBeThereInPart) {
   EXPECT_NE(SnapImage(image).check_read(0, of(later)), "");
 }
 
+TEST_F(SnapModel, WhatAFailedWriteLeftIsReplacedByTheNext) {
+  const WriteTicket torn = partition_.send(0, 2, false);
+  partition_.end(torn, false);
+  SnapImage between(partition_);
+  EXPECT_EQ(partition_.check_read(0, of(torn), partition_.now()), "");
+  const u64 sent = partition_.now();
+  const WriteTicket next = written(0, 2);
+  EXPECT_EQ(partition_.check_read(0, of(torn), sent), "");
+  EXPECT_NE(partition_.check_read(0, of(torn), partition_.now()), "");
+  EXPECT_EQ(partition_.check_read(0, of(next), partition_.now()), "");
+  SnapImage behind(partition_);
+  behind.started();
+  EXPECT_NE(behind.check_read(0, of(torn)), "");
+  between.started();
+  EXPECT_EQ(between.check_read(0, of(torn)), "");
+  EXPECT_EQ(between.check_read(1, of(next, 1)), "");
+  EXPECT_NE(between.check_instant(), "");
+}
+
+TEST_F(SnapModel, AFailedWriteThatRanBesideTheNextMayOutliveIt) {
+  const WriteTicket torn = partition_.send(0, 1, false);
+  written(0, 1);
+  partition_.end(torn, false);
+  EXPECT_EQ(partition_.check_read(0, of(torn), partition_.now()), "");
+  EXPECT_NE(partition_.check_read(0, initial(0), partition_.now()), "");
+}
+
+TEST_F(SnapModel, WhatAFailedWriteLeftIsNotKeptBehindADurableOne) {
+  const WriteTicket torn = partition_.send(0, 1, false);
+  partition_.end(torn, false);
+  const WriteTicket next = written(0, 1);
+  u64 kept = 0;
+  EXPECT_EQ(partition_.check_kept(0, of(torn), &kept), "");
+  partition_.flushed(partition_.now());
+  EXPECT_NE(partition_.check_kept(0, of(torn), &kept), "");
+  EXPECT_EQ(partition_.check_kept(0, of(next), &kept), "");
+}
+
 TEST_F(SnapModel, ADiscardThatFailedIsShownByZeroesOfItsOwn) {
   const WriteTicket torn = partition_.send(0, 2, true);
   partition_.end(torn, false);
