@@ -89,4 +89,12 @@ void BitmapModel::load() {
   for (std::uint64_t extent = 0; extent < extent_count_; ++extent) may_.insert(extent);
 }
 
+void BitmapModel::lose() {
+  must_.clear();
+  brought_.clear();
+  for (const auto& [write, acknowledged_at] : unsettled_)
+    failed_meanwhile_.insert(write.extents.begin(), write.extents.end());
+  unsettled_.clear();
+}
+
 }  // namespace snbf::model

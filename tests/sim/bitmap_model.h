@@ -43,6 +43,8 @@ class BitmapModel {
   // From its file, or all ones: what writes have set is there again, but what a command brought in may be in no file
   // that counts.
   void load();
+  // The bitmap has gone, and a file that may lack any of it takes its place. Nobody writes.
+  void lose();
 
   const Extents& must() const { return must_; }
   const Extents& may() const { return may_; }

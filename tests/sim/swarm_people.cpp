@@ -79,6 +79,7 @@ void Swarm::restarter(int steps) {
       continue;
     }
     if (removes) {
+      lose_unsaved();
       int minor = rig_.base.add("/dev/sda1", 0);
       // A partition that somebody has open is none to attach to; who tests its file system soon closes it.
       for (int tries = 0; minor == kBusy && plan_.has(Trait::Procfs) && tries < kAddTries;
@@ -133,8 +134,8 @@ void Swarm::one_command(u32 type) {
   }
 }
 
-void Swarm::judge_map(u32 type, const Extents& must, const Extents& map) {
-  if (!plan_.has(Trait::Restarts) || !files_may_lack_changes()) expect_covers(must, map);
+void Swarm::judge_map(u32 type, const Extents& must, u64 losses, const Extents& map) {
+  if (losses == losses_) expect_covers(must, map);
   if (!may_is_known()) return;
   const Extents surplus = missing(map, bitmaps_.models[type].may());
   EXPECT_TRUE(surplus.empty()) << "never written: " << show(surplus);
@@ -146,10 +147,11 @@ void Swarm::expect_covers(const Extents& must, const Extents& map) {
 
 void Swarm::look_at(u32 type) {
   const Extents must = bitmaps_.models[type].must();
+  const u64 losses = losses_;
   Extents map;
   const int rc = rig_.base.get(type, &map);
   expect_done(rc, "the reading of a bitmap");
-  if (rc == 0) judge_map(type, must, map);
+  if (rc == 0) judge_map(type, must, losses, map);
 }
 
 void Swarm::take(u32 type, u32 command) {
@@ -157,6 +159,7 @@ void Swarm::take(u32 type, u32 command) {
   bitmaps_.taking[type] = true;
   model.begin_taking();
   const Extents must = model.must();
+  const u64 losses = losses_;
   Extents map;
   const bool tells = command == SNBF_GET_AND_CLR_BMP;
   const int rc = tells ? rig_.base.get(type, &map, command) : rig_.base.clear(type);
@@ -164,7 +167,7 @@ void Swarm::take(u32 type, u32 command) {
   if (rc != 0) {
     model.cancel_taking();
   } else {
-    if (tells) judge_map(type, must, map);
+    if (tells) judge_map(type, must, losses, map);
     model.end_taking(tells ? &map : nullptr);
     taken_[type] = map;
   }

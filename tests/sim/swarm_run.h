@@ -48,6 +48,9 @@ class Swarm {
   // In a task.
   void run();
   Tally tally();  // of what has been met so far, and of what the devices have done
+  // The driver has said in its log that files lack changes, as nothing could be written; since the bitmaps were last
+  // taken to be what their files say.
+  bool files_may_lack_changes() const;
 
  private:
   using Trouble = std::pair<Trait, std::function<void()>>;
@@ -60,8 +63,6 @@ class Swarm {
   void expect_done(int rc, const char* command) const;
   void expect_file_done(int rc, const char* command) const;
   void expect_open(int rc) const;
-  // The driver has said in its log that files lack changes, as nothing could be written; and they may have been loaded.
-  bool files_may_lack_changes() const;
   // Also the file system's own writes set bits, and a file that is not trusted sets them all.
   bool may_is_known() const;
 
@@ -102,7 +103,8 @@ class Swarm {
   // Loses no write, whatever the file is.
   void load(u32 type);
   void look_at(u32 type);
-  void judge_map(u32 type, const Extents& must, const Extents& map);
+  // `losses`: how many there had been when `must` was taken.
+  void judge_map(u32 type, const Extents& must, u64 losses, const Extents& map);
   void expect_covers(const Extents& must, const Extents& map);
 
   // What breaks.
@@ -119,6 +121,8 @@ class Swarm {
   void mend();
   // It is mounted anew, and the bitmaps are what its files say.
   void repair_store();
+  // The node has gone, and with it what was in memory alone.
+  void lose_unsaved();
 
   Sim& sim;
   const Plan& plan_;
@@ -128,6 +132,8 @@ class Swarm {
   SnapRig rig_;
   std::vector<sim::Task*> people_;
   Extents taken_[2];
+  u64 losses_ = 0;         // how often bitmaps have gone that their files lack
+  size_t log_judged_ = 0;  // lines before this one say nothing of the files any more
   bool over_ = false;
 };
 

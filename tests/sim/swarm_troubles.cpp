@@ -104,6 +104,14 @@ void Swarm::repair_store() {
     if (!files_may_lack_changes()) expect_covers(bitmaps_.models[type].must(), map);
     bitmaps_.begin_from(type, map);
   }
+  log_judged_ = sim.log().lines().size();
+}
+
+void Swarm::lose_unsaved() {
+  if (!plan_.has(Trait::Aborts) || !files_may_lack_changes()) return;
+  for (const u32 type : kTypes) bitmaps_.models[type].lose();
+  ++losses_;
+  log_judged_ = sim.log().lines().size();
 }
 
 void Swarm::mend() {
