@@ -92,6 +92,7 @@ void Swarm::abort_store() {
 }
 
 void Swarm::repair_store() {
+  rig_.is_mended = true;
   if (rig_.exists(0)) {
     for (const u32 type : kTypes) look_at(type);
     rig_.check_snaps();
