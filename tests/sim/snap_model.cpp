@@ -91,12 +91,14 @@ std::vector<u8> Partition::data(const WriteTicket& ticket) const {
   return bytes;
 }
 
-void Partition::end(const WriteTicket& ticket, bool ok) {
+void Partition::end(const WriteTicket& ticket, bool ok, bool may_be_torn) {
   const u64 ended = now();
   for (u32 number = ticket.first; number < ticket.first + ticket.count; ++number) {
-    writes_[number].has_failed = !ok;
-    writes_[number].over = ended;
-    if (ok) writes_[number].ended = ended;
+    Write& write = writes_[number];
+    write.may_be_torn = !ok && may_be_torn;
+    write.is_void = !ok && !may_be_torn && ticket.count == 1;
+    write.over = ended;
+    if (ok) write.ended = ended;
   }
 }
 
@@ -153,7 +155,7 @@ std::string Partition::decode(u64 sector, const u8* bytes, Value* value) const {
 
 bool Partition::was_zeroed(u64 sector) const {
   return std::any_of(history_[sector].begin(), history_[sector].end(),
-                     [&](u32 number) { return writes_[number].zero; });
+                     [&](u32 number) { return writes_[number].zero && !writes_[number].is_void; });
 }
 
 // Whether another write had surely replaced this one before `before`.
@@ -169,10 +171,12 @@ bool Partition::replaced(u64 sector, u32 number, u64 before) const {
 }
 
 bool Partition::possible(u64 sector, const Value& value, u64 from, u64 to) const {
-  if (!value.zero) return writes_[value.write].sent < to && !replaced(sector, value.write, from);
-  return std::any_of(history_[sector].begin(), history_[sector].end(), [&](u32 number) {
-    return writes_[number].zero && writes_[number].sent < to && !replaced(sector, number, from);
-  });
+  const auto may_be = [&](u32 number) {
+    const Write& write = writes_[number];
+    return write.zero == value.zero && !write.is_void && write.sent < to &&
+           !replaced(sector, number, from);
+  };
+  return value.zero ? std::ranges::any_of(history_[sector], may_be) : may_be(value.write);
 }
 
 std::string Partition::describe(u64 sector, const Value& value) const {
@@ -230,7 +234,8 @@ std::string Partition::check_kept(u64 sector, std::span<const u8> data, u64* kep
     Value value;
     std::string wrong = decode(sector, &data[done], &value);
     const auto may_be = [&](u32 number) {
-      return value.zero == writes_[number].zero && !has_durable_behind(sector, number);
+      return value.zero == writes_[number].zero && !writes_[number].is_void &&
+             !has_durable_behind(sector, number);
     };
     if (wrong.empty() &&
         !(value.zero ? std::ranges::any_of(history_[sector], may_be) : may_be(value.write)))
@@ -318,7 +323,7 @@ struct SnapImage::Judged {
     u64 last = 0;
     for (const u32 number : partition.history_[sector]) {
       const Partition::Write& write = partition.writes_[number];
-      if (write.zero && write.sent < started) last = std::max(last, write.over);
+      if (write.zero && !write.is_void && write.sent < started) last = std::max(last, write.over);
     }
     lacks_all_behind(partition, sector, last, started);
   }
@@ -329,7 +334,7 @@ std::string SnapImage::check_instant() const {
   u32 last_in = 0, first_out = 0;
   for (u32 number = 0; number < judged.in.size(); ++number) {
     const Partition::Write& write = partition_->writes_[number];
-    if (judged.in[number] && judged.out[number] && !write.has_failed) {
+    if (judged.in[number] && judged.out[number] && !write.may_be_torn) {
       return "the image holds only a part of write " + std::to_string(number);
     }
     if (judged.in[number] && write.sent > partition_->writes_[last_in].sent) last_in = number;

@@ -58,8 +58,9 @@ class Partition {
   // One piece, within what is laid out.
   WriteTicket send_own(u64 sector, std::vector<u8> bytes);
   std::vector<u8> data(const WriteTicket& ticket) const;
-  // One that failed may have reached the partition, or not, each sector apart.
-  void end(const WriteTicket& ticket, bool ok);
+  // One that failed may have reached the partition, or not: where it may be torn each sector apart; else each piece as
+  // a whole, and one that is all of its request not at all.
+  void end(const WriteTicket& ticket, bool ok, bool may_be_torn = false);
   // A write that has ended well was sent to be durable at its end.
   void hardened(const WriteTicket& ticket);
   // A flush has ended well; it was sent at `sent`.
@@ -88,7 +89,8 @@ class Partition {
     u64 over = kNever;  // ended or failed: from then on it puts nothing there
     bool is_hard = false;
     bool is_lost = false;  // or may be, from the power cut on
-    bool has_failed = false;
+    bool may_be_torn = false;
+    bool is_void = false;  // it failed, and has put nothing there
   };
   // What a sector says: the write that made it, or that it is zero.
   struct Value {
@@ -107,7 +109,7 @@ class Partition {
   // "" or why the bytes are nothing that was ever written there.
   std::string decode(u64 sector, const u8* bytes, Value* value) const;
   std::string decode_own(u64 sector, const u8* bytes, Value* value) const;
-  // Whether a discard was ever sent to it.
+  // Whether a discard may ever have reached it.
   bool was_zeroed(u64 sector) const;
   // Whether `value` may be in the sector for somebody who looks between `from` and `to`.
   bool possible(u64 sector, const Value& value, u64 from, u64 to) const;

@@ -76,7 +76,7 @@ TEST_F(SnapModel, AWriteBesideTheStartIsFreeButFixed) {
 
 TEST_F(SnapModel, AWriteThatFailedMayBeThereInPart) {
   const WriteTicket torn = partition_.send(0, 2, false);
-  partition_.end(torn, false);
+  partition_.end(torn, false, true);
   SnapImage image(partition_);
   image.started();
   EXPECT_TRUE(partition_.shows(torn, 0, of(torn)));
@@ -85,14 +85,14 @@ TEST_F(SnapModel, AWriteThatFailedMayBeThereInPart) {
   EXPECT_EQ(image.check_read(1, initial(1)), "");
   EXPECT_EQ(image.check_instant(), "");
   const WriteTicket later = partition_.send(0, 2, false);
-  partition_.end(later, false);
+  partition_.end(later, false, true);
   EXPECT_NE(image.check_read(0, of(later)), "");
   EXPECT_NE(SnapImage(image).check_read(0, of(later)), "");
 }
 
 TEST_F(SnapModel, WhatAFailedWriteLeftIsReplacedByTheNext) {
   const WriteTicket torn = partition_.send(0, 2, false);
-  partition_.end(torn, false);
+  partition_.end(torn, false, true);
   SnapImage between(partition_);
   EXPECT_EQ(partition_.check_read(0, of(torn), partition_.now()), "");
   const u64 sent = partition_.now();
@@ -112,14 +112,14 @@ TEST_F(SnapModel, WhatAFailedWriteLeftIsReplacedByTheNext) {
 TEST_F(SnapModel, AFailedWriteThatRanBesideTheNextMayOutliveIt) {
   const WriteTicket torn = partition_.send(0, 1, false);
   written(0, 1);
-  partition_.end(torn, false);
+  partition_.end(torn, false, true);
   EXPECT_EQ(partition_.check_read(0, of(torn), partition_.now()), "");
   EXPECT_NE(partition_.check_read(0, initial(0), partition_.now()), "");
 }
 
 TEST_F(SnapModel, WhatAFailedWriteLeftIsNotKeptBehindADurableOne) {
   const WriteTicket torn = partition_.send(0, 1, false);
-  partition_.end(torn, false);
+  partition_.end(torn, false, true);
   const WriteTicket next = written(0, 1);
   u64 kept = 0;
   EXPECT_EQ(partition_.check_kept(0, of(torn), &kept), "");
@@ -128,9 +128,26 @@ TEST_F(SnapModel, WhatAFailedWriteLeftIsNotKeptBehindADurableOne) {
   EXPECT_EQ(partition_.check_kept(0, of(next), &kept), "");
 }
 
+TEST_F(SnapModel, AWriteThatFailedWholeHasPutNothingThere) {
+  SnapImage image(partition_);
+  const WriteTicket failed = partition_.send(0, 2, false);
+  EXPECT_EQ(partition_.check_read(0, of(failed), partition_.now()), "");
+  partition_.end(failed, false);
+  const WriteTicket discard = partition_.send(0, 1, true);
+  partition_.end(discard, false);
+  image.started();
+  SnapImage before = image;
+  u64 kept = 0;
+  EXPECT_NE(partition_.check_read(0, of(failed), partition_.now()), "");
+  EXPECT_NE(partition_.check_read(0, zeroes(1), partition_.now()), "");
+  EXPECT_NE(partition_.check_kept(0, of(failed), &kept), "");
+  EXPECT_NE(image.check_read(0, of(failed)), "");
+  EXPECT_EQ(before.check_read(0, initial(0)), "");
+}
+
 TEST_F(SnapModel, ADiscardThatFailedIsShownByZeroesOfItsOwn) {
   const WriteTicket torn = partition_.send(0, 2, true);
-  partition_.end(torn, false);
+  partition_.end(torn, false, true);
   EXPECT_TRUE(partition_.shows(torn, 0, zeroes(2)));
   const WriteTicket other = partition_.send(0, 2, true);
   EXPECT_FALSE(partition_.shows(torn, 0, zeroes(2)));
@@ -234,6 +251,23 @@ TEST_F(SnapModel, ALargeRequestIsJudgedByThePieces) {
   EXPECT_EQ(ticket.count, 3u);
   large.end(ticket, true);
   EXPECT_EQ(large.check_read(1, large.data(ticket), large.now()), "");
+}
+
+TEST_F(SnapModel, OfALargeRequestThatFailedEachPieceMayBeThereWhole) {
+  Partition large(2 * kPieceSectors);
+  SnapImage image(large);
+  const WriteTicket failed = large.send(0, 2 * kPieceSectors, false);
+  large.end(failed, false);
+  image.started();
+  const std::vector<u8> data = large.data(failed), before = large.initial();
+  const auto at = [](const std::vector<u8>& bytes, u64 sector) {
+    return std::span(bytes).subspan(sector * kSectorBytes, kSectorBytes);
+  };
+  EXPECT_EQ(image.check_read(0, at(data, 0)), "");
+  EXPECT_EQ(image.check_read(kPieceSectors, at(before, kPieceSectors)), "");
+  EXPECT_EQ(image.check_instant(), "");
+  EXPECT_EQ(image.check_read(1, at(before, 1)), "");
+  EXPECT_NE(image.check_instant(), "");
 }
 
 }  // namespace

@@ -164,8 +164,7 @@ snbf_info SnapRig::info(int minor) {
 
 // ---- Requests
 
-void SnapRig::judge_write(const model::WriteTicket& ticket, int rc, u64 waited_us) {
-  partition.end(ticket, rc == 0);
+void SnapRig::judge_write(int rc, u64 waited_us) {
   longest_wait_us = std::max(longest_wait_us, waited_us);
   if (!partition_may_fail) {
     EXPECT_EQ(rc, 0) << "a write failed";
@@ -225,7 +224,8 @@ int SnapRig::finish(const Sent& sent) {
     const bool moved = rc == 0 || has_moved(sent);
     if (rc != 0 && moved) ++tally[Met::Moved];
     if (listener != nullptr) listener->ended(sent.told, moved);
-    judge_write(sent.ticket, rc, sent.io.done_at_us() - sent.sent_us);
+    partition.end(sent.ticket, rc == 0, setup.tears);
+    judge_write(rc, sent.io.done_at_us() - sent.sent_us);
     if (rc == 0 && sent.is_fua) partition.hardened(sent.ticket);
   } else if (rc != 0) {
     EXPECT_TRUE(partition_may_fail) << "a read or a flush of the origin failed: " << rc;
@@ -484,9 +484,10 @@ int SnapRig::write_file_page(u64 page, bool sync) {
   const u64 sent_us = sim.now_us();
   const model::WriteTicket ticket = partition.send(sector, 8, false);
   const int rc = sim.write_at("/data/file", page * 4096, partition.data(ticket), sync);
+  if (rc == 0) partition.end(ticket, true);  // else its file system may write it yet
   // A file's write also waits for its file system to be thawed.
   const bool checked = std::exchange(waits_checked, false);
-  judge_write(ticket, rc, sim.now_us() - sent_us);
+  judge_write(rc, sim.now_us() - sent_us);
   waits_checked = checked;
   return rc;
 }

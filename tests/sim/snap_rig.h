@@ -199,7 +199,7 @@ class SnapRig {
   void mount_and_load(bool fresh);
   // Whether a change that has failed is on the partition all the same, in part or whole.
   bool has_moved(const Sent& sent) const;
-  void judge_write(const model::WriteTicket& ticket, int rc, u64 waited_us);
+  void judge_write(int rc, u64 waited_us);
   void count_copies(Snap& snap);
   void forget(const std::shared_ptr<Snap>& snap);
   void judge_refusal(Snap& snap, int rc);
