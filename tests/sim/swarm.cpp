@@ -38,6 +38,8 @@ std::uint32_t reconciled(std::uint32_t traits) {
        bit(Trait::StoreFails) | bit(Trait::Stall) | bit(Trait::NoMemory) | bit(Trait::Aborts));
   if ((traits & bit(Trait::Snaps)) == 0) traits &= ~bit(Trait::Map);  // nobody would look at it
   drop(Trait::Files, bit(Trait::Map));
+  // Where no device fails nothing is torn.
+  if ((traits & (bit(Trait::DiskFails) | bit(Trait::StoreFails))) == 0) traits &= ~bit(Trait::Torn);
   return traits;
 }
 

@@ -59,13 +59,16 @@ void Swarm::fail_memory() {
 }
 
 void Swarm::fail_device(const char* name) {
-  // What fails whole is met in any of these; what may be torn must be met often, to be torn where it matters.
-  constexpr Op kOps[] = {Op::Write, Op::Read, Op::Flush, Op::Write, Op::Discard};
+  constexpr Op kWhole[] = {Op::Write, Op::Read, Op::Flush};
+  // What may be torn must be met often, to be torn where it matters; and a flush has nothing to tear.
+  constexpr Op kTorn[] = {Op::Write, Op::Read, Op::Discard, Op::WriteZeroes, Op::Write};
   const bool tears = plan_.has(Trait::Torn);
   const u64 sectors = sim.device(name)->bytes() / 512;
   sim.sleep_us(sim.random(tears ? 3000 : 15'000));
-  sim.device(name)->fail_range(sim.random(sectors), 1 + sim.random(sectors / (tears ? 2 : 8)),
-                               kOps[sim.random(tears ? 5 : 3)], kIoError);
+  sim.device(name)->fail_range(
+      sim.random(sectors), 1 + sim.random(sectors / (tears ? 2 : 8)),
+      tears ? kTorn[sim.random(std::size(kTorn))] : kWhole[sim.random(std::size(kWhole))],
+      kIoError);
   const size_t before = sim.device(name)->history().size();
   sim.sleep_us(sim.random(10'000));
   const std::span seen = std::span(sim.device(name)->history()).subspan(before);
