@@ -1,5 +1,7 @@
 // File systems: durability, faults, fullness, the journal, the freeze.
+#include <algorithm>
 #include <cstring>
+#include <set>
 
 #include "platform/block.h"
 #include "platform/file.h"
@@ -215,6 +217,59 @@ SIM_TEST(Files, TellAWriteErrorOfTheDeviceAtTheSync) {
   EXPECT_EQ(sim.sync_file("/mnt/a/x"), -EIO);
   sim.device("sda")->clear_failures();
   sim.unmount(fs);
+}
+
+SIM_TEST(Files, MayLackWhatASyncThatFailedWasToWrite) {
+  FileSystem* fs = mounted(sim);
+  constexpr u64 kPage = 4096, kPages = 8;
+  const Bytes old(kPages * kPage, 1), fresh(kPages * kPage, 2);
+  // Of each page that a reader, and the disk, holds: each as a whole.
+  const auto pages_of = [&](std::vector<u8>* pages) {
+    Bytes data;
+    EXPECT_EQ(sim.read_file("/mnt/a/x", &data), 0);
+    ASSERT_EQ(data.size(), kPages * kPage);
+    pages->clear();
+    for (u64 page = 0; page < kPages; ++page) {
+      const std::span<const u8> bytes = std::span(data).subspan(page * kPage, kPage);
+      EXPECT_TRUE(std::ranges::all_of(bytes, [&](u8 byte) { return byte == bytes[0]; }));
+      pages->push_back(bytes[0]);
+    }
+  };
+  std::set<int> errors;
+  u64 hidden = 0, seen = 0, kept = 0;
+  for (int round = 0; round < 20; ++round) {
+    ASSERT_EQ(sim.write_file("/mnt/a/x", old, true), 0);
+    plat_file* file;
+    ASSERT_EQ(snbf_plat_file_open("/mnt/a/x", PLAT_O_RDWR, 0600, &file), 0);
+    ASSERT_EQ(snbf_plat_file_write(file, 0, fresh.data(), fresh.size()), s64{kPages * kPage});
+    const u64 lost_before = fs->lost_pages();
+    sim.fail_nth(Fault::SyncLoss, 1);
+    errors.insert(snbf_plat_file_sync(file));
+    EXPECT_EQ(snbf_plat_file_sync(file), 0);
+    EXPECT_EQ(snbf_plat_file_close(file), 0);
+    std::vector<u8> read, stored;
+    pages_of(&read);
+    ASSERT_EQ(sim.unmount(fs), 0);
+    ASSERT_EQ(sim.mount(fs, "/mnt/a"), 0);
+    pages_of(&stored);
+    u64 lost = 0;
+    for (u64 page = 0; page < kPages; ++page) {
+      if (stored[page] == 2) {
+        EXPECT_EQ(read[page], 2);
+        ++kept;
+        continue;
+      }
+      EXPECT_EQ(stored[page], 1);
+      ++lost;
+      ++(read[page] == 2 ? hidden : seen);
+    }
+    EXPECT_EQ(fs->lost_pages() - lost_before, lost);
+  }
+  EXPECT_EQ(errors, (std::set<int>{-ENOSPC, -EIO}));
+  EXPECT_GT(hidden, 0u) << "a lost page that could be read yet";
+  EXPECT_GT(seen, 0u);
+  EXPECT_GT(kept, 0u);
+  EXPECT_EQ(sim.unmount(fs), 0);
 }
 
 SIM_TEST(Files, AreWhatIsOnDiskBehindAJournalThatFailed) {
