@@ -31,11 +31,15 @@ void Sim::fail_always(Fault kind, int error) {
   state.error = error;
 }
 
+void Sim::clear_fault(Fault kind) {
+  FaultState& state = kernel_->faults[static_cast<int>(kind)];
+  state.fail_at = 0;
+  state.always = false;
+}
+
 void Sim::clear_faults() {
-  for (FaultState& state : kernel_->faults) {
-    state.fail_at = 0;
-    state.always = false;
-  }
+  for (std::size_t kind = 0; kind < std::size(kernel_->faults); ++kind)
+    clear_fault(static_cast<Fault>(kind));
 }
 
 bool Sim::fault_reached(Fault kind) const {

@@ -494,6 +494,7 @@ class Sim {
   // The n-th call of the kind from now on (1: the next) fails; only once. `error` 0: the usual one.
   void fail_nth(Fault kind, u64 nth, int error = 0);
   void fail_always(Fault kind, int error = 0);
+  void clear_fault(Fault kind);
   void clear_faults();
   // Whether the fault that fail_nth asked for came to pass.
   bool fault_reached(Fault kind) const;

@@ -7,8 +7,8 @@
 //     the write was sent;
 //   - while the node has snaps, requests that overlap, one of them a write, are never there together.
 //
-// A read may overtake a write that waits: nobody has told its sender that the write is done. And what a snap found
-// free may be read for a copy, with its neighbour that it used, while it is being written.
+// A read may overtake a write that waits: nobody has told its sender that the write is done. The driver's own requests
+// (is_own) are not judged: a copy may take along what its snap does not promise, and read it while it is being written.
 #pragma once
 
 #include <map>

@@ -4,7 +4,8 @@
 // acknowledged. Somewhere in between the driver marks it. One agent at a time issues the commands that take bits
 // away (clear, get-and-clear); such a command takes effect somewhere between its own two ends. So:
 //
-//   must  extents of writes that were acknowledged, or changed anything, that no such command can have taken away: they are set
+//   must  extents of writes that were acknowledged, or changed anything, that no such command can have taken away:
+//         they are set
 //   may   extents of writes that were sent before now and not certainly taken away: no other bit is set
 #pragma once
 

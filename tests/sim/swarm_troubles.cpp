@@ -38,7 +38,6 @@ void Swarm::fail_files() {
 }
 
 void Swarm::lose_syncs() {
-  constexpr u64 kNotSoon = u64{1} << 40;
   sim.sleep_us(sim.random(10'000));
   if (sim.random(2) == 0) {
     sim.fail_nth(Fault::SyncLoss, 1 + sim.random(6));
@@ -47,7 +46,7 @@ void Swarm::lose_syncs() {
   }
   sim.sleep_us(sim.random(8000));
   if (sim.fault_reached(Fault::SyncLoss)) ++rig_.tally[Met::Fault];
-  sim.fail_nth(Fault::SyncLoss, kNotSoon);
+  sim.clear_fault(Fault::SyncLoss);
 }
 
 void Swarm::fail_memory() {
