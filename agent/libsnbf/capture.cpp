@@ -21,6 +21,7 @@
 #include <memory>
 #include <optional>
 #include <thread>
+#include <utility>
 
 #include "capture_state.h"
 #include "last_capture.h"
@@ -130,9 +131,15 @@ class Way {
 //
 // The disk counts what it was given, and not what its scheduler holds back: only where it has
 // nothing to do, reads of other partitions included, does nothing wait. It may pause between two
-// requests, so it is looked at twice.
-bool drain(libsnbf* handle, uint32_t minor) {
-  const Way way(handle, minor);
+// requests, so it is looked at twice. What waits for the disk's cache to be flushed first, as the
+// commits of a journal do, is counted nowhere: those who send it are told to be done with it.
+bool drain(libsnbf* handle, const snbf_info& node) {
+  const std::string device = node_device(node);
+  if (sync_mounts(block_device(device)) != 0) return false;
+  if (const Fd file(::open(device.c_str(), O_RDONLY | O_CLOEXEC)); file.ok()) {
+    if (::fsync(file.get()) < 0) return false;
+  }
+  const Way way(handle, node.minor);
   int looks_free = 0;
   for (int step = 0; step < kDrainStepsMax; ++step) {
     std::this_thread::sleep_for(kDrainStep);
@@ -259,8 +266,10 @@ int libsnbf_capture::make_snap(const char* cow_dir) {
   return libsnbf_get_info(handle, request.minor_used, &*snap);
 }
 
-void libsnbf_capture::settle(const Bits& just_taken) {
-  if (!snbf::lib::drain(handle, node.minor)) snbf::lib::merge(&unsettled, just_taken);
+// Rest settles what was taken before, too.
+bool libsnbf_capture::settle(const Bits& just_taken) {
+  snbf::lib::merge(&unsettled, just_taken);
+  return snbf::lib::drain(handle, node);
 }
 
 int libsnbf_capture::add_marked(uint32_t type) {
@@ -276,7 +285,7 @@ int libsnbf_capture::begin(const libsnbf_capture_request& request) {
   stage = Stage::Begun;
   taken = Taken::Nothing;
   int rc = take(record.full, &wanted);
-  if (rc == 0 && !request.cow_dir) settle(wanted);
+  if (rc == 0 && !request.cow_dir && settle(wanted)) unsettled.assign(unsettled.size(), 0);
   if (rc == 0 && request.cow_dir) rc = make_snap(request.cow_dir);
   if (rc == 0 && snap) rc = add_marked(SNBF_BMP_INCR);
   if (rc == 0 && level == LIBSNBF_LEVEL_DIFF) rc = add_marked(SNBF_BMP_DIFF);
@@ -317,7 +326,8 @@ int libsnbf_capture::again(Bits* now) {
     return rc;
   }
   if (int rc = take(false, now); rc != 0) return rc;
-  settle(*now);
+  // What may have been read too early is read once more, now that its writes have landed.
+  if (settle(*now)) *now = std::exchange(unsettled, Bits(unsettled.size()));
   return 0;
 }
 

@@ -53,7 +53,7 @@ struct libsnbf_capture {
   int prepare(const libsnbf_capture_request& request);
   int make_snap(const char* cow_dir);
   int add_marked(uint32_t type);
-  void settle(const Bits& just_taken);
+  bool settle(const Bits& just_taken);
   int write_journal(bool with_bits);
   int merge_back(const snbf::lib::CaptureRecord& record);
   int count_everything(bool full);

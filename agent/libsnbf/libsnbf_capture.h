@@ -106,8 +106,9 @@ struct libsnbf_capture_request {
  *   and those of libsnbf_snap_create()
  *
  * Without a snap the device is the node's own. It moves while it is copied, so the caller goes on
- * with libsnbf_capture_again() until nothing is left, or until it is not worth it: what was written
- * behind the last call stays marked. May take two seconds, for writes under way to land.
+ * with libsnbf_capture_again() until nothing is marked and nothing unsettled, or until it is not worth
+ * it: what was written behind the last call stays marked. May take two seconds, for writes under way to
+ * land.
  */
 int libsnbf_capture_begin(struct libsnbf_capture* capture,
                           const struct libsnbf_capture_request* request);
@@ -132,7 +133,9 @@ int libsnbf_capture_source(struct libsnbf_capture* capture, struct libsnbf_sourc
                            uint32_t bits_size);
 
 /*
- * Without a snap: takes what has been written since, as begin does. -EOPNOTSUPP: there is a snap.
+ * Without a snap: takes what has been written since, as begin does. Where all writes under way have
+ * landed by now, the bits are also those that were unsettled before: all that they name is read once
+ * more, and then nothing is unsettled. -EOPNOTSUPP: there is a snap.
  */
 int libsnbf_capture_again(struct libsnbf_capture* capture, void* bits, uint32_t bits_size);
 

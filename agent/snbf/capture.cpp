@@ -179,7 +179,8 @@ class Capture {
     copy(live_->fd(), moved, false, label);
   }
 
-  bool pending() const { return !driver_.get(node_, SNBF_BMP_INCR).none(); }
+  // Something is marked, or may have been on its way while it was read.
+  bool moving() const { return taken_.unsettled() || !driver_.get(node_, SNBF_BMP_INCR).none(); }
 
   void copy_live() {
     const Extents& which = leave_out(taken_.wanted(), everything("only a snap shows what is free"));
@@ -188,19 +189,19 @@ class Capture {
       copy_frozen();
       return;
     }
-    for (int round = 1; pending() && round < kRoundsMax; ++round) copy_again("copying again");
+    for (int round = 1; moving() && round < kRoundsMax; ++round) copy_again("copying again");
     // What is still marked stays in the bitmap, and so in the next point.
-    const bool moving = pending() || taken_.unsettled();
-    point_.source = moving ? "moving" : live_->unmounted() ? "unmounted" : "quiet";
+    point_.source = moving() ? "moving" : live_->unmounted() ? "unmounted" : "quiet";
   }
 
   void copy_frozen() {
-    if (driver_.get(node_, SNBF_BMP_INCR).covered_bytes() > kFreezeWorthBytes) {
+    if (taken_.unsettled() ||
+        driver_.get(node_, SNBF_BMP_INCR).covered_bytes() > kFreezeWorthBytes) {
       copy_again("copying again");
     }
     Freeze freeze(live_->mounts().front(), options_.freeze_limit);
-    if (pending()) copy_again("copying, frozen");
-    const bool still = !pending() && !taken_.unsettled();
+    if (moving()) copy_again("copying, frozen");
+    const bool still = !moving();
     const bool held = freeze.thaw();
     point_.frozen_ms = freeze.lasted_ms();
     if (!held) {

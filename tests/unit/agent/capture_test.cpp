@@ -263,6 +263,40 @@ TEST_F(Capture, ADeviceThatHasBeenToldNotToCountIsNoRest) {
   EXPECT_TRUE(settles());
 }
 
+// What was begun without rest is read once more behind the next one, and is settled by it.
+TEST_F(Capture, RestBehindALaterLookSettlesWhatWasTakenBefore) {
+  uint8_t bits[kBitsBytes];
+  put(kHeld, "1\n");
+  EXPECT_FALSE(settles());
+  mark(SNBF_BMP_INCR, 5);
+  ASSERT_EQ(libsnbf_capture_again(capture_, bits, sizeof bits), 0);
+  EXPECT_EQ(marks_of(bits), Marks{5}) << "what has not landed is not worth another reading";
+  wanted();
+  EXPECT_TRUE(source_.unsettled);
+  put(kHeld, "0\n");
+  mark(SNBF_BMP_INCR, 6);
+  ASSERT_EQ(libsnbf_capture_again(capture_, bits, sizeof bits), 0);
+  EXPECT_EQ(marks_of(bits), (Marks{1, 2, 5, 6, 9}));
+  wanted();
+  EXPECT_FALSE(source_.unsettled);
+  mark(SNBF_BMP_INCR, 7);
+  ASSERT_EQ(libsnbf_capture_again(capture_, bits, sizeof bits), 0);
+  EXPECT_EQ(marks_of(bits), Marks{7}) << "once is enough";
+  ASSERT_EQ(libsnbf_capture_seal(capture_), 0);
+  EXPECT_EQ(marked(SNBF_BMP_INCR), Marks{});
+}
+
+TEST_F(Capture, WhatIsTakenAgainIsUnsettledUntilItHasLanded) {
+  uint8_t bits[kBitsBytes];
+  EXPECT_TRUE(settles());
+  put(kHeld, "1\n");
+  mark(SNBF_BMP_INCR, 5);
+  ASSERT_EQ(libsnbf_capture_again(capture_, bits, sizeof bits), 0);
+  EXPECT_EQ(marks_of(bits), Marks{5});
+  ASSERT_EQ(libsnbf_capture_seal(capture_), 0);
+  EXPECT_EQ(marked(SNBF_BMP_INCR), Marks{5}) << "what had landed before is not given back";
+}
+
 // Both were taken, and a differential is laid over the full one, which may hold what was there before.
 TEST_F(Capture, WhatAFullOneCouldNotCallSettledGoesBackIntoBoth) {
   put(kHeld, "1\n");
