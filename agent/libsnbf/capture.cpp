@@ -12,6 +12,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <bit>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -43,6 +44,12 @@ void merge(Bits* into, const Bits& other) {
   for (size_t i = 0; i < into->size(); ++i) (*into)[i] |= other[i];
 }
 
+uint64_t count(const Bits& bits) {
+  uint64_t set = 0;
+  for (uint8_t byte : bits) set += static_cast<uint64_t>(std::popcount(byte));
+  return set;
+}
+
 bool none(const Bits& bits) {
   for (uint8_t byte : bits) {
     if (byte) return false;
@@ -61,8 +68,9 @@ int sync_mounts(dev_t device) {
       mnt_new_table_from_file("/proc/self/mountinfo"), mnt_unref_table);
   std::unique_ptr<libmnt_iter, decltype(&mnt_free_iter)> iter(mnt_new_iter(MNT_ITER_FORWARD),
                                                               mnt_free_iter);
+  if (!table || !iter) return -EIO;
   libmnt_fs* entry = nullptr;
-  while (device != 0 && table && iter && mnt_table_next_fs(table.get(), iter.get(), &entry) == 0) {
+  while (device != 0 && mnt_table_next_fs(table.get(), iter.get(), &entry) == 0) {
     const char* source = mnt_fs_get_source(entry);
     const bool by_source = source && source[0] == '/' && block_device(source) == device;
     if (mnt_fs_get_devno(entry) != device && !by_source) continue;
@@ -126,29 +134,28 @@ class Way {
 };
 
 // Waits for a moment in which no write is under way to the partition. A write is marked before it
-// reaches it: one that was taken as marked must have landed before its extent is read. False: it
-// cannot be told that all have.
+// reaches it: one that was taken as marked must have landed before its extent is read.
 //
 // The disk counts what it was given, and not what its scheduler holds back: only where it has
 // nothing to do, reads of other partitions included, does nothing wait. It may pause between two
-// requests, so it is looked at twice. What waits for the disk's cache to be flushed first, as the
-// commits of a journal do, is counted nowhere: those who send it are told to be done with it.
-bool drain(libsnbf* handle, const snbf_info& node) {
-  const std::string device = node_device(node);
-  if (sync_mounts(block_device(device)) != 0) return false;
-  if (const Fd file(::open(device.c_str(), O_RDONLY | O_CLOEXEC)); file.ok()) {
-    if (::fsync(file.get()) < 0) return false;
-  }
+// requests, so it is looked at twice. What waits for the disk's cache to be flushed first is counted
+// nowhere. It is a file system's commits that do: it is told to be done with them, and the flush of
+// the device itself ends behind those of file systems that are mounted where we cannot see it.
+Drained drain(libsnbf* handle, const snbf_info& node) {
+  const std::string device = handle->dev_root + "/snbf/snbf" + std::to_string(node.minor);
+  if (sync_mounts(block_device(device)) != 0) return Drained::NotYet;
+  const Fd file(::open(device.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file.ok() || ::fsync(file.get()) < 0) return Drained::NotYet;
   const Way way(handle, node.minor);
   int looks_free = 0;
   for (int step = 0; step < kDrainStepsMax; ++step) {
     std::this_thread::sleep_for(kDrainStep);
     const auto is_free = way.is_free();
-    if (!is_free) return false;
+    if (!is_free) return Drained::Untold;
     looks_free = *is_free ? looks_free + 1 : 0;
-    if (looks_free == kDrainLooks) return true;
+    if (looks_free == kDrainLooks) return Drained::Yes;
   }
-  return false;
+  return Drained::NotYet;
 }
 
 }  // namespace
@@ -208,6 +215,7 @@ int libsnbf_capture::prepare(const libsnbf_capture_request& request) {
   if (std::strlen(request.point) >= sizeof libsnbf_state::incr_point) return -ENAMETOOLONG;
   const size_t size = node.incr_bmp_size;
   level = request.level;
+  drained = Drained::Yes;
   record = {};
   record.full = level == LIBSNBF_LEVEL_FULL;
   record.node_uuid = node.uuid;
@@ -266,10 +274,13 @@ int libsnbf_capture::make_snap(const char* cow_dir) {
   return libsnbf_get_info(handle, request.minor_used, &*snap);
 }
 
-// Rest settles what was taken before, too.
-bool libsnbf_capture::settle(const Bits& just_taken) {
+// Rest settles what was taken before, too. Answers what it has settled: nothing, or all of it.
+libsnbf_capture::Bits libsnbf_capture::settle(const Bits& just_taken) {
   snbf::lib::merge(&unsettled, just_taken);
-  return snbf::lib::drain(handle, node);
+  drained = snbf::lib::drain(handle, node);
+  Bits settled(unsettled.size());
+  if (drained == Drained::Yes) std::swap(settled, unsettled);
+  return settled;
 }
 
 int libsnbf_capture::add_marked(uint32_t type) {
@@ -285,7 +296,7 @@ int libsnbf_capture::begin(const libsnbf_capture_request& request) {
   stage = Stage::Begun;
   taken = Taken::Nothing;
   int rc = take(record.full, &wanted);
-  if (rc == 0 && !request.cow_dir && settle(wanted)) unsettled.assign(unsettled.size(), 0);
+  if (rc == 0 && !request.cow_dir) settle(wanted);
   if (rc == 0 && request.cow_dir) rc = make_snap(request.cow_dir);
   if (rc == 0 && snap) rc = add_marked(SNBF_BMP_INCR);
   if (rc == 0 && level == LIBSNBF_LEVEL_DIFF) rc = add_marked(SNBF_BMP_DIFF);
@@ -305,7 +316,8 @@ int libsnbf_capture::read_source(libsnbf_source* out, void* bits, uint32_t size)
   snbf::lib::put_text(out->device, device);
   out->minor = snap ? snap->minor : node.minor;
   out->from_snap = snap.has_value();
-  out->unsettled = !snbf::lib::none(unsettled);
+  out->unsettled_cnt = snbf::lib::count(unsettled);
+  out->never_settles = drained == Drained::Untold;
   out->start_us = start_us;
   out->dev_size = node.dev_size;
   out->extent_cnt = node.extent_cnt;
@@ -327,7 +339,7 @@ int libsnbf_capture::again(Bits* now) {
   }
   if (int rc = take(false, now); rc != 0) return rc;
   // What may have been read too early is read once more, now that its writes have landed.
-  if (settle(*now)) *now = std::exchange(unsettled, Bits(unsettled.size()));
+  snbf::lib::merge(now, settle(*now));
   return 0;
 }
 

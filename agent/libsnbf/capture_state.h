@@ -15,6 +15,13 @@ namespace snbf::lib {
 
 enum class Stage { Open, Begun, Sealed };
 
+// Of the writes that were under way when bits were taken.
+enum class Drained {
+  Yes,
+  NotYet,
+  Untold,  // nor will it ever be: the system does not count them
+};
+
 // What this capture knows of the bits that it may have cleared.
 enum class Taken { Nothing, Unknown, Known };
 
@@ -24,6 +31,7 @@ struct libsnbf_capture {
   using Bits = snbf::lib::Bits;
   using Stage = snbf::lib::Stage;
   using Taken = snbf::lib::Taken;
+  using Drained = snbf::lib::Drained;
 
   libsnbf_capture(libsnbf* owner, const snbf_info& filter)
       : handle(owner),
@@ -53,7 +61,7 @@ struct libsnbf_capture {
   int prepare(const libsnbf_capture_request& request);
   int make_snap(const char* cow_dir);
   int add_marked(uint32_t type);
-  bool settle(const Bits& just_taken);
+  Bits settle(const Bits& just_taken);
   int write_journal(bool with_bits);
   int merge_back(const snbf::lib::CaptureRecord& record);
   int count_everything(bool full);
@@ -75,6 +83,7 @@ struct libsnbf_capture {
   Taken taken = Taken::Nothing;
   Bits wanted;     // B1, and with a snap B2 and what else the level asks for
   Bits unsettled;  // taken, and perhaps still on their way to the partition when they were read
+  Drained drained = Drained::Yes;  // as it was last asked
   std::optional<snbf_info> snap;
   uint64_t start_us = 0;
 };

@@ -98,6 +98,7 @@ int libsnbf_open(const libsnbf_options* options, libsnbf** out) {
     handle->lock_path = or_default(with.lock_path, "/run/snbf.lock");
     handle->sys_root = or_default(with.sys_root, "/sys");
     handle->proc_root = or_default(with.proc_root, "/proc");
+    handle->dev_root = or_default(with.dev_root, "/dev");
     handle->ioctl = with.ioctl;
     handle->ioctl_context = with.ioctl_context;
     if (!handle->ioctl) {

@@ -18,6 +18,7 @@ struct libsnbf {
   std::string lock_path;
   std::string sys_root;
   std::string proc_root;
+  std::string dev_root;
 };
 
 namespace snbf::lib {

@@ -172,15 +172,23 @@ class Capture {
                     show_size(free_bytes_in(options_.cow_dir)), options_.cow_dir)};
   }
 
-  void copy_again(const char* label) {
-    const Extents moved = taken_.again();
+  // What is to be copied again. What has settled since nobody has written meanwhile.
+  Extents take_again() {
+    const uint64_t unsettled = taken_.unsettled().bytes;
+    Extents moved = taken_.again();
+    const uint64_t settled = taken_.unsettled().bytes == 0 ? unsettled : 0;
+    point_.moved_bytes += moved.covered_bytes() - std::min(settled, moved.covered_bytes());
+    return moved;
+  }
+
+  void copy_moved(const Extents& moved, const char* label) {
     copied_.merge(moved);
-    point_.moved_bytes += moved.covered_bytes();
     copy(live_->fd(), moved, false, label);
   }
 
-  // Something is marked, or may have been on its way while it was read.
-  bool moving() const { return taken_.unsettled() || !driver_.get(node_, SNBF_BMP_INCR).none(); }
+  bool marked() const { return !driver_.get(node_, SNBF_BMP_INCR).none(); }
+  bool exact() const { return !marked() && taken_.unsettled().bytes == 0; }
+  bool worth_another_look() const { return marked() || taken_.unsettled().may_settle(); }
 
   void copy_live() {
     const Extents& which = leave_out(taken_.wanted(), everything("only a snap shows what is free"));
@@ -189,25 +197,33 @@ class Capture {
       copy_frozen();
       return;
     }
-    for (int round = 1; moving() && round < kRoundsMax; ++round) copy_again("copying again");
+    for (int round = 1; worth_another_look() && round < kRoundsMax; ++round) {
+      copy_moved(take_again(), "copying again");
+    }
     // What is still marked stays in the bitmap, and so in the next point.
-    point_.source = moving() ? "moving" : live_->unmounted() ? "unmounted" : "quiet";
+    point_.source = !exact() ? "moving" : live_->unmounted() ? "unmounted" : "quiet";
   }
 
   void copy_frozen() {
-    if (taken_.unsettled() ||
+    if (taken_.unsettled().may_settle() ||
         driver_.get(node_, SNBF_BMP_INCR).covered_bytes() > kFreezeWorthBytes) {
-      copy_again("copying again");
+      copy_moved(take_again(), "copying again");
     }
+    // A disk that comes to rest only when the file system is frozen settles all that was taken before, which may
+    // be the whole device: nobody is kept waiting while that is read.
+    const bool is_short = taken_.unsettled().bytes <= kFreezeWorthBytes;
     Freeze freeze(live_->mounts().front(), options_.freeze_limit);
-    if (moving()) copy_again("copying, frozen");
-    const bool still = !moving();
+    Extents moved = driver_.empty_bitmap(node_);
+    if (worth_another_look()) moved = take_again();
+    if (is_short) copy_moved(moved, "copying, frozen");
+    const bool still = is_short && exact();
     const bool held = freeze.thaw();
     point_.frozen_ms = freeze.lasted_ms();
     if (!held) {
       warn(fmt::format("the freeze did not last until the end of the copy (its limit: {} ms)",
                        options_.freeze_limit.count()));
     }
+    if (!is_short) copy_moved(moved, "copying again");
     point_.source = held && still ? "frozen" : "moving";
   }
 

@@ -119,10 +119,10 @@ Extents NodeCapture::again() {
 
 bool NodeCapture::valid() const { return libsnbf_capture_check(capture_.get()) == 0; }
 
-bool NodeCapture::unsettled() const {
+Unsettled NodeCapture::unsettled() const {
   libsnbf_source about;
   must(libsnbf_capture_source(capture_.get(), &about, nullptr, 0), "asking what to copy");
-  return about.unsettled != 0;
+  return {about.unsettled_cnt * about.extent_size, about.never_settles != 0};
 }
 
 void NodeCapture::seal() {

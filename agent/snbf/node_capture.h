@@ -11,6 +11,14 @@
 
 namespace snbf {
 
+// What was taken and may have been read before it had landed.
+struct Unsettled {
+  uint64_t bytes = 0;
+  bool is_for_good = false;  // it cannot be told
+
+  bool may_settle() const { return bytes != 0 && !is_for_good; }
+};
+
 // The order of the calls is told in libsnbf.h.
 class NodeCapture {
  public:
@@ -27,12 +35,11 @@ class NodeCapture {
   const libsnbf_source& source() const { return source_; }
   // What the point has to account for.
   Extents wanted() const;
-  // What was written since, taken as well; only without a snap.
+  // What was written since, taken as well; only without a snap. And what has settled by now.
   Extents again();
   // False: the snap is lost.
   bool valid() const;
-  // Something of what was taken may have been read before it had landed.
-  bool unsettled() const;
+  Unsettled unsettled() const;
   // That counts as changed again. Throws if the snap is lost.
   void seal();
 

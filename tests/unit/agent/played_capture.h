@@ -22,6 +22,7 @@ constexpr uint32_t kBitsBytes = kSize / kExtent / 8;
 constexpr const char* kHeld = "snbf/snbf0/cowqueue_len";
 constexpr const char* kAtNode = "dev/block/240:0/inflight";
 constexpr const char* kAtHdd = "dev/block/7:99/inflight";
+constexpr const char* kDevice = "device-files/snbf/snbf0";
 
 using Marks = std::set<int>;
 
@@ -62,6 +63,7 @@ class Captures : public Snaps {
     driver_->answer_first_ = [this](uint32_t command, void* record) {
       return answer(command, record);
     };
+    put(kDevice, "");
     put(kHeld, "0\n");
     put(kAtNode, "0 0\n");
     put(kAtHdd, "0 0\n");

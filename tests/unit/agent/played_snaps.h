@@ -214,6 +214,8 @@ class Snaps : public testing::Test {
     libsnbf_options options{};
     options.lock_path = lock.c_str();
     options.sys_root = options.proc_root = dir_.c_str();
+    const std::string devices = dir_ + "/device-files";
+    options.dev_root = devices.c_str();
     options.ioctl = [](void* context, uint32_t command, void* record) {
       return static_cast<Snaps*>(context)->driver_->answer(command, record);
     };
