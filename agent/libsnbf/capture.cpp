@@ -12,6 +12,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <chrono>
@@ -36,8 +37,12 @@ constexpr auto kDrainStep = std::chrono::milliseconds(10);
 constexpr int kDrainStepsMax = 200;
 constexpr int kDrainLooks = 2;  // in a row
 
-std::string node_device(const snbf_info& node) {
-  return "/dev/snbf/snbf" + std::to_string(node.minor);
+std::string device_of(const libsnbf& handle, const std::string& name) {
+  return handle.dev_root + "/snbf/" + name;
+}
+
+std::string node_device(const libsnbf& handle, const snbf_info& node) {
+  return device_of(handle, "snbf" + std::to_string(node.minor));
 }
 
 void merge(Bits* into, const Bits& other) {
@@ -142,7 +147,7 @@ class Way {
 // nowhere. It is a file system's commits that do: it is told to be done with them, and the flush of
 // the device itself ends behind those of file systems that are mounted where we cannot see it.
 Drained drain(libsnbf* handle, const snbf_info& node) {
-  const std::string device = handle->dev_root + "/snbf/snbf" + std::to_string(node.minor);
+  const std::string device = node_device(*handle, node);
   if (sync_mounts(block_device(device)) != 0) return Drained::NotYet;
   const Fd file(::open(device.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file.ok() || ::fsync(file.get()) < 0) return Drained::NotYet;
@@ -216,13 +221,14 @@ int libsnbf_capture::prepare(const libsnbf_capture_request& request) {
   const size_t size = node.incr_bmp_size;
   level = request.level;
   drained = Drained::Yes;
+  has_failed = false;
   record = {};
   record.full = level == LIBSNBF_LEVEL_FULL;
   record.node_uuid = node.uuid;
   record.destination = request.destination;
   record.point = request.point;
   for (Bits* bits : {&record.incr, &record.diff, &wanted, &unsettled}) bits->assign(size, 0);
-  return snbf::lib::sync_mounts(snbf::lib::block_device(snbf::lib::node_device(node)));
+  return snbf::lib::sync_mounts(snbf::lib::block_device(snbf::lib::node_device(*handle, node)));
 }
 
 // Asked again behind it: what is cleared on the strength of the journal must find it in the store.
@@ -234,17 +240,13 @@ int libsnbf_capture::write_journal(bool with_bits) {
   return see_store();
 }
 
-// The bits that are set now, cleared in the driver and safe in the journal.
+// The bits that are set now, cleared in the driver and safe in the journal. Differential first: a write
+// that comes in between keeps its bit there, and the other taking has it.
 int libsnbf_capture::take(bool with_diff, Bits* now) {
   const auto size = static_cast<uint32_t>(record.incr.size());
   now->assign(size, 0);
   if (int rc = write_journal(false); rc != 0) return rc;
   taken = Taken::Unknown;
-  if (int rc = libsnbf_get_and_clr_bmp(handle, node.minor, SNBF_BMP_INCR, now->data(), size);
-      rc != 0) {
-    return rc;
-  }
-  snbf::lib::merge(&record.incr, *now);
   if (with_diff) {
     if (int rc =
             libsnbf_get_and_clr_bmp(handle, node.minor, SNBF_BMP_DIFF, record.diff.data(), size);
@@ -252,6 +254,11 @@ int libsnbf_capture::take(bool with_diff, Bits* now) {
       return rc;
     }
   }
+  if (int rc = libsnbf_get_and_clr_bmp(handle, node.minor, SNBF_BMP_INCR, now->data(), size);
+      rc != 0) {
+    return rc;
+  }
+  snbf::lib::merge(&record.incr, *now);
   taken = Taken::Known;
   return write_journal(true);
 }
@@ -312,11 +319,12 @@ int libsnbf_capture::read_source(libsnbf_source* out, void* bits, uint32_t size)
   if (stage == Stage::Open) return -EPROTO;
   *out = {};
   const std::string device =
-      snap ? "/dev/snbf/" + std::string(snap->name) : snbf::lib::node_device(node);
+      snap ? snbf::lib::device_of(*handle, snap->name) : snbf::lib::node_device(*handle, node);
   snbf::lib::put_text(out->device, device);
   out->minor = snap ? snap->minor : node.minor;
   out->from_snap = snap.has_value();
-  out->unsettled_cnt = snbf::lib::count(unsettled);
+  // A bitmap that was set as a whole has bits behind the last extent.
+  out->unsettled_cnt = std::min<uint64_t>(snbf::lib::count(unsettled), node.extent_cnt);
   out->never_settles = drained == Drained::Untold;
   out->start_us = start_us;
   out->dev_size = node.dev_size;
@@ -330,14 +338,19 @@ int libsnbf_capture::read_source(libsnbf_source* out, void* bits, uint32_t size)
 }
 
 int libsnbf_capture::again(Bits* now) {
-  if (stage != Stage::Begun) return -EPROTO;
+  if (stage != Stage::Begun || has_failed) return -EPROTO;
   if (snap) return -EOPNOTSUPP;
   if (int rc = see_node(); rc != 0) return rc;
-  if (int rc = snbf::lib::sync_mounts(snbf::lib::block_device(snbf::lib::node_device(node)));
+  if (int rc =
+          snbf::lib::sync_mounts(snbf::lib::block_device(snbf::lib::node_device(*handle, node)));
       rc != 0) {
     return rc;
   }
-  if (int rc = take(false, now); rc != 0) return rc;
+  // Bits that are cleared and in nobody's hands can only be given back.
+  if (int rc = take(false, now); rc != 0) {
+    has_failed = true;
+    return rc;
+  }
   // What may have been read too early is read once more, now that its writes have landed.
   snbf::lib::merge(now, settle(*now));
   return 0;
@@ -353,6 +366,7 @@ int libsnbf_capture::check() {
 }
 
 int libsnbf_capture::seal() {
+  if (has_failed) return -EPROTO;
   if (int rc = check(); rc != 0) return rc;
   const auto give_back_unsettled = [this](uint32_t type) {
     return libsnbf_merge_bmp(handle, node.minor, type, unsettled.data(),

@@ -19,7 +19,7 @@ enum class Stage { Open, Begun, Sealed };
 enum class Drained {
   Yes,
   NotYet,
-  Untold,  // nor will it ever be: the system does not count them
+  Untold,  // the system does not say, and hardly ever will
 };
 
 // What this capture knows of the bits that it may have cleared.
@@ -84,6 +84,7 @@ struct libsnbf_capture {
   Bits wanted;     // B1, and with a snap B2 and what else the level asks for
   Bits unsettled;  // taken, and perhaps still on their way to the partition when they were read
   Drained drained = Drained::Yes;  // as it was last asked
+  bool has_failed = false;         // a later taking: what it cleared nobody was given to read
   std::optional<snbf_info> snap;
   uint64_t start_us = 0;
 };

@@ -28,9 +28,9 @@ struct libsnbf_options {
   const char* lock_path;  /* /run/snbf.lock */
   const char* sys_root;   /* /sys */
   const char* proc_root;  /* /proc */
-  const char* dev_root;   /* /dev: where a node is opened to have its writes flushed */
   libsnbf_ioctl_fn ioctl; /* ioctl(2) on the control device, which then is not opened */
   void* ioctl_context;
+  const char* dev_root; /* /dev */
 };
 
 /* -ENODEV: the driver is not loaded. `options` may be null. */

@@ -117,7 +117,7 @@ struct libsnbf_source {
   char device[SNBF_PATH_BYTES]; /* to be opened for reading, past the page cache (O_DIRECT) */
   uint32_t minor;               /* its own */
   int from_snap;
-  int never_settles; /* 1: the system does not count writes under way, and another call is in vain */
+  int never_settles; /* 1: the system does not say what is under way; another call is as good as vain */
   uint64_t
       unsettled_cnt; /* extents that were taken as changed, whose writes may not have landed yet */
   uint64_t start_us; /* how long the start of the snap took */
@@ -137,7 +137,8 @@ int libsnbf_capture_source(struct libsnbf_capture* capture, struct libsnbf_sourc
 /*
  * Without a snap: takes what has been written since, as begin does. Where all writes under way have
  * landed by now, the bits are also those that were unsettled before: all that they name is read once
- * more, and then nothing is unsettled. May take two seconds. -EOPNOTSUPP: there is a snap.
+ * more, and then nothing is unsettled. May take two seconds. -EOPNOTSUPP: there is a snap. If it fails
+ * otherwise than by -ENOSPC for `bits_size`, what it took can only be given back: abort.
  */
 int libsnbf_capture_again(struct libsnbf_capture* capture, void* bits, uint32_t bits_size);
 
@@ -146,7 +147,7 @@ int libsnbf_capture_check(struct libsnbf_capture* capture);
 
 /*
  * Everything is read. What is unsettled is merged back. -ENODATA as above; -EPROTO: it has not
- * begun.
+ * begun, or a later taking has failed.
  */
 int libsnbf_capture_seal(struct libsnbf_capture* capture);
 

@@ -8,7 +8,8 @@ IOCTL = ctypes.CFUNCTYPE(ctypes.c_int, ctypes.c_void_p, ctypes.c_uint32, ctypes.
 
 class Options(ctypes.Structure):
     _fields_ = [("control", ctypes.c_char_p), ("lock_path", ctypes.c_char_p), ("sys_root", ctypes.c_char_p),
-                ("proc_root", ctypes.c_char_p), ("ioctl", IOCTL), ("ioctl_context", ctypes.c_void_p)]
+                ("proc_root", ctypes.c_char_p), ("ioctl", IOCTL), ("ioctl_context", ctypes.c_void_p),
+                ("dev_root", ctypes.c_char_p)]
 
 
 def main():

@@ -38,7 +38,7 @@ TEST_F(Capture, AnIncrementalOneTakesOneBitmap) {
   ASSERT_EQ(begin(LIBSNBF_LEVEL_INCR), 0);
   EXPECT_EQ(wanted(), kIncr);
   EXPECT_TRUE(source_.from_snap);
-  EXPECT_STREQ(source_.device, "/dev/snbf/data-backup");
+  EXPECT_EQ(source_.device, dir_ + "/device-files/snbf/data-backup");
   EXPECT_EQ(source_.dev_size, kSize);
   EXPECT_EQ(source_.extent_size, kExtent);
   EXPECT_EQ(source_.bits_size, kBitsBytes);
@@ -173,7 +173,7 @@ TEST_F(Capture, ATakenNameMakesTheSnapTakeAnother) {
   ASSERT_EQ(create("data-backup"), 0);
   ASSERT_EQ(begin(LIBSNBF_LEVEL_INCR), 0);
   wanted();
-  EXPECT_STREQ(source_.device, "/dev/snbf/data-backup.2");
+  EXPECT_EQ(source_.device, dir_ + "/device-files/snbf/data-backup.2");
 }
 
 TEST_F(Capture, ASnapThatOlderOnesNeedStaysWithThem) {
@@ -195,7 +195,7 @@ TEST_F(Capture, WithoutASnapItGoesOnUntilNothingIsLeft) {
   EXPECT_EQ(wanted(), kIncr);
   EXPECT_FALSE(source_.from_snap);
   EXPECT_EQ(source_.unsettled_cnt, 0u);
-  EXPECT_STREQ(source_.device, "/dev/snbf/snbf0");
+  EXPECT_EQ(source_.device, dir_ + "/" + kDevice);
   mark(SNBF_BMP_INCR, 5);
   ASSERT_EQ(libsnbf_capture_again(capture_, bits, sizeof bits), 0);
   EXPECT_EQ(marks_of(bits), Marks{5});
@@ -249,6 +249,21 @@ TEST_F(Capture, WhatIsCapturedFromASnapSettlesThough) {
   wanted();
   EXPECT_EQ(source_.unsettled_cnt, 0u);
   EXPECT_FALSE(source_.never_settles);
+}
+
+// Cleared, and in nobody's hands to be read.
+TEST_F(Capture, BehindATakingThatFailedItCanOnlyBeGivenBack) {
+  uint8_t bits[kBitsBytes];
+  EXPECT_TRUE(settles());
+  mark(SNBF_BMP_INCR, 5);
+  bitmaps_->fail_behind = SNBF_GET_AND_CLR_BMP;
+  EXPECT_EQ(libsnbf_capture_again(capture_, bits, sizeof bits), -EIO);
+  bitmaps_->fail_behind = 0;
+  EXPECT_EQ(libsnbf_capture_again(capture_, bits, sizeof bits), -EPROTO);
+  EXPECT_EQ(libsnbf_capture_seal(capture_), -EPROTO);
+  EXPECT_EQ(libsnbf_capture_abort(capture_, nullptr), 0);
+  EXPECT_EQ(marked(SNBF_BMP_INCR), all_marks());
+  EXPECT_TRUE(settles()) << "the next one has not failed";
 }
 
 TEST_F(Capture, HeldWritesAreNoRest) {
@@ -331,6 +346,17 @@ TEST_F(Capture, WhatAFullOneCouldNotCallSettledGoesBackIntoBoth) {
   ASSERT_EQ(libsnbf_capture_seal(capture_), 0);
   EXPECT_EQ(marked(SNBF_BMP_INCR), marked(SNBF_BMP_DIFF));
   EXPECT_FALSE(marked(SNBF_BMP_DIFF).empty());
+}
+
+// Between the two takings it is in both, and it may have been read too early.
+TEST_F(Capture, AWriteBetweenTheTakingsOfAFullOneIsInBothBehindIt) {
+  put(kHeld, "1\n");
+  bitmaps_->write_at = SNBF_GET_AND_CLR_BMP;
+  bitmaps_->write_skips = 1;
+  ASSERT_EQ(begin(LIBSNBF_LEVEL_FULL, false), 0);
+  ASSERT_EQ(libsnbf_capture_seal(capture_), 0);
+  EXPECT_TRUE(marked(SNBF_BMP_INCR).contains(15));
+  EXPECT_TRUE(marked(SNBF_BMP_DIFF).contains(15));
 }
 
 TEST_F(Capture, AFolderOfAPartitionThatIsNoLinkWillDo) {

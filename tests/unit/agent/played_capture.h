@@ -46,7 +46,9 @@ struct Bitmaps {
   int commands;                 // that were sent
   int die_at;                   // the process is killed before this one; 0: never
   int fail_at;                  // this one is refused; 0: none
+  uint32_t fail_behind;         // such a command is carried out, and answers an error
   uint32_t write_at;            // a write to extent 15 comes in before this command
+  int write_skips;              // not before the first so many of them
   int written;                  // it has come
 };
 
@@ -140,15 +142,16 @@ class Captures : public Snaps {
     ++bitmaps_->commands;
     if (bitmaps_->commands == bitmaps_->die_at) ::_exit(9);
     if (bitmaps_->commands == bitmaps_->fail_at) return -EIO;
-    if (command == bitmaps_->write_at) {
+    if (command == bitmaps_->write_at && bitmaps_->write_skips-- <= 0) {
       mark(SNBF_BMP_INCR, 15);
       mark(SNBF_BMP_DIFF, 15);
       bitmaps_->written = 1;
     }
     const bool of_bits = command == SNBF_GET_BMP || command == SNBF_GET_AND_CLR_BMP ||
                          command == SNBF_MERGE_BMP || command == SNBF_SET_BMP;
-    return of_bits ? std::optional(change(command, *static_cast<snbf_bmp_cmd*>(record)))
-                   : std::nullopt;
+    if (!of_bits) return std::nullopt;
+    const int rc = change(command, *static_cast<snbf_bmp_cmd*>(record));
+    return command == bitmaps_->fail_behind ? -EIO : rc;
   }
   int change(uint32_t command, const snbf_bmp_cmd& record) {
     uint8_t* mine = bitmaps_->bits[record.type];
