@@ -82,7 +82,6 @@ class Capture {
       copy_from_snap();
     } else {
       copy_live();
-      after_thaw("done");
     }
   }
 
@@ -172,18 +171,24 @@ class Capture {
                     show_size(free_bytes_in(options_.cow_dir)), options_.cow_dir)};
   }
 
-  // What is to be copied again. What has settled since nobody has written meanwhile.
-  Extents take_again() {
+  // To be copied again.
+  struct Moved {
+    Extents extents;
+    uint64_t settled_bytes;  // of them: not written meanwhile, as a rule
+  };
+
+  Moved take_again() {
     const uint64_t unsettled = taken_.unsettled().bytes;
-    Extents moved = taken_.again();
-    const uint64_t settled = taken_.unsettled().bytes == 0 ? unsettled : 0;
-    point_.moved_bytes += moved.covered_bytes() - std::min(settled, moved.covered_bytes());
+    Moved moved{taken_.again(), 0};
+    const uint64_t all = moved.extents.covered_bytes();
+    if (taken_.unsettled().bytes == 0) moved.settled_bytes = std::min(unsettled, all);
+    point_.moved_bytes += all - moved.settled_bytes;
     return moved;
   }
 
-  void copy_moved(const Extents& moved, const char* label) {
-    copied_.merge(moved);
-    copy(live_->fd(), moved, false, label);
+  void copy_moved(const Moved& moved, const char* label) {
+    copied_.merge(moved.extents);
+    copy(live_->fd(), moved.extents, false, label);
   }
 
   bool marked() const { return !driver_.get(node_, SNBF_BMP_INCR).none(); }
@@ -202,6 +207,7 @@ class Capture {
     }
     // What is still marked stays in the bitmap, and so in the next point.
     point_.source = !exact() ? "moving" : live_->unmounted() ? "unmounted" : "quiet";
+    after_thaw("done");
   }
 
   void copy_frozen() {
@@ -209,15 +215,16 @@ class Capture {
         driver_.get(node_, SNBF_BMP_INCR).covered_bytes() > kFreezeWorthBytes) {
       copy_moved(take_again(), "copying again");
     }
-    // A disk that comes to rest only when the file system is frozen settles all that was taken before, which may
-    // be the whole device: nobody is kept waiting while that is read.
-    const bool is_short = taken_.unsettled().bytes <= kFreezeWorthBytes;
     Freeze freeze(live_->mounts().front(), options_.freeze_limit);
-    Extents moved = driver_.empty_bitmap(node_);
+    Moved moved{driver_.empty_bitmap(node_), 0};
     if (worth_another_look()) moved = take_again();
+    // A disk that comes to rest only now settles all that was taken before, which may be the whole
+    // device: nobody is kept waiting while that is read.
+    const bool is_short = moved.settled_bytes <= kFreezeWorthBytes;
     if (is_short) copy_moved(moved, "copying, frozen");
     const bool still = is_short && exact();
     const bool held = freeze.thaw();
+    after_thaw("done");
     point_.frozen_ms = freeze.lasted_ms();
     if (!held) {
       warn(fmt::format("the freeze did not last until the end of the copy (its limit: {} ms)",
