@@ -117,10 +117,9 @@ struct libsnbf_source {
   char device[SNBF_PATH_BYTES]; /* to be opened for reading, past the page cache (O_DIRECT) */
   uint32_t minor;               /* its own */
   int from_snap;
-  int never_settles; /* 1: the system does not say what is under way; another call is as good as vain */
-  uint64_t
-      unsettled_cnt; /* extents that were taken as changed, whose writes may not have landed yet */
-  uint64_t start_us; /* how long the start of the snap took */
+  int never_settles; /* 1: the system does not say what is under way; another call is in vain */
+  uint64_t unsettled_cnt; /* extents whose writes may not have landed when they were taken */
+  uint64_t start_us;      /* how long the start of the snap took */
   uint64_t dev_size; /* bytes */
   uint64_t extent_cnt;
   uint32_t extent_size; /* bytes; extent e is bit e mod 8 of byte e / 8 */
