@@ -37,14 +37,6 @@ constexpr auto kDrainStep = std::chrono::milliseconds(10);
 constexpr int kDrainStepsMax = 200;
 constexpr int kDrainLooks = 2;  // in a row
 
-std::string device_of(const libsnbf& handle, const std::string& name) {
-  return handle.dev_root + "/snbf/" + name;
-}
-
-std::string node_device(const libsnbf& handle, const snbf_info& node) {
-  return device_of(handle, "snbf" + std::to_string(node.minor));
-}
-
 void merge(Bits* into, const Bits& other) {
   for (size_t i = 0; i < into->size(); ++i) (*into)[i] |= other[i];
 }
@@ -55,20 +47,14 @@ uint64_t count(const Bits& bits) {
   return set;
 }
 
-bool none(const Bits& bits) {
-  for (uint8_t byte : bits) {
-    if (byte) return false;
-  }
-  return true;
-}
-
 dev_t block_device(const std::string& path) {
   struct stat about;
   return ::stat(path.c_str(), &about) == 0 && S_ISBLK(about.st_mode) ? about.st_rdev : 0;
 }
 
-// What the file systems on the device hold back goes to it.
-int sync_mounts(dev_t device) {
+// What the file systems on the node hold back goes to it.
+int sync_mounts(const libsnbf& handle, const snbf_info& node) {
+  const dev_t device = block_device(node_device(handle, node.minor));
   std::unique_ptr<libmnt_table, decltype(&mnt_unref_table)> table(
       mnt_new_table_from_file("/proc/self/mountinfo"), mnt_unref_table);
   std::unique_ptr<libmnt_iter, decltype(&mnt_free_iter)> iter(mnt_new_iter(MNT_ITER_FORWARD),
@@ -147,10 +133,8 @@ class Way {
 // nowhere. It is a file system's commits that do: it is told to be done with them, and the flush of
 // the device itself ends behind those of file systems that are mounted where we cannot see it.
 Drained drain(libsnbf* handle, const snbf_info& node) {
-  const std::string device = node_device(*handle, node);
-  if (sync_mounts(block_device(device)) != 0) return Drained::NotYet;
-  const Fd file(::open(device.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.ok() || ::fsync(file.get()) < 0) return Drained::NotYet;
+  if (sync_mounts(*handle, node) != 0) return Drained::NotYet;
+  if (flush_node(*handle, node.minor) != 0) return Drained::NotYet;
   const Way way(handle, node.minor);
   int looks_free = 0;
   for (int step = 0; step < kDrainStepsMax; ++step) {
@@ -221,14 +205,13 @@ int libsnbf_capture::prepare(const libsnbf_capture_request& request) {
   const size_t size = node.incr_bmp_size;
   level = request.level;
   drained = Drained::Yes;
-  has_failed = false;
   record = {};
   record.full = level == LIBSNBF_LEVEL_FULL;
   record.node_uuid = node.uuid;
   record.destination = request.destination;
   record.point = request.point;
   for (Bits* bits : {&record.incr, &record.diff, &wanted, &unsettled}) bits->assign(size, 0);
-  return snbf::lib::sync_mounts(snbf::lib::block_device(snbf::lib::node_device(*handle, node)));
+  return snbf::lib::sync_mounts(*handle, node);
 }
 
 // Asked again behind it: what is cleared on the strength of the journal must find it in the store.
@@ -319,7 +302,7 @@ int libsnbf_capture::read_source(libsnbf_source* out, void* bits, uint32_t size)
   if (stage == Stage::Open) return -EPROTO;
   *out = {};
   const std::string device =
-      snap ? snbf::lib::device_of(*handle, snap->name) : snbf::lib::node_device(*handle, node);
+      snap ? handle->dev_root + "/snbf/" + snap->name : snbf::lib::node_device(*handle, node.minor);
   snbf::lib::put_text(out->device, device);
   out->minor = snap ? snap->minor : node.minor;
   out->from_snap = snap.has_value();
@@ -338,17 +321,13 @@ int libsnbf_capture::read_source(libsnbf_source* out, void* bits, uint32_t size)
 }
 
 int libsnbf_capture::again(Bits* now) {
-  if (stage != Stage::Begun || has_failed) return -EPROTO;
+  if (stage != Stage::Begun) return -EPROTO;
   if (snap) return -EOPNOTSUPP;
   if (int rc = see_node(); rc != 0) return rc;
-  if (int rc =
-          snbf::lib::sync_mounts(snbf::lib::block_device(snbf::lib::node_device(*handle, node)));
-      rc != 0) {
-    return rc;
-  }
+  if (int rc = snbf::lib::sync_mounts(*handle, node); rc != 0) return rc;
   // Bits that are cleared and in nobody's hands can only be given back.
   if (int rc = take(false, now); rc != 0) {
-    has_failed = true;
+    stage = Stage::Failed;
     return rc;
   }
   // What may have been read too early is read once more, now that its writes have landed.
@@ -366,13 +345,13 @@ int libsnbf_capture::check() {
 }
 
 int libsnbf_capture::seal() {
-  if (has_failed) return -EPROTO;
+  if (stage == Stage::Failed) return -EPROTO;
   if (int rc = check(); rc != 0) return rc;
   const auto give_back_unsettled = [this](uint32_t type) {
     return libsnbf_merge_bmp(handle, node.minor, type, unsettled.data(),
                              static_cast<uint32_t>(unsettled.size()));
   };
-  if (!snbf::lib::none(unsettled)) {
+  if (snbf::lib::count(unsettled) != 0) {
     if (int rc = give_back_unsettled(SNBF_BMP_INCR); rc != 0) return rc;
     // A full one has taken both, and differentials are laid over it.
     if (int rc = record.full ? give_back_unsettled(SNBF_BMP_DIFF) : 0; rc != 0) return rc;

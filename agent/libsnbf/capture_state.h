@@ -13,7 +13,8 @@
 
 namespace snbf::lib {
 
-enum class Stage { Open, Begun, Sealed };
+// Failed: a later taking has cleared what nobody was given to read.
+enum class Stage { Open, Begun, Failed, Sealed };
 
 // Of the writes that were under way when bits were taken.
 enum class Drained {
@@ -84,7 +85,6 @@ struct libsnbf_capture {
   Bits wanted;     // B1, and with a snap B2 and what else the level asks for
   Bits unsettled;  // taken, and perhaps still on their way to the partition when they were read
   Drained drained = Drained::Yes;  // as it was last asked
-  bool has_failed = false;         // a later taking: what it cleared nobody was given to read
   std::optional<snbf_info> snap;
   uint64_t start_us = 0;
 };

@@ -117,15 +117,11 @@ int rest_locked(libsnbf* handle, uint32_t minor) {
   uint32_t major = 0;
   if (int rc = get_started_filter(handle, minor, &info); rc != 0) return rc;
   if (int rc = libsnbf_blk_major(handle, &major); rc != 0) return rc;
-  const std::string file = "/dev/snbf/snbf" + std::to_string(minor);
+  const std::string file = snbf::lib::node_device(*handle, minor);
   if (!is_read_only(*handle, makedev(major, minor), file) || any_snap_started(handle, info)) {
     return -EBUSY;
   }
-  {
-    // What was written to the device itself, past any file system.
-    Fd node(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!node.ok() || ::fsync(node.get()) < 0) return -errno;
-  }
+  if (int rc = snbf::lib::flush_node(*handle, minor); rc != 0) return rc;
   if (int rc = snbf::lib::record_clean_stop(handle, info); rc != 0) return rc;
   for (uint32_t type : {SNBF_BMP_INCR, SNBF_BMP_DIFF}) {
     int unsaved = 1;

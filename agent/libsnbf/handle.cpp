@@ -80,6 +80,15 @@ int read_record_in_sight(const snbf_info& filter, libsnbf_state* out) {
   return rc == -EBADMSG ? 0 : rc;
 }
 
+std::string node_device(const libsnbf& handle, uint32_t minor) {
+  return handle.dev_root + "/snbf/snbf" + std::to_string(minor);
+}
+
+int flush_node(const libsnbf& handle, uint32_t minor) {
+  const Fd node(::open(node_device(handle, minor).c_str(), O_RDONLY | O_CLOEXEC));
+  return !node.ok() || ::fsync(node.get()) < 0 ? -errno : 0;
+}
+
 int hash_head(const char* partition, uint64_t* out) {
   int flags = O_RDONLY | O_CLOEXEC | O_DIRECT;
   int fd = ::open(partition, flags);

@@ -58,6 +58,11 @@ std::string boot_id(const libsnbf& handle);
 // The directory of a filter node's files, from the path that the driver answers.
 std::string bmp_dir_of(const snbf_info& filter);
 
+std::string node_device(const libsnbf& handle, uint32_t minor);
+// What was written to a filter node's device itself, past any file system, and the disk's cache behind it. 0 or a
+// negated error number.
+int flush_node(const libsnbf& handle, uint32_t minor);
+
 // Of the partition's first blocks, past the page cache. Any file system that is mounted for writing
 // touches them: the hash at a stop shows later whether somebody wrote in between.
 int hash_head(const char* partition, uint64_t* out);
